@@ -1,0 +1,3 @@
+#include <ovra/ovra.h>
+
+void ovra_xcode_target_object_glue() {}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+
+#include <ovra/Export.h>
+
+namespace ovra::concurrent {
+
+/// A piece of work that an executor can run.
+///
+/// Derive from `Task`, which adds a name, rather than from this class.
+///
+/// *Threads*: an executor calls `execute()` on one worker thread at a time; what it touches is the
+/// caller's to synchronise with other threads.
+class OVRA_API Executable {
+public:
+    /// Where a submitted task stands. Unscoped, so `Executable::DONE` is the usual spelling.
+    enum State : std::int32_t {
+        UNSCHEDULED = 1,  ///< Waiting in a queue; the state every submitted task starts in.
+        READY = 2,        ///< Named for completeness: the executor moves no task into it.
+        EXECUTING = 3,    ///< A worker has started the task.
+        CANCELLED = 4,    ///< Cancellation was requested; running work may still be under way.
+        DONE = 5,         ///< Ended normally; also what a handle reports for a task that is gone.
+    };
+
+    /// What became of the work.
+    enum Result : std::int32_t {
+        NO_RESULT = 1,  ///< None yet.
+        SUCCESS = 2,    ///< Finished successfully.
+        FAILURE = 3,    ///< Finished unsuccessfully, or `execute()` threw.
+        ABORTED = 4,    ///< Cancelled before it produced `SUCCESS` or `FAILURE`.
+        REPEAT = 5,  ///< "Run me again": at once, on the same worker, unless cancelled meanwhile.
+    };
+
+    Executable() = default;
+    Executable(Executable const&) = default;
+    Executable& operator=(Executable const&) = default;
+    virtual ~Executable();
+
+    /// Runs the work once.
+    ///
+    /// Returns `SUCCESS`, `FAILURE` or `REPEAT`. Any other value is kept as the result as it is.
+    /// Whatever is thrown becomes `FAILURE`; a `std::exception` is kept on the task's handle.
+    virtual Result execute() = 0;
+};
+
+/// The enumerator's name ("UNSCHEDULED", "READY", "EXECUTING", "CANCELLED", "DONE"), or "UNKNOWN"
+/// for any other value. A static string, never null.
+OVRA_API char const* taskStateToName(Executable::State state);
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,250 @@
+#include <cxxabi.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include <ovra/concurrent/SubmittedTask.h>
+#include <ovra/concurrent/TaskHandle.h>
+#include <ovra/log/Log.h>
+
+namespace ovra::concurrent {
+
+namespace {
+
+char const EXECUTE_TAG[] = "SubmittedTask::execute()";
+
+std::atomic<std::int32_t> s_uniqueIndexCounter{0x7fffffff};
+
+char const* printable(char const* name) {
+    return name != nullptr ? name : "(null)";
+}
+
+}  // namespace
+
+SubmittedTask::LambdaFunctionTask::LambdaFunctionTask(std::function<Result()> const& work,
+                                                      char const* name)
+    : function(work), taskName(name) {}
+
+SubmittedTask::LambdaFunctionTask::~LambdaFunctionTask() = default;
+
+Executable::Result SubmittedTask::LambdaFunctionTask::execute() {
+    return function();
+}
+
+char const* SubmittedTask::LambdaFunctionTask::name() const {
+    return taskName;
+}
+
+SubmittedTask::SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPriority,
+                             std::function<void(std::shared_ptr<Task>)> onCompletion)
+    : task(std::move(work)),
+      callback(std::move(onCompletion)),
+      priority(initialPriority),
+      rank(submittedTaskPriorityToInitialRank(initialPriority)),
+      uniqueIndex(--s_uniqueIndexCounter) {
+    if (!task) {
+        log::log(log::WARNING, "SubmittedTask::SubmittedTask", "Given a null pointer for a task.");
+    }
+}
+
+SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
+                             TaskPriority initialPriority,
+                             std::function<void(std::shared_ptr<Task>)> onCompletion,
+                             char const* name)
+    : callback(std::move(onCompletion)),
+      priority(initialPriority),
+      rank(submittedTaskPriorityToInitialRank(initialPriority)),
+      uniqueIndex(--s_uniqueIndexCounter) {
+    task = std::make_shared<LambdaFunctionTask>(work, name);
+}
+
+SubmittedTask::~SubmittedTask() = default;
+
+unsigned int SubmittedTask::getRank() const {
+    return rank;
+}
+
+TaskPriority SubmittedTask::getPriority() const {
+    return priority;
+}
+
+void SubmittedTask::setState(Executable::State newState) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    state = newState;
+    if (auto const live = handle.lock()) {
+        live->setState(newState);
+    }
+}
+
+void SubmittedTask::setResult(Executable::Result newResult) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    result = newResult;
+    if (auto const live = handle.lock()) {
+        live->setResult(newResult);
+    }
+}
+
+void SubmittedTask::setRank(unsigned int const& newRank) {
+    unsigned int const floor = submittedTaskPriorityToInitialRank(getPriority());
+    rank = std::max(std::min(newRank, HIGHEST_CURRENT_RANK_VALUE), floor);
+}
+
+void SubmittedTask::setPriority(TaskPriority newPriority) {
+    priority = newPriority;
+    setRank(submittedTaskPriorityToInitialRank(newPriority));
+}
+
+void SubmittedTask::updateTaskState(Executable::State newState) {
+    setState(newState);
+    log::log(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
+             printable(taskName()), taskStateToName(newState));
+}
+
+void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    handle = newHandle;
+    if (newHandle) {
+        newHandle->setState(state);
+        newHandle->setResult(result);
+    }
+}
+
+Executable::State SubmittedTask::getState() const {
+    std::lock_guard<std::mutex> const lock(mutex);
+    return state;
+}
+
+Executable::Result SubmittedTask::getResult() const {
+    std::lock_guard<std::mutex> const lock(mutex);
+    return result;
+}
+
+std::int32_t SubmittedTask::getUniqueIndex() const {
+    return uniqueIndex;
+}
+
+bool SubmittedTask::isCancelled() const {
+    return getState() == Executable::CANCELLED;
+}
+
+bool SubmittedTask::isFinishedResult(Executable::Result candidate) const {
+    return candidate == Executable::SUCCESS || candidate == Executable::FAILURE;
+}
+
+char const* SubmittedTask::taskName() const {
+    return task ? task->name() : "Null Task";
+}
+
+std::weak_ptr<TaskHandle> SubmittedTask::getHandle() const {
+    std::lock_guard<std::mutex> const lock(mutex);
+    return handle;
+}
+
+Executable::Result SubmittedTask::execute() {
+    updateTaskState(Executable::EXECUTING);
+
+    Executable::Result outcome = Executable::REPEAT;
+    while (outcome == Executable::REPEAT && !isCancelled()) {
+        if (!task) {
+            std::this_thread::yield();
+            continue;
+        }
+        try {
+            outcome = task->execute();
+        } catch (abi::__forced_unwind&) {
+            throw;  // The thread is being cancelled or exits: not ours to stop.
+        } catch (std::exception const&) {
+            handleAndLogUnknownException(std::current_exception(), true);
+            outcome = Executable::FAILURE;
+        } catch (...) {
+            handleAndLogUnknownException(nullptr, true);
+            outcome = Executable::FAILURE;
+        }
+    }
+
+    if (!isCancelled()) {
+        setResult(outcome);
+        updateTaskState(Executable::DONE);
+    } else {
+        setResult(isFinishedResult(outcome) ? outcome : Executable::ABORTED);
+    }
+    setPromiseValue();
+    return getResult();
+}
+
+void SubmittedTask::performCallback() {
+    if (!callback) {
+        return;
+    }
+    try {
+        callback(task);
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (std::exception const&) {
+        handleAndLogUnknownException(std::current_exception(), false);
+    } catch (...) {
+        log::log(log::WARNING, "SubmittedTask::performCallback()",
+                 "Caught unknown exception during running of '%s'.", printable(taskName()));
+    }
+}
+
+void SubmittedTask::setPromiseValue() {
+    promise.set_value(true);
+}
+
+std::future<bool> SubmittedTask::getFuture() {
+    return promise.get_future();
+}
+
+void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle) {
+    if (!e) {
+        e = std::make_exception_ptr(std::runtime_error("Unknown exception"));
+    }
+    try {
+        std::rethrow_exception(e);
+    } catch (std::exception const& caught) {
+        log::log(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
+                 printable(taskName()), printable(caught.what()));
+    }
+    if (forwardToHandle) {
+        if (auto const live = handle.lock()) {
+            live->setException(e);
+        }
+    }
+}
+
+std::shared_ptr<SubmittedTaskProxy> SubmittedTask::provideProxy(
+    std::weak_ptr<SubmittedTask> const& task) {
+    auto proxy = std::make_shared<SubmittedTaskProxy>();
+    proxy->getState = [task] {
+        auto const live = task.lock();
+        return live ? live->getState() : Executable::DONE;
+    };
+    proxy->getResult = [task] {
+        auto const live = task.lock();
+        return live ? live->getResult() : Executable::SUCCESS;
+    };
+    proxy->updatePriority = [task](TaskPriority newPriority) {
+        if (auto const live = task.lock()) {
+            live->setPriority(newPriority);
+        }
+    };
+    proxy->cancel = [task] {
+        if (auto const live = task.lock()) {
+            live->setState(Executable::CANCELLED);
+        }
+    };
+    proxy->waitForCompletion = [task] {
+        if (auto const live = task.lock()) {
+            live->getFuture().get();
+        } else {
+            // The worker has let go of the task: see all it did before.
+            std::atomic_thread_fence(std::memory_order_acquire);
+        }
+    };
+    return proxy;
+}
+
+}  // namespace ovra::concurrent

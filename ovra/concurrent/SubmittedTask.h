@@ -1,0 +1,151 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+
+#include <ovra/Export.h>
+#include <ovra/concurrent/Executable.h>
+#include <ovra/concurrent/Task.h>
+#include <ovra/concurrent/TaskPriority.h>
+
+namespace ovra::concurrent {
+
+struct SubmittedTaskProxy;
+class TaskHandle;
+
+/// The executor's own record of one submission: the work, its callback, its urgency, its state and
+/// result, and the promise that tells waiters of its end.
+///
+/// Hosts usually meet it only through `TaskHandle`; they may construct one, or derive from it to
+/// see every change of state and result.
+///
+/// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
+/// by a waiting client. It refers to its handle weakly. Queue one object once: a second submission
+/// of the same object is run twice or dropped with the first, and its promise cannot be fulfilled
+/// twice. *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be
+/// called from any thread. `execute()` and then `performCallback()` are called on one worker
+/// thread, with no lock held. The task's mutex is held while a change is pushed to the handle; the
+/// queue's lock, where both are taken, comes first. `getRank()` and `getPriority()` are called with
+/// the queue's lock held: an override must not call the queue or its executor. *Failure*:
+/// exceptions of work and callback are caught and logged at `WARNING`. An exception out of an
+/// overridden virtual operation ends the process when it happens on a worker. `std::system_error`
+/// escapes from what cannot lock the mutex.
+/// *Units*: a rank is an unsigned number from the initial rank of the current priority to
+/// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
+/// the process from 2147483646, so an earlier task has the larger one.
+class OVRA_API SubmittedTask {
+public:
+    /// Makes a `Task` of a function and a borrowed name.
+    class OVRA_API LambdaFunctionTask : public Task {
+    public:
+        /// Copies `work`; keeps the pointer `name`, which may be null and whose text the caller
+        /// keeps alive for the life of the task.
+        LambdaFunctionTask(std::function<Result()> const& work, char const* name);
+        LambdaFunctionTask(LambdaFunctionTask const&) = delete;
+        LambdaFunctionTask& operator=(LambdaFunctionTask const&) = delete;
+        ~LambdaFunctionTask() override;
+
+        /// Calls the function; throws `std::bad_function_call` when it is empty.
+        Result execute() override;
+        /// The pointer given, null included: there is no "Unnamed" here.
+        char const* name() const override;
+
+    private:
+        std::function<Result()> function;
+        char const* taskName;
+    };
+
+    /// The largest rank a task can have: the initial rank of `HIGHEST`.
+    static constexpr unsigned int HIGHEST_CURRENT_RANK_VALUE = 0x7fffffff;
+
+    /// A null `work` is accepted, logged at `WARNING` as "Given a null pointer for a task.", and
+    /// holds the worker that executes it until it is cancelled. `onCompletion` may be empty.
+    SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPriority,
+                  std::function<void(std::shared_ptr<Task>)> onCompletion);
+    /// Copies `work` into a `LambdaFunctionTask`; `name` is borrowed and may be null.
+    SubmittedTask(std::function<Executable::Result()> const& work, TaskPriority initialPriority,
+                  std::function<void(std::shared_ptr<Task>)> onCompletion, char const* name);
+    SubmittedTask(SubmittedTask const&) = delete;
+    SubmittedTask& operator=(SubmittedTask const&) = delete;
+    /// A promise that was never fulfilled is broken: a holder of the future sees
+    /// `std::future_error`.
+    virtual ~SubmittedTask();
+
+    virtual unsigned int getRank() const;
+    virtual TaskPriority getPriority() const;
+
+    /// Stores the state and pushes it to the handle if that still exists. No transition is refused,
+    /// `DONE` to `CANCELLED` included.
+    virtual void setState(Executable::State newState);
+    /// Stores the result and pushes it to the handle if that still exists.
+    virtual void setResult(Executable::Result newResult);
+
+    /// Clamps to the range from the initial rank of the current priority to
+    /// `HIGHEST_CURRENT_RANK_VALUE`.
+    ///
+    ///     on a NORMAL task: 0 -> 1000   5000 -> 5000   3000000000 -> 2147483647
+    void setRank(unsigned int const& newRank);
+    /// Stores the priority and resets the rank to its initial rank, also when the task had aged
+    /// above it. The queue sees the new rank at its next pick.
+    void setPriority(TaskPriority newPriority);
+    /// `setState`, then a line at `INFO` that tells of it.
+    void updateTaskState(Executable::State newState);
+    /// Links the handle, weakly, and pushes the current state and result to it.
+    void setHandle(std::shared_ptr<TaskHandle> const& newHandle);
+
+    Executable::State getState() const;
+    Executable::Result getResult() const;
+    std::int32_t getUniqueIndex() const;
+    bool isCancelled() const;
+    /// True for `SUCCESS` and `FAILURE` only.
+    bool isFinishedResult(Executable::Result candidate) const;
+    /// "Null Task" without a task, otherwise the task's own name, which may be null.
+    char const* taskName() const;
+    std::weak_ptr<TaskHandle> getHandle() const;
+
+    /// Runs the work, again for as long as it returns `REPEAT` and is not cancelled, settles state
+    /// and result, fulfils the promise and returns the result.
+    ///
+    ///     work ends, not cancelled           -> DONE, result as returned, FAILURE if it threw
+    ///     cancelled, result not finished     -> CANCELLED, ABORTED
+    ///     cancelled, but SUCCESS or FAILURE  -> CANCELLED, that result
+    ///
+    /// Starts with the state `EXECUTING`, which overwrites `CANCELLED`. Work that returns `REPEAT`
+    /// without end, and a null task, hold the worker (and so the executor's destructor) until they
+    /// are cancelled. Not reentrant.
+    Executable::Result execute();
+    /// Calls the callback, if there is one, with the task, which may be null. What it throws is
+    /// logged and changes nothing. Runs after the promise was fulfilled.
+    void performCallback();
+    /// Releases whoever waits. A second call throws `std::future_error`.
+    void setPromiseValue();
+    /// The future that becomes ready, always with `true`, when the task has come to its end. A
+    /// second call throws `std::future_error`.
+    std::future<bool> getFuture();
+    /// Logs `e` (null: a `std::runtime_error` "Unknown exception") and, if asked to, hands it to
+    /// the handle. Anything but a `std::exception` leaves this function.
+    void handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle);
+
+    /// The proxy through which a handle reaches `task`; it holds only weak references.
+    static std::shared_ptr<SubmittedTaskProxy> provideProxy(
+        std::weak_ptr<SubmittedTask> const& task);
+
+private:
+    std::shared_ptr<Task> task;
+    std::weak_ptr<TaskHandle> handle;  // Set under `mutex`, before the task is queued.
+    std::function<void(std::shared_ptr<Task>)> callback;
+    mutable std::mutex mutex;
+    std::promise<bool> promise;
+    std::atomic<TaskPriority> priority;
+    std::atomic<unsigned int> rank;
+    Executable::State state = Executable::UNSCHEDULED;  // Guarded by `mutex`.
+    Executable::Result result = Executable::NO_RESULT;  // Guarded by `mutex`.
+    std::int32_t const uniqueIndex;
+};
+
+}  // namespace ovra::concurrent

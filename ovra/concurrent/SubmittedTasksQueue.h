@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <forward_list>
+#include <memory>
+#include <mutex>
+
+#include <ovra/Export.h>
+
+namespace ovra::concurrent {
+
+class SubmittedTask;
+class TaskHandle;
+class TaskRankingStrategy;
+
+/// Holds the tasks that an executor has accepted and not yet handed to a worker, and chooses the
+/// next.
+///
+/// The task with the largest score runs next, where score = rank + unique index in unsigned 32-bit
+/// arithmetic. Indices count down, so among equal ranks the oldest wins, and a difference in rank
+/// of N is outweighed by a task submitted more than N submissions earlier: a `LOW` task (rank 1)
+/// submitted 1000 submissions before a `NORMAL` one (rank 1000) runs first.
+///
+/// *Ownership*: shared by an executor and whoever made the queue; workers refer to it weakly. It
+/// owns one reference to each queued task. One queue may serve several executors; whichever is
+/// destroyed first closes it. *Threads*: Thread-safe. The lock is held while the strategy runs and
+/// while a worker is woken, and is taken before a task's mutex. `addTask()`, `getNextTask()`,
+/// `isEmpty()` and `close()` block for that lock only. *Failure*: refusals are empty pointers.
+/// `std::system_error` escapes from what cannot lock.
+class OVRA_API SubmittedTasksQueue {
+public:
+    /// A null `rankingStrategy` leaves the ranks as they are.
+    explicit SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy);
+    SubmittedTasksQueue(SubmittedTasksQueue const&) = delete;
+    SubmittedTasksQueue& operator=(SubmittedTasksQueue const&) = delete;
+    /// Closes the queue.
+    virtual ~SubmittedTasksQueue();
+
+    /// Queues `task`, wakes one worker and returns the handle to follow the task by; an empty
+    /// pointer if the queue is closed or `task` is null. A task that is already cancelled is queued
+    /// all the same. Add one object once: see `SubmittedTask`.
+    ///
+    /// A task added while another thread closes the queue may get a handle and yet never run.
+    std::shared_ptr<TaskHandle> addTask(std::shared_ptr<SubmittedTask> task);
+
+    /// Removes and returns the task with the largest score, after applying the strategy to every
+    /// queued task; an empty pointer at once if the queue is empty or closed. Never waits for work.
+    ///
+    /// A score of exactly 0, which only a subclass with a rank of its own can have, is never
+    /// chosen.
+    std::shared_ptr<SubmittedTask> getNextTask();
+
+    /// Closes the queue for good and drops every queued task: no state or result is set, no
+    /// callback runs, no waiter is released. Wakes all workers. The dropped tasks are destroyed
+    /// after the lock is released, so a host object's destructor may call the executor. A second
+    /// call does nothing.
+    void close();
+
+    /// True if no task is queued, whatever the workers are doing.
+    bool isEmpty();
+    /// True from the first `close()` on. Takes no lock.
+    bool isClosed() const;
+
+private:
+    friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
+
+    std::forward_list<std::shared_ptr<SubmittedTask>> tasks;  // Newest first; guarded by `mutex`.
+    std::mutex mutex;
+    std::condition_variable condition;  // Something was queued, or the queue was closed.
+    std::shared_ptr<TaskRankingStrategy> strategy;
+    std::atomic<bool> closed{false};
+};
+
+}  // namespace ovra::concurrent

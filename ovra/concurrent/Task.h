@@ -1,0 +1,26 @@
+#pragma once
+
+#include <ovra/Export.h>
+#include <ovra/concurrent/Executable.h>
+
+namespace ovra::concurrent {
+
+/// A named piece of work, the base class of what a host submits to a `TaskExecutor`.
+///
+/// *Ownership*: held through `std::shared_ptr` by the executor and handed to the completion
+/// callback.
+class OVRA_API Task : public Executable {
+public:
+    Task() = default;
+    Task(Task const&) = default;
+    Task& operator=(Task const&) = default;
+    ~Task() override;
+
+    /// The name that appears in log lines and, up to the platform's 15 characters, on the worker
+    /// thread. "Unnamed" unless overridden.
+    ///
+    /// Borrowed: the caller never frees it, and it must stay valid while the task exists.
+    virtual char const* name() const;
+};
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include <ovra/Export.h>
+
+namespace ovra::concurrent {
+
+class SubmittedTask;
+class SubmittedTasksQueue;
+
+/// One thread that takes tasks from a queue and runs them, one after the other.
+///
+/// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly; once the
+/// queue is gone it only waits to be terminated, and keeps a processor busy meanwhile. *Threads*:
+/// `start()`, `terminate()` and the destructor belong to the owner, never to the worker's own
+/// thread; `run()` to the worker's. Work and callbacks run with no lock held. *Failure*: an
+/// exception out of `run()`, which only overridden virtual operations and a mutex that cannot be
+/// locked cause, ends the process.
+class OVRA_API TaskExecutorWorker {
+public:
+    /// Starts no thread yet.
+    explicit TaskExecutorWorker(std::shared_ptr<SubmittedTasksQueue> const& source);
+    TaskExecutorWorker(TaskExecutorWorker const&) = delete;
+    TaskExecutorWorker& operator=(TaskExecutorWorker const&) = delete;
+    /// Terminates the worker. Ends the process if the thread cannot be joined, as on the worker's
+    /// own thread.
+    virtual ~TaskExecutorWorker();
+
+    /// Starts the thread. `std::system_error` escapes if none can be had. Ends the process if the
+    /// previous thread has not been joined.
+    void start();
+
+    /// The worker thread's loop; returns once the worker is terminated, or finds its queue closed.
+    ///
+    /// Names the thread after each task it runs ("unnamed" for a null name). A name longer than the
+    /// platform's 15 characters is not applied; the last name stays after the task.
+    void run();
+
+    /// Asks the worker to end after the task it is running, and joins it. Close the queue first:
+    /// this does not wake a sleeping worker. A join that fails is logged at `ERROR`. A second call
+    /// does nothing.
+    void terminate();
+
+private:
+    void fetchTask();
+    void runTask();
+    bool waitForWork();
+
+    std::thread thread;
+    std::shared_ptr<SubmittedTask> currentTask;  // Used on `thread` only.
+    std::weak_ptr<SubmittedTasksQueue> queue;
+    std::atomic<std::int32_t> terminated{0};
+};
+
+}  // namespace ovra::concurrent

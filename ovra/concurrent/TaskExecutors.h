@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+#include <ovra/Export.h>
+#include <ovra/concurrent/TaskExecutor.h>
+
+namespace ovra::concurrent {
+
+/// The number of worker threads of each shared executor: 1, so its tasks run one at a time.
+extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
+
+/// The process-wide executor that serves strictly by priority.
+///
+/// *Ownership*: every call returns a reference to the same executor, made on the first call. It is
+/// released with the library's statics at process exit or unload, where the last reference closes
+/// its queue and joins its worker: a task that never ends holds the exit. A caller that keeps its
+/// reference keeps the executor beyond that point.
+/// *Threads*: Thread-safe, concurrent first calls included.
+/// *Failure*: `std::system_error` or `std::bad_alloc` if it cannot be made; the next call tries
+/// again.
+OVRA_API std::shared_ptr<TaskExecutor> getHighestPriorityTaskExecutor();
+
+/// The process-wide executor under which waiting tasks gain rank, so that none starves. Otherwise
+/// as `getHighestPriorityTaskExecutor()`, with which it shares nothing.
+OVRA_API std::shared_ptr<TaskExecutor> getNoStarveTaskExecutor();
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,60 @@
+#include <ovra/concurrent/TaskHandle.h>
+
+namespace ovra::concurrent {
+
+TaskHandle::TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy)
+    : proxy(taskProxy),
+      state(proxy && proxy->getState ? proxy->getState() : Executable::DONE),
+      result(proxy && proxy->getResult ? proxy->getResult() : Executable::SUCCESS) {}
+
+TaskHandle::~TaskHandle() = default;
+
+void TaskHandle::cancel() {
+    if (proxy && proxy->cancel) {
+        proxy->cancel();
+    }
+}
+
+void TaskHandle::updatePriority(TaskPriority priority) {
+    if (proxy && proxy->updatePriority) {
+        proxy->updatePriority(priority);
+    }
+}
+
+void TaskHandle::waitForCompletion() {
+    if (proxy && proxy->waitForCompletion) {
+        proxy->waitForCompletion();
+    }
+}
+
+Executable::State TaskHandle::getState() const {
+    return state.load(std::memory_order_acquire);
+}
+
+Executable::Result TaskHandle::getResult() const {
+    return result.load(std::memory_order_acquire);
+}
+
+bool TaskHandle::isDone() const {
+    return getState() == Executable::DONE || getState() == Executable::CANCELLED;
+}
+
+std::exception_ptr TaskHandle::getException() const {
+    // Pairs with the release of the state that was pushed after the exception.
+    static_cast<void>(getState());
+    return exception;
+}
+
+void TaskHandle::setState(Executable::State newState) {
+    state.store(newState, std::memory_order_release);
+}
+
+void TaskHandle::setResult(Executable::Result newResult) {
+    result.store(newResult, std::memory_order_release);
+}
+
+void TaskHandle::setException(std::exception_ptr const& newException) {
+    exception = newException;
+}
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <memory>
+
+#include <ovra/Export.h>
+#include <ovra/concurrent/Executable.h>
+#include <ovra/concurrent/TaskPriority.h>
+
+namespace ovra::concurrent {
+
+/// The road from a `TaskHandle` to its `SubmittedTask`: five functions over a weak reference.
+///
+/// Made by `SubmittedTask::provideProxy`. Any member may be empty; a handle then uses the value
+/// that a task which is gone would give.
+struct SubmittedTaskProxy {
+    std::function<Executable::State()> getState;       ///< `DONE` when the task is gone.
+    std::function<Executable::Result()> getResult;     ///< `SUCCESS` when the task is gone.
+    std::function<void(TaskPriority)> updatePriority;  ///< Nothing when the task is gone.
+    std::function<void()> cancel;                      ///< Nothing when the task is gone.
+    std::function<void()> waitForCompletion;           ///< At once when the task is gone.
+};
+
+/// What a caller holds of a task it has submitted: to wait for it, cancel it, change its priority
+/// and read its state, result and exception.
+///
+/// *Ownership*: held through `std::shared_ptr`. The handle never keeps the task alive, nor the task
+/// the handle; either may go first. A handle that outlives its task keeps what the task pushed
+/// last. *Threads*: all operations but `getException()` may be called from any thread at any time.
+/// No lock is held while `waitForCompletion()` blocks. *Failure*: see `waitForCompletion()`. A null
+/// proxy counts as one whose members are empty.
+class OVRA_API TaskHandle {
+public:
+    explicit TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy);
+    TaskHandle(TaskHandle const&) = delete;
+    TaskHandle& operator=(TaskHandle const&) = delete;
+    virtual ~TaskHandle();
+
+    /// Marks the task `CANCELLED`, whatever its state, `DONE` included. Does not block.
+    ///
+    /// A queued task will then not run and not be called back: when a worker reaches it, its result
+    /// becomes `ABORTED` and its waiter is released. Running work is never interrupted: it ends
+    /// `ABORTED` unless it still returns `SUCCESS` or `FAILURE` (or throws), which is then kept.
+    /// A cancel that arrives just as a worker starts the task may be overwritten by `EXECUTING`:
+    /// the task then runs as if it had not been cancelled.
+    void cancel();
+
+    /// Gives a queued task a new priority and resets its rank to that priority's initial rank, also
+    /// when it had aged above it. Has no effect on a task that has started.
+    void updatePriority(TaskPriority priority);
+
+    /// Blocks until the task has come to an end, whatever its outcome; returns at once when the
+    /// task is gone. Afterwards the result, the exception and the work's own effects can be read.
+    ///
+    /// The completion callback may still be running, or not have started, when this returns: what
+    /// it uses, and the borrowed task name, must stay valid beyond the wait.
+    ///
+    /// Wait once: a second wait, or one from another thread, while the task still exists throws
+    /// `std::future_error`. A wait never ends
+    /// - for a queued task of an executor that is destroyed, or whose queue is closed: the waiter
+    ///   keeps the task, but no worker will ever reach it. Keep the executor alive while you wait,
+    ///   or ask `isDone()` instead;
+    /// - inside a task, for another task of the same one-thread executor.
+    void waitForCompletion();
+
+    /// The state last pushed by the task; it may be one step behind. Does not block.
+    Executable::State getState() const;
+    /// The result last pushed by the task; set just before the final state. Does not block.
+    Executable::Result getResult() const;
+    /// True for `DONE` and `CANCELLED`: so also, after `cancel()`, while the work is still running.
+    bool isDone() const;
+
+    /// The exception that the work threw, or null: the very `std::exception` it threw, or a
+    /// `std::runtime_error` "Unknown exception" in place of anything else.
+    ///
+    /// Read it after `waitForCompletion()` has returned or `getState()` has been seen `DONE`: until
+    /// then the worker may be writing it.
+    std::exception_ptr getException() const;
+
+    /// For the task, which pushes every change here.
+    void setState(Executable::State newState);
+    void setResult(Executable::Result newResult);
+    void setException(std::exception_ptr const& newException);
+
+private:
+    std::shared_ptr<SubmittedTaskProxy> const proxy;
+    std::atomic<Executable::State> state;
+    std::atomic<Executable::Result> result;
+    std::exception_ptr exception;  // Written by the worker before the state that ends the task.
+};
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+
+#include <ovra/Export.h>
+
+namespace ovra::concurrent {
+
+/// How urgent a task is. Any value outside 2..4 counts as `LOW`.
+enum TaskPriority : std::int32_t {
+    LOW = 1,      ///< Initial rank 1.
+    NORMAL = 2,   ///< Initial rank 1000.
+    HIGH = 3,     ///< Initial rank 1000000.
+    HIGHEST = 4,  ///< Initial rank 2147483647.
+};
+
+/// The rank a task of this priority starts with; larger runs earlier.
+///
+///     LOW -> 1   NORMAL -> 1000   HIGH -> 1000000   HIGHEST -> 2147483647   anything else -> 1
+OVRA_API unsigned int submittedTaskPriorityToInitialRank(TaskPriority priority);
+
+}  // namespace ovra::concurrent

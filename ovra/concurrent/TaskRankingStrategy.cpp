@@ -1,0 +1,22 @@
+#include <algorithm>
+
+#include <ovra/concurrent/SubmittedTask.h>
+#include <ovra/concurrent/TaskRankingStrategy.h>
+
+namespace ovra::concurrent {
+
+TaskRankingStrategy::~TaskRankingStrategy() = default;
+
+HighestPriorityTaskRankingStrategy::~HighestPriorityTaskRankingStrategy() = default;
+
+void HighestPriorityTaskRankingStrategy::updateRank(SubmittedTask*) {}
+
+NoStarveTaskRankingStrategy::~NoStarveTaskRankingStrategy() = default;
+
+void NoStarveTaskRankingStrategy::updateRank(SubmittedTask* task) {
+    unsigned int const rank = task->getRank();
+    // A subclass may answer with a rank whose double wraps; a rank never goes down.
+    task->setRank(std::max(rank, rank * 2u));
+}
+
+}  // namespace ovra::concurrent

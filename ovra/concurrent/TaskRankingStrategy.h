@@ -1,0 +1,56 @@
+#pragma once
+
+#include <ovra/Export.h>
+
+namespace ovra::concurrent {
+
+class SubmittedTask;
+
+/// Decides how the rank of a task changes while it waits in a `SubmittedTasksQueue`.
+///
+/// *Ownership*: shared by the queues that use it.
+/// *Threads*: `updateRank` runs on a worker thread that holds the queue's lock: it must not call
+/// the queue or its executor, which would deadlock. One strategy shared by several queues may be
+/// called by several threads at once; the two strategies below are stateless. *Failure*: an
+/// exception out of `updateRank` leaves the worker thread and ends the process. *Units*: ranks run
+/// from 1 to `SubmittedTask::HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier.
+class OVRA_API TaskRankingStrategy {
+public:
+    TaskRankingStrategy() = default;
+    TaskRankingStrategy(TaskRankingStrategy const&) = default;
+    TaskRankingStrategy& operator=(TaskRankingStrategy const&) = default;
+    virtual ~TaskRankingStrategy();
+
+    /// Changes the rank of `task`, never null, in place.
+    ///
+    /// Called at every pick, once for each task that is queued, newest first, right after that
+    /// task's score was compared; the task that the pick removes is updated too.
+    virtual void updateRank(SubmittedTask* task) = 0;
+};
+
+/// Leaves every rank as it is: strict order of priority. Low-priority work can wait for ever while
+/// more urgent work keeps arriving.
+class OVRA_API HighestPriorityTaskRankingStrategy : public TaskRankingStrategy {
+public:
+    HighestPriorityTaskRankingStrategy() = default;
+    HighestPriorityTaskRankingStrategy(HighestPriorityTaskRankingStrategy const&) = default;
+    HighestPriorityTaskRankingStrategy& operator=(HighestPriorityTaskRankingStrategy const&) =
+        default;
+    ~HighestPriorityTaskRankingStrategy() override;
+
+    void updateRank(SubmittedTask* task) override;
+};
+
+/// Doubles the rank of every waiting task at each pick, up to the cap, so that nothing starves: a
+/// `LOW` task reaches the cap after 31 picks, `NORMAL` after 22, `HIGH` after 12.
+class OVRA_API NoStarveTaskRankingStrategy : public TaskRankingStrategy {
+public:
+    NoStarveTaskRankingStrategy() = default;
+    NoStarveTaskRankingStrategy(NoStarveTaskRankingStrategy const&) = default;
+    NoStarveTaskRankingStrategy& operator=(NoStarveTaskRankingStrategy const&) = default;
+    ~NoStarveTaskRankingStrategy() override;
+
+    void updateRank(SubmittedTask* task) override;
+};
+
+}  // namespace ovra::concurrent

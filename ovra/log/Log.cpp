@@ -1,0 +1,156 @@
+#include <cxxabi.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include <ovra/log/Log.h>
+#include <ovra/log/LogHandlers.h>
+
+namespace ovra::log {
+
+namespace {
+
+std::atomic<LogLevel> globalLevel{ERROR};
+std::atomic<bool> depsDebuggable{false};
+
+// Both live from load to unload.
+PlatformLogHandler platformLogHandler;
+std::unordered_map<std::string, std::shared_ptr<LogHandler>> handlerRegistry(10);
+
+struct Free {
+    void operator()(char* text) const { std::free(text); }
+};
+using CText = std::unique_ptr<char, Free>;
+
+CText formatMessage(char const* format, std::va_list arguments) {
+    char* message = nullptr;
+    return CText(vasprintf(&message, format, arguments) != -1 ? message : nullptr);
+}
+
+CText formatLine(char const* tag, LogLevel level, char const* message) {
+    char* line = nullptr;
+    return CText(
+        asprintf(&line, "[%s:%s] %s", tag, logLevelToName(level), message) != -1 ? line : nullptr);
+}
+
+void deliver(char const* line, LogLevel level) {
+    try {
+        platformLogHandler.PlatformLogHandler::handleLogMessage(line, level);
+        for (auto const& entry : handlerRegistry) {
+            if (entry.second) {
+                entry.second->handleLogMessage(line, level);
+            }
+        }
+    } catch (abi::__forced_unwind&) {
+        throw;  // The thread is being cancelled or exits: not ours to stop.
+    } catch (...) {
+        // A sink's trouble is not the caller's.
+    }
+}
+
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() = default;
+    ErrnoKeeper(ErrnoKeeper const&) = delete;
+    ErrnoKeeper& operator=(ErrnoKeeper const&) = delete;
+    ~ErrnoKeeper() { errno = kept; }
+
+private:
+    int const kept = errno;
+};
+
+}  // namespace
+
+LogHandler::~LogHandler() = default;
+
+void log(LogLevel level, char const* tag, char const* format, ...) {
+    LogLevel const threshold = getLogLevel();
+    if (threshold == DISABLED || threshold < level) {
+        return;
+    }
+    ErrnoKeeper const errnoKeeper;
+
+    std::va_list arguments;
+    va_start(arguments, format);
+    CText message = formatMessage(format, arguments);
+    va_end(arguments);
+    if (!message) {
+        return;
+    }
+    CText const line = formatLine(tag != nullptr ? tag : "(null)", level, message.get());
+    message.reset();
+    if (line) {
+        deliver(line.get(), level);
+    }
+}
+
+char const* logLevelToName(LogLevel level) {
+    switch (level) {
+        case DISABLED:
+            return "DISABLED";
+        case CRITICAL:
+            return "CRITICAL";
+        case ERROR:
+            return "ERROR";
+        case WARNING:
+            return "WARNING";
+        case INFO:
+            return "INFO";
+        case DEBUG:
+            return "DEBUG";
+        case VERBOSE:
+            return "VERBOSE";
+    }
+    return "UNKNOWN";
+}
+
+void setLogLevel(LogLevel level) {
+    globalLevel.store(level, std::memory_order_relaxed);
+}
+
+LogLevel getLogLevel() {
+    return globalLevel.load(std::memory_order_relaxed);
+}
+
+void setDepsDebuggable(bool debuggable) {
+    depsDebuggable.store(debuggable, std::memory_order_relaxed);
+}
+
+bool getDepsDebuggable() {
+    return depsDebuggable.load(std::memory_order_relaxed);
+}
+
+std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char const* name) {
+    switch (type) {
+        case FILE_HANDLER:
+            return std::make_shared<FileLogHandler>(name);
+        case PLATFORM_HANDLER:
+            return std::make_shared<PlatformLogHandler>();
+        case STANDARD_STREAM_HANDLER:
+            return std::make_shared<StandardStreamLogHandler>();
+    }
+    return nullptr;
+}
+
+void addLogHandler(LogHandlerType type, char const* name) {
+    std::string key(name);
+    if (auto handler = createLogHandler(type, name)) {
+        handlerRegistry[std::move(key)] = std::move(handler);
+    }
+}
+
+void addLogHandler(std::shared_ptr<LogHandler> handler, char const* name) {
+    std::string key(name);
+    if (handler) {
+        handlerRegistry[std::move(key)] = std::move(handler);
+    }
+}
+
+}  // namespace ovra::log

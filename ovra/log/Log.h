@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <ovra/Export.h>
+
+namespace ovra::log {
+
+/// How severe a message is; smaller is more severe. As the global level: deliver messages whose
+/// level is at most this, `DISABLED` none at all.
+enum LogLevel : std::int32_t {
+    DISABLED = 0,
+    CRITICAL = 1,
+    ERROR = 2,
+    WARNING = 3,
+    INFO = 4,
+    DEBUG = 5,
+    VERBOSE = 6,
+};
+
+/// The kinds of sink that `addLogHandler` and `createLogHandler` make.
+enum LogHandlerType : std::int32_t {
+    FILE_HANDLER = 1,             ///< `FileLogHandler` on the path given as the name.
+    PLATFORM_HANDLER = 2,         ///< `PlatformLogHandler`.
+    STANDARD_STREAM_HANDLER = 3,  ///< `StandardStreamLogHandler`.
+};
+
+/// A sink for log lines.
+///
+/// *Ownership*: a registered handler is held by the registry until it is replaced or the library is
+/// unloaded.
+/// *Threads*: called on whichever thread logs, by several at once: a sink serialises its own
+/// writes. A sink that itself logs is called again, and one that does so under its own lock
+/// deadlocks. *Failure*: what a sink throws is discarded, and the sinks not yet called miss that
+/// message.
+class OVRA_API LogHandler {
+public:
+    LogHandler() = default;
+    LogHandler(LogHandler const&) = delete;
+    LogHandler& operator=(LogHandler const&) = delete;
+    virtual ~LogHandler();
+
+    /// Receives one finished line, without a trailing newline of its own. `line` is valid during
+    /// the call only: copy what must be kept.
+    virtual void handleLogMessage(char const* line, LogLevel level) = 0;
+};
+
+/// Formats a message and hands the line "[tag:LEVEL] message" to the system log, then to every
+/// registered sink in no particular order.
+///
+/// Delivered when the global level is not `DISABLED` and is at least `level`; so a message of level
+/// `DISABLED` (or below) is delivered whenever logging is on at all, and one above `VERBOSE` only
+/// if the global level is as high. A message that is not delivered costs one load and two
+/// comparisons.
+///
+/// *The system log takes the line as its own format*: whatever percent sign is left after
+/// formatting is interpreted there once more. Double it twice in a format ("%%%%"), once more than
+/// for the other sinks, which get the line as it is; and never pass untrusted text, as the format
+/// or as an argument, without doubling its percent signs.
+///
+/// *Threads*: Thread-safe but for `addLogHandler`. Takes no lock; each sink has its own.
+/// *Failure*: a message that cannot be formatted is dropped in silence. Leaves `errno` as it was.
+OVRA_API void log(LogLevel level, char const* tag, char const* format, ...) OVRA_PRINTF(3, 4);
+
+/// The enumerator's name, or "UNKNOWN" for any other value. A static string, never null.
+OVRA_API char const* logLevelToName(LogLevel level);
+
+/// Sets the global level, unchecked. `ERROR` from the start. Other threads see the change without
+/// any order guaranteed.
+OVRA_API void setLogLevel(LogLevel level);
+OVRA_API LogLevel getLogLevel();
+
+/// A flag kept for the library's callers; the library itself does not read it. False from the
+/// start.
+OVRA_API void setDepsDebuggable(bool debuggable);
+OVRA_API bool getDepsDebuggable();
+
+/// Makes a sink that the caller owns alone; an empty pointer for an unknown type. `name` is the
+/// path of a `FILE_HANDLER`, which see; the other types ignore it.
+OVRA_API std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char const* name);
+
+/// Makes a sink and registers it under `name`, from now on to be called by `log`. A sink that was
+/// registered under that name is released. A `PLATFORM_HANDLER` is a second sink to the system log,
+/// so every line then reaches it twice. An unknown type changes nothing.
+///
+/// *Threads*: the registry is not locked. Fill it at start-up, before other threads log.
+/// *Failure*: a null name throws `std::logic_error` and changes nothing. If the sink cannot be made
+/// the exception escapes and an existing sink stays.
+OVRA_API void addLogHandler(LogHandlerType type, char const* name);
+
+/// The same for a sink of the host's own. An empty `handler` changes nothing.
+OVRA_API void addLogHandler(std::shared_ptr<LogHandler> handler, char const* name);
+
+}  // namespace ovra::log

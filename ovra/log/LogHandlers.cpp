@@ -1,0 +1,52 @@
+#include <syslog.h>
+
+#include <iostream>
+#include <string>
+
+#include <ovra/log/LogHandlers.h>
+
+namespace ovra::log {
+
+void handleLogMessageEInkOrLinux(char const* line, LogLevel level, std::mutex& mutex) {
+    static constexpr int PRIORITIES[] = {LOG_CRIT, LOG_ERR, LOG_INFO, LOG_INFO, LOG_DEBUG};
+    unsigned int const index = static_cast<unsigned int>(level) - CRITICAL;
+    int const priority = index <= 4 ? PRIORITIES[index] : LOG_INFO;
+
+    std::lock_guard<std::mutex> const lock(mutex);
+    // Callers rely on the system log's own formatting of what is left in the line.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    syslog(priority, line);
+#pragma GCC diagnostic pop
+}
+
+void PlatformLogHandler::handleLogMessage(char const* line, LogLevel level) {
+    handleLogMessageEInkOrLinux(line, level, mutex);
+}
+
+void StandardStreamLogHandler::handleLogMessage(char const* line, LogLevel level) {
+    bool const urgent = level == CRITICAL || level == ERROR;
+    std::ostream& stream = urgent ? std::cerr : std::cout;
+    std::lock_guard<std::mutex> const lock(mutex);
+    stream << line << std::endl;
+}
+
+FileLogHandler::FileLogHandler(char const* path) : logFile(std::string(path)) {
+    if (logFile.IsDirectory()) {
+        logFile = logFile.Open("ovra.log");
+    }
+    stream = logFile.CreateOutputStream(std::ios_base::out);
+}
+
+FileLogHandler::~FileLogHandler() = default;
+
+void FileLogHandler::handleLogMessage(char const* line, LogLevel) {
+    if (!stream) {
+        return;
+    }
+    std::lock_guard<std::mutex> const lock(mutex);
+    *stream << line << std::endl;
+}
+
+}  // namespace ovra::log

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <ostream>
+
+#include <ovra/Export.h>
+#include <ovra/fs/FileHandle.h>
+#include <ovra/log/Log.h>
+
+namespace ovra::log {
+
+/// Writes `line` to the system log while it holds `mutex`: the one place where the library does so.
+///
+/// The line itself is the format that the system log interprets; see `log`. The identity, options
+/// and facility are the host's: the library never opens or closes the system log.
+///
+///     CRITICAL -> LOG_CRIT   ERROR -> LOG_ERR   DEBUG -> LOG_DEBUG
+///     WARNING, INFO, VERBOSE and anything else -> LOG_INFO
+///
+/// `WARNING` thus goes at the informational priority, and `VERBOSE` at a higher one than `DEBUG`.
+OVRA_API void handleLogMessageEInkOrLinux(char const* line, LogLevel level, std::mutex& mutex);
+
+/// The sink to the system log. One instance always exists and is called first.
+///
+/// *Threads*: Thread-safe; holds its mutex while it writes.
+class OVRA_API PlatformLogHandler : public LogHandler {
+public:
+    void handleLogMessage(char const* line, LogLevel level) override;
+
+private:
+    std::mutex mutex;
+};
+
+/// The sink to the process's standard streams: `CRITICAL` and `ERROR` to standard error, every
+/// other level to standard output. Each line is flushed.
+///
+/// *Threads*: Thread-safe; holds its one mutex while it writes to either stream.
+/// *Failure*: a null line sets the stream's bad state, which silences that stream for good.
+class OVRA_API StandardStreamLogHandler : public LogHandler {
+public:
+    void handleLogMessage(char const* line, LogLevel level) override;
+
+private:
+    std::mutex mutex;
+};
+
+/// The sink to a file, whatever the level. Each line is flushed.
+///
+/// *Threads*: Thread-safe; holds its mutex while it writes.
+/// *Failure*: a file that cannot be opened makes a sink that discards every line in silence, and a
+/// null line one that discards what follows.
+class OVRA_API FileLogHandler : public LogHandler {
+public:
+    /// Opens the file at `path`, or "ovra.log" inside it if that is a directory.
+    ///
+    /// The log of an earlier run, or of an earlier sink on the same path, is truncated. A file that
+    /// does not exist is created; its directory must exist. A null `path` throws
+    /// `std::logic_error`.
+    explicit FileLogHandler(char const* path);
+    ~FileLogHandler() override;
+
+    void handleLogMessage(char const* line, LogLevel level) override;
+
+private:
+    fs::FileHandle logFile;
+    std::unique_ptr<std::ostream> stream;
+    std::mutex mutex;
+};
+
+}  // namespace ovra::log
