@@ -1,0 +1,38 @@
+# Sourced by the tools: installs the Debian packages that are missing, and only those.
+
+# need_packages <package>... : returns once all are installed, or says what is wrong and exits.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query --show --showformat='${db:Status-Status}\n' "$package" 2>/dev/null |
+      grep -qx installed || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+
+  local as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    if ! command -v sudo >/dev/null; then
+      echo "Missing packages: ${missing[*]}. Install them, or run this as root or where sudo works." >&2
+      exit 1
+    fi
+    as_root=(sudo)
+  fi
+  echo "Installing: ${missing[*]}"
+  # An index that is out of date names packages that are gone: refresh it and try once more.
+  if ! install_packages >/dev/null 2>&1; then
+    local log
+    log=$(mktemp)
+    if ! { "${as_root[@]}" apt-get update && install_packages; } >"$log" 2>&1; then
+      cat "$log" >&2
+      echo "Could not install: ${missing[*]}. See the messages above." >&2
+      exit 1
+    fi
+    rm -f "$log"
+  fi
+}
+
+# The install step of need_packages, with its variables.
+install_packages() {
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install --yes --no-install-recommends "${missing[@]}"
+}
