@@ -1,0 +1,223 @@
+#pragma once
+
+#include <cstdint>
+#include <ios>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <ovra/Export.h>
+#include <ovra/fs/FileIterator.h>
+#include <ovra/fs/FilePath.h>
+
+namespace ovra::fs {
+
+class FileHandle;
+
+/// What a FileHandle forwards to: one entry of one kind of file system.
+///
+/// Ownership: owned by one FileHandle, which destroys it through this class. Copying the handle
+/// does not copy the back end.
+///
+/// Threads: Not thread-safe: the caller synchronises. That includes const use.
+///
+/// Failure: `false`, 0, an empty value or a failed stream.
+class OVRA_API FileHandleBackend {
+public:
+    virtual ~FileHandleBackend();
+
+    /// The entry's path as stored.
+    virtual std::string Path() const = 0;
+    virtual bool Exists() const = 0;
+    virtual bool IsFile() const = 0;
+    virtual bool IsDirectory() const = 0;
+    virtual bool IsSymbolicLink() const = 0;
+    /// The bare names of the directory's entries.
+    virtual std::vector<std::string> ListDirectory() const = 0;
+    virtual std::int64_t Size() const = 0;
+    virtual std::int64_t ModificationTime() const = 0;
+    /// A back end for an entry below this one. FileHandle::Open() does not use it.
+    virtual std::unique_ptr<FileHandleBackend> Open(std::string const& path) const = 0;
+    virtual bool CreateDirectory() = 0;
+    virtual bool RemoveDirectory() = 0;
+    virtual bool CreateSymbolicLink(FileHandle const& target) = 0;
+    virtual bool Copy(FileHandle const& target) = 0;
+    virtual bool Move(FileHandle const& target) = 0;
+    virtual bool Rename(std::string const& name) = 0;
+    virtual bool Remove() = 0;
+    virtual unsigned int UserId() const = 0;
+    virtual void SetUserId(unsigned int userId) = 0;
+    virtual unsigned int GroupId() const = 0;
+    virtual void SetGroupId(unsigned int groupId) = 0;
+    /// The nine permission bits.
+    virtual unsigned long Permissions() const = 0;
+    virtual void SetPermissions(unsigned long permissions) = 0;
+    /// The stream passes to the caller.
+    virtual std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const = 0;
+    /// The stream passes to the caller.
+    virtual std::unique_ptr<std::ostream> CreateOutputStream(
+        std::ios_base::openmode mode) const = 0;
+    /// Drops the cached status.
+    virtual void UpdateFileStatus() = 0;
+};
+
+/// Names one file, directory or symbolic link by its path, and works on it.
+///
+/// The entry need not exist: it is looked at only when an operation runs, and anew for every query.
+/// Queries follow symbolic links. A dangling link, or a loop of links, does not exist and is not
+/// reported as a link either.
+///
+/// Ownership: owns its back end. A copy shares nothing with its source: it gets a new POSIX back
+/// end on the source's path, whatever the source had. There is no moving, only copying. Streams
+/// belong to the caller and do not depend on the handle.
+///
+/// Threads: Not thread-safe: the caller synchronises. That includes queries. Distinct handles are
+/// independent, also on the same path.
+///
+/// Failure: `false`, 0, an empty value, the end iterator or a stream in the failed state; the
+/// reason is not kept, and `errno` is neither promised nor protected. Only exhausted memory is
+/// reported, as `std::bad_alloc`; an assignment that throws changes nothing. Nothing is protected
+/// against another process that changes the entries meanwhile.
+///
+/// Units: sizes in bytes, times in whole seconds since the epoch, permissions as the nine bits of
+/// octal 0777.
+///
+/// Example:
+///
+///     FileHandle logs = FileHandle("/data").Open("logs");
+///     if (logs.IsDirectory() || logs.CreateDirectory()) {
+///         *logs.Open("a.txt").CreateOutputStream(std::ios_base::app) << "line\n";
+///     }
+class OVRA_API FileHandle {
+public:
+    /// Keeps the path unchanged and does not touch the file system.
+    FileHandle(std::string const& path);  // NOLINT(google-explicit-constructor)
+
+    FileHandle(FileHandle const& other);
+    FileHandle& operator=(FileHandle const& other);
+    virtual ~FileHandle();
+
+    FilePath Path() const;
+    /// The last component of the path.
+    std::string FileName() const;
+    /// The handle on the path with ".." resolved against it and folded away, without asking the
+    /// disk. There is no special case, so the empty path counts as the root here:
+    ///
+    ///     "/a/b" -> "/a"     "name" -> "."      "/" -> "/.."
+    ///     "/a"   -> "/"      ".."   -> "../.."  ""  -> "/.."
+    FileHandle ParentDirectory() const;
+    /// The handle on `path` below this one, or on `path` itself if it is absolute; see
+    /// FilePath::Resolve(). Opens nothing and checks nothing. The empty path counts as the root:
+    ///
+    ///     "/d"  "x"  -> "/d/x"      "/d" "/x" -> "/x"
+    ///     "/d/" "x"  -> "/d/x"      ""   "x"  -> "/x"
+    FileHandle Open(FilePath const& path) const;
+    FileHandle Open(std::string const& path) const;
+
+    /// The first entry of this directory; equal to End() when there is none or the directory cannot
+    /// be read.
+    FileIterator Begin() const;
+    FileIterator End();
+
+    bool Exists() const;
+    bool IsFile() const;
+    bool IsDirectory() const;
+    /// True only for a link whose target exists.
+    bool IsSymbolicLink() const;
+    /// The bare names of the entries, in the system's order, without "." and ".."; empty when the
+    /// directory cannot be read.
+    std::vector<std::string> ListDirectory() const;
+    /// The size of a regular file; 0 for everything else, directories included.
+    std::int64_t Size() const;
+    std::int64_t ModificationTime() const;
+
+    /// Creates the last component, with mode 0775 less the umask. `false` if the entry exists, as a
+    /// directory too.
+    bool CreateDirectory();
+    /// Removes whatever is here: an empty directory, but also a file, a special file or a link (the
+    /// link itself). `true` also when nothing can be seen here: the entry is missing, is a dangling
+    /// link (which stays), or lies in a directory that may not be searched.
+    bool RemoveDirectory();
+    /// Removes the directory with everything in it.
+    ///
+    /// **Links to directories are followed:** the contents of a link's target are deleted wherever
+    /// it lies, then the link; the target itself stays, empty. Links to files are only removed.
+    ///
+    /// Dangling links, pipes, sockets, devices and links to these stay, and with them the
+    /// directories above. The result is then `false`; what could be removed is gone. `false` too,
+    /// and nothing touched, if this is not a directory.
+    ///
+    /// One directory, and so one file descriptor, is open per level. What lies deeper than the
+    /// limit on descriptors allows stays, and the result is `false`.
+    bool RemoveDirectoryRecursive();
+    /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
+    /// a directory. The link's contents are this path as it stands, so a relative one is read
+    /// relative to the directory of the link, not to the current directory. `false` if this entry
+    /// does not exist or the place is taken.
+    bool CreateSymbolicLink(FileHandle& target);
+    /// Copies the bytes of a regular file (or of a link's target, if that is one) to `target`, or
+    /// into it under this name if `target` is a directory. An existing file is overwritten in place
+    /// and keeps its mode and owner; a new one gets neither from the source.
+    ///
+    /// **`true` says that both files were opened, not that all bytes arrived:** a short write or a
+    /// full disk gives `true` too.
+    ///
+    /// **Copied onto itself, onto a link to itself or into its own directory, the file ends up
+    /// empty, with `true`.** When the source cannot be read, `target` may have been emptied as
+    /// well.
+    ///
+    /// Blocks while `target` is a named pipe that nobody reads.
+    bool Copy(FileHandle& target);
+    /// Moves the entry to `target`, replacing a file there, or into it under this name if `target`
+    /// is a directory. Nothing is moved across file systems. This handle still names the old place.
+    ///
+    /// Onto another hard link of the same file nothing moves, and the result is `true`.
+    bool Move(FileHandle& target);
+    /// Gives the entry another name in its directory, replacing a file of that name; this handle
+    /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, ".."
+    /// out.
+    ///
+    /// **A relative path of one component goes to the root directory**, because "/" and the name
+    /// are added to a directory part that is empty:
+    ///
+    ///     "/a/f"  "g" -> "/a//g"      "a/f" "g" -> "a//g"      "f" "g" -> "/g"
+    bool Rename(std::string const& name);
+    /// Removes a regular file or a link that resolves; the link's target stays. `false` for
+    /// directories, special files and dangling links, which all stay.
+    bool Remove();
+
+    unsigned int UserId() const;
+    /// Follows a link to its target. The group is read and passed along: should the entry become
+    /// readable only after that, its group is set to 0.
+    void SetUserId(unsigned int userId);
+    unsigned int GroupId() const;
+    /// Follows a link to its target. The user is read and passed along: should the entry become
+    /// readable only after that, its user is set to 0.
+    void SetGroupId(unsigned int groupId);
+    /// Without the set-user-id, set-group-id and sticky bits.
+    unsigned long Permissions() const;
+    /// Follows a link to its target. Bits other than the nine are dropped, so a set-user-id,
+    /// set-group-id or sticky bit that the entry had is cleared.
+    void SetPermissions(unsigned long permissions);
+
+    /// A file stream on the entry, opened with `mode | in`; never null, with failbit set when it
+    /// could not be opened. Opening a named pipe blocks until somebody writes to it.
+    std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const;
+    /// A file stream on the entry, opened with `mode | out`; never null, with failbit set when it
+    /// could not be opened. A mode of 0 or of binary alone creates the file or empties it. Opening
+    /// a named pipe blocks until somebody reads from it.
+    std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const;
+
+    /// Drops the back end's cached status. Queries read anew without it.
+    void UpdateFileStatus();
+
+private:
+    friend struct FileHandleTestPeer;
+
+    // Every constructor sets it. Without it, operations do nothing and answer false, 0 or empty.
+    std::unique_ptr<FileHandleBackend> backend;
+};
+
+}  // namespace ovra::fs

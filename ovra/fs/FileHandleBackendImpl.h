@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <ios>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <ovra/Export.h>
+#include <ovra/fs/FileHandle.h>
+
+struct stat;
+
+namespace ovra::fs {
+
+/// One file-system entry, reached through the operating system's calls.
+///
+/// Every query asks the file system anew with one `lstat`, and one `stat` more when the path is a
+/// symbolic link; nothing is ever answered from an earlier read. What each operation means to a
+/// caller stands at FileHandle; here stands what a derived back end has to know.
+///
+/// Ownership: owned by one FileHandle, or made directly. Neither copied nor moved.
+///
+/// Threads: Not thread-safe: the caller synchronises. That includes queries, which write the status
+/// record. Separate objects on one path are independent.
+///
+/// Failure: `false`, 0, an empty value or a failed stream; the reason is not kept. Only exhausted
+/// memory is reported, as `std::bad_alloc`.
+///
+/// Units: bytes, and whole seconds since the epoch.
+class OVRA_API FileHandleBackendImpl : public FileHandleBackend {
+public:
+    /// Keeps the path unchanged and does not touch the file system. The system's calls see the path
+    /// up to its first NUL.
+    explicit FileHandleBackendImpl(std::string const& entryPath);
+
+    FileHandleBackendImpl(FileHandleBackendImpl const&) = delete;
+    FileHandleBackendImpl& operator=(FileHandleBackendImpl const&) = delete;
+    ~FileHandleBackendImpl() override;
+
+    std::string Path() const override;
+    /// Reads the status. All other queries ask this one first, so a derived class that overrides it
+    /// decides for them; without a status record they still answer `false` or 0.
+    bool Exists() const override;
+    bool IsFile() const override;
+    bool IsDirectory() const override;
+    bool IsSymbolicLink() const override;
+    std::vector<std::string> ListDirectory() const override;
+    /// Asks IsFile(), which a derived class may override.
+    std::int64_t Size() const override;
+    std::int64_t ModificationTime() const override;
+    /// Always empty.
+    std::unique_ptr<FileHandleBackend> Open(std::string const& path) const override;
+    bool CreateDirectory() override;
+    bool RemoveDirectory() override;
+    bool CreateSymbolicLink(FileHandle const& target) override;
+    bool Copy(FileHandle const& target) override;
+    bool Move(FileHandle const& target) override;
+    bool Rename(std::string const& name) override;
+    bool Remove() override;
+    unsigned int UserId() const override;
+    /// Passes GroupId() as the group.
+    void SetUserId(unsigned int userId) override;
+    unsigned int GroupId() const override;
+    /// Passes UserId() as the user.
+    void SetGroupId(unsigned int groupId) override;
+    unsigned long Permissions() const override;
+    void SetPermissions(unsigned long permissions) override;
+    std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const override;
+    std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const override;
+    void UpdateFileStatus() override;
+
+    /// Reads the status of the entry, or of a link's final target, into the record. When that fails
+    /// there is no record. The record is kept and reused until a read fails or the status is
+    /// dropped.
+    void ReadFileStatus() const;
+
+private:
+    std::string path;
+    mutable std::unique_ptr<struct stat> status;  // null: no valid status
+    mutable bool symbolicLink = false;            // what the last successful lstat found
+};
+
+}  // namespace ovra::fs
