@@ -189,12 +189,13 @@ public:
     bool Remove();
 
     unsigned int UserId() const;
-    /// Follows a link to its target. The group is read and passed along: should the entry become
-    /// readable only after that, its group is set to 0.
+    /// Follows a link to its target. Passes the group that a query gives, and that is 0 for an
+    /// entry that cannot be read: should it have appeared by the time of the change, its group
+    /// becomes 0.
     void SetUserId(unsigned int userId);
     unsigned int GroupId() const;
-    /// Follows a link to its target. The user is read and passed along: should the entry become
-    /// readable only after that, its user is set to 0.
+    /// Follows a link to its target. Passes the user that a query gives, and that is 0 for an entry
+    /// that cannot be read: should it have appeared by the time of the change, its user becomes 0.
     void SetGroupId(unsigned int groupId);
     /// Without the set-user-id, set-group-id and sticky bits.
     unsigned long Permissions() const;

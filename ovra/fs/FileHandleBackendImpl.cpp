@@ -18,8 +18,8 @@ namespace {
 
 constexpr unsigned long PERMISSION_BITS = 0777;
 constexpr mode_t NEW_DIRECTORY_MODE = 0775;
-constexpr std::int64_t SMALLEST_COPY_BUFFER = 4 * 1024;
-constexpr std::int64_t LARGEST_COPY_BUFFER = 64 * 1024;
+constexpr std::int64_t SMALLEST_COPY_BUFFER = 4096;
+constexpr std::int64_t LARGEST_COPY_BUFFER = 65536;
 
 // Where an entry lands: inside `target` under its own last component if `target` is a directory,
 // and at `target` itself otherwise.

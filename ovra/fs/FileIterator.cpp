@@ -50,6 +50,7 @@ void FileIteratorBackendImpl::Next() {
     }
     auto const isDotOrDotDot = [](std::string_view name) { return name == "." || name == ".."; };
     do {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this object's own.
         entry = ::readdir(static_cast<DIR*>(stream.get()));
     } while (entry != nullptr && isDotOrDotDot(entry->d_name));
 }

@@ -23,21 +23,21 @@ namespace ovra::fs {
 ///
 /// Example: the components of a path, where separators collapse and a last one is dropped.
 ///
-///     path                 -> directory   file name     base name   extension  full path
-///     ""                   -> ""          ""            ""          ""         ""
-///     "/"                  -> "/"         "/"           "/"         ""         "/"
-///     "C:"                 -> "C:/"       "C:/"         "C:/"       ""         "C:/"
-///     "file.txt"           -> ""          "file.txt"    "file"      ".txt"     "file.txt"
-///     "/usr/lib/libx.so.1" -> "/usr/lib/" "libx.so.1"   "libx"      ".so.1" "/usr/lib/libx.so.1"
-///     "a/b/"               -> "a/"        "b"           "b"         ""         "a/b"
-///     "a/b//"              -> "a/b/"      ""            ""          ""         "a/b/"
-///     "//a//b"             -> "/a/"       "b"           "b"         ""         "/a/b"
-///     "C:/dir/x.y"         -> "C:/dir/"   "x.y"         "x"         ".y"       "C:/dir/x.y"
-///     ".profile"           -> ""          ".profile"    ".profile"  ""         ".profile"
-///     "..hidden"           -> ""          "..hidden"    "."         ".hidden"  "..hidden"
-///     "dir/.."             -> "dir/"      ".."          ".."        ""         "dir/.."
-///     "x."                 -> ""          "x."          "x"         "."        "x."
-///     "./a"                -> "./"        "a"           "a"         ""         "./a"
+///     path                 -> directory   file name   base name  extension full path
+///     ""                   -> ""          ""          ""         ""        ""
+///     "/"                  -> "/"         "/"         "/"        ""        "/"
+///     "C:"                 -> "C:/"       "C:/"       "C:/"      ""        "C:/"
+///     "file.txt"           -> ""          "file.txt"  "file"     ".txt"    "file.txt"
+///     "/usr/lib/libx.so.1" -> "/usr/lib/" "libx.so.1" "libx"     ".so.1"   "/usr/lib/libx.so.1"
+///     "a/b/"               -> "a/"        "b"         "b"        ""        "a/b"
+///     "a/b//"              -> "a/b/"      ""          ""         ""        "a/b/"
+///     "//a//b"             -> "/a/"       "b"         "b"        ""        "/a/b"
+///     "C:/dir/x.y"         -> "C:/dir/"   "x.y"       "x"        ".y"      "C:/dir/x.y"
+///     ".profile"           -> ""          ".profile"  ".profile" ""        ".profile"
+///     "..hidden"           -> ""          "..hidden"  "."        ".hidden" "..hidden"
+///     "dir/.."             -> "dir/"      ".."        ".."       ""        "dir/.."
+///     "x."                 -> ""          "x."        "x"        "."       "x."
+///     "./a"                -> "./"        "a"         "a"        ""        "./a"
 class OVRA_API FilePath {
 public:
     /// The empty path.
