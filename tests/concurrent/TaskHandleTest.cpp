@@ -1,0 +1,509 @@
+#include <ovra/concurrent/TaskHandle.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tests/concurrent/Work.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/LogRecorder.h>
+#include <tests/support/VirtualTable.h>
+
+namespace ovra::concurrent {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+static_assert(std::has_virtual_destructor_v<TaskHandle>);
+static_assert(!std::is_polymorphic_v<SubmittedTaskProxy>);
+static_assert(std::is_default_constructible_v<SubmittedTaskProxy>);
+static_assert(std::is_aggregate_v<SubmittedTaskProxy>, "a plain record");
+static_assert(
+    std::is_same_v<decltype(SubmittedTaskProxy::getState), std::function<Executable::State()>>);
+static_assert(
+    std::is_same_v<decltype(SubmittedTaskProxy::getResult), std::function<Executable::Result()>>);
+static_assert(std::is_same_v<decltype(SubmittedTaskProxy::updatePriority),
+                             std::function<void(TaskPriority)>>);
+static_assert(std::is_same_v<decltype(SubmittedTaskProxy::cancel), std::function<void()>>);
+static_assert(
+    std::is_same_v<decltype(SubmittedTaskProxy::waitForCompletion), std::function<void()>>);
+
+class SubmittedTaskProxyTest : public test::BoundedTest {};
+class TaskHandleTest : public test::BoundedTest {};
+
+std::future_errc errorOf(std::function<void()> const& action) {
+    try {
+        action();
+    } catch (std::future_error const& e) {
+        return static_cast<std::future_errc>(e.code().value());
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {};
+}
+
+// --- the proxy
+
+TEST_F(SubmittedTaskProxyTest, MembersStandInTheirOrder) {
+    SubmittedTaskProxy proxy;
+    EXPECT_LT(static_cast<void*>(&proxy.getState), static_cast<void*>(&proxy.getResult));
+    EXPECT_LT(static_cast<void*>(&proxy.getResult), static_cast<void*>(&proxy.updatePriority));
+    EXPECT_LT(static_cast<void*>(&proxy.updatePriority), static_cast<void*>(&proxy.cancel));
+    EXPECT_LT(static_cast<void*>(&proxy.cancel), static_cast<void*>(&proxy.waitForCompletion));
+}
+
+TEST_F(SubmittedTaskProxyTest, ReadsTheLiveTask) {
+    auto const task = submission();
+    auto const proxy = SubmittedTask::provideProxy(task);
+
+    task->setState(Executable::READY);
+    task->setResult(Executable::FAILURE);
+
+    EXPECT_EQ(proxy->getState(), Executable::READY);
+    EXPECT_EQ(proxy->getResult(), Executable::FAILURE);
+}
+
+TEST_F(SubmittedTaskProxyTest, AnswersForATaskThatIsGone) {
+    auto task = submission();
+    auto const proxy = SubmittedTask::provideProxy(task);
+    task.reset();
+
+    EXPECT_EQ(proxy->getState(), Executable::DONE);
+    EXPECT_EQ(proxy->getResult(), Executable::SUCCESS);
+    proxy->updatePriority(HIGH);
+    proxy->cancel();
+    proxy->waitForCompletion();
+}
+
+TEST_F(SubmittedTaskProxyTest, OfNoTaskAnswersAsForOneThatIsGone) {
+    auto const proxy = SubmittedTask::provideProxy({});
+
+    EXPECT_EQ(proxy->getState(), Executable::DONE);
+    EXPECT_EQ(proxy->getResult(), Executable::SUCCESS);
+    proxy->updatePriority(HIGH);
+    proxy->cancel();
+    proxy->waitForCompletion();
+}
+
+TEST_F(SubmittedTaskProxyTest, UpdatesPriorityAndRank) {
+    auto const task = submission(succeed(), HIGH);
+    task->setRank(5000000);
+
+    SubmittedTask::provideProxy(task)->updatePriority(NORMAL);
+
+    EXPECT_EQ(task->getPriority(), NORMAL);
+    EXPECT_EQ(task->getRank(), 1000u);
+}
+
+TEST_F(SubmittedTaskProxyTest, CancelsThroughTheVirtualOperation) {
+    class Observed : public SubmittedTask {
+    public:
+        Observed() : SubmittedTask(succeed(), NORMAL, Callback(), "observed") {}
+        void setState(Executable::State newState) override { states.push_back(newState); }
+        std::vector<Executable::State> states;
+    };
+    auto const task = std::make_shared<Observed>();
+
+    SubmittedTask::provideProxy(task)->cancel();
+
+    EXPECT_THAT(task->states, ElementsAre(Executable::CANCELLED));
+}
+
+TEST_F(SubmittedTaskProxyTest, CancelsWhateverTheState) {
+    for (auto const state : {Executable::UNSCHEDULED, Executable::READY, Executable::EXECUTING,
+                             Executable::CANCELLED, Executable::DONE}) {
+        auto const task = submission();
+        task->setState(state);
+
+        SubmittedTask::provideProxy(task)->cancel();
+
+        EXPECT_EQ(task->getState(), Executable::CANCELLED) << taskStateToName(state);
+        EXPECT_EQ(task->getResult(), Executable::NO_RESULT);
+    }
+}
+
+TEST_F(SubmittedTaskProxyTest, HoldsTheTaskWeaklyBetweenCalls) {
+    auto task = submission();
+    auto const proxy = SubmittedTask::provideProxy(task);
+    EXPECT_EQ(task.use_count(), 1);
+
+    proxy->getState();
+    proxy->getResult();
+    proxy->updatePriority(LOW);
+    proxy->cancel();
+    task->setPromiseValue();
+    proxy->waitForCompletion();
+
+    EXPECT_EQ(task.use_count(), 1);
+}
+
+TEST_F(SubmittedTaskProxyTest, MembersDoNotNeedTheRecord) {
+    auto const task = submission();
+    SubmittedTaskProxy copy;
+    {
+        auto const proxy = SubmittedTask::provideProxy(task);
+        EXPECT_EQ(proxy.use_count(), 1);
+        copy = *proxy;
+    }
+
+    copy.cancel();
+
+    EXPECT_EQ(copy.getState(), Executable::CANCELLED);
+}
+
+TEST_F(SubmittedTaskProxyTest, WaitKeepsTheTaskAlive) {
+    auto task = submission();
+    std::weak_ptr<SubmittedTask> const watched = task;
+    auto const proxy = SubmittedTask::provideProxy(watched);
+    std::thread waiter([&proxy] { proxy->waitForCompletion(); });
+    test::yieldUntil([&] { return watched.use_count() == 2; });
+
+    task.reset();
+    EXPECT_EQ(watched.use_count(), 1);
+    watched.lock()->setPromiseValue();
+    waiter.join();
+
+    EXPECT_TRUE(watched.expired());
+}
+
+// --- the handle
+
+TEST_F(TaskHandleTest, StartsWithTheStateAndResultOfItsTask) {
+    auto const task = submission();
+    task->setState(Executable::EXECUTING);
+    task->setResult(Executable::FAILURE);
+
+    TaskHandle const handle(SubmittedTask::provideProxy(task));
+
+    EXPECT_EQ(handle.getState(), Executable::EXECUTING);
+    EXPECT_EQ(handle.getResult(), Executable::FAILURE);
+    EXPECT_EQ(handle.getException(), nullptr);
+}
+
+TEST_F(TaskHandleTest, AsksTheProxyOnceForStateThenResult) {
+    std::vector<std::string> calls;
+    auto const proxy = std::make_shared<SubmittedTaskProxy>();
+    proxy->getState = [&calls] {
+        calls.emplace_back("state");
+        return Executable::READY;
+    };
+    proxy->getResult = [&calls] {
+        calls.emplace_back("result");
+        return Executable::REPEAT;
+    };
+
+    TaskHandle const handle(proxy);
+    EXPECT_EQ(handle.getState(), Executable::READY);
+    EXPECT_EQ(handle.getResult(), Executable::REPEAT);
+    EXPECT_FALSE(handle.isDone());
+
+    EXPECT_THAT(calls, ElementsAre("state", "result"));
+}
+
+TEST_F(TaskHandleTest, OfAnEmptyProxyIsDoneAndDoesNothing) {
+    TaskHandle handle(std::make_shared<SubmittedTaskProxy>());
+
+    EXPECT_EQ(handle.getState(), Executable::DONE);
+    EXPECT_EQ(handle.getResult(), Executable::SUCCESS);
+    EXPECT_TRUE(handle.isDone());
+    EXPECT_EQ(handle.getException(), nullptr);
+    handle.cancel();
+    handle.updatePriority(HIGH);
+    handle.waitForCompletion();
+    EXPECT_EQ(handle.getState(), Executable::DONE);
+}
+
+TEST_F(TaskHandleTest, EachEmptyMemberOfAProxyIsMissedAlone) {
+    auto const withoutState = std::make_shared<SubmittedTaskProxy>();
+    withoutState->getResult = [] { return Executable::ABORTED; };
+    auto const withoutResult = std::make_shared<SubmittedTaskProxy>();
+    withoutResult->getState = [] { return Executable::EXECUTING; };
+
+    EXPECT_EQ(TaskHandle(withoutState).getState(), Executable::DONE);
+    EXPECT_EQ(TaskHandle(withoutState).getResult(), Executable::ABORTED);
+    EXPECT_EQ(TaskHandle(withoutResult).getState(), Executable::EXECUTING);
+    EXPECT_EQ(TaskHandle(withoutResult).getResult(), Executable::SUCCESS);
+}
+
+TEST_F(TaskHandleTest, OfNoProxyIsDoneAndDoesNothing) {
+    TaskHandle handle(nullptr);
+
+    EXPECT_EQ(handle.getState(), Executable::DONE);
+    EXPECT_EQ(handle.getResult(), Executable::SUCCESS);
+    handle.cancel();
+    handle.updatePriority(HIGH);
+    handle.waitForCompletion();
+}
+
+TEST_F(TaskHandleTest, PassesItsOperationsToTheProxy) {
+    std::vector<std::string> calls;
+    auto const proxy = std::make_shared<SubmittedTaskProxy>();
+    proxy->cancel = [&calls] { calls.emplace_back("cancel"); };
+    proxy->updatePriority = [&calls](TaskPriority priority) {
+        calls.push_back("priority " + std::to_string(priority));
+    };
+    proxy->waitForCompletion = [&calls] { calls.emplace_back("wait"); };
+    TaskHandle handle(proxy);
+
+    handle.updatePriority(HIGH);
+    handle.updatePriority(static_cast<TaskPriority>(-3));
+    handle.cancel();
+    handle.waitForCompletion();
+
+    EXPECT_THAT(calls, ElementsAre("priority 3", "priority -3", "cancel", "wait"));
+    EXPECT_EQ(handle.getState(), Executable::DONE) << "only the task changes the state";
+}
+
+TEST_F(TaskHandleTest, SharesItsProxy) {
+    auto const proxy = std::make_shared<SubmittedTaskProxy>();
+    {
+        TaskHandle const handle(proxy);
+        EXPECT_EQ(proxy.use_count(), 2);
+    }
+    EXPECT_EQ(proxy.use_count(), 1);
+}
+
+TEST_F(TaskHandleTest, KeepsWhatIsPushed) {
+    TaskHandle handle(nullptr);
+    auto const e = std::make_exception_ptr(std::runtime_error("x"));
+
+    handle.setState(Executable::READY);
+    handle.setResult(Executable::ABORTED);
+    handle.setException(e);
+
+    EXPECT_EQ(handle.getState(), Executable::READY);
+    EXPECT_EQ(handle.getResult(), Executable::ABORTED);
+    EXPECT_EQ(handle.getException(), e);
+    handle.setException(nullptr);
+    EXPECT_EQ(handle.getException(), nullptr);
+}
+
+TEST_F(TaskHandleTest, QueriesDoNotConsultTheProxy) {
+    auto const task = submission();
+    TaskHandle const handle(SubmittedTask::provideProxy(task));
+
+    task->setState(Executable::DONE);
+    task->setResult(Executable::FAILURE);
+
+    EXPECT_EQ(handle.getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(handle.getResult(), Executable::NO_RESULT);
+    EXPECT_FALSE(handle.isDone());
+}
+
+TEST_F(TaskHandleTest, IsDoneWhenDoneOrCancelled) {
+    TaskHandle handle(nullptr);
+    for (int state = 0; state <= 6; ++state) {
+        handle.setState(static_cast<Executable::State>(state));
+        EXPECT_EQ(handle.isDone(), state == 4 || state == 5) << state;
+    }
+}
+
+TEST_F(TaskHandleTest, FollowsItsTaskThroughAnExecution) {
+    std::vector<int> seen;
+    std::shared_ptr<TaskHandle> handle;
+    auto const task = submission([&] {
+        seen = {handle->getState(), handle->getResult(), handle->isDone() ? 1 : 0};
+        return Executable::SUCCESS;
+    });
+    handle = linkHandle(task);
+    EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(handle->getResult(), Executable::NO_RESULT);
+    EXPECT_FALSE(handle->isDone());
+
+    task->execute();
+
+    EXPECT_THAT(seen, ElementsAre(Executable::EXECUTING, Executable::NO_RESULT, 0));
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+    EXPECT_TRUE(handle->isDone());
+}
+
+TEST_F(TaskHandleTest, CancellationShowsAtOnceWhileTheWorkStillRuns) {
+    std::shared_ptr<TaskHandle> handle;
+    bool doneInside = false;
+    auto const task = submission([&] {
+        handle->cancel();
+        doneInside = handle->isDone();
+        return Executable::SUCCESS;
+    });
+    handle = linkHandle(task);
+
+    task->execute();
+
+    EXPECT_TRUE(doneInside);
+    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+}
+
+TEST_F(TaskHandleTest, CancellingAFinishedTaskKeepsItsResult) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+    task->execute();
+    ASSERT_EQ(handle->getState(), Executable::DONE);
+
+    handle->cancel();
+
+    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+    EXPECT_EQ(task->getState(), Executable::CANCELLED);
+    EXPECT_EQ(task->getResult(), Executable::SUCCESS);
+}
+
+TEST_F(TaskHandleTest, OutlivesItsTask) {
+    auto task = submission(give(Executable::FAILURE));
+    auto const handle = linkHandle(task);
+    task->execute();
+    task.reset();
+
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE) << "not the proxy's answer";
+    handle->cancel();
+    handle->updatePriority(HIGH);
+    handle->waitForCompletion();
+    handle->waitForCompletion();
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+}
+
+TEST_F(TaskHandleTest, KeepsTheLastStateOfATaskThatNeverRan) {
+    auto waiting = submission();
+    auto cancelled = submission();
+    auto const waitingHandle = linkHandle(waiting);
+    auto const cancelledHandle = linkHandle(cancelled);
+    cancelledHandle->cancel();
+
+    waiting.reset();
+    cancelled.reset();
+
+    EXPECT_EQ(waitingHandle->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(waitingHandle->getResult(), Executable::NO_RESULT);
+    EXPECT_EQ(cancelledHandle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(cancelledHandle->getResult(), Executable::NO_RESULT);
+}
+
+TEST_F(TaskHandleTest, DoesNotKeepItsTaskAlive) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+
+    EXPECT_EQ(task.use_count(), 1);
+    EXPECT_EQ(handle.use_count(), 1);
+}
+
+TEST_F(TaskHandleTest, DestructionDoesNotTouchTheTask) {
+    auto const task = submission();
+    linkHandle(task).reset();
+
+    EXPECT_EQ(task->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(task->execute(), Executable::SUCCESS);
+}
+
+TEST_F(TaskHandleTest, ReleasesTheExceptionBeforeTheProxy) {
+    std::vector<std::string> order;
+    struct TellingError : std::runtime_error {
+        explicit TellingError(std::shared_ptr<void> toHold)
+            : std::runtime_error("telling"), held(std::move(toHold)) {}
+        std::shared_ptr<void> held;
+    };
+    auto proxy = std::make_shared<SubmittedTaskProxy>();
+    proxy->cancel = [end = test::atEnd([&order] { order.emplace_back("proxy"); })] {};
+    auto handle = std::make_shared<TaskHandle>(proxy);
+    proxy.reset();
+    handle->setException(std::make_exception_ptr(
+        TellingError(test::atEnd([&order] { order.emplace_back("exception"); }))));
+    ASSERT_THAT(order, IsEmpty());
+
+    handle.reset();
+
+    EXPECT_THAT(order, ElementsAre("exception", "proxy"));
+}
+
+TEST_F(TaskHandleTest, WaitReturnsForEveryOutcome) {
+    for (int const result : {1, 2, 3, 4, 0}) {
+        auto const task = submission(give(result));
+        auto const handle = linkHandle(task);
+        std::thread worker([&task] { task->execute(); });
+
+        handle->waitForCompletion();
+
+        EXPECT_EQ(handle->getState(), Executable::DONE);
+        EXPECT_EQ(std::int32_t{handle->getResult()}, result);
+        worker.join();
+    }
+}
+
+TEST_F(TaskHandleTest, SecondWaitOnALiveTaskThrows) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+    task->setPromiseValue();
+    handle->waitForCompletion();
+
+    EXPECT_EQ(errorOf([&] { handle->waitForCompletion(); }),
+              std::future_errc::future_already_retrieved);
+}
+
+TEST_F(TaskHandleTest, OfTwoThreadsThatWaitOneThrows) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+    std::atomic<int> refused{0};
+    auto const waitOrRelease = [&] {
+        try {
+            handle->waitForCompletion();
+        } catch (std::future_error const& e) {
+            EXPECT_EQ(e.code(), std::future_errc::future_already_retrieved);
+            ++refused;
+            task->setPromiseValue();  // Releases the other one.
+        }
+    };
+
+    std::thread first(waitOrRelease);
+    std::thread second(waitOrRelease);
+    first.join();
+    second.join();
+
+    EXPECT_EQ(refused, 1);
+}
+
+TEST_F(TaskHandleTest, ExceptionCanBeReadAfterTheWait) {
+    auto const thrown = std::make_exception_ptr(std::runtime_error("x"));
+    auto const task =
+        submission([&thrown]() -> Executable::Result { std::rethrow_exception(thrown); });
+    auto const handle = linkHandle(task);
+    std::thread worker([&task] { task->execute(); });
+
+    handle->waitForCompletion();
+
+    EXPECT_EQ(handle->getException(), thrown);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+    worker.join();
+}
+
+TEST_F(TaskHandleTest, LogsNothing) {
+    test::LogRecorder recorder;
+    auto task = submission();
+    auto const handle = linkHandle(task);
+
+    handle->updatePriority(HIGH);
+    handle->cancel();
+    task->setPromiseValue();
+    handle->waitForCompletion();
+    errorOf([&] { handle->waitForCompletion(); });
+    task.reset();
+    handle->cancel();
+    handle->waitForCompletion();
+
+    EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
+TEST_F(TaskHandleTest, OnlyItsDestructorIsVirtual) {
+    EXPECT_EQ(test::virtualSlotCount("TaskHandle"), 2u);
+}
+
+}  // namespace
+}  // namespace ovra::concurrent

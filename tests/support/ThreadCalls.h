@@ -1,0 +1,41 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <functional>
+#include <vector>
+
+namespace ovra::test {
+
+/// While it lives, sees every call of these thread functions in the process before it is made, on
+/// the calling thread. For tests that must stop a thread at an exact place, or let a call fail.
+///
+/// Link ThreadCalls.cpp into the test. Set the hooks, then `install()`; the object must outlive
+/// every call that finds it installed. Calls made from within a hook are not seen.
+struct ThreadCalls {
+    ThreadCalls() = default;
+    ThreadCalls(ThreadCalls const&) = delete;
+    ThreadCalls& operator=(ThreadCalls const&) = delete;
+    ~ThreadCalls();
+
+    void install();
+
+    /// An error number to fail with, or 0 to go on.
+    std::function<int()> onCreate;
+    std::function<int(pthread_mutex_t*)> onLock;
+
+    std::function<void(pthread_t)> afterCreate;
+    std::function<void(pthread_t)> onJoin;
+    std::function<void(pthread_cond_t*, pthread_mutex_t*)> onWait;
+    std::function<void(pthread_cond_t*)> onSignal;
+    std::function<void(pthread_cond_t*)> onBroadcast;
+    std::function<void()> onYield;
+};
+
+/// The mutexes that this thread locks in the course of `action`, in order.
+std::vector<pthread_mutex_t*> mutexesLockedBy(std::function<void()> const& action);
+
+/// Whether `mutex` is locked, by whichever thread.
+bool isLocked(pthread_mutex_t* mutex);
+
+}  // namespace ovra::test
