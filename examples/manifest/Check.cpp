@@ -1,0 +1,191 @@
+#include "Check.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <istream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <ovra/fs/FileHandle.h>
+
+#include "HashTask.h"
+#include "Hasher.h"
+#include "ManifestLine.h"
+#include "Messages.h"
+#include "Progress.h"
+#include "Quote.h"
+
+namespace manifest {
+
+using ovra::fs::FileHandle;
+
+namespace {
+
+std::string const STANDARD_INPUT = "/dev/stdin";
+
+struct Manifest {
+    std::vector<ManifestEntry> entries;
+    std::size_t malformedLines = 0;
+    bool readError = false;
+};
+
+Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt const& interrupt) {
+    Manifest manifest;
+    ManifestReader reader;
+    std::string line;
+    while (!interrupt.requested() && std::getline(stream, line)) {
+        if (!line.empty() && line[0] == '#') {
+            continue;
+        }
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (line.empty()) {
+            continue;
+        }
+        auto entry = reader.parse(line);
+        if (entry && !(isStandardInput && entry->path == "-")) {
+            manifest.entries.push_back(*std::move(entry));
+        } else {
+            ++manifest.malformedLines;
+        }
+    }
+    manifest.readError = stream.bad();
+    return manifest;
+}
+
+// Only a newline would break the output, so sha256sum escapes no other path here.
+std::string asOneLine(std::string const& path) {
+    return path.find('\n') == std::string::npos ? path : escapedPath(path);
+}
+
+// Tells of each file what came out, and counts.
+class Report {
+public:
+    void add(ManifestEntry const& entry, HashTask const& task) {
+        std::string const& digest = task.digest();
+        if (!task.error().empty()) {
+            complain(quoted(entry.path) + ": " + task.error());
+            ++unreadable;
+            std::cout << asOneLine(entry.path) + ": FAILED open or read\n";
+        } else if (digest.empty()) {
+            return;  // Not begun before Ctrl-C.
+        } else if (std::equal(digest.begin(), digest.end(), entry.digest.begin(), sameDigit)) {
+            std::cout << asOneLine(entry.path) + ": OK\n";
+        } else {
+            ++different;
+            std::cout << asOneLine(entry.path) + ": FAILED\n";
+        }
+        ++told;
+    }
+
+    void warn(std::size_t malformedLines) const {
+        warnOf(malformedLines, "line is improperly formatted", "lines are improperly formatted");
+        warnOf(unreadable, "listed file could not be read", "listed files could not be read");
+        warnOf(different, "computed checksum did NOT match", "computed checksums did NOT match");
+    }
+
+    std::size_t filesTold() const { return told; }
+    bool isAllWell() const { return unreadable == 0 && different == 0; }
+
+private:
+    static bool sameDigit(char computed, char listed) {
+        return computed == std::tolower(static_cast<unsigned char>(listed));
+    }
+    static void warnOf(std::size_t count, char const* one, char const* many) {
+        if (count > 0) {
+            complain("WARNING: " + std::to_string(count) + ' ' + (count == 1 ? one : many));
+        }
+    }
+
+    std::size_t told = 0;
+    std::size_t unreadable = 0;
+    std::size_t different = 0;
+};
+
+}  // namespace
+
+ExitStatus check(Options const& options, Interrupt& interrupt) {
+    bool const isStandardInput = options.manifest == "-";
+    std::string const source = isStandardInput ? STANDARD_INPUT : options.manifest;
+    std::string const name = quoted(isStandardInput ? "standard input" : options.manifest);
+    auto const stream = FileHandle(source).CreateInputStream(std::ios_base::binary);
+    if (!*stream) {
+        complain(name + ": " + whyFileNotOpened(source));
+        return TROUBLE;
+    }
+    Manifest const manifest = readManifest(*stream, isStandardInput, interrupt);
+
+    std::int64_t bytes = 0;
+    std::vector<std::int64_t> sizes;
+    for (auto const& entry : manifest.entries) {
+        sizes.push_back(FileHandle(entry.path).Size());
+        bytes += sizes.back();
+    }
+    auto const progress =
+        std::make_shared<Progress>(manifest.entries.size(), bytes, !options.verbose);
+    std::vector<std::shared_ptr<HashTask>> tasks;
+    for (auto const& entry : manifest.entries) {
+        tasks.push_back(std::make_shared<HashTask>(entry.path == "-" ? STANDARD_INPUT : entry.path,
+                                                   sizes[tasks.size()], progress));
+    }
+
+    Report report;
+    std::size_t ended = 0;
+    {
+        Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
+        auto const endNext = [&] {
+            hasher.waitFor(ended);
+            if (!options.verbose) {
+                progress->hide();
+                report.add(manifest.entries[ended], *tasks[ended]);
+            }
+            ++ended;
+        };
+        for (auto const& task : tasks) {
+            if (!hasher.submit(task)) {
+                break;
+            }
+            while (ended < hasher.submitted() && hasher.isReady(ended)) {
+                endNext();
+            }
+        }
+        while (ended < hasher.submitted()) {
+            endNext();
+        }
+    }
+    progress->finish();
+    if (options.verbose) {
+        // Only now that nobody logs any more: both go to standard output.
+        for (std::size_t number = 0; number < ended; ++number) {
+            report.add(manifest.entries[number], *tasks[number]);
+        }
+    }
+    std::cout << std::flush;
+
+    if (interrupt.requested()) {
+        complain("interrupted after " + std::to_string(report.filesTold()) + " of " +
+                 std::to_string(tasks.size()) + " files");
+        return INTERRUPTED;
+    }
+    if (manifest.readError) {
+        complain(name + ": read error");
+        return TROUBLE;
+    }
+    if (tasks.empty()) {
+        complain(name + ": no properly formatted checksum lines found");
+        return TROUBLE;
+    }
+    report.warn(manifest.malformedLines);
+    if (!std::cout) {
+        complain("standard output: cannot be written");
+        return TROUBLE;
+    }
+    return report.isAllWell() ? ALL_WELL : TROUBLE;
+}
+
+}  // namespace manifest

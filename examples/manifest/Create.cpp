@@ -1,0 +1,145 @@
+#include "Create.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <iostream>
+#include <optional>
+
+#include <ovra/log/Log.h>
+
+#include "Logging.h"
+#include "ManifestFile.h"
+#include "ManifestLine.h"
+#include "Messages.h"
+#include "Progress.h"
+#include "Quote.h"
+#include "Walk.h"
+
+namespace manifest {
+
+namespace log = ovra::log;
+
+namespace {
+
+constexpr char TAG[] = "create()";
+
+using Tasks = std::vector<std::shared_ptr<HashTask>>;
+
+bool isAtOrBelow(std::string directory, std::string const& path) {
+    if (directory.back() != '/') {
+        directory += '/';
+    }
+    return (path + '/').compare(0, directory.size(), directory) == 0;
+}
+
+Walk walkAll(Options const& options, Interrupt const& interrupt) {
+    Walk walk(interrupt);
+    for (std::string const& ownFile : {options.output, logFile(options)}) {
+        if (!ownFile.empty()) {
+            walk.leaveOut(ownFile);
+        }
+    }
+    for (auto const& directory : options.directories) {
+        walk.addFilesBelow(directory);
+    }
+    return walk;
+}
+
+// Hashes all files, or as many as were begun before Ctrl-C, and leaves the outcome in the tasks.
+void hashAll(Tasks const& tasks, std::shared_ptr<Progress> const& progress, Options const& options,
+             Interrupt& interrupt) {
+    auto const start = std::chrono::steady_clock::now();
+    Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
+    std::size_t const raised = submitAll(hasher, tasks, options.first);
+    log::log(log::INFO, TAG, "%zu tasks at HIGH, %zu at NORMAL, %zu of them raised to HIGHEST.",
+             hasher.submittedAsSmall(), hasher.submitted() - hasher.submittedAsSmall(), raised);
+    for (std::size_t number = 0; number < hasher.submitted(); ++number) {
+        hasher.waitFor(number);
+    }
+    progress->finish();
+    std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - start;
+    log::log(log::INFO, TAG, "Read %zu of %zu files, %lld bytes, in %.3f seconds.",
+             progress->files(), tasks.size(), static_cast<long long>(progress->bytes()),
+             taken.count());
+}
+
+ExitStatus interrupted(std::size_t done, std::size_t all) {
+    complain("interrupted after " + std::to_string(done) + " of " + std::to_string(all) +
+             " files: no manifest written");
+    return INTERRUPTED;
+}
+
+}  // namespace
+
+std::size_t submitAll(Hasher& hasher, Tasks tasks, std::string const& first) {
+    auto const isFirst = [&first](std::shared_ptr<HashTask> const& task) {
+        return !first.empty() && isAtOrBelow(first, task->path());
+    };
+    std::stable_partition(tasks.begin(), tasks.end(), isFirst);
+
+    std::size_t raised = 0;
+    for (auto const& task : tasks) {
+        auto const handle = hasher.submit(task);
+        if (!handle) {
+            break;
+        }
+        if (isFirst(task)) {
+            // It may have started by now, or even ended; then this does nothing.
+            handle->updatePriority(ovra::concurrent::HIGHEST);
+            ++raised;
+        }
+    }
+    return raised;
+}
+
+ExitStatus create(Options const& options, Interrupt& interrupt) {
+    std::optional<ManifestFile> output;
+    if (!options.output.empty()) {
+        output.emplace(options.output);
+    }
+
+    Walk walk = walkAll(options, interrupt);
+    std::vector<FoundFile> const files = walk.sortedFiles();
+    if (interrupt.requested()) {
+        return interrupted(0, files.size());
+    }
+
+    std::int64_t bytes = 0;
+    for (auto const& file : files) {
+        bytes += file.sizeBytes;
+    }
+    auto const progress = std::make_shared<Progress>(files.size(), bytes, !options.verbose);
+    Tasks tasks;
+    for (auto const& file : files) {
+        tasks.push_back(std::make_shared<HashTask>(file.path, file.sizeBytes, progress));
+    }
+    hashAll(tasks, progress, options, interrupt);
+
+    bool allWell = walk.isComplete();
+    std::string lines;
+    for (auto const& task : tasks) {
+        if (!task->digest().empty()) {
+            lines += manifestLine({task->digest(), task->path()});
+        } else if (!task->error().empty()) {
+            complain(quoted(task->path()) + ": " + task->error());
+            allWell = false;
+        }
+    }
+
+    if (output && !interrupt.requested()) {
+        output->write(lines);
+    }
+    if (interrupt.requested()) {
+        return interrupted(progress->files(), files.size());
+    }
+    if (output) {
+        output->moveIntoPlace();
+    } else if (!(std::cout << lines << std::flush)) {
+        complain("standard output: cannot be written");
+        allWell = false;
+    }
+    return allWell ? ALL_WELL : TROUBLE;
+}
+
+}  // namespace manifest

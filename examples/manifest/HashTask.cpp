@@ -1,0 +1,74 @@
+#include "HashTask.h"
+
+#include <cstddef>
+#include <utility>
+
+#include <ovra/fs/FileHandle.h>
+
+#include "Messages.h"
+#include "Sha256.h"
+
+namespace manifest {
+
+namespace {
+
+constexpr std::size_t BLOCK_BYTES = 65536;
+
+}  // namespace
+
+HashTask::HashTask(std::string const& filePath, std::int64_t fileSizeBytes,
+                   std::shared_ptr<Progress> sharedProgress)
+    : file(filePath),
+      nameForLog(forLog(filePath)),
+      size(fileSizeBytes),
+      progress(std::move(sharedProgress)) {}
+
+HashTask::~HashTask() = default;
+
+ovra::concurrent::Executable::Result HashTask::execute() {
+    ovra::fs::FileHandle const handle(file);
+    auto const stream = handle.CreateInputStream(std::ios_base::binary);
+    if (!*stream) {
+        reason = whyFileNotOpened(file);
+        if (reason.empty()) {
+            reason = "Input/output error";  // It can be opened by now.
+        }
+        return FAILURE;
+    }
+
+    Sha256 sha256;
+    char block[BLOCK_BYTES];
+    while (*stream) {
+        stream->read(block, sizeof block);
+        sha256.add(block, static_cast<std::size_t>(stream->gcount()));
+        progress->advance(stream->gcount());
+    }
+    if (stream->bad()) {
+        reason = handle.IsDirectory() ? "Is a directory" : "Input/output error";
+        return FAILURE;
+    }
+    computedDigest = sha256.finish();
+    return SUCCESS;
+}
+
+char const* HashTask::name() const {
+    return nameForLog.c_str();
+}
+
+std::string const& HashTask::path() const {
+    return file;
+}
+
+std::int64_t HashTask::sizeBytes() const {
+    return size;
+}
+
+std::string const& HashTask::digest() const {
+    return computedDigest;
+}
+
+std::string const& HashTask::error() const {
+    return reason;
+}
+
+}  // namespace manifest

@@ -1,0 +1,53 @@
+#include "Messages.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iostream>
+#include <system_error>
+
+#include <ovra/log/Log.h>
+
+namespace manifest {
+
+namespace {
+
+std::string whyNotOpened(std::string const& path, int flags) {
+    int const opened = open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC | flags);
+    if (opened == -1) {
+        return std::generic_category().message(errno);
+    }
+    close(opened);
+    return {};
+}
+
+}  // namespace
+
+void complain(std::string const& message) {
+    std::cerr << "ovra-manifest: " + message + '\n';
+    ovra::log::log(ovra::log::WARNING, "complain()", "%s", forLog(message).c_str());
+}
+
+std::string forLog(std::string const& text) {
+    std::string result;
+    result.reserve(text.size());
+    for (char const c : text) {
+        bool const isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+        result += isControl ? '?' : c;
+        if (c == '%') {
+            result += '%';
+        }
+    }
+    return result;
+}
+
+std::string whyFileNotOpened(std::string const& path) {
+    return whyNotOpened(path, O_NONBLOCK);
+}
+
+std::string whyDirectoryNotOpened(std::string const& path) {
+    return whyNotOpened(path, O_DIRECTORY);
+}
+
+}  // namespace manifest

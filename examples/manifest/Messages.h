@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+namespace manifest {
+
+/// Prints "ovra-manifest: " and `message` on standard error, as one line, and logs it as a warning.
+void complain(std::string const& message);
+
+/// `text` as it may be passed to the log: the system log takes each line as a format, so percent
+/// signs are doubled; control characters, which could pass for other lines, become "?".
+std::string forLog(std::string const& text);
+
+/// Why a file or a directory cannot be opened for reading, in the system's words; empty if it can.
+/// The library's file handles do not keep the reason of a failure, so these ask the system again.
+std::string whyFileNotOpened(std::string const& path);
+std::string whyDirectoryNotOpened(std::string const& path);
+
+}  // namespace manifest

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace manifest {
+
+/// What the command line asks for.
+struct Options {
+    enum Command { CREATE, CHECK, HELP, VERSION };
+
+    Command command = HELP;
+    std::vector<std::string> directories;  ///< To make a manifest of.
+    std::string manifest;                  ///< To check; "-" is standard input.
+    std::string output;                    ///< Where the manifest goes; empty: standard output.
+    std::string first;                     ///< What lies below is hashed first; may be empty.
+    std::string log;                       ///< A file or directory for the log; may be empty.
+    bool verbose = false;                  ///< Log to the standard streams.
+    unsigned int jobs = 0;                 ///< Worker threads; 0: the shared executor.
+};
+
+/// The program was called in a way that cannot work; `what()` is one line that says why.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Takes the arguments apart, without the program's name. Throws `UsageError`.
+Options parseOptions(std::vector<std::string> const& arguments);
+
+extern char const HELP_TEXT[];
+
+}  // namespace manifest

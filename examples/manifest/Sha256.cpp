@@ -1,0 +1,44 @@
+#include "Sha256.h"
+
+#include <openssl/evp.h>
+
+#include <stdexcept>
+
+namespace manifest {
+
+namespace {
+
+void require(int succeeded) {
+    if (succeeded != 1) {
+        throw std::runtime_error("SHA-256 is not available");
+    }
+}
+
+}  // namespace
+
+void Sha256::Free::operator()(evp_md_ctx_st* allocated) const {
+    EVP_MD_CTX_free(allocated);
+}
+
+Sha256::Sha256() : context(EVP_MD_CTX_new()) {
+    require(EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr));
+}
+
+void Sha256::add(char const* data, std::size_t size) {
+    require(EVP_DigestUpdate(context.get(), data, size));
+}
+
+std::string Sha256::finish() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    require(EVP_DigestFinal_ex(context.get(), digest, &size));
+
+    std::string hexadecimal;
+    for (unsigned int i = 0; i < size; ++i) {
+        hexadecimal += "0123456789abcdef"[digest[i] >> 4];
+        hexadecimal += "0123456789abcdef"[digest[i] & 15];
+    }
+    return hexadecimal;
+}
+
+}  // namespace manifest

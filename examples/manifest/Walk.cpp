@@ -1,0 +1,106 @@
+#include "Walk.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <system_error>
+
+#include <ovra/fs/FileHandle.h>
+
+#include "Messages.h"
+#include "Quote.h"
+
+namespace manifest {
+
+using ovra::fs::FileHandle;
+using ovra::fs::FileIterator;
+
+Walk::Walk(Interrupt const& ctrlC) : interrupt(ctrlC) {}
+
+void Walk::leaveOut(std::string const& path) {
+    std::size_t const nameBegin = path.rfind('/') + 1;
+    std::string const directory = nameBegin == 0 ? "." : path.substr(0, nameBegin);
+    struct stat status = {};
+    if (stat(directory.c_str(), &status) == 0) {
+        leftOut.push_back({status.st_dev, status.st_ino, path.substr(nameBegin)});
+    }
+}
+
+void Walk::addFilesBelow(std::string const& directory) {
+    // A list of what is still to be read, not recursion: one directory is open at a time, however
+    // deep the tree is.
+    std::vector<std::string> pending{directory};
+    if (directory.back() == '/') {
+        pending.back().pop_back();  // The iterator adds one.
+    }
+    while (!pending.empty() && !interrupt.requested()) {
+        std::string const next = std::move(pending.back());
+        pending.pop_back();
+        readDirectory(next, pending);
+    }
+}
+
+std::vector<FoundFile> Walk::sortedFiles() {
+    std::sort(files.begin(), files.end(),
+              [](FoundFile const& left, FoundFile const& right) { return left.path < right.path; });
+    return std::move(files);
+}
+
+bool Walk::isComplete() const {
+    return complete;
+}
+
+void Walk::readDirectory(std::string const& directory, std::vector<std::string>& pending) {
+    FileHandle handle(directory.empty() ? "/" : directory);
+    FileIterator entry = handle.Begin();
+    if (entry == handle.End()) {
+        // Empty, or not to be opened: the iterator does not say which.
+        std::string const reason = whyDirectoryNotOpened(handle.Path().Path());
+        if (!reason.empty()) {
+            failed(directory, reason);
+        }
+    }
+    for (; entry != handle.End() && !interrupt.requested(); ++entry) {
+        std::string const path = (*entry).Path();
+        std::string const name = path.substr(path.rfind('/') + 1);
+        if (!isLeftOut(directory, name)) {
+            addEntry(directory + '/' + name, pending);
+        }
+    }
+}
+
+void Walk::addEntry(std::string const& path, std::vector<std::string>& pending) {
+    FileHandle const entry(path);
+    if (entry.IsSymbolicLink()) {
+        return;
+    }
+    if (entry.IsDirectory()) {
+        pending.push_back(path);
+    } else if (entry.IsFile()) {
+        files.push_back({path, entry.Size()});
+    } else if (!entry.Exists()) {
+        // A link that leads nowhere is passed over like any other, and so is what has vanished
+        // since it was listed; the rest cannot be seen.
+        struct stat status = {};
+        if (lstat(path.c_str(), &status) != 0 && errno != ENOENT) {
+            failed(path, std::generic_category().message(errno));
+        }
+    }
+}
+
+bool Walk::isLeftOut(std::string const& directory, std::string const& name) const {
+    return std::any_of(leftOut.begin(), leftOut.end(), [&](LeftOut const& entry) {
+        struct stat status = {};
+        return entry.name == name && stat((directory + '/').c_str(), &status) == 0 &&
+               entry.device == status.st_dev && entry.inode == status.st_ino;
+    });
+}
+
+void Walk::failed(std::string const& path, std::string const& reason) {
+    complain(quoted(path) + ": " + reason);
+    complete = false;
+}
+
+}  // namespace manifest

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Interrupt.h"
+
+namespace manifest {
+
+struct FoundFile {
+    std::string path;
+    std::int64_t sizeBytes;
+};
+
+/// Finds the regular files below directories.
+///
+/// Links below a directory are neither followed nor listed, so a cycle of links does no harm; a
+/// directory that is itself named through a link is entered. What cannot be read is complained of
+/// and left out.
+class Walk {
+public:
+    explicit Walk(Interrupt const& ctrlC);
+
+    /// Leaves out the entry at `path`, whichever way the walk reaches its directory.
+    void leaveOut(std::string const& path);
+
+    /// Adds the files below `directory`. Their paths begin with `directory` as it is spelt. Stops
+    /// early on Ctrl-C.
+    void addFilesBelow(std::string const& directory);
+
+    /// What was found, sorted by the bytes of the paths.
+    std::vector<FoundFile> sortedFiles();
+
+    /// Whether everything could be read.
+    bool isComplete() const;
+
+private:
+    struct LeftOut {
+        dev_t device;
+        ino_t inode;  // With `device`: the directory that holds the entry.
+        std::string name;
+    };
+
+    void readDirectory(std::string const& directory, std::vector<std::string>& pending);
+    void addEntry(std::string const& path, std::vector<std::string>& pending);
+    bool isLeftOut(std::string const& directory, std::string const& name) const;
+    void failed(std::string const& path, std::string const& reason);
+
+    Interrupt const& interrupt;
+    std::vector<LeftOut> leftOut;
+    std::vector<FoundFile> files;
+    bool complete = true;
+};
+
+}  // namespace manifest
