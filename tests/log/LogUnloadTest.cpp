@@ -1,0 +1,106 @@
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <ovra/log/Log.h>
+
+#include "tests/log/CLibraryProbe.h"
+#include "tests/log/LogTestSupport.h"
+
+namespace ovra::log {
+
+namespace {
+
+using ::testing::ElementsAre;
+
+using test::CLibraryProbe;
+using test::contentOf;
+using test::openDescriptors;
+using test::TemporaryDirectory;
+
+// The library as a plug-in host has it: loaded and unloaded while the process goes on.
+class LoadedLibrary {
+public:
+    LoadedLibrary() : handle(dlopen(OVRA_TEST_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+        EXPECT_NE(handle, nullptr) << dlerror();
+        find(addHandler, "_ZN4ovra3log13addLogHandlerENS0_14LogHandlerTypeEPKc");
+        find(logLine, "_ZN4ovra3log3logENS0_8LogLevelEPKcS3_z");
+        find(setLevel, "_ZN4ovra3log11setLogLevelENS0_8LogLevelE");
+        find(getLevel, "_ZN4ovra3log11getLogLevelEv");
+    }
+    LoadedLibrary(LoadedLibrary const&) = delete;
+    LoadedLibrary& operator=(LoadedLibrary const&) = delete;
+    ~LoadedLibrary() { unload(); }
+
+    void unload() {
+        if (handle != nullptr) {
+            EXPECT_EQ(dlclose(handle), 0);
+            handle = nullptr;
+        }
+    }
+
+    void (*addHandler)(LogHandlerType, char const*) = nullptr;
+    void (*logLine)(LogLevel, char const*, char const*, ...) = nullptr;
+    void (*setLevel)(LogLevel) = nullptr;
+    LogLevel (*getLevel)() = nullptr;
+
+private:
+    template <typename Function>
+    void find(Function*& function, char const* name) {
+        function = reinterpret_cast<Function*>(dlsym(handle, name));
+        EXPECT_NE(function, nullptr) << dlerror();
+    }
+
+    void* handle;
+};
+
+bool isLoaded() {
+    if (void* const handle = dlopen(OVRA_TEST_LIBRARY, RTLD_NOW | RTLD_NOLOAD)) {
+        dlclose(handle);
+        return true;
+    }
+    return false;
+}
+
+TEST(LogUnloadTest, UnloadReleasesTheRegisteredSinks) {
+    TemporaryDirectory const directory;
+    std::string const path = directory.path("log");
+    std::size_t const before = openDescriptors();
+    LoadedLibrary library;
+    ASSERT_FALSE(HasFailure());
+    library.addHandler(FILE_HANDLER, path.c_str());
+    EXPECT_EQ(openDescriptors(), before + 1);
+    library.logLine(ERROR, "tag", "text");
+    EXPECT_EQ(contentOf(path), "[tag:ERROR] text\n");
+
+    library.unload();
+    EXPECT_FALSE(isLoaded());
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(contentOf(path), "[tag:ERROR] text\n");
+}
+
+TEST(LogUnloadTest, LoadingAgainStartsAfresh) {
+    TemporaryDirectory const directory;
+    std::string const path = directory.path("log");
+    {
+        LoadedLibrary library;
+        ASSERT_FALSE(HasFailure());
+        library.addHandler(FILE_HANDLER, path.c_str());
+        library.addHandler(PLATFORM_HANDLER, "second");
+        library.setLevel(VERBOSE);
+    }
+    LoadedLibrary library;
+    ASSERT_FALSE(HasFailure());
+    EXPECT_EQ(library.getLevel(), ERROR);
+    CLibraryProbe probe;
+    library.logLine(WARNING, "tag", "filtered");
+    library.logLine(ERROR, "tag", "text");
+    EXPECT_THAT(probe.systemLogLines(), ElementsAre("[tag:ERROR] text"));
+    EXPECT_EQ(contentOf(path), "");
+}
+
+}  // namespace
+
+}  // namespace ovra::log
