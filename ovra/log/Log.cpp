@@ -29,7 +29,7 @@ struct Free {
 };
 using CText = std::unique_ptr<char, Free>;
 
-CText formatMessage(char const* format, std::va_list arguments) {
+OVRA_PRINTF(1, 0) CText formatMessage(char const* format, std::va_list arguments) {
     char* message = nullptr;
     return CText(vasprintf(&message, format, arguments) != -1 ? message : nullptr);
 }
