@@ -1,0 +1,677 @@
+#include <ovra/fs/FilePath.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "../support/RandomSource.h"
+
+namespace ovra::fs {
+namespace {
+
+using ovra::test::RandomSource;
+using ovra::test::runSeed;
+using ovra::test::seedNote;
+
+template <typename Member, typename Expected>
+constexpr bool IS = std::is_same_v<Member, Expected>;
+
+using Text = std::string const& (FilePath::*)() const;
+using Question = bool (FilePath::*)() const;
+
+static_assert(IS<decltype(&FilePath::Path), Text>);
+static_assert(IS<decltype(&FilePath::FullPath), Text>);
+static_assert(IS<decltype(&FilePath::FileName), Text>);
+static_assert(IS<decltype(&FilePath::FileBaseName), Text>);
+static_assert(IS<decltype(&FilePath::Extension), Text>);
+static_assert(IS<decltype(&FilePath::DirectoryPath), Text>);
+static_assert(IS<decltype(&FilePath::DriveLetter), Text>);
+static_assert(IS<decltype(&FilePath::IsEmpty), Question>);
+static_assert(IS<decltype(&FilePath::EndingSeparator), Question>);
+static_assert(IS<decltype(&FilePath::IsAbsolute), Question>);
+static_assert(IS<decltype(&FilePath::IsRelative), Question>);
+static_assert(IS<decltype(&FilePath::Cache), void (FilePath::*)() const>);
+static_assert(IS<decltype(&FilePath::SetPath), void (FilePath::*)(std::string const&)>);
+static_assert(IS<decltype(&FilePath::Resolved), std::string (FilePath::*)() const>);
+static_assert(IS<decltype(std::declval<FilePath&>() = std::declval<FilePath const&>()), FilePath&>);
+static_assert(IS<decltype(std::declval<FilePath const&>().Resolve(std::string())), FilePath>);
+static_assert(IS<decltype(std::declval<FilePath const&>().Resolve(FilePath())), FilePath>);
+static_assert(std::is_constructible_v<FilePath, std::string const&>);
+
+/// All that a path answers about itself.
+struct Components {
+    std::string directoryPath;
+    std::string fileName;
+    std::string fileBaseName;
+    std::string extension;
+    std::string fullPath;
+    bool absolute = false;
+
+    bool operator==(Components const& other) const {
+        return directoryPath == other.directoryPath && fileName == other.fileName &&
+               fileBaseName == other.fileBaseName && extension == other.extension &&
+               fullPath == other.fullPath && absolute == other.absolute;
+    }
+};
+
+std::ostream& operator<<(std::ostream& stream, Components const& components) {
+    return stream << "directory \"" << components.directoryPath << "\", file name \""
+                  << components.fileName << "\", base name \"" << components.fileBaseName
+                  << "\", extension \"" << components.extension << "\", full path \""
+                  << components.fullPath << "\", "
+                  << (components.absolute ? "absolute" : "relative");
+}
+
+Components componentsOf(FilePath const& path) {
+    return {path.DirectoryPath(), path.FileName(), path.FileBaseName(),
+            path.Extension(),     path.FullPath(), path.IsAbsolute()};
+}
+
+struct ComponentsRow {
+    std::string path;
+    Components components;
+};
+
+std::vector<ComponentsRow> const& componentsTable() {
+    static std::vector<ComponentsRow> const table = {
+        {"", {"", "", "", "", "", false}},
+        {"/", {"/", "/", "/", "", "/", true}},
+        {"C:", {"C:/", "C:/", "C:/", "", "C:/", true}},
+        {"file.txt", {"", "file.txt", "file", ".txt", "file.txt", false}},
+        {"/usr/lib/libx.so.1",
+         {"/usr/lib/", "libx.so.1", "libx", ".so.1", "/usr/lib/libx.so.1", true}},
+        {"a/b/", {"a/", "b", "b", "", "a/b", false}},
+        {"//a//b", {"/a/", "b", "b", "", "/a/b", true}},
+        {"C:/dir/x.y", {"C:/dir/", "x.y", "x", ".y", "C:/dir/x.y", true}},
+        {".profile", {"", ".profile", ".profile", "", ".profile", false}},
+        {"..hidden", {"", "..hidden", ".", ".hidden", "..hidden", false}},
+        {"dir/..", {"dir/", "..", "..", "", "dir/..", false}},
+        {"x.", {"", "x.", "x", ".", "x.", false}},
+        {"./a", {"./", "a", "a", "", "./a", false}},
+        // A separator at the end closes the last component; a second one adds an empty one.
+        {"/a/b/", {"/a/", "b", "b", "", "/a/b", true}},
+        {"a/", {"", "a", "a", "", "a", false}},
+        {"C:/", {"C:/", "C:/", "C:/", "", "C:/", true}},
+        {"a//", {"a/", "", "", "", "a/", false}},
+        {"a/b///", {"a/b/", "", "", "", "a/b/", false}},
+        {"//", {"/", "", "", "", "/", true}},
+        {"////", {"/", "", "", "", "/", true}},
+        {"C://", {"C:/", "", "", "", "C:/", true}},
+        // Doubled separators collapse wherever they stand.
+        {"a//b", {"a/", "b", "b", "", "a/b", false}},
+        {"a///b//c", {"a/b/", "c", "c", "", "a/b/c", false}},
+        {"///a", {"/", "a", "a", "", "/a", true}},
+        {"C:///a", {"C:/", "a", "a", "", "C:/a", true}},
+        // Any first component of two characters with a colon second is a root.
+        {"1:/y", {"1:/", "y", "y", "", "1:/y", true}},
+        {"::", {"::/", "::/", "::/", "", "::/", true}},
+        {".:", {".:/", ".:/", ".:/", "", ".:/", true}},
+        {"\\:/x", {"\\:/", "x", "x", "", "\\:/x", true}},
+        {"C:x/y", {"C:x/", "y", "y", "", "C:x/y", false}},
+        {"C:x", {"", "C:x", "C:x", "", "C:x", false}},
+        {":", {"", ":", ":", "", ":", false}},
+        {":C/x", {":C/", "x", "x", "", ":C/x", false}},
+        {"a/C:", {"a/", "C:", "C:", "", "a/C:", false}},
+        {"a/C:/b", {"a/C:/", "b", "b", "", "a/C:/b", false}},
+        {"/C:", {"/", "C:", "C:", "", "/C:", true}},
+        // A backslash is an ordinary character.
+        {"a\\b\\c.d", {"", "a\\b\\c.d", "a\\b\\c", ".d", "a\\b\\c.d", false}},
+        {"\\a", {"", "\\a", "\\a", "", "\\a", false}},
+        {"C:\\x", {"", "C:\\x", "C:\\x", "", "C:\\x", false}},
+        // The first dot after the first position decides, in the file name alone.
+        {"a.tar.gz", {"", "a.tar.gz", "a", ".tar.gz", "a.tar.gz", false}},
+        {".a.b.c", {"", ".a.b.c", ".a", ".b.c", ".a.b.c", false}},
+        {"...", {"", "...", ".", "..", "...", false}},
+        {"x..", {"", "x..", "x", "..", "x..", false}},
+        {"v1.2/file", {"v1.2/", "file", "file", "", "v1.2/file", false}},
+        {".", {"", ".", ".", "", ".", false}},
+        {"..", {"", "..", "..", "", "..", false}},
+        {"./", {"", ".", ".", "", ".", false}},
+        {"../", {"", "..", "..", "", "..", false}},
+        {"/.", {"/", ".", ".", "", "/.", true}},
+        {"/..", {"/", "..", "..", "", "/..", true}},
+        {"a/./b/../c", {"a/./b/../", "c", "c", "", "a/./b/../c", false}},
+        // Nothing but "/" is special.
+        {std::string("a\0/b.\0c", 7),
+         {std::string("a\0/", 3), std::string("b.\0c", 4), "b", std::string(".\0c", 3),
+          std::string("a\0/b.\0c", 7), false}},
+        {"\xff\n \t/\x80.\x01",
+         {"\xff\n \t/", "\x80.\x01", "\x80", ".\x01", "\xff\n \t/\x80.\x01", false}},
+    };
+    return table;
+}
+
+TEST(FilePathTest, SplitsIntoComponents) {
+    for (ComponentsRow const& row : componentsTable()) {
+        EXPECT_EQ(componentsOf(FilePath(row.path)), row.components) << "path \"" << row.path << '"';
+    }
+}
+
+TEST(FilePathTest, AnswersTheSameWhicheverQuestionComesFirst) {
+    for (ComponentsRow const& row : componentsTable()) {
+        Components const& expected = row.components;
+        EXPECT_EQ(FilePath(row.path).FullPath(), expected.fullPath) << row.path;
+        EXPECT_EQ(FilePath(row.path).FileName(), expected.fileName) << row.path;
+        EXPECT_EQ(FilePath(row.path).FileBaseName(), expected.fileBaseName) << row.path;
+        EXPECT_EQ(FilePath(row.path).Extension(), expected.extension) << row.path;
+        EXPECT_EQ(FilePath(row.path).DirectoryPath(), expected.directoryPath) << row.path;
+        EXPECT_EQ(FilePath(row.path).IsAbsolute(), expected.absolute) << row.path;
+        EXPECT_EQ(FilePath(row.path).IsRelative(), !expected.absolute) << row.path;
+        FilePath cached(row.path);
+        cached.Cache();
+        EXPECT_EQ(componentsOf(cached), expected) << row.path;
+    }
+}
+
+TEST(FilePathTest, IsEmptyWhenDefaultConstructed) {
+    FilePath const path;
+    EXPECT_EQ(path.Path(), "");
+    EXPECT_TRUE(path.IsEmpty());
+    EXPECT_FALSE(path.EndingSeparator());
+    EXPECT_EQ(componentsOf(path), Components());
+    EXPECT_TRUE(path.IsRelative());
+    EXPECT_EQ(path.Resolved(), ".");
+}
+
+TEST(FilePathTest, HasNoDriveLetterEver) {
+    for (ComponentsRow const& row : componentsTable()) {
+        EXPECT_EQ(FilePath(row.path).DriveLetter(), "") << row.path;
+    }
+}
+
+TEST(FilePathTest, KeepsThePathAsSuppliedThroughAllQuestions) {
+    for (ComponentsRow const& row : componentsTable()) {
+        FilePath const path(row.path);
+        EXPECT_EQ(path.Path(), row.path);
+        componentsOf(path);
+        path.DriveLetter();
+        path.Resolved();
+        path.Resolve("x");
+        EXPECT_EQ(path.Path(), row.path);
+        EXPECT_EQ(path.IsEmpty(), row.path.empty()) << row.path;
+    }
+}
+
+TEST(FilePathTest, SeesTheEndingSeparatorOfTheTextAsSupplied) {
+    struct Row {
+        char const* path;
+        bool ends;
+    };
+    for (Row const& row : std::vector<Row>{{"", false},
+                                           {"/", true},
+                                           {"a", false},
+                                           {"a/b", false},
+                                           {"a/b/", true},
+                                           {"a//", true},
+                                           {"C:", false},
+                                           {"C:/", true},
+                                           {"a\\", false},
+                                           {"/.", false}}) {
+        FilePath const path(row.path);
+        EXPECT_EQ(path.EndingSeparator(), row.ends) << row.path;
+        path.Cache();
+        EXPECT_EQ(path.EndingSeparator(), row.ends) << row.path << ", cached";
+    }
+    FilePath const path("a/b/");
+    EXPECT_TRUE(path.EndingSeparator());
+    EXPECT_EQ(path.FileName(), "b");
+    EXPECT_EQ(path.FullPath(), "a/b");
+}
+
+TEST(FilePathTest, ReflectsEveryNewPath) {
+    FilePath path("/somewhere/else.entirely");
+    for (ComponentsRow const& row : componentsTable()) {
+        path.SetPath(row.path);
+        EXPECT_EQ(path.Path(), row.path);
+        EXPECT_EQ(componentsOf(path), row.components) << row.path;
+        path.SetPath(row.path);
+        path.SetPath("/somewhere/else.entirely");
+        EXPECT_EQ(path.DirectoryPath(), "/somewhere/") << row.path;
+    }
+}
+
+TEST(FilePathTest, CanBeSetToOneOfItsOwnComponents) {
+    FilePath path("/a//b/a-name-that-is-too-long-to-be-kept-inside.the-string");
+    path.SetPath(path.FileName());
+    EXPECT_EQ(path.Path(), "a-name-that-is-too-long-to-be-kept-inside.the-string");
+    EXPECT_EQ(path.Extension(), ".the-string");
+    EXPECT_TRUE(path.IsRelative());
+    path.SetPath(path.Path());
+    EXPECT_EQ(path.FileBaseName(), "a-name-that-is-too-long-to-be-kept-inside");
+}
+
+TEST(FilePathTest, IsCopiedWithItsComponentsOrWithoutThem) {
+    for (ComponentsRow const& row : componentsTable()) {
+        FilePath source(row.path);
+        FilePath const before(source);
+        source.Cache();
+        FilePath const after(source);
+        source.SetPath("/something/quite.different");
+        source.Cache();
+        EXPECT_EQ(before.Path(), row.path);
+        EXPECT_EQ(after.Path(), row.path);
+        EXPECT_EQ(componentsOf(before), row.components) << row.path;
+        EXPECT_EQ(componentsOf(after), row.components) << row.path;
+    }
+}
+
+TEST(FilePathTest, AssignmentForgetsTheOldComponents) {
+    for (ComponentsRow const& row : componentsTable()) {
+        for (bool const sourceCached : {false, true}) {
+            FilePath source(row.path);
+            if (sourceCached) {
+                source.Cache();
+            }
+            FilePath target("/old/directory/old.name");
+            target.Cache();
+            EXPECT_EQ(&(target = source), &target);
+            EXPECT_EQ(target.Path(), row.path);
+            EXPECT_EQ(componentsOf(target), row.components) << row.path;
+            EXPECT_EQ(target.DriveLetter(), "");
+            EXPECT_EQ(source.Path(), row.path);
+            EXPECT_EQ(componentsOf(source), row.components) << row.path;
+            target.SetPath("x");
+            EXPECT_EQ(source.Path(), row.path) << "a copy shares nothing";
+        }
+    }
+}
+
+TEST(FilePathTest, CanBeAssignedToItself) {
+    FilePath path("/a/b.c");
+    FilePath const& same = path;
+    path.Cache();
+    path = same;
+    EXPECT_EQ(path.Path(), "/a/b.c");
+    EXPECT_EQ(componentsOf(path), componentsOf(FilePath("/a/b.c")));
+}
+
+TEST(FilePathTest, SplitsOnceAndKeepsTheComponents) {
+    FilePath const path(
+        "/a-long-directory-name-on-the-heap/a-long-file-name-on-the-heap.extension");
+    std::string const* const fileName = &path.FileName();
+    char const* const characters = path.FileName().data();
+    char const* const fullCharacters = path.FullPath().data();
+    path.Cache();
+    path.IsAbsolute();
+    EXPECT_EQ(&path.FileName(), fileName);
+    EXPECT_EQ(path.FileName().data(), characters);
+    EXPECT_EQ(path.FullPath().data(), fullCharacters);
+}
+
+struct ResolveRow {
+    std::string base;
+    std::string other;
+    std::string result;
+};
+
+std::vector<ResolveRow> const& resolveTable() {
+    static std::vector<ResolveRow> const table = {
+        {"/data", "logs/a.txt", "/data/logs/a.txt"},
+        {"/data/", "a", "/data/a"},
+        {"/data", "/tmp/x", "/tmp/x"},
+        {"/data", "C:/x", "C:/x"},
+        {"", "a", "/a"},
+        {"", "b", "/b"},
+        {"/a/b", "..", "/a/b/.."},
+        {"/data", "", "/data/"},
+        {"/data/", "", "/data/"},
+        {"", "", "/"},
+        {"/", "a", "/a"},
+        {"/", "", "/"},
+        {"a", "b", "a/b"},
+        {"a//", "b", "a//b"},
+        {"a", "b/", "a/b/"},
+        {"a", ".//b/../c", "a/.//b/../c"},
+        {"a", "/", "/"},
+        {"a", "//b", "//b"},
+        {"a", "C:", "C:"},
+        {"a", "1:/y", "1:/y"},
+        {"a", "C:x/y", "a/C:x/y"},
+        {"a", ":", "a/:"},
+        {"C:", "a", "C:/a"},
+        {"C:/", "a", "C:/a"},
+        {"a\\", "b", "a\\/b"},
+    };
+    return table;
+}
+
+TEST(FilePathTest, ResolvesTextAgainstThePath) {
+    for (ResolveRow const& row : resolveTable()) {
+        FilePath const base(row.base);
+        FilePath const result = base.Resolve(row.other);
+        EXPECT_EQ(result.Path(), row.result) << row.base << " with " << row.other;
+        EXPECT_EQ(componentsOf(result), componentsOf(FilePath(row.result))) << row.result;
+        EXPECT_EQ(base.Path(), row.base);
+    }
+}
+
+TEST(FilePathTest, ResolvesAnotherPathAgainstThePath) {
+    for (ResolveRow const& row : resolveTable()) {
+        for (bool const cached : {false, true}) {
+            FilePath const base(row.base);
+            FilePath const other(row.other);
+            if (cached) {
+                base.Cache();
+                other.Cache();
+            }
+            FilePath const result = base.Resolve(other);
+            EXPECT_EQ(result.Path(), row.result) << row.base << " with " << row.other;
+            EXPECT_EQ(componentsOf(result), componentsOf(FilePath(row.result))) << row.result;
+            EXPECT_EQ(base.Path(), row.base);
+            EXPECT_EQ(other.Path(), row.other);
+        }
+    }
+}
+
+TEST(FilePathTest, ResolvesALiteral) {
+    EXPECT_EQ(FilePath("/a").Resolve("b").Path(), "/a/b");
+}
+
+TEST(FilePathTest, ResolvesItselfAgainstItself) {
+    FilePath const path("a/b");
+    EXPECT_EQ(path.Resolve(path).Path(), "a/b/a/b");
+    EXPECT_EQ(path.Resolve(path.Path()).Path(), "a/b/a/b");
+}
+
+TEST(FilePathTest, FoldsDotsAway) {
+    struct Row {
+        std::string path;
+        std::string resolved;
+    };
+    for (Row const& row : std::vector<Row>{
+             {"/a/b/../c", "/a/c"},
+             {"./a/./b", "a/b"},
+             {"/", "/"},
+             {"C:/x/../y", "C:/y"},
+             {"C:", "C:/"},
+             {"//a", "//a"},
+             {"/a/b/..", "/a"},
+             {"/..", "/.."},
+             {"../a", "../a"},
+             {"a/../..", ".."},
+             {"a//b", "a//b"},
+             {"a//../b", "a/b"},
+             {"a/b/", "a/b"},
+             {"", "."},
+             {".", "."},
+             {"a/..", "."},
+             {"/../x", "/../x"},
+             {"a/../../b", "../b"},
+             // The root stays, and has its "/" only when it stands alone.
+             {"/a/..", "/"},
+             {"/a", "/a"},
+             {"/.", "/"},
+             {"/./", "/"},
+             {"/a/b/../..", "/"},
+             {"/a/../..", "/.."},
+             {"/../..", "/../.."},
+             {"/../../a/..", "/../.."},
+             {"C:/", "C:/"},
+             {"C:/a/..", "C:/"},
+             {"C:/..", "C:/.."},
+             {"C:/.", "C:/"},
+             {"C:x/..", "."},
+             {"C:x", "C:x"},
+             // A drive is a root in the first place alone.
+             {"a/C:/..", "a"},
+             {"./C:", "C:"},
+             {"/C:/..", "/"},
+             // The empty name between doubled separators is a name like any other.
+             {"//", "/"},
+             {"///", "//"},
+             {"//..", "/"},
+             {"//../a", "/a"},
+             {"///..", "/"},
+             {"/a//", "/a/"},
+             {"a//", "a/"},
+             {"a//..", "a"},
+             {"a/..//b", "/b"},
+             {".//b", "/b"},
+             {".//", "."},
+             {"a/..//", "."},
+             {"../..", "../.."},
+             {"../a/..", ".."},
+             {"../a/../b", "../b"},
+             {"..//..", ".."},
+             {"./..", ".."},
+             {"./", "."},
+             {"...", "..."},
+             {"a/.../..", "a"},
+             {"a/b/c/../../d", "a/d"},
+             {"a\\..\\b", "a\\..\\b"},
+         }) {
+        FilePath const path(row.path);
+        EXPECT_EQ(path.Resolved(), row.resolved) << "path \"" << row.path << '"';
+        path.Cache();
+        EXPECT_EQ(path.Resolved(), row.resolved) << "path \"" << row.path << "\", cached";
+        EXPECT_EQ(path.Path(), row.path);
+    }
+}
+
+TEST(FilePathTest, FoldsVeryLongPaths) {
+    constexpr int DEPTH = 100000;
+    std::string down;
+    std::string up;
+    for (int level = 0; level < DEPTH; ++level) {
+        down += "name/";
+        up += "../";
+    }
+    EXPECT_EQ(FilePath(down + up).Resolved(), ".");
+    EXPECT_EQ(FilePath("/" + down + up).Resolved(), "/");
+    EXPECT_EQ(FilePath(down + up + "x").Resolved(), "x");
+    EXPECT_EQ(FilePath(up + "x").Resolved(), up + "x");
+    EXPECT_EQ(FilePath(std::string(DEPTH, '/') + "x").DirectoryPath(), "/");
+    EXPECT_EQ(FilePath(down + "x").DirectoryPath(), down);
+}
+
+TEST(FilePathTest, IsResolvedFromSeveralThreadsWithoutWriting) {
+    FilePath const base("/some/directory/../with/parts");
+    std::vector<std::string> results(4);
+    std::vector<std::thread> threads;
+    for (std::string& result : results) {
+        threads.emplace_back([&base, &result] {
+            for (int round = 0; round < 100; ++round) {
+                FilePath const other("x/y");
+                result = base.Resolved() + base.Resolve("x").Path() + base.Resolve(other).Path();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (std::string const& result : results) {
+        EXPECT_EQ(result,
+                  "/some/with/parts"
+                  "/some/directory/../with/parts/x"
+                  "/some/directory/../with/parts/x/y");
+    }
+}
+
+// The rules once more, step by step and without regard to speed.
+
+std::vector<std::string> modelSplit(std::string const& path) {
+    std::istringstream stream(path);
+    std::vector<std::string> pieces;
+    for (std::string piece; std::getline(stream, piece, '/');) {
+        pieces.push_back(piece);
+    }
+    return pieces;
+}
+
+bool modelIsRoot(std::string const& piece) {
+    return piece.empty() || (piece.size() == 2 && piece[1] == ':');
+}
+
+Components modelComponents(std::string const& path) {
+    Components model;
+    std::vector<std::string> pieces = modelSplit(path);
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        if (i == 0 && modelIsRoot(pieces[i])) {
+            pieces[i] += "/";
+            model.absolute = true;
+        } else if (i == pieces.size() - 1) {
+            continue;
+        } else if (pieces[i].empty()) {
+            continue;
+        } else {
+            pieces[i] += "/";
+        }
+    }
+    if (!pieces.empty()) {
+        model.fileName = pieces.back();
+    }
+    if (pieces.size() == 1) {
+        model.directoryPath = model.absolute ? pieces[0] : "";
+        model.fullPath = pieces[0];
+    } else if (pieces.size() > 1) {
+        for (std::size_t i = 0; i + 1 < pieces.size(); ++i) {
+            model.directoryPath += pieces[i];
+        }
+        model.fullPath = model.directoryPath + model.fileName;
+    }
+    std::size_t dot = std::string::npos;
+    for (std::size_t i = 1; i < model.fileName.size(); ++i) {
+        if (model.fileName[i] == '.') {
+            dot = i;
+            break;
+        }
+    }
+    if (model.fileName == "." || model.fileName == ".." || dot == std::string::npos) {
+        model.fileBaseName = model.fileName;
+    } else {
+        model.fileBaseName = model.fileName.substr(0, dot);
+        model.extension = model.fileName.substr(dot);
+    }
+    return model;
+}
+
+std::string modelResolve(std::string const& base, std::string const& other) {
+    if (modelComponents(other).absolute) {
+        return other;
+    }
+    bool const ends = !base.empty() && base[base.size() - 1] == '/';
+    return ends ? base + other : base + "/" + other;
+}
+
+std::string modelResolved(std::string const& path) {
+    struct Entry {
+        std::string text;
+        bool first;
+    };
+    std::vector<std::string> const pieces = modelSplit(path);
+    std::vector<Entry> output;
+    bool absolute = false;
+    int count = 0;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        if (i == 0) {
+            absolute = modelIsRoot(pieces[i]);
+        }
+        if (pieces[i] == ".") {
+            continue;
+        }
+        if (pieces[i] == ".." && count > 0) {
+            output.pop_back();
+            --count;
+            continue;
+        }
+        output.push_back({pieces[i], i == 0});
+        if (pieces[i] != ".." && !(absolute && i == 0)) {
+            ++count;
+        }
+    }
+    std::string joined;
+    for (std::size_t i = 0; i < output.size(); ++i) {
+        joined += output[i].text;
+        bool const last = i == output.size() - 1;
+        if (!last || (output.size() == 1 && output[i].first && absolute)) {
+            joined += "/";
+        }
+    }
+    return joined.empty() ? "." : joined;
+}
+
+/// Compares everything about one path with the model; reports the first difference.
+bool agreesWithTheModel(std::string const& text, std::string const& other) {
+    FilePath const path(text);
+    Components const actual = componentsOf(path);
+    Components const expected = modelComponents(text);
+    bool const agrees = actual == expected && path.Path() == text && path.DriveLetter().empty() &&
+                        path.IsRelative() != expected.absolute && path.IsEmpty() == text.empty() &&
+                        path.EndingSeparator() == (!text.empty() && text[text.size() - 1] == '/') &&
+                        path.Resolved() == modelResolved(text) &&
+                        path.Resolve(other).Path() == modelResolve(text, other) &&
+                        path.Resolve(FilePath(other)).Path() == modelResolve(text, other) &&
+                        actual.fileBaseName + actual.extension == actual.fileName;
+    if (!agrees) {
+        ADD_FAILURE() << "path \"" << text << "\", other \"" << other << "\"\n  components "
+                      << actual << "\n  instead of " << expected << "\n  resolved \""
+                      << path.Resolved() << "\" instead of \"" << modelResolved(text)
+                      << "\"\n  with the other \"" << path.Resolve(other).Path()
+                      << "\" instead of \"" << modelResolve(text, other) << "\"\n  " << seedNote();
+    }
+    return agrees;
+}
+
+TEST(FilePathTest, AgreesWithTheModelOnEveryShortPath) {
+    std::string const letters = "/.:C";
+    constexpr std::size_t LONGEST = 8;
+    std::string text;
+    std::uint64_t paths = 0;
+    bool agrees = true;
+    // Counts in base 4 with a length of its own for every number.
+    for (std::size_t length = 0; length <= LONGEST && agrees; ++length) {
+        std::uint64_t const combinations = std::uint64_t{1} << (2 * length);
+        for (std::uint64_t number = 0; number < combinations && agrees; ++number) {
+            text.clear();
+            for (std::size_t position = 0; position < length; ++position) {
+                text += letters[(number >> (2 * position)) & 3];
+            }
+            agrees = agreesWithTheModel(text, text);
+            ++paths;
+        }
+    }
+    EXPECT_EQ(paths, 87381u);
+}
+
+TEST(FilePathTest, AgreesWithTheModelOnAMillionRandomPaths) {
+    // Weighted by repetition: separators and dots make the cases.
+    std::string const letters = std::string("////....:CCaab\\ \n\xff") + '\0';
+    RandomSource random(runSeed());
+    auto const randomPath = [&](std::uint32_t longest) {
+        std::string text;
+        std::uint32_t const length = random.below(longest + 1);
+        while (text.size() < length) {
+            switch (random.below(12)) {
+                case 0:
+                    text += "../";
+                    break;
+                case 1:
+                    text += "/..";
+                    break;
+                case 2:
+                    text += "./";
+                    break;
+                default:
+                    text += letters[random.below(static_cast<std::uint32_t>(letters.size()))];
+            }
+        }
+        return text;
+    };
+    bool agrees = true;
+    for (int paths = 0; paths < 1000000 && agrees; ++paths) {
+        agrees = agreesWithTheModel(randomPath(24), randomPath(5));
+    }
+    for (int paths = 0; paths < 1000 && agrees; ++paths) {
+        agrees = agreesWithTheModel(randomPath(5000), randomPath(50));
+    }
+}
+
+}  // namespace
+}  // namespace ovra::fs

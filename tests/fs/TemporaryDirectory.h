@@ -1,0 +1,109 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include <gtest/gtest.h>
+
+#include "../support/Bounded.h"
+
+namespace ovra::fs::test {
+
+/// The open descriptors of this process and what they stand for.
+std::map<int, std::string> openDescriptors();
+
+// What stands on the disk, asked without the library. Links are not followed.
+
+void writeFile(std::string const& path, std::string const& contents = "contents");
+/// Follows links. Nothing if the file cannot be read.
+std::optional<std::string> readFile(std::string const& path);
+bool entryExists(std::string const& path);
+/// The type and permission bits of st_mode; 0 if there is no entry.
+mode_t modeOf(std::string const& path);
+mode_t permissionsOf(std::string const& path);
+/// The contents of a link; nothing if there is no link.
+std::optional<std::string> linkContents(std::string const& path);
+void makeDirectory(std::string const& path);
+void makeLink(std::string const& contents, std::string const& path);
+void makePipe(std::string const& path);
+void makeSocket(std::string const& path);
+/// The names in a directory without "." and "..", in the order of the system.
+std::vector<std::string> namesIn(std::string const& directory);
+
+/// A fresh directory for each test, removed afterwards with all that is in it. The umask is 022
+/// meanwhile, a hang ends the process, and a descriptor that stays open fails the test.
+class TemporaryDirectoryTest : public ::testing::Test {
+protected:
+    TemporaryDirectoryTest();
+    ~TemporaryDirectoryTest() override;
+
+    void TearDown() override;
+
+    std::string at(std::string const& name) const { return root + "/" + name; }
+
+private:
+    ovra::test::Watchdog watchdog;
+    mode_t const previousMask;
+    std::map<int, std::string> const descriptors;
+
+protected:
+    std::string const root;
+};
+
+/// Makes `path` the current directory for as long as it lives.
+class WorkingDirectory {
+public:
+    explicit WorkingDirectory(std::string const& path);
+    WorkingDirectory(WorkingDirectory const&) = delete;
+    WorkingDirectory& operator=(WorkingDirectory const&) = delete;
+    ~WorkingDirectory();
+
+private:
+    std::string previous;
+};
+
+/// Takes the rights of the superuser from this process for as long as it lives, and hands
+/// `directory` to the user that then runs. Does nothing when an ordinary user runs the tests.
+class OrdinaryUser {
+public:
+    explicit OrdinaryUser(std::string const& directory);
+    OrdinaryUser(OrdinaryUser const&) = delete;
+    OrdinaryUser& operator=(OrdinaryUser const&) = delete;
+    ~OrdinaryUser();
+
+private:
+    bool const wasSuperuser;
+    std::vector<gid_t> groups;
+};
+
+bool isSuperuser();
+
+/// What became of a body that ran in a child process.
+struct ChildOutcome {
+    std::string skipReason;  ///< Empty when the body ran.
+    bool passed = false;
+};
+
+/// Mounts a small file system in memory, seen by nobody else, on `mountPoint`, and runs `body` in a
+/// child process that sees it. `options` are those of mount(8), such as "size=64k".
+ChildOutcome onPrivateFileSystem(std::string const& mountPoint, std::string const& options,
+                                 std::function<void()> const& body);
+
+/// Lets no more descriptors be opened than `more` beyond those open now, for as long as it lives.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(unsigned int more);
+    DescriptorLimit(DescriptorLimit const&) = delete;
+    DescriptorLimit& operator=(DescriptorLimit const&) = delete;
+    ~DescriptorLimit();
+
+private:
+    unsigned long previous = 0;
+};
+
+}  // namespace ovra::fs::test
