@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include <ovra/concurrent/SettledTasks.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
 #include <ovra/log/Log.h>
@@ -89,6 +90,12 @@ void SubmittedTask::setResult(Executable::Result newResult) {
 void SubmittedTask::setRank(unsigned int const& newRank) {
     unsigned int const floor = submittedTaskPriorityToInitialRank(getPriority());
     rank = std::max(std::min(newRank, HIGHEST_CURRENT_RANK_VALUE), floor);
+    if (settled != nullptr) {
+        std::lock_guard<std::mutex> const lock(mutex);
+        if (SettledPlace const* const place = settled) {
+            place->noteNewRank();
+        }
+    }
 }
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
@@ -191,11 +198,27 @@ void SubmittedTask::performCallback() {
 }
 
 void SubmittedTask::setPromiseValue() {
-    promise.set_value(true);
+    std::unique_lock<std::mutex> lock(mutex);
+    if (fulfilled) {
+        throw std::future_error(std::future_errc::promise_already_satisfied);
+    }
+    fulfilled = true;
+    bool const isAwaited = promise.has_value();
+    lock.unlock();
+    if (isAwaited) {
+        promise->set_value(true);
+    }
 }
 
 std::future<bool> SubmittedTask::getFuture() {
-    return promise.get_future();
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (!promise) {
+        promise.emplace();
+        if (fulfilled) {
+            promise->set_value(true);
+        }
+    }
+    return promise->get_future();
 }
 
 void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle) {
@@ -218,33 +241,44 @@ void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forw
 std::shared_ptr<SubmittedTaskProxy> SubmittedTask::provideProxy(
     std::weak_ptr<SubmittedTask> const& task) {
     auto proxy = std::make_shared<SubmittedTaskProxy>();
-    proxy->getState = [task] {
-        auto const live = task.lock();
-        return live ? live->getState() : Executable::DONE;
-    };
-    proxy->getResult = [task] {
-        auto const live = task.lock();
-        return live ? live->getResult() : Executable::SUCCESS;
-    };
-    proxy->updatePriority = [task](TaskPriority newPriority) {
-        if (auto const live = task.lock()) {
-            live->setPriority(newPriority);
-        }
-    };
-    proxy->cancel = [task] {
-        if (auto const live = task.lock()) {
-            live->setState(Executable::CANCELLED);
-        }
-    };
-    proxy->waitForCompletion = [task] {
-        if (auto const live = task.lock()) {
-            live->getFuture().get();
-        } else {
-            // The worker has let go of the task: see all it did before.
-            std::atomic_thread_fence(std::memory_order_acquire);
-        }
-    };
+    proxy->getState = [task] { return stateOf(task); };
+    proxy->getResult = [task] { return resultOf(task); };
+    proxy->updatePriority = [task](TaskPriority newPriority) { updatePriority(task, newPriority); };
+    proxy->cancel = [task] { cancel(task); };
+    proxy->waitForCompletion = [task] { waitForCompletion(task); };
     return proxy;
+}
+
+Executable::State SubmittedTask::stateOf(std::weak_ptr<SubmittedTask> const& task) {
+    auto const live = task.lock();
+    return live ? live->getState() : Executable::DONE;
+}
+
+Executable::Result SubmittedTask::resultOf(std::weak_ptr<SubmittedTask> const& task) {
+    auto const live = task.lock();
+    return live ? live->getResult() : Executable::SUCCESS;
+}
+
+void SubmittedTask::updatePriority(std::weak_ptr<SubmittedTask> const& task,
+                                   TaskPriority newPriority) {
+    if (auto const live = task.lock()) {
+        live->setPriority(newPriority);
+    }
+}
+
+void SubmittedTask::cancel(std::weak_ptr<SubmittedTask> const& task) {
+    if (auto const live = task.lock()) {
+        live->setState(Executable::CANCELLED);
+    }
+}
+
+void SubmittedTask::waitForCompletion(std::weak_ptr<SubmittedTask> const& task) {
+    if (auto const live = task.lock()) {
+        live->getFuture().get();
+    } else {
+        // The worker has let go of the task: see all it did before.
+        std::atomic_thread_fence(std::memory_order_acquire);
+    }
 }
 
 }  // namespace ovra::concurrent

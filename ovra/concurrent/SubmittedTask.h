@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include <ovra/Export.h>
 #include <ovra/concurrent/Executable.h>
@@ -15,6 +16,7 @@
 
 namespace ovra::concurrent {
 
+struct SettledPlace;
 struct SubmittedTaskProxy;
 class TaskHandle;
 
@@ -125,7 +127,7 @@ public:
     /// Releases whoever waits. A second call throws `std::future_error`.
     void setPromiseValue();
     /// The future that becomes ready, always with `true`, when the task has come to its end. A
-    /// second call throws `std::future_error`.
+    /// second call throws `std::future_error`. `std::bad_alloc` if memory is short.
     std::future<bool> getFuture();
     /// Logs `e` (null: a `std::runtime_error` "Unknown exception") and, if asked to, hands it to
     /// the handle. Anything but a `std::exception` leaves this function.
@@ -136,16 +138,31 @@ public:
         std::weak_ptr<SubmittedTask> const& task);
 
 private:
+    friend class TaskHandle;
+    friend class SettledTasks;
+
+    // What a handle does, and finds when the task is gone.
+    OVRA_LOCAL static Executable::State stateOf(std::weak_ptr<SubmittedTask> const& task);
+    OVRA_LOCAL static Executable::Result resultOf(std::weak_ptr<SubmittedTask> const& task);
+    OVRA_LOCAL static void updatePriority(std::weak_ptr<SubmittedTask> const& task,
+                                          TaskPriority newPriority);
+    OVRA_LOCAL static void cancel(std::weak_ptr<SubmittedTask> const& task);
+    OVRA_LOCAL static void waitForCompletion(std::weak_ptr<SubmittedTask> const& task);
+
     std::shared_ptr<Task> task;
     std::weak_ptr<TaskHandle> handle;  // Set under `mutex`, before the task is queued.
     std::function<void(std::shared_ptr<Task>)> callback;
     mutable std::mutex mutex;
-    std::promise<bool> promise;
+    // Made by the first who asks for the future: many tasks have ended before anybody waits.
+    std::optional<std::promise<bool>> promise;  // Guarded by `mutex`.
+    bool fulfilled = false;                     // Guarded by `mutex`.
     std::atomic<TaskPriority> priority;
     std::atomic<unsigned int> rank;
     Executable::State state = Executable::UNSCHEDULED;  // Guarded by `mutex`.
     Executable::Result result = Executable::NO_RESULT;  // Guarded by `mutex`.
     std::int32_t const uniqueIndex;
+    // While a queue relies on the rank: who is told of a new one. Changed under `mutex`.
+    std::atomic<SettledPlace const*> settled{nullptr};
 };
 
 }  // namespace ovra::concurrent

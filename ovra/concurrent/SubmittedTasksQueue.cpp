@@ -1,5 +1,9 @@
+#include <algorithm>
+#include <limits>
+#include <typeinfo>
 #include <utility>
 
+#include <ovra/concurrent/SettledTasks.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskHandle.h>
@@ -7,16 +11,9 @@
 
 namespace ovra::concurrent {
 
-namespace {
-
-unsigned int scoreOf(SubmittedTask const& task) {
-    return task.getRank() + static_cast<unsigned int>(task.getUniqueIndex());
-}
-
-}  // namespace
-
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
-    : strategy(std::move(rankingStrategy)) {}
+    : settled(std::make_unique<SettledTasks>(rankingStrategy.get())),
+      strategy(std::move(rankingStrategy)) {}
 
 SubmittedTasksQueue::~SubmittedTasksQueue() {
     close();
@@ -26,11 +23,15 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
     if (isClosed() || !task) {
         return nullptr;
     }
-    auto handle = std::make_shared<TaskHandle>(SubmittedTask::provideProxy(task));
+    auto handle = std::make_shared<TaskHandle>(std::weak_ptr<SubmittedTask>(task));
     task->setHandle(handle);
 
+    bool const isPlain = typeid(*task) == typeid(SubmittedTask);
     std::lock_guard<std::mutex> const lock(mutex);
-    tasks.push_front(std::move(task));
+    QueuedTask const queued{std::move(task), ++addedSoFar, isPlain};
+    if (!settled->isFinal(queued) || !settled->add(queued)) {
+        tasks.push_back(queued);
+    }
     condition.notify_one();
     return handle;
 }
@@ -40,42 +41,61 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
         return nullptr;
     }
     std::lock_guard<std::mutex> const lock(mutex);
-    std::shared_ptr<SubmittedTask> best;
-    unsigned int bestScore = 0;
-    for (auto const& task : tasks) {
-        unsigned int const score = scoreOf(*task);
-        if (score > bestScore) {
-            best = task;
-            bestScore = score;
+    settled->rekeyChanged(tasks);
+
+    // The rule: the largest score runs next, and each task's rank is updated once it was compared.
+    QueuedTask const* best = nullptr;
+    Urgency greatest{0, std::numeric_limits<std::uint64_t>::max()};
+    for (auto queued = tasks.rbegin(); queued != tasks.rend(); ++queued) {
+        if (Urgency const urgency = SettledTasks::urgencyOf(*queued); urgency > greatest) {
+            best = &*queued;
+            greatest = urgency;
         }
-        if (strategy) {
-            strategy->updateRank(task.get());
-        }
+        queued->isFinal = settled->updateRank(*queued);
     }
-    if (best) {
-        tasks.remove(best);
+    // The shortcut: of the tasks whose ranks no pick changes, only the first needs to be compared.
+    if (auto const* const first = settled->best(); first != nullptr && first->urgency > greatest) {
+        best = &first->queued;
     }
-    return best;
+    if (best == nullptr) {
+        return nullptr;
+    }
+
+    std::shared_ptr<SubmittedTask> next = best->task;
+    settled->remove(*next);
+    tasks.erase(std::remove_if(tasks.begin(), tasks.end(),
+                               [&](QueuedTask const& queued) {
+                                   return queued.task == next ||
+                                          (queued.isFinal && settled->add(queued));
+                               }),
+                tasks.end());
+    return next;
 }
 
 void SubmittedTasksQueue::close() {
     if (isClosed()) {
         return;
     }
-    std::forward_list<std::shared_ptr<SubmittedTask>> dropped;
+    std::deque<QueuedTask> dropped;
+    SettledTasks::Places droppedSettled;
     std::lock_guard<std::mutex> const lock(mutex);
     closed = true;
     dropped.swap(tasks);
+    droppedSettled = settled->takeAll();
     condition.notify_all();
 }
 
 bool SubmittedTasksQueue::isEmpty() {
     std::lock_guard<std::mutex> const lock(mutex);
-    return tasks.empty();
+    return !hasTasks();
 }
 
 bool SubmittedTasksQueue::isClosed() const {
     return closed;
+}
+
+bool SubmittedTasksQueue::hasTasks() const {
+    return !tasks.empty() || !settled->isEmpty();
 }
 
 }  // namespace ovra::concurrent

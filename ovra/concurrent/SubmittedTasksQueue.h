@@ -2,7 +2,8 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <forward_list>
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -10,6 +11,7 @@
 
 namespace ovra::concurrent {
 
+class SettledTasks;
 class SubmittedTask;
 class TaskHandle;
 class TaskRankingStrategy;
@@ -64,8 +66,23 @@ public:
 
 private:
     friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
+    friend class SettledTasks;
+    friend struct SettledPlace;
 
-    std::forward_list<std::shared_ptr<SubmittedTask>> tasks;  // Newest first; guarded by `mutex`.
+    struct QueuedTask {
+        std::shared_ptr<SubmittedTask> task;
+        std::uint64_t order;   // Counts up as tasks are added.
+        bool isPlain;          // No subclass: nothing of its own answers for its rank.
+        bool isFinal = false;  // The strategy will not change its rank any more.
+    };
+
+    OVRA_LOCAL bool hasTasks() const;
+
+    // Guarded by `mutex`: the tasks that a pick walks, oldest first, and those that it need not.
+    std::deque<QueuedTask> tasks;
+    std::unique_ptr<SettledTasks> settled;
+    std::uint64_t addedSoFar = 0;
+
     std::mutex mutex;
     std::condition_variable condition;  // Something was queued, or the queue was closed.
     std::shared_ptr<TaskRankingStrategy> strategy;

@@ -51,7 +51,7 @@ public:
     std::shared_ptr<TaskHandle> addSubmittedTaskToQueue(std::shared_ptr<SubmittedTask> const& task);
 
 private:
-    void shutDown();
+    OVRA_LOCAL void shutDown();
 
     std::shared_ptr<SubmittedTasksQueue> queue;
     std::forward_list<std::shared_ptr<TaskExecutorWorker>> workers;  // Newest first.

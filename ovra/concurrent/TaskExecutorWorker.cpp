@@ -80,7 +80,7 @@ bool TaskExecutorWorker::waitForWork() {
     }
     // A task that was added since the fetch found none has already notified: do not sleep through
     // it.
-    if (source->tasks.empty()) {
+    if (!source->hasTasks()) {
         source->condition.wait(lock);
     }
     return true;

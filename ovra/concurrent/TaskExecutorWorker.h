@@ -46,9 +46,9 @@ public:
     void terminate();
 
 private:
-    void fetchTask();
-    void runTask();
-    bool waitForWork();
+    OVRA_LOCAL void fetchTask();
+    OVRA_LOCAL void runTask();
+    OVRA_LOCAL bool waitForWork();
 
     std::thread thread;
     std::shared_ptr<SubmittedTask> currentTask;  // Used on `thread` only.

@@ -1,3 +1,4 @@
+#include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
 
 namespace ovra::concurrent {
@@ -7,22 +8,33 @@ TaskHandle::TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy)
       state(proxy && proxy->getState ? proxy->getState() : Executable::DONE),
       result(proxy && proxy->getResult ? proxy->getResult() : Executable::SUCCESS) {}
 
+TaskHandle::TaskHandle(std::weak_ptr<SubmittedTask> const& submittedTask)
+    : task(submittedTask),
+      state(SubmittedTask::stateOf(task)),
+      result(SubmittedTask::resultOf(task)) {}
+
 TaskHandle::~TaskHandle() = default;
 
 void TaskHandle::cancel() {
-    if (proxy && proxy->cancel) {
+    if (!proxy) {
+        SubmittedTask::cancel(task);
+    } else if (proxy->cancel) {
         proxy->cancel();
     }
 }
 
 void TaskHandle::updatePriority(TaskPriority priority) {
-    if (proxy && proxy->updatePriority) {
+    if (!proxy) {
+        SubmittedTask::updatePriority(task, priority);
+    } else if (proxy->updatePriority) {
         proxy->updatePriority(priority);
     }
 }
 
 void TaskHandle::waitForCompletion() {
-    if (proxy && proxy->waitForCompletion) {
+    if (!proxy) {
+        SubmittedTask::waitForCompletion(task);
+    } else if (proxy->waitForCompletion) {
         proxy->waitForCompletion();
     }
 }

@@ -11,6 +11,8 @@
 
 namespace ovra::concurrent {
 
+class SubmittedTask;
+
 /// The road from a `TaskHandle` to its `SubmittedTask`: five functions over a weak reference.
 ///
 /// Made by `SubmittedTask::provideProxy`. Any member may be empty; a handle then uses the value
@@ -34,6 +36,9 @@ struct SubmittedTaskProxy {
 class OVRA_API TaskHandle {
 public:
     explicit TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy);
+    /// The same as on the proxy that `SubmittedTask::provideProxy` makes of `submittedTask`,
+    /// without the detour.
+    explicit TaskHandle(std::weak_ptr<SubmittedTask> const& submittedTask);
     TaskHandle(TaskHandle const&) = delete;
     TaskHandle& operator=(TaskHandle const&) = delete;
     virtual ~TaskHandle();
@@ -57,8 +62,8 @@ public:
     /// The completion callback may still be running, or not have started, when this returns: what
     /// it uses, and the borrowed task name, must stay valid beyond the wait.
     ///
-    /// Wait once: a second wait, or one from another thread, while the task still exists throws
-    /// `std::future_error`. A wait never ends
+    /// `std::bad_alloc` if memory is short. Wait once: a second wait, or one from another thread,
+    /// while the task still exists throws `std::future_error`. A wait never ends
     /// - for a queued task of an executor that is destroyed, or whose queue is closed: the waiter
     ///   keeps the task, but no worker will ever reach it. Keep the executor alive while you wait,
     ///   or ask `isDone()` instead;
@@ -86,6 +91,7 @@ public:
 
 private:
     std::shared_ptr<SubmittedTaskProxy> const proxy;
+    std::weak_ptr<SubmittedTask> const task;  // Asked when there is no proxy.
     std::atomic<Executable::State> state;
     std::atomic<Executable::Result> result;
     std::exception_ptr exception;  // Written by the worker before the state that ends the task.
