@@ -142,6 +142,32 @@ mode_t permissionsOf(std::string const& path) {
     return modeOf(path) & 07777;
 }
 
+struct stat statusOf(std::string const& path) {
+    struct stat status = {};
+    require(stat(path.c_str(), &status) == 0, "stat " + path);
+    return status;
+}
+
+void setPermissions(std::string const& path, mode_t mode) {
+    require(chmod(path.c_str(), mode) == 0, "chmod " + path);
+}
+
+void setModificationTime(std::string const& path, std::int64_t seconds, long nanoseconds) {
+    struct timespec const time = {static_cast<time_t>(seconds), nanoseconds};
+    struct timespec const times[2] = {time, time};
+    require(utimensat(AT_FDCWD, path.c_str(), times, 0) == 0, "utimensat " + path);
+}
+
+std::string patternlessBytes(std::size_t count) {
+    std::string bytes(count, '\0');
+    std::uint32_t state = 1;
+    for (char& byte : bytes) {
+        state = state * 1664525u + 1013904223u;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
 std::optional<std::string> linkContents(std::string const& path) {
     std::string contents(5000, '\0');
     ssize_t const length = readlink(path.c_str(), contents.data(), contents.size());

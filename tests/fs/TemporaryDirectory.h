@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <gtest/gtest.h>
@@ -26,12 +29,18 @@ bool entryExists(std::string const& path);
 /// The type and permission bits of st_mode; 0 if there is no entry.
 mode_t modeOf(std::string const& path);
 mode_t permissionsOf(std::string const& path);
+/// The status of the entry or of a link's final target, which must exist.
+struct stat statusOf(std::string const& path);
 /// The contents of a link; nothing if there is no link.
 std::optional<std::string> linkContents(std::string const& path);
+void setPermissions(std::string const& path, mode_t mode);
+void setModificationTime(std::string const& path, std::int64_t seconds, long nanoseconds = 0);
 void makeDirectory(std::string const& path);
 void makeLink(std::string const& contents, std::string const& path);
 void makePipe(std::string const& path);
 void makeSocket(std::string const& path);
+/// Bytes without a pattern that a wrong offset could hide in.
+std::string patternlessBytes(std::size_t count);
 /// The names in a directory without "." and "..", in the order of the system.
 std::vector<std::string> namesIn(std::string const& directory);
 
