@@ -52,6 +52,9 @@ void hashAll(Tasks const& tasks, std::shared_ptr<Progress> const& progress, Opti
     auto const start = std::chrono::steady_clock::now();
     Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
     std::size_t const raised = submitAll(hasher, tasks, options.first);
+    if (raised == 0 && !options.first.empty() && !interrupt.requested()) {
+        say("--first " + quoted(options.first) + ": nothing there");
+    }
     log::log(log::INFO, TAG, "%zu tasks at HIGH, %zu at NORMAL, %zu of them raised to HIGHEST.",
              hasher.submittedAsSmall(), hasher.submitted() - hasher.submittedAsSmall(), raised);
     for (std::size_t number = 0; number < hasher.submitted(); ++number) {

@@ -26,6 +26,14 @@ HashTask::HashTask(std::string const& filePath, std::int64_t fileSizeBytes,
 HashTask::~HashTask() = default;
 
 ovra::concurrent::Executable::Result HashTask::execute() {
+    // Counted here and not in the completion callback, which may come after the last waiter has
+    // gone on to tell how many there were.
+    Result const result = readAndHash();
+    progress->fileDone();
+    return result;
+}
+
+ovra::concurrent::Executable::Result HashTask::readAndHash() {
     ovra::fs::FileHandle const handle(file);
     auto const stream = handle.CreateInputStream(std::ios_base::binary);
     if (!*stream) {

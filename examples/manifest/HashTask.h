@@ -36,6 +36,8 @@ public:
     std::string const& error() const;
 
 private:
+    Result readAndHash();
+
     std::string const file;
     std::string const nameForLog;
     std::int64_t const size;

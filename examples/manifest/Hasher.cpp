@@ -51,7 +51,8 @@ Hasher::Hasher(std::shared_ptr<concurrent::TaskExecutor> workers,
     interrupt.onRequest([this] {
         cancel();
         progress->finish();
-        complain("interrupted: finishing the files that are being read");
+        // Not logged: nothing may hold up the next Ctrl-C.
+        say("interrupted: finishing the files that are being read");
     });
 }
 
@@ -67,14 +68,13 @@ std::shared_ptr<concurrent::TaskHandle> Hasher::submit(std::shared_ptr<HashTask>
     if (underWay->cancelled) {
         return nullptr;
     }
-    auto handle = executor->submitTask(
-        task, isSmall ? concurrent::HIGH : concurrent::NORMAL,
-        [shared = underWay, progress = progress](std::shared_ptr<concurrent::Task> const&) {
-            progress->fileDone();
-            std::lock_guard<std::mutex> const callbackLock(shared->mutex);
-            --shared->count;
-            shared->changed.notify_one();
-        });
+    auto handle =
+        executor->submitTask(task, isSmall ? concurrent::HIGH : concurrent::NORMAL,
+                             [shared = underWay](std::shared_ptr<concurrent::Task> const&) {
+                                 std::lock_guard<std::mutex> const callbackLock(shared->mutex);
+                                 --shared->count;
+                                 shared->changed.notify_one();
+                             });
     if (!handle) {
         throw std::runtime_error("the executor takes no more work");
     }

@@ -24,8 +24,12 @@ std::string whyNotOpened(std::string const& path, int flags) {
 
 }  // namespace
 
-void complain(std::string const& message) {
+void say(std::string const& message) {
     std::cerr << "ovra-manifest: " + message + '\n';
+}
+
+void complain(std::string const& message) {
+    say(message);
     ovra::log::log(ovra::log::WARNING, "complain()", "%s", forLog(message).c_str());
 }
 

@@ -1,0 +1,105 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include <ovra/Version.h>
+
+#include "tests/examples/Process.h"
+#include "tests/examples/ScratchDirectory.h"
+#include "tests/support/Bounded.h"
+
+namespace {
+
+using namespace ovra::test;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ArgumentsTest : public BoundedTest {
+protected:
+    Outcome call(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), OVRA_MANIFEST);
+        Command command;
+        command.arguments = arguments;
+        command.directory = scratch.path();
+        return run(command);
+    }
+
+    ScratchDirectory scratch;
+};
+
+TEST_F(ArgumentsTest, WrongOnesAreNamedInOneLine) {
+    struct {
+        std::vector<std::string> arguments;
+        char const* message;
+    } const rows[] = {
+        {{}, "create or check? See --help"},
+        {{"destroy"}, "unknown command destroy: create or check?"},
+        {{"create"}, "create needs a directory"},
+        {{"create", ""}, "an empty name is no directory"},
+        {{"create", "--jobs", "2"}, "create needs a directory"},
+        {{"create", "d", "--jobs"}, "--jobs needs a value"},
+        {{"create", "d", "--jobs="}, "--jobs needs a value"},
+        {{"create", "d", "--jobs", "0"}, "--jobs needs a number from 1 up, not 0"},
+        {{"create", "d", "--jobs=-1"}, "--jobs needs a number from 1 up, not -1"},
+        {{"create", "d", "--jobs", "two"}, "--jobs needs a number from 1 up, not two"},
+        {{"create", "d", "--jobs", "2x"}, "--jobs needs a number from 1 up, not 2x"},
+        {{"create", "d", "--jobs", "99999999999999999999"},
+         "--jobs needs a number from 1 up, not 99999999999999999999"},
+        {{"create", "d", "-o"}, "-o needs a value"},
+        {{"create", "d", "-o", ""}, "-o needs a value"},
+        {{"create", "d", "--log", ""}, "--log needs a value"},
+        {{"create", "d", "--first"}, "--first needs a value"},
+        {{"create", "d", "-x"}, "unknown option -x"},
+        {{"create", "d", "--fast please"}, "unknown option '--fast please'"},
+        {{"create", "d", "--verbose=yes", "-o", "m"}, "--verbose takes no value"},
+        {{"create", "d", "-o", "m", "--verbose=yes"}, "--verbose takes no value"},
+        {{"create", "d", "--verbose"},
+         "create --verbose needs -o: log lines go to standard output"},
+        {{"check"}, "check needs one manifest"},
+        {{"check", "a", "b"}, "check needs one manifest"},
+        {{"check", "a", "-o", "b"}, "-o and --first belong to create"},
+        {{"check", "a", "--first", "b"}, "-o and --first belong to create"},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(::testing::PrintToString(row.arguments));
+        Outcome const outcome = call(row.arguments);
+        EXPECT_EQ(2, outcome.exitStatus);
+        EXPECT_EQ(std::string("ovra-manifest: ") + row.message + '\n', outcome.err);
+        EXPECT_THAT(outcome.out, IsEmpty());
+        EXPECT_EQ(0u, scratch.entries());
+    }
+}
+
+TEST_F(ArgumentsTest, OrderAndSpellingAreFree) {
+    scratch.write("d/a", "a");
+    std::string const expected = call({"create", "d"}).out;
+    ASSERT_THAT(expected, ::testing::EndsWith("  d/a\n"));
+    for (std::vector<std::string> const& arguments :
+         {std::vector<std::string>{"--jobs", "2", "create", "d"},
+          {"create", "--jobs=2", "--", "d"},
+          {"--first=d/a", "create", "d", "--jobs", "200"}}) {
+        SCOPED_TRACE(::testing::PrintToString(arguments));
+        Outcome const outcome = call(arguments);
+        EXPECT_EQ(expected, outcome.out);
+        EXPECT_THAT(outcome.err, IsEmpty());
+        EXPECT_EQ(0, outcome.exitStatus);
+    }
+}
+
+TEST_F(ArgumentsTest, HelpAndVersion) {
+    Outcome const help = call({"create", "--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    EXPECT_THAT(help.out, StartsWith("Usage: ovra-manifest create DIR..."));
+    for (auto const* option : {"-o FILE", "--jobs N", "--first PATH", "--log PATH", "--verbose"}) {
+        EXPECT_THAT(help.out, HasSubstr(option));
+    }
+    EXPECT_THAT(help.err, IsEmpty());
+
+    Outcome const version = call({"--version"});
+    EXPECT_EQ(0, version.exitStatus);
+    EXPECT_EQ("ovra-manifest " OVRA_VERSION "\n", version.out);
+}
+
+}  // namespace

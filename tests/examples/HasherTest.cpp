@@ -1,0 +1,251 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <ovra/concurrent/TaskExecutorImpl.h>
+#include <ovra/concurrent/TaskExecutors.h>
+
+#include "examples/manifest/Create.h"
+#include "examples/manifest/Hasher.h"
+#include "examples/manifest/Walk.h"
+#include "tests/examples/ScratchDirectory.h"
+#include "tests/support/Bounded.h"
+#include "tests/support/Gate.h"
+
+namespace {
+
+using namespace manifest;
+using namespace ovra::concurrent;
+using namespace ovra::test;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr std::int64_t SMALL = 10;
+constexpr std::int64_t LARGE = 10'000'000;
+
+// Notes its path instead of reading a file.
+class NotingTask : public HashTask {
+public:
+    NotingTask(std::string const& filePath, std::int64_t fileSizeBytes,
+               std::vector<std::string>& begun)
+        : HashTask(filePath, fileSizeBytes, std::make_shared<Progress>(1, fileSizeBytes, false)),
+          order(begun) {}
+    Result execute() override {
+        order.push_back(path());
+        return SUCCESS;
+    }
+
+private:
+    std::vector<std::string>& order;
+};
+
+class ThrowingTask : public HashTask {
+public:
+    ThrowingTask() : HashTask("x", SMALL, std::make_shared<Progress>(1, SMALL, false)) {}
+    Result execute() override { throw std::runtime_error("broken"); }
+};
+
+// Passes everything on to another executor, and watches.
+class WatchingExecutor : public TaskExecutor {
+public:
+    explicit WatchingExecutor(std::shared_ptr<TaskExecutor> passOnTo)
+        : inner(std::move(passOnTo)) {}
+    std::shared_ptr<TaskHandle> submitTask(
+        std::shared_ptr<Task> const& task, TaskPriority priority,
+        std::function<void(std::shared_ptr<Task>)> const& callback) override {
+        int const now = ++underWay;
+        most = std::max(most, now);
+        auto handle =
+            inner->submitTask(task, priority, [this, callback](std::shared_ptr<Task> const& done) {
+                --underWay;
+                callback(done);
+            });
+        if (now == openAt) {
+            gate.open();
+        }
+        return handle;
+    }
+    std::shared_ptr<TaskHandle> submitTask(std::function<Executable::Result()> const&, TaskPriority,
+                                           std::function<void(std::shared_ptr<Task>)> const&,
+                                           char const*) override {
+        return nullptr;
+    }
+    bool isIdle() override { return inner->isIdle(); }
+
+    std::atomic<int> underWay{0};
+    int most = 0;
+    int openAt = 0;
+    Gate gate;
+
+private:
+    std::shared_ptr<TaskExecutor> inner;
+};
+
+class HasherTest : public BoundedTest {
+protected:
+    // Holds the one worker until the gate opens.
+    void holdWorker(Gate& gate) {
+        executor->submitTask(
+            [&gate] {
+                gate.wait();
+                return Executable::SUCCESS;
+            },
+            HIGHEST, nullptr, "gate");
+    }
+
+    std::vector<std::string> orderOf(std::vector<FoundFile> const& files,
+                                     std::string const& first) {
+        std::vector<std::shared_ptr<HashTask>> tasks;
+        for (auto const& file : files) {
+            tasks.push_back(std::make_shared<NotingTask>(file.path, file.sizeBytes, begun));
+        }
+        Gate gate;
+        holdWorker(gate);
+        Hasher hasher(executor, progress, interrupt);
+        submitAll(hasher, tasks, first);
+        gate.open();
+        for (std::size_t number = 0; number < hasher.submitted(); ++number) {
+            hasher.waitFor(number);
+        }
+        return begun;
+    }
+
+    std::vector<std::string> begun;
+    Interrupt interrupt;
+    std::shared_ptr<Progress> progress = std::make_shared<Progress>(0, 0, false);
+    std::shared_ptr<TaskExecutor> executor = makeExecutor(1);
+};
+
+TEST_F(HasherTest, SmallFilesRunBeforeLargeOnes) {
+    EXPECT_THAT(orderOf({{"a", LARGE}, {"b", SMALL}, {"c", LARGE}, {"d", SMALL}}, ""),
+                ElementsAre("b", "d", "a", "c"));
+}
+
+TEST_F(HasherTest, FirstRunsBeforeAllWhateverItsSize) {
+    EXPECT_THAT(
+        orderOf({{"d/a", SMALL}, {"d/m/x", LARGE}, {"d/m/y", SMALL}, {"d/z", SMALL}}, "d/m"),
+        ElementsAre("d/m/x", "d/m/y", "d/a", "d/z"));
+}
+
+TEST_F(HasherTest, FirstCanBeOneFileOrEndWithASlash) {
+    EXPECT_THAT(orderOf({{"d/a", SMALL}, {"d/m", LARGE}, {"d/mm", LARGE}}, "d/m"),
+                ElementsAre("d/m", "d/a", "d/mm"));
+    begun.clear();
+    EXPECT_THAT(orderOf({{"d/a", SMALL}, {"d/m/x", LARGE}}, "d/m/"), ElementsAre("d/m/x", "d/a"));
+}
+
+TEST_F(HasherTest, FirstComesFirstAlsoWhenMoreAreWaitingThanAreQueuedAtATime) {
+    std::vector<FoundFile> files;
+    for (std::size_t i = 0; i < 2 * Hasher::MOST_UNDER_WAY; ++i) {
+        files.push_back({"a/" + std::to_string(i), SMALL});
+    }
+    files.push_back({"z", LARGE});
+    std::vector<std::shared_ptr<HashTask>> tasks;
+    for (auto const& file : files) {
+        tasks.push_back(std::make_shared<NotingTask>(file.path, file.sizeBytes, begun));
+    }
+    Hasher hasher(executor, progress, interrupt);
+    EXPECT_EQ(1u, submitAll(hasher, tasks, "z"));
+    for (std::size_t number = 0; number < hasher.submitted(); ++number) {
+        hasher.waitFor(number);
+    }
+    ASSERT_EQ(files.size(), begun.size());
+    EXPECT_EQ("z", begun.front());
+}
+
+TEST_F(HasherTest, BoundsWhatIsUnderWay) {
+    auto const watching = std::make_shared<WatchingExecutor>(executor);
+    watching->openAt = static_cast<int>(Hasher::MOST_UNDER_WAY);
+    holdWorker(watching->gate);
+    Hasher hasher(watching, progress, interrupt);
+    for (std::size_t i = 0; i < 3 * Hasher::MOST_UNDER_WAY; ++i) {
+        ASSERT_NE(nullptr, hasher.submit(std::make_shared<NotingTask>("x", SMALL, begun)));
+    }
+    for (std::size_t number = 0; number < hasher.submitted(); ++number) {
+        hasher.waitFor(number);
+    }
+    EXPECT_EQ(static_cast<int>(Hasher::MOST_UNDER_WAY), watching->most);
+    yieldUntil([&] { return watching->underWay == 0; });  // The last callback.
+}
+
+TEST_F(HasherTest, CancelPassesOverWhatIsQueuedAndTakesNoMore) {
+    Gate gate;
+    holdWorker(gate);
+    Hasher hasher(executor, progress, interrupt);
+    hasher.submit(std::make_shared<NotingTask>("a", SMALL, begun));
+    hasher.submit(std::make_shared<NotingTask>("b", LARGE, begun));
+    hasher.cancel();
+    EXPECT_EQ(nullptr, hasher.submit(std::make_shared<NotingTask>("c", SMALL, begun)));
+    EXPECT_EQ(2u, hasher.submitted());
+    gate.open();
+    hasher.waitFor(0);
+    hasher.waitFor(1);
+    EXPECT_THAT(begun, IsEmpty());
+}
+
+TEST_F(HasherTest, CancelReleasesASubmitThatWaits) {
+    auto const watching = std::make_shared<WatchingExecutor>(executor);
+    Gate never;
+    holdWorker(never);
+    Hasher hasher(watching, progress, interrupt);
+    for (std::size_t i = 0; i < Hasher::MOST_UNDER_WAY; ++i) {
+        hasher.submit(std::make_shared<NotingTask>("x", SMALL, begun));
+    }
+    // Whether it comes before or during the wait of the next submit, that must return.
+    std::thread canceller([&hasher] { hasher.cancel(); });
+    EXPECT_EQ(nullptr, hasher.submit(std::make_shared<NotingTask>("x", SMALL, begun)));
+    canceller.join();
+    never.open();
+    for (std::size_t number = 0; number < hasher.submitted(); ++number) {
+        hasher.waitFor(number);
+    }
+    EXPECT_THAT(begun, IsEmpty());
+}
+
+TEST_F(HasherTest, InterruptCancels) {
+    Gate gate;
+    holdWorker(gate);
+    Hasher hasher(executor, progress, interrupt);
+    hasher.submit(std::make_shared<NotingTask>("a", SMALL, begun));
+    interrupt.request();
+    gate.open();
+    hasher.waitFor(0);
+    EXPECT_THAT(begun, IsEmpty());
+    EXPECT_EQ(nullptr, hasher.submit(std::make_shared<NotingTask>("b", SMALL, begun)));
+}
+
+TEST_F(HasherTest, WhatTheWorkThrowsReachesTheWaiter) {
+    Hasher hasher(executor, progress, interrupt);
+    hasher.submit(std::make_shared<ThrowingTask>());
+    try {
+        hasher.waitFor(0);
+        FAIL() << "nothing was thrown";
+    } catch (std::runtime_error const& error) {
+        EXPECT_STREQ("broken", error.what());
+    }
+}
+
+TEST_F(HasherTest, ExecutorThatTakesNoWorkIsAnError) {
+    auto const queue = std::make_shared<SubmittedTasksQueue>(nullptr);
+    queue->close();
+    Hasher hasher(std::make_shared<TaskExecutorImpl>(1, queue), progress, interrupt);
+    EXPECT_THROW(hasher.submit(std::make_shared<NotingTask>("a", SMALL, begun)),
+                 std::runtime_error);
+}
+
+TEST_F(HasherTest, JobsChooseTheExecutor) {
+    EXPECT_EQ(getNoStarveTaskExecutor(), makeExecutor(0));
+    EXPECT_NE(makeExecutor(2), makeExecutor(2));
+}
+
+}  // namespace

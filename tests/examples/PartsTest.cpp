@@ -1,0 +1,164 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "examples/manifest/Interrupt.h"
+#include "examples/manifest/ManifestFile.h"
+#include "examples/manifest/ManifestLine.h"
+#include "examples/manifest/Messages.h"
+#include "examples/manifest/Quote.h"
+#include "examples/manifest/Sha256.h"
+#include "examples/manifest/Walk.h"
+#include "tests/examples/ScratchDirectory.h"
+#include "tests/support/Bounded.h"
+#include "tests/support/Gate.h"
+
+namespace {
+
+using namespace manifest;
+using namespace ovra::test;
+using ::testing::IsEmpty;
+
+TEST(Sha256Test, PublishedDigests) {
+    EXPECT_EQ("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",
+              Sha256().finish());
+    Sha256 inPieces;
+    inPieces.add("a", 1);
+    inPieces.add("bc", 2);
+    EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad",
+              inPieces.finish());
+}
+
+TEST(QuoteTest, QuotesOnlyWhatNeedsIt) {
+    struct {
+        char const* name;
+        char const* quoted;
+    } const rows[] = {
+        {"a.txt", "a.txt"},
+        {"", "''"},
+        {"a b", "'a b'"},
+        {"it's", "\"it's\""},
+        {"it's $5", "'it'\\''s $5'"},
+        {"a\nb", "'a'$'\\n''b'"},
+        {"\xff", "''$'\\377'"},
+        {"{", "'{'"},
+        {"{a}", "{a}"},
+        {"#a", "'#a'"},
+        {"a#", "a#"},
+    };
+    for (auto const& row : rows) {
+        EXPECT_EQ(row.quoted, quoted(row.name)) << "of " << row.name;
+    }
+}
+
+TEST(MessagesTest, LogTextIsHarmlessToTheSystemLog) {
+    EXPECT_EQ("100%%s", forLog("100%s"));
+    EXPECT_EQ("%%%%", forLog("%%"));
+    EXPECT_EQ("a?b?c?\xc3\xa9", forLog("a\nb\x1b"
+                                       "c\x7f\xc3\xa9"));
+}
+
+TEST(ManifestLineTest, EscapedLinesCanBeReadBack) {
+    for (std::string const path : {"d/a", "d/new\nline", "d/back\\slash", "d/cr\r", "\\n", " *"}) {
+        std::string line = manifestLine({std::string(64, 'a'), path});
+        ASSERT_EQ('\n', line.back());
+        line.pop_back();
+        EXPECT_EQ(std::string::npos, line.find('\n'));
+        auto const entry = ManifestReader().parse(line);
+        ASSERT_TRUE(entry.has_value()) << line;
+        EXPECT_EQ(path, entry->path);
+        EXPECT_EQ(std::string(64, 'a'), entry->digest);
+    }
+}
+
+class ManifestFileTest : public ::testing::Test {
+protected:
+    ScratchDirectory scratch;
+};
+
+TEST_F(ManifestFileTest, GoesAwayUnlessMovedIntoPlace) {
+    {
+        ManifestFile file(scratch.path("m"));
+        EXPECT_EQ(0u, scratch.entries());
+        file.write("text");
+        EXPECT_EQ(1u, scratch.entries());
+        EXPECT_FALSE(scratch.exists("m"));
+    }
+    EXPECT_EQ(0u, scratch.entries());
+}
+
+TEST_F(ManifestFileTest, IsCompleteWhenItAppears) {
+    {
+        ManifestFile file(scratch.path("m"));
+        file.write("text");
+        file.moveIntoPlace();
+        EXPECT_EQ("text", scratch.read("m"));
+    }
+    EXPECT_EQ(1u, scratch.entries());
+}
+
+TEST_F(ManifestFileTest, DoesNotMoveIntoADirectoryThatTookThePlace) {
+    ManifestFile file(scratch.path("m"));
+    file.write("text");
+    scratch.makeDirectory("m");
+    EXPECT_THROW(file.moveIntoPlace(), std::runtime_error);
+    EXPECT_EQ(0u, scratch.entries("m"));
+}
+
+class WalkTest : public ::testing::Test {
+protected:
+    ScratchDirectory scratch;
+    Interrupt interrupt;
+};
+
+TEST_F(WalkTest, StopsOnInterrupt) {
+    scratch.write("a", "a");
+    interrupt.request();
+    Walk walk(interrupt);
+    walk.addFilesBelow(scratch.path());
+    EXPECT_THAT(walk.sortedFiles(), IsEmpty());
+}
+
+TEST_F(WalkTest, TellsTheSizes) {
+    scratch.write("a", "12345");
+    Walk walk(interrupt);
+    walk.addFilesBelow(scratch.path());
+    auto const files = walk.sortedFiles();
+    ASSERT_EQ(1u, files.size());
+    EXPECT_EQ(scratch.path("a"), files[0].path);
+    EXPECT_EQ(5, files[0].sizeBytes);
+    EXPECT_TRUE(walk.isComplete());
+}
+
+using InterruptTest = BoundedTest;
+
+TEST_F(InterruptTest, SignalCallsTheAction) {
+    Interrupt interrupt;
+    EXPECT_FALSE(interrupt.requested());
+    Gate called;
+    interrupt.onRequest([&] { called.open(); });
+    kill(getpid(), SIGINT);
+    called.wait();
+    EXPECT_TRUE(interrupt.requested());
+}
+
+TEST_F(InterruptTest, ActionThatComesTooLateIsCalledAtOnce) {
+    Interrupt interrupt;
+    interrupt.request();
+    bool called = false;
+    interrupt.onRequest([&] { called = true; });
+    EXPECT_TRUE(called);
+}
+
+TEST_F(InterruptTest, ActionTakenBackIsNotCalled) {
+    Interrupt interrupt;
+    bool called = false;
+    interrupt.onRequest([&] { called = true; });
+    interrupt.onRequest({});
+    interrupt.request();
+    EXPECT_FALSE(called);
+}
+
+}  // namespace
