@@ -58,6 +58,8 @@ SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
       priority(initialPriority),
       rank(submittedTaskPriorityToInitialRank(initialPriority)),
       uniqueIndex(--s_uniqueIndexCounter) {
+    // After the index is taken, which is spent even if this throws.
+    // cppcheck-suppress useInitializationList
     task = std::make_shared<LambdaFunctionTask>(work, name);
 }
 
