@@ -40,8 +40,9 @@ std::string failureOf(std::string const& what) {
     return what + ": " + strerror(errno);
 }
 
-void writeTo(char const* path, std::string const& content) {
-    std::ofstream(path) << content;
+bool writeTo(char const* path, std::string const& content) {
+    std::ofstream file(path);
+    return (file << content << std::flush).good();
 }
 
 // Gives this process a /dev of its own. What was wrong, or an empty string.
@@ -52,10 +53,15 @@ std::string makePrivateDev() {
         }
     } else {
         std::string const user = std::to_string(geteuid());
+        std::string const group = std::to_string(getegid());
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
             return failureOf("no private user and mount namespace");
         }
-        writeTo("/proc/self/uid_map", "0 " + user + " 1");
+        if (!writeTo("/proc/self/uid_map", "0 " + user + " 1") ||
+            !writeTo("/proc/self/setgroups", "deny") ||
+            !writeTo("/proc/self/gid_map", "0 " + group + " 1")) {
+            return failureOf("no user of one's own in the private namespace");
+        }
     }
     // Before anything else: nothing mounted here may reach the machine.
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
