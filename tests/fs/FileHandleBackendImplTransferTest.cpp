@@ -160,7 +160,7 @@ TEST_F(FileHandleBackendImplTransferTest, RefusesToMove) {
 
 TEST_F(FileHandleBackendImplTransferTest, MovesNothingOntoAnotherNameOfTheSameFileAndSaysTrue) {
     writeFile(at("f"), "kept");
-    ASSERT_EQ(link(at("f").c_str(), at("other").c_str()), 0);
+    test::makeHardLink(at("f"), at("other"));
     FileHandleBackendImpl source(at("f"));
     EXPECT_TRUE(source.Move(FileHandle(at("other"))));
     EXPECT_TRUE(source.Move(FileHandle(at("f"))));
@@ -471,7 +471,7 @@ TEST_F(FileHandleBackendImplTransferTest, EmptiesAFileCopiedOntoItselfAndSaysTru
         EXPECT_EQ(readFile(at("d/f")), "") << target;
     }
     writeFile(at("d/f"), patternlessBytes(100000));
-    ASSERT_EQ(link(at("d/f").c_str(), at("hard").c_str()), 0);
+    test::makeHardLink(at("d/f"), at("hard"));
     EXPECT_TRUE(FileHandleBackendImpl(at("d/f")).Copy(FileHandle(at("hard"))));
     EXPECT_EQ(readFile(at("d/f")), "");
 }

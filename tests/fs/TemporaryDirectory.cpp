@@ -186,6 +186,10 @@ void makeLink(std::string const& contents, std::string const& path) {
     require(symlink(contents.c_str(), path.c_str()) == 0, "symlink " + path);
 }
 
+void makeHardLink(std::string const& existing, std::string const& path) {
+    require(link(existing.c_str(), path.c_str()) == 0, "link " + path);
+}
+
 void makePipe(std::string const& path) {
     require(mkfifo(path.c_str(), 0666) == 0, "mkfifo " + path);
 }
@@ -292,14 +296,17 @@ ChildOutcome onPrivateFileSystem(std::string const& mountPoint, std::string cons
 }
 
 DescriptorLimit::DescriptorLimit(unsigned int more) {
-    // The limit is one above the highest number that may be given out, so gaps count as well.
-    int const next = dup(STDERR_FILENO);
-    require(next >= 0, "dup");
-    close(next);
+    // The limit counts numbers, not descriptors, and there may be gaps among those in use.
+    int end = 0;
+    for (unsigned int available = 0; available < more; ++end) {
+        if (fcntl(end, F_GETFD) < 0) {
+            ++available;
+        }
+    }
     struct rlimit limit;
     require(getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
     previous = limit.rlim_cur;
-    limit.rlim_cur = static_cast<unsigned int>(next) + more;
+    limit.rlim_cur = static_cast<unsigned int>(end);
     require(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
 }
 

@@ -37,6 +37,7 @@ void setPermissions(std::string const& path, mode_t mode);
 void setModificationTime(std::string const& path, std::int64_t seconds, long nanoseconds = 0);
 void makeDirectory(std::string const& path);
 void makeLink(std::string const& contents, std::string const& path);
+void makeHardLink(std::string const& existing, std::string const& path);
 void makePipe(std::string const& path);
 void makeSocket(std::string const& path);
 /// Bytes without a pattern that a wrong offset could hide in.

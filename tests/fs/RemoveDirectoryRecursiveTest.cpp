@@ -1,0 +1,318 @@
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ovra/fs/FileHandle.h>
+
+#include "TemporaryDirectory.h"
+
+namespace ovra::fs {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+using test::entryExists;
+using test::linkContents;
+using test::makeDirectory;
+using test::makeLink;
+using test::makePipe;
+using test::makeSocket;
+using test::modeOf;
+using test::namesIn;
+using test::OrdinaryUser;
+using test::readFile;
+using test::setPermissions;
+using test::WorkingDirectory;
+using test::writeFile;
+
+class RemoveDirectoryRecursiveTest : public test::TemporaryDirectoryTest {
+protected:
+    bool removeRecursively(std::string const& path) const {
+        return FileHandle(path).RemoveDirectoryRecursive();
+    }
+};
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesAnEmptyDirectory) {
+    makeDirectory(at("d"));
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_FALSE(entryExists(at("d")));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesATree) {
+    makeDirectory(at("d"));
+    makeDirectory(at("d/empty"));
+    makeDirectory(at("d/sub"));
+    makeDirectory(at("d/sub/.hidden"));
+    writeFile(at("d/sub/.hidden/..file"));
+    writeFile(at("d/sub/file"));
+    writeFile(at("d/file"));
+    setPermissions(at("d/file"), 0);
+    writeFile(at("beside"), "kept");
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(root), ElementsAre("beside"));
+    EXPECT_EQ(readFile(at("beside")), "kept");
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesARelativeTree) {
+    makeDirectory(at("d"));
+    makeDirectory(at("d/sub"));
+    writeFile(at("d/sub/file"));
+    WorkingDirectory const here(root);
+    EXPECT_TRUE(removeRecursively("d"));
+    EXPECT_THAT(namesIn(root), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, TouchesNothingThatIsNoDirectory) {
+    writeFile(at("file"));
+    makePipe(at("pipe"));
+    makeLink("file", at("link"));
+    makeLink("missing", at("dangling"));
+    for (std::string const name : {"file", "pipe", "link", "dangling", "missing"}) {
+        EXPECT_FALSE(removeRecursively(at(name))) << name;
+    }
+    EXPECT_FALSE(removeRecursively(""));
+    EXPECT_THAT(namesIn(root), UnorderedElementsAre("file", "pipe", "link", "dangling"));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, KeepsWhatIsNeitherFileNorDirectory) {
+    makeDirectory(at("d"));
+    makeDirectory(at("d/sub"));
+    makePipe(at("d/sub/pipe"));
+    writeFile(at("d/sub/file"));
+    makeDirectory(at("d/other"));
+    makeSocket(at("d/other/socket"));
+    makeDirectory(at("d/third"));
+    makeLink("missing", at("d/third/dangling"));
+    makeDirectory(at("d/fourth"));
+    makeLink("../sub/pipe", at("d/fourth/link-to-pipe"));
+    makeDirectory(at("d/fifth"));
+    makeLink("/dev/null", at("d/fifth/link-to-device"));
+    makeDirectory(at("d/gone"));
+    writeFile(at("d/gone/file"));
+    writeFile(at("d/file"));
+    EXPECT_FALSE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("sub", "other", "third", "fourth", "fifth"));
+    EXPECT_THAT(namesIn(at("d/sub")), ElementsAre("pipe"));
+    EXPECT_THAT(namesIn(at("d/other")), ElementsAre("socket"));
+    EXPECT_THAT(namesIn(at("d/third")), ElementsAre("dangling"));
+    EXPECT_THAT(namesIn(at("d/fourth")), ElementsAre("link-to-pipe"));
+    EXPECT_THAT(namesIn(at("d/fifth")), ElementsAre("link-to-device"));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesLinksToFilesAndKeepsTheFiles) {
+    writeFile(at("file"), "kept");
+    makeDirectory(at("d"));
+    makeLink("../file", at("d/link"));
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_EQ(readFile(at("file")), "kept");
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, EmptiesTheTargetsOfLinksToDirectories) {
+    makeDirectory(at("outside"));
+    makeDirectory(at("outside/sub"));
+    writeFile(at("outside/sub/file"));
+    writeFile(at("outside/file"));
+    makeDirectory(at("d"));
+    makeLink(at("outside"), at("d/link"));
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_FALSE(entryExists(at("d")));
+    ASSERT_TRUE(entryExists(at("outside")));
+    EXPECT_THAT(namesIn(at("outside")), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, EmptiesATargetThatSeveralLinksName) {
+    makeDirectory(at("outside"));
+    makePipe(at("outside/pipe"));
+    makeDirectory(at("d"));
+    makeLink("../outside", at("d/one"));
+    makeLink("../outside", at("d/two"));
+    makeDirectory(at("d/sub"));
+    makeLink("../../outside", at("d/sub/three"));
+    writeFile(at("outside/file"));
+    EXPECT_TRUE(removeRecursively(at("d"))) << "the links go, whatever stays in their target";
+    EXPECT_FALSE(entryExists(at("d")));
+    EXPECT_THAT(namesIn(at("outside")), ElementsAre("pipe"));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, StartsAtALinkToo) {
+    makeDirectory(at("outside"));
+    writeFile(at("outside/file"));
+    makeLink("outside", at("link"));
+    EXPECT_TRUE(removeRecursively(at("link")));
+    EXPECT_THAT(namesIn(root), ElementsAre("outside"));
+    EXPECT_THAT(namesIn(at("outside")), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesLinksToTheDirectoriesAboveThem) {
+    makeDirectory(at("d"));
+    makeDirectory(at("d/a"));
+    makeDirectory(at("d/a/b"));
+    makeLink(".", at("d/a/b/itself"));
+    makeLink("../..", at("d/a/b/up"));
+    makeLink(at("d"), at("d/a/b/again"));
+    makeLink("a", at("d/to-a"));
+    writeFile(at("d/a/b/file"));
+    writeFile(at("d/file"));
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(root), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, EmptiesADirectoryAboveItselfThroughALink) {
+    makeDirectory(at("above"));
+    makeDirectory(at("above/d"));
+    writeFile(at("above/d/file"));
+    writeFile(at("above/file"));
+    makeLink("..", at("above/d/up"));
+    EXPECT_TRUE(removeRecursively(at("above/d")));
+    EXPECT_THAT(namesIn(at("above")), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, FollowsTwoDirectoriesThatLinkToEachOther) {
+    makeDirectory(at("d"));
+    makeDirectory(at("d/a"));
+    makeDirectory(at("d/b"));
+    makeLink("../b", at("d/a/to-b"));
+    makeLink("../a", at("d/b/to-a"));
+    writeFile(at("d/a/file"));
+    writeFile(at("d/b/file"));
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(root), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, EndsSoonInATreeOfLinksUpwardsThatCannotBeRemoved) {
+    OrdinaryUser const ordinary(root);
+    makeDirectory(at("d"));
+    makeDirectory(at("d/sub"));
+    for (std::string const name : {"one", "two", "three", "sub/four", "sub/five"}) {
+        makeLink(at("d"), at("d/") + name);
+    }
+    setPermissions(at("d/sub"), 0555);
+    setPermissions(at("d"), 0555);
+    // Followed as often as the system allows, they would lead through 3^40 directories.
+    EXPECT_FALSE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("one", "two", "three", "sub"));
+    EXPECT_THAT(namesIn(at("d/sub")), UnorderedElementsAre("four", "five"));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesWhatItMayAndSaysFalseForTheRest) {
+    OrdinaryUser const ordinary(root);
+    makeDirectory(at("d"));
+    makeDirectory(at("d/fixed"));
+    writeFile(at("d/fixed/file"), "kept");
+    makeDirectory(at("d/closed"));
+    writeFile(at("d/closed/file"), "kept");
+    makeDirectory(at("d/open"));
+    writeFile(at("d/open/file"));
+    writeFile(at("d/file"));
+    setPermissions(at("d/fixed"), 0555);
+    setPermissions(at("d/closed"), 0);
+    EXPECT_FALSE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("fixed", "closed"));
+    EXPECT_EQ(readFile(at("d/fixed/file")), "kept");
+    setPermissions(at("d/closed"), 0700);
+    EXPECT_EQ(readFile(at("d/closed/file")), "kept");
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, KeepsAnEmptyDirectoryWhoseParentMayNotBeWritten) {
+    OrdinaryUser const ordinary(root);
+    makeDirectory(at("fixed"));
+    makeDirectory(at("fixed/d"));
+    writeFile(at("fixed/d/file"));
+    setPermissions(at("fixed"), 0555);
+    EXPECT_FALSE(removeRecursively(at("fixed/d")));
+    EXPECT_THAT(namesIn(at("fixed/d")), IsEmpty()) << "what could be removed is gone";
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesThreeHundredLevels) {
+    std::string path = at("d");
+    for (int level = 0; level < 300; ++level) {
+        makeDirectory(path);
+        writeFile(path + "/file");
+        path += "/d";
+    }
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(root), IsEmpty());
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, KeepsWhatNoPathIsLongEnoughFor) {
+    std::string const name(200, 'n');
+    std::string longestPath = root;
+    {
+        // Made step by step: no path names the innermost ones.
+        int parent = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_GE(parent, 0);
+        for (int level = 0; level < 30; ++level) {
+            ASSERT_EQ(mkdirat(parent, name.c_str(), 0777), 0);
+            int const file = openat(parent, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+            ASSERT_GE(file, 0);
+            close(file);
+            int const child = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            ASSERT_GE(child, 0);
+            close(parent);
+            parent = child;
+            if (longestPath.size() + 1 + name.size() < 4096) {
+                longestPath += "/" + name;
+            }
+        }
+        close(parent);
+    }
+    EXPECT_FALSE(removeRecursively(at(name)));
+    EXPECT_TRUE(entryExists(longestPath)) << "it holds what could not be named";
+    EXPECT_TRUE(entryExists(at("file"))) << "beside the tree, not in it";
+    EXPECT_THAT(namesIn(at(name)), ElementsAre(name)) << "its file is gone";
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, KeepsWhatIsDeeperThanTheDescriptorsReach) {
+    std::string path = at("d");
+    for (int level = 0; level < 30; ++level) {
+        makeDirectory(path);
+        writeFile(path + "/file");
+        path += "/d";
+    }
+    {
+        test::DescriptorLimit const ten(10);
+        EXPECT_FALSE(removeRecursively(at("d")));
+    }
+    path = at("d");
+    for (int level = 0; level < 30; ++level) {
+        EXPECT_EQ(entryExists(path + "/file"), level >= 10) << "level " << level;
+        path += "/d";
+    }
+    // Twenty levels are left below the ten that are empty but for them.
+    test::DescriptorLimit const enough(30);
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_FALSE(entryExists(at("d")));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, HoldsNoMoreThanOneDescriptorForEachLevel) {
+    std::string path = at("d");
+    for (int level = 0; level < 10; ++level) {
+        makeDirectory(path);
+        makeDirectory(path + "/beside");
+        writeFile(path + "/beside/file");
+        path += "/d";
+    }
+    test::DescriptorLimit const eleven(11);
+    EXPECT_TRUE(removeRecursively(at("d")));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, RemovesTenThousandEntriesOfOneDirectory) {
+    makeDirectory(at("d"));
+    writeFile(at("file"));
+    for (int i = 0; i < 10000; ++i) {
+        test::makeHardLink(at("file"), at("d/") + std::to_string(i));
+    }
+    EXPECT_TRUE(removeRecursively(at("d")));
+    EXPECT_THAT(namesIn(root), ElementsAre("file"));
+}
+
+}  // namespace
+}  // namespace ovra::fs
