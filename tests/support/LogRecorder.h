@@ -1,7 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -27,24 +26,19 @@ struct LogLine {
 
 /// While it lives, sets the global level and keeps what is logged; then the level is `ERROR` again.
 ///
-/// Make it before the threads whose lines it is to keep, and let it outlive them.
+/// Make it before the threads whose lines it is to keep. Its destructor waits for the lines that
+/// are just being kept.
 class LogRecorder {
 public:
     explicit LogRecorder(log::LogLevel level = log::VERBOSE) {
-        static std::shared_ptr<Sink> const sink = [] {
-            auto made = std::make_shared<Sink>();
-            log::addLogHandler(made, "recorder");
-            return made;
-        }();
-        sink->recorder = this;
+        sink().setRecorder(this);
         log::setLogLevel(level);
-        registered = sink;
     }
     LogRecorder(LogRecorder const&) = delete;
     LogRecorder& operator=(LogRecorder const&) = delete;
     ~LogRecorder() {
         log::setLogLevel(log::ERROR);
-        registered->recorder = nullptr;
+        sink().setRecorder(nullptr);
     }
 
     /// Calls `newHook` on the logging thread, with no lock held, after each line it has kept.
@@ -78,12 +72,40 @@ private:
     class Sink : public log::LogHandler {
     public:
         void handleLogMessage(char const* line, log::LogLevel level) override {
-            if (auto* const current = recorder.load()) {
+            LogRecorder* current = nullptr;
+            {
+                std::lock_guard<std::mutex> const lock(mutex);
+                current = recorder;
+                ++callers;
+            }
+            if (current != nullptr) {
                 current->keep({line, level});
             }
+            std::lock_guard<std::mutex> const lock(mutex);
+            --callers;
+            condition.notify_all();
         }
-        std::atomic<LogRecorder*> recorder{nullptr};
+        void setRecorder(LogRecorder* newRecorder) {
+            std::unique_lock<std::mutex> lock(mutex);
+            recorder = newRecorder;
+            condition.wait(lock, [this] { return callers == 0; });
+        }
+
+    private:
+        std::mutex mutex;
+        std::condition_variable condition;
+        LogRecorder* recorder = nullptr;
+        int callers = 0;
     };
+
+    static Sink& sink() {
+        static std::shared_ptr<Sink> const registered = [] {
+            auto made = std::make_shared<Sink>();
+            log::addLogHandler(made, "recorder");
+            return made;
+        }();
+        return *registered;
+    }
 
     void keep(LogLine const& line) {
         {
@@ -96,7 +118,6 @@ private:
         }
     }
 
-    std::shared_ptr<Sink> registered;
     std::function<void(LogLine const&)> hook;
     mutable std::mutex mutex;
     std::condition_variable condition;
