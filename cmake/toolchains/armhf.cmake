@@ -15,5 +15,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # The library path keeps an armhf C library of the machine itself from being mixed in.
+find_program(OVRA_QEMU_ARM qemu-arm REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR
-  qemu-arm -L ${ovra_armhf_root} -E LD_LIBRARY_PATH=${ovra_armhf_root}/lib)
+  ${OVRA_QEMU_ARM} -L ${ovra_armhf_root} -E LD_LIBRARY_PATH=${ovra_armhf_root}/lib)
