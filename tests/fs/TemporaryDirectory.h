@@ -113,7 +113,7 @@ public:
     ~DescriptorLimit();
 
 private:
-    unsigned long previous = 0;
+    std::uint64_t previous = 0;
 };
 
 }  // namespace ovra::fs::test
