@@ -1,0 +1,582 @@
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <ios>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ovra/fs/FileHandle.h>
+#include <ovra/fs/FileHandleBackendImpl.h>
+#include <ovra/fs/FileIterator.h>
+#include <ovra/fs/FilePath.h>
+
+#include "SystemCalls.h"
+#include "TemporaryDirectory.h"
+
+namespace ovra::fs {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+using test::entryExists;
+using test::makeDirectory;
+using test::makeLink;
+using test::namesIn;
+using test::openDescriptors;
+using test::patternlessBytes;
+using test::readFile;
+using test::statusOf;
+using test::SystemCalls;
+using test::WorkingDirectory;
+using test::writeFile;
+
+constexpr std::ios_base::openmode NO_MODE{};
+
+using Calls = std::vector<std::string>;
+
+/// What is asked of the system, call by call.
+class SystemCallTest : public test::TemporaryDirectoryTest {
+protected:
+    SystemCallTest() {
+        writeFile(at("f"), "contents");
+        makeDirectory(at("d"));
+        makeLink("f", at("link"));
+        makeLink("d", at("link-to-d"));
+        makeLink("missing", at("dangling"));
+    }
+};
+
+/// The calls without those that read a directory, whose number is up to the C library.
+Calls withoutReading(Calls calls) {
+    calls.erase(std::remove(calls.begin(), calls.end(), "readdir"), calls.end());
+    return calls;
+}
+
+TEST_F(SystemCallTest, NeedsNoneForPaths) {
+    SystemCalls calls(root);
+    FilePath path(at("f"));
+    path.Cache();
+    EXPECT_EQ(path.Resolve("../x").Resolved(), at("x"));
+    path.SetPath(at("link"));
+    EXPECT_TRUE(path.IsAbsolute());
+    EXPECT_THAT(calls.take(), IsEmpty());
+}
+
+TEST_F(SystemCallTest, NeedsNoneToMakeCopyAndNameHandles) {
+    SystemCalls calls(root);
+    FileHandle handle(at("f"));
+    FileHandle const copy(handle);
+    handle = copy;
+    EXPECT_EQ(handle.Path().Path(), at("f"));
+    EXPECT_EQ(handle.FileName(), "f");
+    EXPECT_EQ(handle.ParentDirectory().Path().Path(), root);
+    EXPECT_EQ(handle.Open("x").Path().Path(), at("f/x"));
+    EXPECT_EQ(handle.Open(FilePath("x")).Path().Path(), at("f/x"));
+    EXPECT_EQ(handle.End(), FileIterator());
+    handle.UpdateFileStatus();
+    FileHandleBackendImpl const backend(at("f"));
+    EXPECT_EQ(backend.Path(), at("f"));
+    EXPECT_EQ(backend.Open("x"), nullptr);
+    EXPECT_THAT(calls.take(), IsEmpty());
+}
+
+struct Query {
+    char const* name;
+    std::function<void(FileHandle const&)> ask;
+};
+
+std::vector<Query> const& queries() {
+    static std::vector<Query> const list = {
+        {"Exists", [](FileHandle const& handle) { handle.Exists(); }},
+        {"IsFile", [](FileHandle const& handle) { handle.IsFile(); }},
+        {"IsDirectory", [](FileHandle const& handle) { handle.IsDirectory(); }},
+        {"IsSymbolicLink", [](FileHandle const& handle) { handle.IsSymbolicLink(); }},
+        {"Size", [](FileHandle const& handle) { handle.Size(); }},
+        {"ModificationTime", [](FileHandle const& handle) { handle.ModificationTime(); }},
+        {"UserId", [](FileHandle const& handle) { handle.UserId(); }},
+        {"GroupId", [](FileHandle const& handle) { handle.GroupId(); }},
+        {"Permissions", [](FileHandle const& handle) { handle.Permissions(); }},
+    };
+    return list;
+}
+
+TEST_F(SystemCallTest, ReadsTheStatusOnceForEveryQuery) {
+    struct Row {
+        std::string path;
+        Calls calls;
+    };
+    for (Row const& row : std::vector<Row>{{"f", {"lstat f"}},
+                                           {"d", {"lstat d"}},
+                                           {"missing", {"lstat missing"}},
+                                           {"link", {"lstat link", "stat link"}},
+                                           {"link-to-d", {"lstat link-to-d", "stat link-to-d"}},
+                                           {"dangling", {"lstat dangling", "stat dangling"}}}) {
+        FileHandle const handle(at(row.path));
+        SystemCalls calls(root);
+        for (Query const& query : queries()) {
+            // Twice: a status already read saves nothing.
+            query.ask(handle);
+            EXPECT_THAT(calls.take(), ElementsAreArray(row.calls)) << query.name;
+            query.ask(handle);
+            EXPECT_THAT(calls.take(), ElementsAreArray(row.calls)) << query.name << ", again";
+        }
+    }
+}
+
+TEST_F(SystemCallTest, TakesAnyFailureToReadTheStatusForAMissingEntry) {
+    for (int const error : {EACCES, ENOENT, ENOTDIR, ELOOP, EIO, ENOMEM, EOVERFLOW}) {
+        for (std::string const failing : {"lstat link", "stat link"}) {
+            SystemCalls calls(root);
+            FileHandle const handle(at("link"));
+            EXPECT_TRUE(handle.IsFile());
+            calls.intercept = [&](std::string const& call) { return call == failing ? error : 0; };
+            EXPECT_FALSE(handle.Exists()) << failing << ": " << error;
+            EXPECT_FALSE(handle.IsFile());
+            EXPECT_FALSE(handle.IsDirectory());
+            EXPECT_FALSE(handle.IsSymbolicLink());
+            EXPECT_EQ(handle.Size(), 0);
+            EXPECT_EQ(handle.ModificationTime(), 0);
+            EXPECT_EQ(handle.UserId(), 0u);
+            EXPECT_EQ(handle.GroupId(), 0u);
+            EXPECT_EQ(handle.Permissions(), 0u);
+            calls.intercept = nullptr;
+            EXPECT_TRUE(handle.IsSymbolicLink()) << "and comes back with the entry";
+        }
+    }
+}
+
+TEST_F(SystemCallTest, SetsPermissionsInOneCall) {
+    SystemCalls calls(root);
+    FileHandle(at("f")).SetPermissions(04755);
+    EXPECT_THAT(calls.take(), ElementsAre("chmod 0755 f"));
+    FileHandle(at("link")).SetPermissions(0);
+    EXPECT_THAT(calls.take(), ElementsAre("chmod 0000 link"));
+    FileHandle(at("missing")).SetPermissions(~0ul);
+    EXPECT_THAT(calls.take(), ElementsAre("chmod 0777 missing"));
+}
+
+TEST_F(SystemCallTest, ReadsTheOtherIdFreshBeforeItSetsOne) {
+    struct stat const status = statusOf(at("f"));
+    std::string const user = std::to_string(status.st_uid);
+    std::string const group = std::to_string(status.st_gid);
+    SystemCalls calls(root);
+    // Nothing is to change on the disk.
+    calls.intercept = [](std::string const& call) { return call[0] == 'c' ? EPERM : 0; };
+    FileHandle(at("f")).SetUserId(4000000000u);
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "chown 4000000000:" + group + " f"));
+    FileHandle(at("f")).SetGroupId(4000000000u);
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "chown " + user + ":4000000000 f"));
+    FileHandle(at("link")).SetUserId(7);
+    EXPECT_THAT(calls.take(), ElementsAre("lstat link", "stat link", "chown 7:" + group + " link"));
+    FileHandle(at("link")).SetGroupId(7);
+    EXPECT_THAT(calls.take(), ElementsAre("lstat link", "stat link", "chown " + user + ":7 link"));
+}
+
+TEST_F(SystemCallTest, PassesZeroForTheOtherIdOfAnEntryThatCannotBeRead) {
+    SystemCalls calls(root);
+    FileHandle(at("missing")).SetUserId(7);
+    FileHandle(at("missing")).SetGroupId(7);
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing", "chown 7:0 missing", "lstat missing",
+                                          "chown 0:7 missing"));
+    calls.intercept = [](std::string const& call) { return call[0] == 'l' ? EACCES : EPERM; };
+    FileHandle(at("f")).SetUserId(7);
+    FileHandle(at("f")).SetGroupId(7);
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "chown 7:0 f", "lstat f", "chown 0:7 f"));
+}
+
+TEST_F(SystemCallTest, CreatesDirectories) {
+    SystemCalls calls(root);
+    EXPECT_TRUE(FileHandle(at("new")).CreateDirectory());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat new", "mkdir 0775 new"));
+    EXPECT_FALSE(FileHandle(at("d")).CreateDirectory());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat d")) << "nothing is tried where something is";
+    EXPECT_FALSE(FileHandle(at("dangling")).CreateDirectory());
+    EXPECT_THAT(calls.take(),
+                ElementsAre("lstat dangling", "stat dangling", "mkdir 0775 dangling"));
+    calls.intercept = [](std::string const& call) { return call[0] == 'm' ? ENOSPC : 0; };
+    EXPECT_FALSE(FileHandle(at("other")).CreateDirectory());
+}
+
+TEST_F(SystemCallTest, RemovesThroughOneCall) {
+    SystemCalls calls(root);
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectory());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat d", "remove d"));
+    EXPECT_TRUE(FileHandle(at("missing")).RemoveDirectory());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing"));
+    EXPECT_TRUE(FileHandle(at("dangling")).RemoveDirectory());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat dangling", "stat dangling"));
+    EXPECT_TRUE(FileHandle(at("link")).Remove());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat link", "stat link", "remove link"));
+    EXPECT_TRUE(FileHandle(at("f")).Remove());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "remove f"));
+}
+
+TEST_F(SystemCallTest, AsksForALinkOnlyAfterAFileBeforeItRemoves) {
+    SystemCalls calls(root);
+    EXPECT_FALSE(FileHandle(at("d")).Remove());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat d", "lstat d"));
+    EXPECT_FALSE(FileHandle(at("missing")).Remove());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing", "lstat missing"));
+    EXPECT_TRUE(FileHandle(at("link-to-d")).Remove());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat link-to-d", "stat link-to-d", "lstat link-to-d",
+                                          "stat link-to-d", "remove link-to-d"));
+}
+
+TEST_F(SystemCallTest, ReportsARefusedRemoval) {
+    SystemCalls calls(root);
+    calls.intercept = [](std::string const& call) { return call[0] == 'r' ? EBUSY : 0; };
+    EXPECT_FALSE(FileHandle(at("d")).RemoveDirectory());
+    EXPECT_FALSE(FileHandle(at("f")).Remove());
+    EXPECT_FALSE(FileHandle(at("link-to-d")).Remove());
+}
+
+TEST_F(SystemCallTest, MovesThroughOneRename) {
+    SystemCalls calls(root);
+    FileHandle target(at("new"));
+    EXPECT_TRUE(FileHandle(at("f")).Move(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "lstat new", "rename f new"));
+    FileHandle directory(root + "//d/");
+    EXPECT_TRUE(target.Move(directory));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat new", "lstat /d/", "rename new d/new"));
+    EXPECT_FALSE(FileHandle(at("missing")).Move(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing")) << "the target is not even looked at";
+    calls.intercept = [](std::string const& call) { return call[0] == 'r' ? EXDEV : 0; };
+    EXPECT_FALSE(FileHandle(at("d/new")).Move(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat d/new", "lstat new", "rename d/new new"))
+        << "and nothing is tried instead";
+}
+
+TEST_F(SystemCallTest, RenamesWithADoubledSeparator) {
+    SystemCalls calls(root);
+    EXPECT_TRUE(FileHandle(at("d")).Rename("e"));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat d", "rename d /e"));
+    EXPECT_FALSE(FileHandle(at("missing")).Rename("e"));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing"));
+}
+
+TEST_F(SystemCallTest, RenamesARelativePathOfOneComponentIntoTheRoot) {
+    WorkingDirectory const here(root);
+    SystemCalls calls(root);
+    // The root must not really change, whoever runs this.
+    calls.intercept = [](std::string const& call) { return call[0] == 'r' ? EACCES : 0; };
+    FileHandle handle("f");
+    EXPECT_FALSE(handle.Rename("g"));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "rename f /g"));
+    EXPECT_EQ(handle.Path().Path(), "f");
+}
+
+TEST_F(SystemCallTest, LinksToTheStoredPath) {
+    SystemCalls calls(root);
+    FileHandle target(at("new"));
+    EXPECT_TRUE(FileHandle(root + "/./f").CreateSymbolicLink(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat ./f", "lstat new", "symlink ./f new"));
+    FileHandle directory(root + "//d/");
+    EXPECT_TRUE(FileHandle(at("f")).CreateSymbolicLink(directory));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "lstat /d/", "symlink f d/f"))
+        << "the full path inside a directory";
+    FileHandle stored(root + "//other");
+    EXPECT_TRUE(FileHandle(at("f")).CreateSymbolicLink(stored));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "lstat /other", "symlink f /other"))
+        << "the stored path at the target";
+    EXPECT_FALSE(FileHandle(at("missing")).CreateSymbolicLink(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing"));
+    EXPECT_FALSE(FileHandle(at("dangling")).CreateSymbolicLink(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat dangling", "stat dangling"));
+}
+
+TEST_F(SystemCallTest, CopiesThroughTwoBinaryStreams) {
+    SystemCalls calls(root);
+    FileHandle target(at("new"));
+    calls.intercept = nullptr;
+    EXPECT_TRUE(FileHandle(at("f")).Copy(target));
+    Calls opening = calls.take();
+    opening.erase(std::remove(opening.begin(), opening.end(), "read"), opening.end());
+    EXPECT_THAT(opening, ElementsAre("lstat f", "lstat new", "open f rb", "open new wb"));
+    FileHandle directory(root + "//d/");
+    EXPECT_TRUE(FileHandle(at("link")).Copy(directory));
+    opening = calls.take();
+    opening.erase(std::remove(opening.begin(), opening.end(), "read"), opening.end());
+    EXPECT_THAT(opening, ElementsAre("lstat link", "stat link", "lstat /d/", "open link rb",
+                                     "open d/link wb"));
+    EXPECT_FALSE(FileHandle(at("d")).Copy(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat d"));
+    EXPECT_FALSE(FileHandle(at("missing")).Copy(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat missing"));
+}
+
+TEST_F(SystemCallTest, OpensTheTargetOfACopyEvenWhenTheSourceCannotBeOpened) {
+    SystemCalls calls(root);
+    FileHandle target(at("new"));
+    calls.intercept = [](std::string const& call) { return call == "open f rb" ? EACCES : 0; };
+    EXPECT_FALSE(FileHandle(at("f")).Copy(target));
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f", "lstat new", "open f rb", "open new wb"));
+    EXPECT_EQ(readFile(at("new")), "");
+    calls.intercept = [](std::string const& call) { return call == "open new wb" ? EACCES : 0; };
+    EXPECT_FALSE(FileHandle(at("f")).Copy(target));
+}
+
+TEST_F(SystemCallTest, CopiesLargeFilesInLargePieces) {
+    writeFile(at("large"), patternlessBytes(1 << 20));
+    SystemCalls calls(root);
+    FileHandle target(at("new"));
+    EXPECT_TRUE(FileHandle(at("large")).Copy(target));
+    EXPECT_GE(calls.count("read"), 1) << "or nothing is counted";
+    EXPECT_LE(calls.count("read"), 20);
+    calls.take();
+    EXPECT_TRUE(FileHandle(at("f")).Copy(target));
+    EXPECT_LE(calls.count("read"), 3);
+}
+
+TEST_F(SystemCallTest, SaysTrueWhenTheSourceOfACopyCannotBeReadThrough) {
+    writeFile(at("new"), "something longer than the contents");
+    SystemCalls calls(root);
+    FileHandle target(at("new"));
+    calls.intercept = [](std::string const& call) { return call == "read" ? EIO : 0; };
+    EXPECT_TRUE(FileHandle(at("f")).Copy(target));
+    calls.intercept = nullptr;
+    EXPECT_EQ(readFile(at("new")), "");
+}
+
+TEST_F(SystemCallTest, OpensStreamsWithoutReadingTheStatus) {
+    SystemCalls calls(root);
+    FileHandle const handle(at("f"));
+    EXPECT_TRUE(handle.CreateInputStream(NO_MODE)->good());
+    EXPECT_TRUE(handle.CreateInputStream(std::ios_base::binary)->good());
+    EXPECT_TRUE(handle.CreateOutputStream(std::ios_base::app)->good());
+    EXPECT_TRUE(handle.CreateOutputStream(std::ios_base::in)->good());
+    EXPECT_TRUE(handle.CreateOutputStream(std::ios_base::binary)->good());
+    EXPECT_TRUE(handle.CreateOutputStream(NO_MODE)->good());
+    EXPECT_THAT(calls.take(), ElementsAre("open f r", "open f rb", "open f a", "open f r+",
+                                          "open f wb", "open f w"));
+}
+
+TEST_F(SystemCallTest, ListsADirectoryInOnePass) {
+    writeFile(at("d/a"));
+    writeFile(at("d/b"));
+    SystemCalls calls(root);
+    EXPECT_THAT(FileHandle(at("d")).ListDirectory(), UnorderedElementsAre("a", "b"));
+    // ".", "..", two entries and the end.
+    EXPECT_THAT(calls.take(), ElementsAre("opendir d", "readdir", "readdir", "readdir", "readdir",
+                                          "readdir", "closedir"));
+    EXPECT_THAT(FileHandle(at("f")).ListDirectory(), IsEmpty());
+    EXPECT_THAT(calls.take(), ElementsAre("opendir f")) << "the type is not asked first";
+}
+
+TEST_F(SystemCallTest, IteratesInOnePassAndReadsNothingAfterTheEnd) {
+    writeFile(at("d/a"));
+    SystemCalls calls(root);
+    {
+        FileIterator iterator(at("d"));
+        while (iterator != FileIterator()) {
+            ++iterator;
+        }
+        EXPECT_THAT(calls.take(),
+                    ElementsAre("opendir d", "readdir", "readdir", "readdir", "readdir"));
+        ++iterator;
+        ++iterator;
+        EXPECT_EQ((*iterator).Path(), at("d/"));
+        EXPECT_THAT(calls.take(), IsEmpty());
+    }
+    EXPECT_THAT(calls.take(), ElementsAre("closedir"));
+    {
+        FileIterator unopened(at("missing"));
+        ++unopened;
+    }
+    EXPECT_THAT(calls.take(), ElementsAre("opendir missing"));
+}
+
+TEST_F(SystemCallTest, OpensTheNewDirectoryBeforeItClosesTheOld) {
+    writeFile(at("d/a"));
+    SystemCalls calls(root);
+    FileIterator const source(at("d"));
+    FileIterator target(root);
+    calls.take();
+    target = source;
+    EXPECT_THAT(withoutReading(calls.take()), ElementsAre("opendir d/", "closedir"));
+}
+
+TEST_F(SystemCallTest, TakesAFailedReadForTheEnd) {
+    for (char const* const name : {"d/a", "d/b", "d/c"}) {
+        writeFile(at(name));
+    }
+    std::string const first = namesIn(at("d"))[0];
+    SystemCalls calls(root);
+    bool found = false;
+    bool failed = false;
+    // Fails at the first read after the first entry.
+    calls.intercept = [&](std::string const& call) {
+        failed = call == "readdir" && found;
+        return failed ? EIO : 0;
+    };
+    FileIteratorBackendImpl backend(at("d"));
+    EXPECT_EQ(backend.Name(), first);
+    found = true;
+    backend.Next();
+    EXPECT_TRUE(failed);
+    EXPECT_FALSE(backend.Valid());
+    EXPECT_EQ(backend.Index(), 1);
+    calls.intercept = nullptr;
+    backend.Next();
+    EXPECT_FALSE(backend.Valid()) << "there is no way back";
+    EXPECT_EQ(backend.Index(), 2);
+}
+
+TEST_F(SystemCallTest, ClosesADirectoryWhoseReadFails) {
+    writeFile(at("d/a"));
+    SystemCalls calls(root);
+    calls.intercept = [](std::string const& call) { return call == "readdir" ? EIO : 0; };
+    EXPECT_THAT(FileHandle(at("d")).ListDirectory(), IsEmpty());
+    EXPECT_THAT(calls.take(), ElementsAre("opendir d", "readdir", "closedir"));
+    EXPECT_FALSE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_EQ(calls.count("opendir"), calls.count("closedir"));
+}
+
+// --- recursive removal
+
+TEST_F(SystemCallTest, TouchesNothingBeforeARecursiveRemovalOfWhatIsNoDirectory) {
+    SystemCalls calls(root);
+    EXPECT_FALSE(FileHandle(at("f")).RemoveDirectoryRecursive());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat f"));
+    EXPECT_FALSE(FileHandle(at("dangling")).RemoveDirectoryRecursive());
+    EXPECT_THAT(calls.take(), ElementsAre("lstat dangling", "stat dangling"));
+}
+
+TEST_F(SystemCallTest, RemovesATreeFromItsLeavesUp) {
+    makeDirectory(at("d/sub"));
+    writeFile(at("d/sub/file"));
+    SystemCalls calls(root);
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    Calls changes;
+    for (std::string const& call : calls.take()) {
+        // The status is read by lstat for queries, and by stat to recognise directories again.
+        if (call.compare(0, 4, "stat") != 0 && call != "readdir") {
+            changes.push_back(call);
+        }
+    }
+    EXPECT_THAT(
+        changes,
+        ElementsAre("lstat d", "opendir d", "lstat d/sub", "lstat d/sub", "opendir d/sub",
+                    "lstat d/sub/file", "lstat d/sub/file", "lstat d/sub/file", "remove d/sub/file",
+                    "closedir", "lstat d/sub", "remove d/sub", "closedir", "lstat d", "remove d"));
+}
+
+TEST_F(SystemCallTest, GoesOnReadingADirectoryWhileItRemovesItsEntries) {
+    writeFile(at("d/a"));
+    writeFile(at("d/b"));
+    SystemCalls calls(root);
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    Calls removals;
+    for (std::string const& call : calls.take()) {
+        bool const repeated = call == "readdir" && !removals.empty() && removals.back() == call;
+        if ((call == "readdir" && !repeated) || call.compare(0, 6, "remove") == 0) {
+            removals.push_back(call.substr(0, call.find(' ')));
+        }
+    }
+    EXPECT_THAT(removals,
+                ElementsAre("readdir", "remove", "readdir", "remove", "readdir", "remove"));
+}
+
+TEST_F(SystemCallTest, DescendsOnceIntoADirectoryThatLinksBelowItLeadBackTo) {
+    for (std::string const name : {"d/one", "d/two", "d/three"}) {
+        makeLink(at("d"), at(name));
+    }
+    makeDirectory(at("d/sub"));
+    makeLink("..", at("d/sub/up"));
+    SystemCalls calls(root);
+    // As in a tree where nothing may be removed.
+    calls.intercept = [](std::string const& call) {
+        return call.compare(0, 6, "remove") == 0 ? EROFS : 0;
+    };
+    EXPECT_FALSE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_EQ(calls.count("opendir"), 2) << "the directory itself and the one below it";
+    EXPECT_EQ(calls.count("closedir"), 2);
+    Calls removals;
+    for (std::string const& call : calls.take()) {
+        if (call.compare(0, 6, "remove") == 0) {
+            removals.push_back(call);
+        }
+    }
+    EXPECT_THAT(removals, UnorderedElementsAre("remove d/one", "remove d/two", "remove d/three",
+                                               "remove d/sub/up", "remove d/sub", "remove d"))
+        << "each link is tried all the same";
+}
+
+TEST_F(SystemCallTest, DescendsAgainIntoADirectoryThatIsNoLongerOpen) {
+    makeDirectory(at("outside"));
+    makeLink(at("outside"), at("d/one"));
+    makeLink(at("outside"), at("d/two"));
+    SystemCalls calls(root);
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_EQ(calls.count("opendir"), 3);
+}
+
+TEST_F(SystemCallTest, RemovesATreeWhoseDirectoriesCannotBeRecognised) {
+    makeDirectory(at("d/sub"));
+    writeFile(at("d/sub/file"));
+    SystemCalls calls(root);
+    calls.intercept = [](std::string const& call) {
+        return call.compare(0, 5, "stat ") == 0 ? EIO : 0;
+    };
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_FALSE(entryExists(at("d")));
+}
+
+TEST_F(SystemCallTest, GoesOnWhenAnEntryVanishesMeanwhile) {
+    writeFile(at("d/a"));
+    writeFile(at("d/b"));
+    makeDirectory(at("d/sub"));
+    SystemCalls calls(root);
+    calls.intercept = [this](std::string const& call) {
+        if (call == "lstat d/a") {
+            unlink(at("d/a").c_str());
+        }
+        if (call == "opendir d/sub") {
+            rmdir(at("d/sub").c_str());
+        }
+        return 0;
+    };
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_FALSE(entryExists(at("d")));
+}
+
+TEST_F(SystemCallTest, GoesOnWhenAnEntryCannotBeRemoved) {
+    makeDirectory(at("d/sub"));
+    for (char const* const name : {"d/a", "d/b", "d/c", "d/sub/a", "d/sub/b"}) {
+        writeFile(at(name));
+    }
+    SystemCalls calls(root);
+    calls.intercept = [](std::string const& call) {
+        return call == "remove d/b" || call == "remove d/sub/a" ? EPERM : 0;
+    };
+    EXPECT_FALSE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("b", "sub"));
+    EXPECT_THAT(namesIn(at("d/sub")), ElementsAre("a"));
+}
+
+TEST_F(SystemCallTest, ClosesEachDirectoryBeforeItRemovesIt) {
+    makeDirectory(at("d/sub"));
+    std::size_t const before = openDescriptors().size();
+    std::vector<std::size_t> openAtRemoval;
+    SystemCalls calls(root);
+    calls.intercept = [&](std::string const& call) {
+        if (call.compare(0, 6, "remove") == 0) {
+            openAtRemoval.push_back(openDescriptors().size() - before);
+        }
+        return 0;
+    };
+    EXPECT_TRUE(FileHandle(at("d")).RemoveDirectoryRecursive());
+    EXPECT_THAT(openAtRemoval, ElementsAre(1, 0)) << "of \"d/sub\" and of \"d\"";
+}
+
+}  // namespace
+}  // namespace ovra::fs

@@ -1,0 +1,251 @@
+#include "SystemCalls.h"
+
+#include <dlfcn.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <utility>
+
+namespace ovra::fs::test {
+
+namespace {
+
+thread_local SystemCalls* recorder = nullptr;
+
+/// Nothing is recorded of what the recorder does itself.
+class Pause {
+public:
+    Pause() : paused(std::exchange(recorder, nullptr)) {}
+    Pause(Pause const&) = delete;
+    Pause& operator=(Pause const&) = delete;
+    ~Pause() { recorder = paused; }
+
+    SystemCalls* const paused;
+};
+
+template <typename Function>
+Function* original(char const* symbol) {
+    void* const address = dlsym(RTLD_NEXT, symbol);
+    return reinterpret_cast<Function*>(address);
+}
+
+std::string octal(unsigned int mode) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%04o", mode);
+    return text;
+}
+
+/// Whether the call may happen. `describe` says what to record for it.
+template <typename Describe>
+bool admit(Describe describe) {
+    if (recorder == nullptr) {
+        return true;
+    }
+    Pause const pause;
+    int const error = pause.paused->enter(describe(*pause.paused));
+    if (error != 0) {
+        errno = error;
+    }
+    return error == 0;
+}
+
+bool admitPath(char const* name, char const* path) {
+    return admit([&](SystemCalls const& calls) { return name + (" " + calls.shorten(path)); });
+}
+
+bool admitPair(char const* name, char const* from, char const* to) {
+    return admit([&](SystemCalls const& calls) {
+        return name + (" " + calls.shorten(from)) + " " + calls.shorten(to);
+    });
+}
+
+bool admitOwner(char const* name, char const* path, uid_t user, gid_t group) {
+    return admit([&](SystemCalls const& calls) {
+        return std::string(name) + " " + std::to_string(user) + ":" + std::to_string(group) + " " +
+               calls.shorten(path);
+    });
+}
+
+bool admitMode(char const* name, char const* path, mode_t mode) {
+    return admit([&](SystemCalls const& calls) {
+        return std::string(name) + " " + octal(mode) + " " + calls.shorten(path);
+    });
+}
+
+bool admitOpening(char const* path, char const* mode) {
+    return admit(
+        [&](SystemCalls const& calls) { return "open " + calls.shorten(path) + " " + mode; });
+}
+
+bool admitName(char const* name) {
+    return admit([&](SystemCalls const&) { return std::string(name); });
+}
+
+}  // namespace
+
+SystemCalls::SystemCalls(std::string directory) : root(std::move(directory)) {
+    recorder = this;
+}
+
+SystemCalls::~SystemCalls() {
+    recorder = nullptr;
+}
+
+std::vector<std::string> SystemCalls::take() {
+    Pause const pause;
+    return std::exchange(calls, {});
+}
+
+int SystemCalls::count(std::string const& name) const {
+    int number = 0;
+    for (std::string const& call : calls) {
+        number += call.substr(0, call.find(' ')) == name ? 1 : 0;
+    }
+    return number;
+}
+
+int SystemCalls::enter(std::string const& call) {
+    calls.push_back(call);
+    return intercept ? intercept(call) : 0;
+}
+
+std::string SystemCalls::shorten(char const* path) const {
+    std::string text = path;
+    if (text.compare(0, root.size(), root) == 0) {
+        text.erase(0, root.size());
+        if (text.empty()) {
+            return ".";
+        }
+        if (text[0] == '/') {
+            text.erase(0, 1);
+        }
+    }
+    return text.empty() ? "\"\"" : text;
+}
+
+}  // namespace ovra::fs::test
+
+// Each function is defined under the name that it has in the C library, whatever name the headers
+// of this platform give it, and for every name that a build for 32 or 64 bits may call.
+
+using ovra::fs::test::admitMode;
+using ovra::fs::test::admitName;
+using ovra::fs::test::admitOpening;
+using ovra::fs::test::admitOwner;
+using ovra::fs::test::admitPair;
+using ovra::fs::test::admitPath;
+using ovra::fs::test::original;
+
+#define OVRA_STATUS_CALL(symbol, name)                                             \
+    extern "C" int ovraTest_##symbol(char const* path, void* status) asm(#symbol); \
+    extern "C" int ovraTest_##symbol(char const* path, void* status) {             \
+        if (!admitPath(name, path)) {                                              \
+            return -1;                                                             \
+        }                                                                          \
+        return original<int(char const*, void*)>(#symbol)(path, status);           \
+    }
+
+OVRA_STATUS_CALL(lstat, "lstat")
+OVRA_STATUS_CALL(lstat64, "lstat")
+OVRA_STATUS_CALL(__lstat64_time64, "lstat")
+OVRA_STATUS_CALL(stat, "stat")
+OVRA_STATUS_CALL(stat64, "stat")
+OVRA_STATUS_CALL(__stat64_time64, "stat")
+
+#define OVRA_PATH_CALL(symbol)                                       \
+    extern "C" int ovraTest_##symbol(char const* path) asm(#symbol); \
+    extern "C" int ovraTest_##symbol(char const* path) {             \
+        if (!admitPath(#symbol, path)) {                             \
+            return -1;                                               \
+        }                                                            \
+        return original<int(char const*)>(#symbol)(path);            \
+    }
+
+OVRA_PATH_CALL(remove)
+OVRA_PATH_CALL(unlink)
+OVRA_PATH_CALL(rmdir)
+
+#define OVRA_PAIR_CALL(symbol)                                                       \
+    extern "C" int ovraTest_##symbol(char const* from, char const* to) asm(#symbol); \
+    extern "C" int ovraTest_##symbol(char const* from, char const* to) {             \
+        if (!admitPair(#symbol, from, to)) {                                         \
+            return -1;                                                               \
+        }                                                                            \
+        return original<int(char const*, char const*)>(#symbol)(from, to);           \
+    }
+
+OVRA_PAIR_CALL(rename)
+OVRA_PAIR_CALL(symlink)
+OVRA_PAIR_CALL(link)
+
+#define OVRA_OWNER_CALL(symbol)                                                               \
+    extern "C" int ovraTest_##symbol(char const* path, uid_t user, gid_t group) asm(#symbol); \
+    extern "C" int ovraTest_##symbol(char const* path, uid_t user, gid_t group) {             \
+        if (!admitOwner(#symbol, path, user, group)) {                                        \
+            return -1;                                                                        \
+        }                                                                                     \
+        return original<int(char const*, uid_t, gid_t)>(#symbol)(path, user, group);          \
+    }
+
+OVRA_OWNER_CALL(chown)
+OVRA_OWNER_CALL(lchown)
+
+#define OVRA_MODE_CALL(symbol)                                                    \
+    extern "C" int ovraTest_##symbol(char const* path, mode_t mode) asm(#symbol); \
+    extern "C" int ovraTest_##symbol(char const* path, mode_t mode) {             \
+        if (!admitMode(#symbol, path, mode)) {                                    \
+            return -1;                                                            \
+        }                                                                         \
+        return original<int(char const*, mode_t)>(#symbol)(path, mode);           \
+    }
+
+OVRA_MODE_CALL(chmod)
+OVRA_MODE_CALL(mkdir)
+
+#define OVRA_OPEN_CALL(symbol)                                                           \
+    extern "C" void* ovraTest_##symbol(char const* path, char const* mode) asm(#symbol); \
+    extern "C" void* ovraTest_##symbol(char const* path, char const* mode) {             \
+        if (!admitOpening(path, mode)) {                                                 \
+            return nullptr;                                                              \
+        }                                                                                \
+        return original<void*(char const*, char const*)>(#symbol)(path, mode);           \
+    }
+
+OVRA_OPEN_CALL(fopen)
+OVRA_OPEN_CALL(fopen64)
+
+extern "C" void* ovraTest_opendir(char const* path) asm("opendir");
+extern "C" void* ovraTest_opendir(char const* path) {
+    if (!admitPath("opendir", path)) {
+        return nullptr;
+    }
+    return original<void*(char const*)>("opendir")(path);
+}
+
+#define OVRA_READ_CALL(symbol)                                     \
+    extern "C" void* ovraTest_##symbol(void* stream) asm(#symbol); \
+    extern "C" void* ovraTest_##symbol(void* stream) {             \
+        if (!admitName("readdir")) {                               \
+            return nullptr;                                        \
+        }                                                          \
+        return original<void*(void*)>(#symbol)(stream);            \
+    }
+
+OVRA_READ_CALL(readdir)
+OVRA_READ_CALL(readdir64)
+
+extern "C" int ovraTest_closedir(void* stream) asm("closedir");
+extern "C" int ovraTest_closedir(void* stream) {
+    admitName("closedir");
+    return original<int(void*)>("closedir")(stream);
+}
+
+extern "C" ssize_t ovraTest_read(int descriptor, void* buffer, std::size_t size) asm("read");
+extern "C" ssize_t ovraTest_read(int descriptor, void* buffer, std::size_t size) {
+    if (!admitName("read")) {
+        return -1;
+    }
+    return original<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
+}
