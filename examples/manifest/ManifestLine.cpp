@@ -34,6 +34,10 @@ bool isDigest(std::string const& text) {
     return true;
 }
 
+std::string untilZeroByte(std::string const& text) {
+    return text.substr(0, text.find('\0'));
+}
+
 std::optional<std::string> unescaped(std::string const& text) {
     std::string result;
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -71,7 +75,7 @@ std::optional<ManifestEntry> parseBsdForm(std::string const& text, bool escaped)
     if (!isDigest(digest)) {
         return std::nullopt;
     }
-    return ManifestEntry{digest, path->c_str()};
+    return ManifestEntry{digest, untilZeroByte(*path)};
 }
 
 }  // namespace
@@ -138,7 +142,7 @@ std::optional<ManifestEntry> ManifestReader::parse(std::string line) {
     if (!path) {
         return std::nullopt;
     }
-    return ManifestEntry{digest, path->c_str()};  // A path ends at a zero byte.
+    return ManifestEntry{digest, untilZeroByte(*path)};
 }
 
 // `field` is what follows the digest and one blank.

@@ -13,6 +13,7 @@ namespace {
 std::size_t nextCharacter(std::string_view text, bool& printable) {
     std::mbstate_t state = {};
     wchar_t wide = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): not with a state of our own.
     std::size_t const length = std::mbrtowc(&wide, text.data(), text.size(), &state);
     if (length == static_cast<std::size_t>(-2)) {
         printable = false;

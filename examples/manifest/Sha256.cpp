@@ -24,6 +24,10 @@ Sha256::Sha256() : context(EVP_MD_CTX_new()) {
     require(EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr));
 }
 
+void Sha256::setUpLibrary() {
+    Sha256().finish();
+}
+
 void Sha256::add(char const* data, std::size_t size) {
     require(EVP_DigestUpdate(context.get(), data, size));
 }

@@ -13,6 +13,11 @@ class Sha256 {
 public:
     Sha256();
 
+    /// Lets the cryptographic library set itself up, which it does at its first digest. To be
+    /// called before a shared executor is used: what is set up first is torn down last, so the
+    /// library goes after the executor's worker and not, at the exit of the process, from under it.
+    static void setUpLibrary();
+
     void add(char const* data, std::size_t size);
     /// The digest of all that was added, in lower-case hexadecimal. Call it once.
     std::string finish();

@@ -63,10 +63,12 @@ void Walk::readDirectory(std::string const& directory, std::vector<std::string>&
         }
     }
     for (; entry != handle.End() && !interrupt.requested(); ++entry) {
-        std::string const path = (*entry).Path();
-        std::string const name = path.substr(path.rfind('/') + 1);
-        if (!isLeftOut(directory, name)) {
-            addEntry(directory + '/' + name, pending);
+        std::string path = (*entry).Path();
+        if (directory.empty()) {
+            path.erase(0, 1);  // The root's own separator and the iterator's: "//name".
+        }
+        if (!isLeftOut(directory, path.substr(path.rfind('/') + 1))) {
+            addEntry(path, pending);
         }
     }
 }

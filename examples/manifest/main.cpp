@@ -13,6 +13,7 @@
 #include "Logging.h"
 #include "Messages.h"
 #include "Options.h"
+#include "Sha256.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ ExitStatus run(Options const& options) {
         case Options::CHECK:
             break;
     }
+    Sha256::setUpLibrary();
     Interrupt interrupt;
     startLogging(options);
     return options.command == Options::CREATE ? create(options, interrupt)
