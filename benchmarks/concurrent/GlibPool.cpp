@@ -1,0 +1,65 @@
+#include <glib.h>
+
+#include "benchmarks/concurrent/PoolBenchmarks.h"
+
+namespace ovra::bench {
+
+namespace {
+
+class GlibPool {
+public:
+    using Ticket = bench::Ticket;
+
+    explicit GlibPool(int workers)
+        : pool(g_thread_pool_new([](gpointer job, gpointer) { static_cast<AnyJob*>(job)->run(); },
+                                 nullptr, workers, TRUE, nullptr)) {
+        g_thread_pool_set_sort_function(pool, &compare, nullptr);
+    }
+    GlibPool(GlibPool const&) = delete;
+    GlibPool& operator=(GlibPool const&) = delete;
+    ~GlibPool() { g_thread_pool_free(pool, FALSE, TRUE); }
+
+    template <typename Work>
+    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+        auto* const job = new JobOf<Work>(work, urgency, name);
+        Ticket ticket = job->work.ticket();
+        g_thread_pool_push(pool, job, nullptr);
+        return ticket;
+    }
+    static void wait(Ticket& ticket) { ticket.get(); }
+
+private:
+    struct AnyJob {
+        explicit AnyJob(Urgency jobUrgency) : urgency(jobUrgency) {}
+        virtual ~AnyJob() = default;
+        virtual void run() = 0;
+
+        Urgency const urgency;
+    };
+
+    template <typename Work>
+    struct JobOf : AnyJob {
+        JobOf(Work const& jobWork, Urgency jobUrgency, char const* name)
+            : AnyJob(jobUrgency), work(jobWork, name) {}
+        void run() override {
+            work();
+            delete this;
+        }
+
+        Job<Work> work;
+    };
+
+    static gint compare(gconstpointer left, gconstpointer right, gpointer) {
+        return static_cast<gint>(static_cast<AnyJob const*>(right)->urgency) -
+               static_cast<gint>(static_cast<AnyJob const*>(left)->urgency);
+    }
+
+    GThreadPool* pool;
+};
+
+// Every push walks a list: ten times more tasks, and a run would take minutes.
+[[maybe_unused]] bool const isAdded = PoolBenchmarks<GlibPool>::add("GThreadPool", 10000);
+
+}  // namespace
+
+}  // namespace ovra::bench

@@ -1,0 +1,65 @@
+#include <memory>
+
+#include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <ovra/concurrent/TaskExecutorImpl.h>
+#include <ovra/concurrent/TaskRankingStrategy.h>
+
+#include "benchmarks/concurrent/PoolBenchmarks.h"
+
+namespace ovra::bench {
+
+namespace {
+
+template <typename Strategy>
+class OvraPool {
+public:
+    using Ticket = std::shared_ptr<concurrent::TaskHandle>;
+
+    explicit OvraPool(int workers)
+        : executor(
+              static_cast<unsigned int>(workers),
+              std::make_shared<concurrent::SubmittedTasksQueue>(std::make_shared<Strategy>())) {}
+
+    template <typename Work>
+    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+        return executor.submitTask(
+            [work] {
+                work();
+                return concurrent::Executable::SUCCESS;
+            },
+            priorityOf(urgency), {}, name);
+    }
+    static void wait(Ticket& ticket) { ticket->waitForCompletion(); }
+    void reprioritise(Ticket& ticket, Urgency urgency) {
+        ticket->updatePriority(priorityOf(urgency));
+    }
+    void cancel(Ticket& ticket) { ticket->cancel(); }
+
+private:
+    static concurrent::TaskPriority priorityOf(Urgency urgency) {
+        switch (urgency) {
+            case Urgency::HIGH:
+                return concurrent::HIGH;
+            case Urgency::NORMAL:
+                return concurrent::NORMAL;
+            case Urgency::LOW:
+                break;
+        }
+        return concurrent::LOW;
+    }
+
+    concurrent::TaskExecutorImpl executor;
+};
+
+using HighestPriority = OvraPool<concurrent::HighestPriorityTaskRankingStrategy>;
+using NoStarve = OvraPool<concurrent::NoStarveTaskRankingStrategy>;
+
+[[maybe_unused]] bool const isAdded =
+    PoolBenchmarks<HighestPriority>::add("ovra HighestPriority", 100000) &&
+    PoolBenchmarks<HighestPriority>::addChanges("ovra HighestPriority") &&
+    PoolBenchmarks<NoStarve>::add("ovra NoStarve", 100000) &&
+    PoolBenchmarks<NoStarve>::addChanges("ovra NoStarve");
+
+}  // namespace
+
+}  // namespace ovra::bench

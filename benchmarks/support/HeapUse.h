@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstddef>
+
+namespace ovra::bench {
+
+/// What one thread has asked of the heap, through `malloc` and whatever stands on it.
+struct HeapUse {
+    std::size_t allocations;
+    std::size_t bytes;
+};
+
+/// What the calling thread has asked for since it began. Zeros in a program that does not count.
+HeapUse heapUse();
+bool isHeapCounted();
+
+}  // namespace ovra::bench
