@@ -17,6 +17,7 @@ namespace ovra::log {
 
 namespace {
 
+static_assert(std::atomic<LogLevel>::is_always_lock_free);  // Read for every message.
 std::atomic<LogLevel> globalLevel{ERROR};
 std::atomic<bool> depsDebuggable{false};
 
