@@ -101,7 +101,7 @@ SettledTasks::Places SettledTasks::takeAll() {
     return taken;
 }
 
-void SettledTasks::rekeyChanged(std::deque<QueuedTask>& unsettled) {
+void SettledTasks::rekeyChanged(std::vector<QueuedTask>& unsettled) {
     if (changed == nullptr) {
         return;
     }
@@ -113,7 +113,7 @@ void SettledTasks::rekeyChanged(std::deque<QueuedTask>& unsettled) {
     }
 }
 
-void SettledTasks::rekey(SettledPlace const& place, std::deque<QueuedTask>& unsettled) {
+void SettledTasks::rekey(SettledPlace const& place, std::vector<QueuedTask>& unsettled) {
     SubmittedTask& task = *place.queued.task;
     {
         std::lock_guard<std::mutex> const lock(task.mutex);

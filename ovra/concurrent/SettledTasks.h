@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <set>
+#include <vector>
 
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
@@ -87,7 +87,7 @@ public:
 
     /// Finds the new place of every task whose rank was set since the last call: here, or in
     /// `unsettled` if the strategy will change it again.
-    void rekeyChanged(std::deque<QueuedTask>& unsettled);
+    void rekeyChanged(std::vector<QueuedTask>& unsettled);
 
 private:
     friend struct SettledPlace;
@@ -99,7 +99,7 @@ private:
         return queued.isPlain ? queued.task->rank.load() : queued.task->getRank();
     }
 
-    void rekey(SettledPlace const& place, std::deque<QueuedTask>& unsettled);
+    void rekey(SettledPlace const& place, std::vector<QueuedTask>& unsettled);
     void pushChanged(SettledPlace const& place);
     void removeChanged(SettledPlace const& place);
 

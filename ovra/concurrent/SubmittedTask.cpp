@@ -1,6 +1,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -17,6 +18,14 @@ namespace {
 char const EXECUTE_TAG[] = "SubmittedTask::execute()";
 
 std::atomic<std::int32_t> s_uniqueIndexCounter{0x7fffffff};
+
+std::exception_ptr unknownException() {
+    try {
+        return std::make_exception_ptr(std::runtime_error("Unknown exception"));
+    } catch (std::bad_alloc const&) {
+        return std::current_exception();  // A worker has nobody to throw it at.
+    }
+}
 
 char const* printable(char const* name) {
     return name != nullptr ? name : "(null)";
@@ -225,7 +234,7 @@ std::future<bool> SubmittedTask::getFuture() {
 
 void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle) {
     if (!e) {
-        e = std::make_exception_ptr(std::runtime_error("Unknown exception"));
+        e = unknownException();
     }
     try {
         std::rethrow_exception(e);

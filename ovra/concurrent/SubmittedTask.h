@@ -129,8 +129,9 @@ public:
     /// The future that becomes ready, always with `true`, when the task has come to its end. A
     /// second call throws `std::future_error`. `std::bad_alloc` if memory is short.
     std::future<bool> getFuture();
-    /// Logs `e` (null: a `std::runtime_error` "Unknown exception") and, if asked to, hands it to
-    /// the handle. Anything but a `std::exception` leaves this function.
+    /// Logs `e` (null: a `std::runtime_error` "Unknown exception", or `std::bad_alloc` if memory is
+    /// short) and, if asked to, hands it to the handle. Anything but a `std::exception` leaves this
+    /// function.
     void handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle);
 
     /// The proxy through which a handle reaches `task`; it holds only weak references.

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include <ovra/Export.h>
 
@@ -55,8 +55,8 @@ public:
 
     /// Closes the queue for good and drops every queued task: no state or result is set, no
     /// callback runs, no waiter is released. Wakes all workers. The dropped tasks are destroyed
-    /// after the lock is released, so a host object's destructor may call the executor. A second
-    /// call does nothing.
+    /// after the lock is released, so a host object's destructor may call the executor. Needs no
+    /// memory. A second call does nothing.
     void close();
 
     /// True if no task is queued, whatever the workers are doing.
@@ -79,7 +79,7 @@ private:
     OVRA_LOCAL bool hasTasks() const;
 
     // Guarded by `mutex`: the tasks that a pick walks, oldest first, and those that it need not.
-    std::deque<QueuedTask> tasks;
+    std::vector<QueuedTask> tasks;
     std::unique_ptr<SettledTasks> settled;
     std::uint64_t addedSoFar = 0;
 

@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <mutex>
-#include <system_error>
 
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
@@ -92,7 +91,8 @@ void TaskExecutorWorker::terminate() {
     }
     try {
         thread.join();
-    } catch (std::system_error const& e) {
+    } catch (std::exception const& e) {
+        // A `std::system_error`, or what comes in its place when there is no memory for one.
         log::log(log::ERROR, "~TaskExecutorWorker()", "Worker thread join failed due to '%s'!\n",
                  e.what());
     }
