@@ -65,9 +65,10 @@ bool SettledTasks::add(QueuedTask const& queued) {
     } catch (std::bad_alloc const&) {
         return false;
     }
-    // From here on `setRank` tells. What it did since the place was chosen is found here.
+    // From here on `setRank` tells. What it did before, also to a rank that was final when the
+    // place was chosen, is found here.
     SettledPlace const* const place = task.settled;
-    if (place->urgency.score != urgencyOf(queued).score) {
+    if (place->urgency.score != urgencyOf(queued).score || !isFinal(queued)) {
         place->noteNewRank();
     }
     return true;

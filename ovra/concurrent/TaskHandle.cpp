@@ -37,6 +37,9 @@ void TaskHandle::waitForCompletion() {
     } else if (proxy->waitForCompletion) {
         proxy->waitForCompletion();
     }
+    // When the task is gone, nothing but its last push orders what it did before this thread:
+    // checkers that know no fences see it so too.
+    static_cast<void>(getResult());
 }
 
 Executable::State TaskHandle::getState() const {

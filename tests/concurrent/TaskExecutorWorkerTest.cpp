@@ -707,18 +707,16 @@ TEST_F(TaskExecutorWorkerTest, NamesItsThreadBeforeTheTaskIsExecuting) {
 
 TEST_F(TaskExecutorWorkerTest, KeepsTheNameAfterTheTask) {
     pthread_t thread = {};
-    std::weak_ptr<SubmittedTask> watched;
-    {
-        auto task = submission(
-            [&thread] {
-                thread = pthread_self();
-                return Executable::SUCCESS;
-            },
-            NORMAL, "lasting");
-        watched = task;
-        queue->addTask(std::move(task));
-    }
+    auto task = submission(
+        [&thread] {
+            thread = pthread_self();
+            return Executable::SUCCESS;
+        },
+        NORMAL, "lasting");
+    std::weak_ptr<SubmittedTask> const watched = task;
+    auto const handle = queue->addTask(std::move(task));
     start();
+    handle->waitForCompletion();
     test::yieldUntil([&watched] { return watched.expired(); });
 
     EXPECT_EQ(threadName(thread), "lasting");

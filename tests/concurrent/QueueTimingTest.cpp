@@ -1,0 +1,516 @@
+// The queue and its workers, stopped at exact places: just before they lock a mutex, wait or wake.
+
+#include <pthread.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <ovra/concurrent/TaskExecutorImpl.h>
+#include <tests/concurrent/Work.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/ThreadCalls.h>
+
+namespace ovra::concurrent {
+namespace {
+
+using test::mutexesLockedBy;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class QueueTimingTest : public test::BoundedTest {};
+
+pthread_mutex_t* mutexOf(SubmittedTasksQueue& queue) {
+    return mutexesLockedBy([&queue] { queue.isEmpty(); }).at(0);
+}
+
+// Stops the first other thread that is about to lock the queue's mutex for the nth time.
+class Stop {
+public:
+    Stop(SubmittedTasksQueue& queue, int nth) : mutex(mutexOf(queue)), remaining(nth) {
+        calls.onLock = [this](pthread_mutex_t* locked) {
+            if (locked == mutex && pthread_equal(owner, pthread_self()) == 0 && --remaining == 0) {
+                stopped = true;
+                reached.open();
+                proceed.wait();
+            }
+            return 0;
+        };
+        calls.onWait = [this](pthread_cond_t*, pthread_mutex_t* held) {
+            if (held == mutex) {
+                reached.open();
+            }
+        };
+        calls.install();
+    }
+
+    // Waits until a thread has stopped, or sleeps because there is nothing to lock for.
+    bool waitUntilReached() {
+        reached.wait();
+        return stopped;
+    }
+    void letProceed() { proceed.open(); }
+
+private:
+    test::ThreadCalls calls;
+    pthread_t const owner = pthread_self();
+    pthread_mutex_t* const mutex;
+    std::atomic<int> remaining;
+    std::atomic<bool> stopped{false};
+    test::Gate reached;
+    test::Gate proceed;
+};
+
+// A worker that finds nothing locks twice, to fetch and to wait; then it sleeps.
+constexpr int LOCKS_BEFORE_SLEEP = 2;
+
+TEST_F(QueueTimingTest, TaskAddedAtAnyMomentIsNotSleptThrough) {
+    for (int nth = 1; nth <= LOCKS_BEFORE_SLEEP + 1; ++nth) {
+        auto const queue = makeQueue();
+        Stop stop(*queue, nth);
+        TaskExecutorImpl executor(1, queue);
+        ASSERT_EQ(stop.waitUntilReached(), nth <= LOCKS_BEFORE_SLEEP) << nth;
+
+        auto const handle = executor.submitTask(succeed(), NORMAL, {}, "work");
+        stop.letProceed();
+        handle->waitForCompletion();
+
+        EXPECT_EQ(handle->getState(), Executable::DONE);
+    }
+}
+
+TEST_F(QueueTimingTest, TaskAddedAtAnyMomentAfterAnotherIsNotSleptThrough) {
+    // The fetch of the first task, then as before.
+    for (int nth = 2; nth <= LOCKS_BEFORE_SLEEP + 2; ++nth) {
+        auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+        auto const first = queue->addTask(submission());
+        Stop stop(*queue, nth);
+        TaskExecutorImpl executor(1, queue);
+        first->waitForCompletion();
+        ASSERT_EQ(stop.waitUntilReached(), nth <= LOCKS_BEFORE_SLEEP + 1) << nth;
+
+        auto const handle = executor.submitTask(succeed(), NORMAL, {}, "work");
+        stop.letProceed();
+        handle->waitForCompletion();
+
+        EXPECT_EQ(handle->getState(), Executable::DONE);
+    }
+}
+
+TEST_F(QueueTimingTest, QueueClosedAtAnyMomentEndsTheWorker) {
+    for (int nth = 1; nth <= LOCKS_BEFORE_SLEEP + 1; ++nth) {
+        auto const queue = makeQueue();
+        Stop stop(*queue, nth);
+        auto executor = std::make_unique<TaskExecutorImpl>(1, queue);
+        ASSERT_EQ(stop.waitUntilReached(), nth <= LOCKS_BEFORE_SLEEP) << nth;
+
+        queue->close();
+        stop.letProceed();
+
+        executor.reset();
+    }
+}
+
+TEST_F(QueueTimingTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNeverRuns) {
+    auto queue = makeQueue();
+    auto task = submission();
+    std::weak_ptr<SubmittedTask> const watched = task;
+    auto* const raw = queue.get();
+    std::shared_ptr<TaskHandle> handle;
+    {
+        Stop stop(*queue, 1);
+        std::thread submitter([&] { handle = raw->addTask(std::move(task)); });
+        ASSERT_TRUE(stop.waitUntilReached());
+        queue->close();
+        stop.letProceed();
+        submitter.join();
+    }
+
+    ASSERT_NE(handle, nullptr);
+    EXPECT_FALSE(queue->isEmpty());
+    EXPECT_EQ(queue->getNextTask(), nullptr);
+    queue->close();
+    EXPECT_FALSE(queue->isEmpty()) << "closing again does nothing";
+    TaskExecutorImpl(1, queue);
+    EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
+    EXPECT_FALSE(watched.expired());
+    queue.reset();
+    EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(QueueTimingTest, PickThatMeetsTheClosingYieldsNothing) {
+    auto const queue = makeQueue();
+    queue->addTask(submission());
+    std::shared_ptr<SubmittedTask> picked = submission();
+    {
+        Stop stop(*queue, 1);
+        std::thread picker([&] { picked = queue->getNextTask(); });
+        ASSERT_TRUE(stop.waitUntilReached());
+        queue->close();
+        stop.letProceed();
+        picker.join();
+    }
+
+    EXPECT_EQ(picked, nullptr);
+}
+
+TEST_F(QueueTimingTest, AddingWakesOneWorkerUnderTheLock) {
+    auto const queue = makeQueue();
+    auto* const mutex = mutexOf(*queue);
+    std::vector<std::string> wakes;
+    test::ThreadCalls calls;
+    calls.onSignal = [&](pthread_cond_t*) {
+        wakes.emplace_back(test::isLocked(mutex) ? "one, locked" : "one");
+    };
+    calls.onBroadcast = [&](pthread_cond_t*) { wakes.emplace_back("all"); };
+    calls.install();
+
+    queue->addTask(submission());
+    EXPECT_THAT(wakes, ElementsAre("one, locked"));
+    queue->addTask(submission(succeed(), HIGHEST));
+    EXPECT_THAT(wakes, ElementsAre("one, locked", "one, locked"));
+}
+
+TEST_F(QueueTimingTest, ClosingWakesAllWorkersUnderTheLockOnce) {
+    auto const queue = makeQueue();
+    auto* const mutex = mutexOf(*queue);
+    std::vector<std::string> wakes;
+    test::ThreadCalls calls;
+    calls.onSignal = [&](pthread_cond_t*) { wakes.emplace_back("one"); };
+    calls.onBroadcast = [&](pthread_cond_t*) {
+        wakes.emplace_back(test::isLocked(mutex) ? "all, locked" : "all");
+    };
+    calls.install();
+
+    queue->close();
+    queue->close();
+    queue->addTask(submission());
+
+    EXPECT_THAT(wakes, ElementsAre("all, locked"));
+}
+
+TEST_F(QueueTimingTest, DroppedTasksAreDestroyedWithoutTheLock) {
+    auto queue = makeQueue();
+    auto* const mutex = mutexOf(*queue);
+    bool locked = true;
+    queue->addTask(submission([end = test::atEnd([&] { locked = test::isLocked(mutex); })] {
+        return Executable::SUCCESS;
+    }));
+
+    queue->close();
+
+    EXPECT_FALSE(locked);
+}
+
+TEST_F(QueueTimingTest, StrategyRunsUnderTheLock) {
+    class Looking : public TaskRankingStrategy {
+    public:
+        void updateRank(SubmittedTask*) override { locked = test::isLocked(mutex); }
+        pthread_mutex_t* mutex = nullptr;
+        bool locked = false;
+    };
+    auto const strategy = std::make_shared<Looking>();
+    SubmittedTasksQueue queue(strategy);
+    strategy->mutex = mutexOf(queue);
+    queue.addTask(submission());
+
+    queue.getNextTask();
+
+    EXPECT_TRUE(strategy->locked);
+}
+
+TEST_F(QueueTimingTest, WorkAndCallbackRunWithoutTheLock) {
+    auto const queue = makeQueue();
+    auto* const mutex = mutexOf(*queue);
+    // Read by the one worker alone; nobody else uses the queue meanwhile.
+    std::vector<bool> locked;
+    test::Gate calledBack;
+    queue->addTask(std::make_shared<SubmittedTask>(
+        [&] {
+            locked.push_back(test::isLocked(mutex));
+            return Executable::SUCCESS;
+        },
+        NORMAL,
+        [&](std::shared_ptr<Task> const&) {
+            locked.push_back(test::isLocked(mutex));
+            calledBack.open();
+        },
+        "work"));
+    TaskExecutorImpl const executor(1, queue);
+    calledBack.wait();
+
+    EXPECT_THAT(locked, ElementsAre(false, false));
+}
+
+// --- which locks are taken
+
+TEST_F(QueueTimingTest, QueueTakesNoLockOnceItIsClosed) {
+    auto const queue = makeQueue();
+    auto const task = submission();
+    queue->close();
+
+    EXPECT_THAT(mutexesLockedBy([&] {
+                    queue->isClosed();
+                    queue->getNextTask();
+                    queue->addTask(task);
+                    queue->close();
+                }),
+                IsEmpty());
+}
+
+TEST_F(QueueTimingTest, OpenQueueTellsThatItIsOpenWithoutALock) {
+    auto const queue = makeQueue();
+
+    EXPECT_THAT(mutexesLockedBy([&] { queue->isClosed(); }), IsEmpty());
+}
+
+TEST_F(QueueTimingTest, QueueIsLockedToAddPickAskAndClose) {
+    auto const queue = makeQueue();
+    auto* const mutex = mutexOf(*queue);
+    auto const task = submission();
+
+    EXPECT_THAT(mutexesLockedBy([&] { queue->addTask(task); }),
+                ::testing::Contains(mutex).Times(1));
+    EXPECT_THAT(mutexesLockedBy([&] { queue->getNextTask(); }),
+                ::testing::Contains(mutex).Times(1));
+    EXPECT_THAT(mutexesLockedBy([&] { queue->isEmpty(); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { queue->close(); }), ElementsAre(mutex));
+}
+
+TEST_F(QueueTimingTest, QueuesLockComesBeforeThatOfATask) {
+    auto const queue = makeQueue();
+    auto* const queueMutex = mutexOf(*queue);
+    auto const task = submission(succeed(), HIGHEST);
+    auto* const taskMutex = mutexesLockedBy([&] { task->getState(); }).at(0);
+    bool taskWasLocked = false;
+    test::ThreadCalls calls;
+    calls.onLock = [&](pthread_mutex_t* mutex) {
+        taskWasLocked = taskWasLocked || (mutex == queueMutex && test::isLocked(taskMutex));
+        return 0;
+    };
+    calls.install();
+
+    auto const handle = queue->addTask(task);
+    handle->updatePriority(LOW);
+    handle->cancel();
+    queue->getNextTask();
+    queue->addTask(task);
+    queue->close();
+
+    EXPECT_FALSE(taskWasLocked);
+}
+
+TEST_F(QueueTimingTest, TaskGuardsItsStateResultAndHandleWithOneMutex) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+    auto* const mutex = mutexesLockedBy([&] { task->getState(); }).at(0);
+
+    EXPECT_THAT(mutexesLockedBy([&] { task->getState(); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { task->getResult(); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { task->isCancelled(); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { task->getHandle(); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { task->setState(Executable::DONE); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { task->setResult(Executable::SUCCESS); }), ElementsAre(mutex));
+    EXPECT_THAT(mutexesLockedBy([&] { task->setHandle(handle); }), ElementsAre(mutex));
+}
+
+TEST_F(QueueTimingTest, TaskTakesNoLockForRankPriorityAndIndex) {
+    auto const task = submission();
+
+    EXPECT_THAT(mutexesLockedBy([&] {
+                    task->getRank();
+                    task->getPriority();
+                    task->setRank(5000);
+                    task->setPriority(HIGH);
+                    task->getUniqueIndex();
+                    task->taskName();
+                }),
+                IsEmpty());
+}
+
+TEST_F(QueueTimingTest, ForwardingAnExceptionTakesNoLockOfTheTask) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+
+    EXPECT_THAT(mutexesLockedBy([&] { task->handleAndLogUnknownException(nullptr, true); }),
+                IsEmpty());
+    EXPECT_NE(handle->getException(), nullptr);
+}
+
+TEST_F(QueueTimingTest, HandleHasNoLockOfItsOwn) {
+    auto task = submission();
+    auto const handle = linkHandle(task);
+    auto* const mutex = mutexesLockedBy([&] { task->getState(); }).at(0);
+
+    EXPECT_THAT(mutexesLockedBy([&] {
+                    handle->getState();
+                    handle->getResult();
+                    handle->isDone();
+                    handle->getException();
+                    handle->updatePriority(HIGH);
+                }),
+                IsEmpty());
+    EXPECT_THAT(mutexesLockedBy([&] { handle->cancel(); }), ElementsAre(mutex));
+    task.reset();
+    EXPECT_THAT(mutexesLockedBy([&] {
+                    handle->cancel();
+                    handle->updatePriority(LOW);
+                    handle->waitForCompletion();
+                }),
+                IsEmpty());
+}
+
+TEST_F(QueueTimingTest, NullTaskGivesWayToOthersWhileItWaits) {
+    auto const task = std::make_shared<SubmittedTask>(std::shared_ptr<Task>(), NORMAL, Callback());
+    int yields = 0;
+    test::ThreadCalls calls;
+    calls.onYield = [&] {
+        if (++yields == 3) {
+            task->setState(Executable::CANCELLED);
+        }
+    };
+    calls.install();
+
+    EXPECT_EQ(task->execute(), Executable::ABORTED);
+
+    EXPECT_EQ(yields, 3);
+}
+
+// --- ranks that change while the queue works
+
+// Calls `change` when this thread is about to lock for the nth time in the course of `action`; says
+// whether it came to that.
+bool interrupt(int nth, std::function<void()> const& action, std::function<void()> const& change) {
+    int remaining = nth;
+    test::ThreadCalls calls;
+    calls.onLock = [&](pthread_mutex_t*) {
+        if (--remaining == 0) {
+            change();
+        }
+        return 0;
+    };
+    calls.install();
+    action();
+    return remaining <= 0;
+}
+
+// From now on `task` doubles its rank at every pick, up to the cap.
+void expectAgeing(SubmittedTasksQueue& queue, SubmittedTask const& task, int nth) {
+    std::uint64_t rank = task.getRank();
+    while (rank < SubmittedTask::HIGHEST_CURRENT_RANK_VALUE) {
+        auto const urgent = submission(succeed(), HIGHEST);
+        queue.addTask(urgent);
+        auto const picked = queue.getNextTask();
+        ASSERT_NE(picked.get(), &task) << "interrupted at lock " << nth;
+        rank = std::min<std::uint64_t>(rank * 2, SubmittedTask::HIGHEST_CURRENT_RANK_VALUE);
+        ASSERT_EQ(task.getRank(), rank) << "interrupted at lock " << nth;
+    }
+}
+
+TEST_F(QueueTimingTest, PriorityLoweredWhileATaskIsAddedCounts) {
+    int nth = 0;
+    bool interrupted = true;
+    while (interrupted) {
+        ++nth;
+        auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+        auto const urgent = submission(succeed(), HIGHEST);
+        auto const task = submission(succeed(), HIGHEST);
+        queue->addTask(urgent);
+
+        interrupted = interrupt(
+            nth, [&] { queue->addTask(task); }, [&] { task->setPriority(LOW); });
+
+        if (interrupted) {
+            ASSERT_EQ(task->getRank(), 1u);
+            expectAgeing(*queue, *task, nth);
+        }
+    }
+    EXPECT_GT(nth, 1);
+}
+
+TEST_F(QueueTimingTest, PriorityLoweredWhileAnotherTaskIsPickedCounts) {
+    for (unsigned int const agedTo : {1000u, 0x3fffffffu, 0x40000000u, 0x7fffffffu}) {
+        int nth = 0;
+        bool interrupted = true;
+        while (interrupted) {
+            ++nth;
+            auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+            auto const urgent = submission(succeed(), HIGHEST);
+            auto const task = submission(succeed(), LOW);
+            queue->addTask(task);
+            queue->addTask(urgent);
+            task->setRank(agedTo);
+
+            interrupted = interrupt(
+                nth, [&] { EXPECT_EQ(queue->getNextTask(), urgent); },
+                [&] { task->setPriority(LOW); });
+
+            if (interrupted) {
+                // Updated by that pick, or only by the next.
+                ASSERT_LE(task->getRank(), 2u);
+                expectAgeing(*queue, *task, nth);
+            }
+        }
+        EXPECT_GT(nth, 1);
+    }
+}
+
+template <typename Strategy>
+class QueueTimingRaiseTest : public test::BoundedTest {};
+using Strategies =
+    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
+TYPED_TEST_SUITE(QueueTimingRaiseTest, Strategies);
+
+TYPED_TEST(QueueTimingRaiseTest, PriorityRaisedWhileATaskIsAddedCounts) {
+    int nth = 0;
+    bool interrupted = true;
+    while (interrupted) {
+        ++nth;
+        auto const queue = makeQueue<TypeParam>();
+        auto const high = submission(succeed(), HIGH);
+        auto const task = submission(succeed(), LOW);
+        queue->addTask(high);
+
+        interrupted = interrupt(
+            nth, [&] { queue->addTask(task); }, [&] { task->setPriority(HIGHEST); });
+
+        ASSERT_EQ(queue->getNextTask(), interrupted ? task : high) << nth;
+    }
+    EXPECT_GT(nth, 1);
+}
+
+TYPED_TEST(QueueTimingRaiseTest, PriorityRaisedWhileAnotherTaskIsPickedCounts) {
+    int nth = 0;
+    bool interrupted = true;
+    while (interrupted) {
+        ++nth;
+        auto const queue = makeQueue<TypeParam>();
+        auto const task = submission(succeed(), LOW);
+        auto const high = submission(succeed(), HIGH);
+        auto const higher = submission(succeed(), HIGH);
+        higher->setRank(1500000);
+        for (auto const& added : {task, high, higher}) {
+            queue->addTask(added);
+        }
+        std::shared_ptr<SubmittedTask> first;
+
+        interrupted = interrupt(
+            nth, [&] { first = queue->getNextTask(); }, [&] { task->setPriority(HIGHEST); });
+
+        if (!interrupted) {
+            ASSERT_EQ(first, higher);
+            ASSERT_EQ(queue->getNextTask(), high);
+        } else if (first != task) {
+            ASSERT_EQ(first, higher) << nth;
+            ASSERT_EQ(queue->getNextTask(), task) << nth;
+        }
+    }
+    EXPECT_GT(nth, 1);
+}
+
+}  // namespace
+}  // namespace ovra::concurrent
