@@ -143,7 +143,8 @@ public:
     /// Removes the directory with everything in it.
     ///
     /// **Links to directories are followed:** the contents of a link's target are deleted wherever
-    /// it lies, then the link; the target itself stays, empty. Links to files are only removed.
+    /// it lies, then the link; the target itself stays, empty. Only the link goes when it leads to
+    /// a file, or back to a directory that is being emptied already.
     ///
     /// Dangling links, pipes, sockets, devices and links to these stay, and with them the
     /// directories above. The result is then `false`; what could be removed is gone. `false` too,
