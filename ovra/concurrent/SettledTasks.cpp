@@ -36,11 +36,11 @@ SettledTasks::Ranks SettledTasks::ranksUnder(TaskRankingStrategy const* queueStr
 
 bool SettledTasks::updateRank(QueuedTask const& queued) const {
     if (ranks == DOUBLED && queued.isPlain && queued.task->settled == nullptr) {
-        // What the strategy does, without its calls: a plain task's rank is never below its floor.
-        std::atomic<unsigned int>& rank = queued.task->rank;
-        unsigned int const doubled = rank.load(std::memory_order_relaxed) * 2u;
-        rank.store(std::min(doubled, SubmittedTask::HIGHEST_CURRENT_RANK_VALUE),
-                   std::memory_order_relaxed);
+        // What the strategy does, without its calls.
+        SubmittedTask& task = *queued.task;
+        unsigned int const doubled = task.rank.load(std::memory_order_relaxed) * 2u;
+        task.rank.store(SubmittedTask::clampedRank(doubled, task.priority),
+                        std::memory_order_relaxed);
     } else if (strategy != nullptr) {
         strategy->updateRank(queued.task.get());
     }

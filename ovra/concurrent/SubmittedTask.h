@@ -142,6 +142,8 @@ private:
     friend class TaskHandle;
     friend class SettledTasks;
 
+    OVRA_LOCAL static unsigned int clampedRank(unsigned int rank, TaskPriority priority);
+
     // What a handle does, and finds when the task is gone.
     OVRA_LOCAL static Executable::State stateOf(std::weak_ptr<SubmittedTask> const& task);
     OVRA_LOCAL static Executable::Result resultOf(std::weak_ptr<SubmittedTask> const& task);
