@@ -33,7 +33,9 @@ public:
     };
 
     Executable() = default;
+    /// For subclasses that are copied; an executor copies no work.
     Executable(Executable const&) = default;
+    /// For subclasses that are assigned.
     Executable& operator=(Executable const&) = default;
     virtual ~Executable();
 

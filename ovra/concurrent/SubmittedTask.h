@@ -78,7 +78,9 @@ public:
     /// `std::future_error`.
     virtual ~SubmittedTask();
 
+    /// The current rank; it changes while the task waits.
     virtual unsigned int getRank() const;
+    /// The priority given last.
     virtual TaskPriority getPriority() const;
 
     /// Stores the state and pushes it to the handle if that still exists. No transition is refused,
@@ -100,14 +102,19 @@ public:
     /// Links the handle, weakly, and pushes the current state and result to it.
     void setHandle(std::shared_ptr<TaskHandle> const& newHandle);
 
+    /// The state stored last; `UNSCHEDULED` at first.
     Executable::State getState() const;
+    /// The result stored last; `NO_RESULT` at first.
     Executable::Result getResult() const;
+    /// The number given at construction; smaller than that of every task made before.
     std::int32_t getUniqueIndex() const;
+    /// Whether the state is `CANCELLED`.
     bool isCancelled() const;
     /// True for `SUCCESS` and `FAILURE` only.
     bool isFinishedResult(Executable::Result candidate) const;
     /// "Null Task" without a task, otherwise the task's own name, which may be null.
     char const* taskName() const;
+    /// The handle linked last; empty before the task is queued.
     std::weak_ptr<TaskHandle> getHandle() const;
 
     /// Runs the work, again for as long as it returns `REPEAT` and is not cancelled, settles state

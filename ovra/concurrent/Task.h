@@ -12,7 +12,9 @@ namespace ovra::concurrent {
 class OVRA_API Task : public Executable {
 public:
     Task() = default;
+    /// For subclasses that are copied; an executor copies no task.
     Task(Task const&) = default;
+    /// For subclasses that are assigned.
     Task& operator=(Task const&) = default;
     ~Task() override;
 

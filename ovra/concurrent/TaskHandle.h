@@ -35,6 +35,7 @@ struct SubmittedTaskProxy {
 /// proxy counts as one whose members are empty.
 class OVRA_API TaskHandle {
 public:
+    /// Reaches the task through `taskProxy`, which is asked for state and result once, here.
     explicit TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy);
     /// The same as on the proxy that `SubmittedTask::provideProxy` makes of `submittedTask`,
     /// without the detour.
@@ -86,7 +87,9 @@ public:
 
     /// For the task, which pushes every change here.
     void setState(Executable::State newState);
+    /// For the task, as `setState()`.
     void setResult(Executable::Result newResult);
+    /// For the task, before the state that ends it.
     void setException(std::exception_ptr const& newException);
 
 private:

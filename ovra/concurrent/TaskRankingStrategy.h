@@ -17,7 +17,9 @@ class SubmittedTask;
 class OVRA_API TaskRankingStrategy {
 public:
     TaskRankingStrategy() = default;
+    /// For subclasses that are copied; queues share a strategy.
     TaskRankingStrategy(TaskRankingStrategy const&) = default;
+    /// For subclasses that are assigned.
     TaskRankingStrategy& operator=(TaskRankingStrategy const&) = default;
     virtual ~TaskRankingStrategy();
 
@@ -33,7 +35,9 @@ public:
 class OVRA_API HighestPriorityTaskRankingStrategy : public TaskRankingStrategy {
 public:
     HighestPriorityTaskRankingStrategy() = default;
+    /// Has no state: a copy is the same strategy.
     HighestPriorityTaskRankingStrategy(HighestPriorityTaskRankingStrategy const&) = default;
+    /// Has no state: changes nothing.
     HighestPriorityTaskRankingStrategy& operator=(HighestPriorityTaskRankingStrategy const&) =
         default;
     ~HighestPriorityTaskRankingStrategy() override;
@@ -46,7 +50,9 @@ public:
 class OVRA_API NoStarveTaskRankingStrategy : public TaskRankingStrategy {
 public:
     NoStarveTaskRankingStrategy() = default;
+    /// Has no state: a copy is the same strategy.
     NoStarveTaskRankingStrategy(NoStarveTaskRankingStrategy const&) = default;
+    /// Has no state: changes nothing.
     NoStarveTaskRankingStrategy& operator=(NoStarveTaskRankingStrategy const&) = default;
     ~NoStarveTaskRankingStrategy() override;
 

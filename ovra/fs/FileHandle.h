@@ -30,29 +30,47 @@ public:
 
     /// The entry's path as stored.
     virtual std::string Path() const = 0;
+    /// See FileHandle::Exists().
     virtual bool Exists() const = 0;
+    /// See FileHandle::IsFile().
     virtual bool IsFile() const = 0;
+    /// See FileHandle::IsDirectory().
     virtual bool IsDirectory() const = 0;
+    /// See FileHandle::IsSymbolicLink().
     virtual bool IsSymbolicLink() const = 0;
     /// The bare names of the directory's entries.
     virtual std::vector<std::string> ListDirectory() const = 0;
+    /// See FileHandle::Size().
     virtual std::int64_t Size() const = 0;
+    /// See FileHandle::ModificationTime().
     virtual std::int64_t ModificationTime() const = 0;
     /// A back end for an entry below this one. FileHandle::Open() does not use it.
     virtual std::unique_ptr<FileHandleBackend> Open(std::string const& path) const = 0;
+    /// See FileHandle::CreateDirectory().
     virtual bool CreateDirectory() = 0;
+    /// See FileHandle::RemoveDirectory().
     virtual bool RemoveDirectory() = 0;
+    /// See FileHandle::CreateSymbolicLink().
     virtual bool CreateSymbolicLink(FileHandle const& target) = 0;
+    /// See FileHandle::Copy().
     virtual bool Copy(FileHandle const& target) = 0;
+    /// See FileHandle::Move().
     virtual bool Move(FileHandle const& target) = 0;
+    /// See FileHandle::Rename().
     virtual bool Rename(std::string const& name) = 0;
+    /// See FileHandle::Remove().
     virtual bool Remove() = 0;
+    /// See FileHandle::UserId().
     virtual unsigned int UserId() const = 0;
+    /// See FileHandle::SetUserId().
     virtual void SetUserId(unsigned int userId) = 0;
+    /// See FileHandle::GroupId().
     virtual unsigned int GroupId() const = 0;
+    /// See FileHandle::SetGroupId().
     virtual void SetGroupId(unsigned int groupId) = 0;
     /// The nine permission bits.
     virtual unsigned long Permissions() const = 0;
+    /// See FileHandle::SetPermissions().
     virtual void SetPermissions(unsigned long permissions) = 0;
     /// The stream passes to the caller.
     virtual std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const = 0;
@@ -95,10 +113,13 @@ public:
     /// Keeps the path unchanged and does not touch the file system.
     FileHandle(std::string const& path);  // NOLINT(google-explicit-constructor)
 
+    /// A handle on the path of `other`, with a new POSIX back end.
     FileHandle(FileHandle const& other);
+    /// Names the path of `other` from now on, with a new POSIX back end.
     FileHandle& operator=(FileHandle const& other);
     virtual ~FileHandle();
 
+    /// The path as the back end has it.
     FilePath Path() const;
     /// The last component of the path.
     std::string FileName() const;
@@ -114,15 +135,20 @@ public:
     ///     "/d"  "x"  -> "/d/x"      "/d" "/x" -> "/x"
     ///     "/d/" "x"  -> "/d/x"      ""   "x"  -> "/x"
     FileHandle Open(FilePath const& path) const;
+    /// The same for a path given as text.
     FileHandle Open(std::string const& path) const;
 
     /// The first entry of this directory; equal to End() when there is none or the directory cannot
     /// be read.
     FileIterator Begin() const;
+    /// The iterator that every walk ends at, whatever its directory.
     FileIterator End();
 
+    /// Whether the entry, or the target of a link, can be seen.
     bool Exists() const;
+    /// Whether this is a regular file, or a link to one.
     bool IsFile() const;
+    /// Whether this is a directory, or a link to one.
     bool IsDirectory() const;
     /// True only for a link whose target exists.
     bool IsSymbolicLink() const;
@@ -131,6 +157,7 @@ public:
     std::vector<std::string> ListDirectory() const;
     /// The size of a regular file; 0 for everything else, directories included.
     std::int64_t Size() const;
+    /// The time of the last change of the contents; 0 when the entry does not exist.
     std::int64_t ModificationTime() const;
 
     /// Creates the last component, with mode 0775 less the umask. `false` if the entry exists, as a
@@ -189,11 +216,13 @@ public:
     /// directories, special files and dangling links, which all stay.
     bool Remove();
 
+    /// The owner; 0, as for root, when the entry does not exist.
     unsigned int UserId() const;
     /// Follows a link to its target. Passes the group that a query gives, and that is 0 for an
     /// entry that cannot be read: should it have appeared by the time of the change, its group
     /// becomes 0.
     void SetUserId(unsigned int userId);
+    /// The group; 0, as for root, when the entry does not exist.
     unsigned int GroupId() const;
     /// Follows a link to its target. Passes the user that a query gives, and that is 0 for an entry
     /// that cannot be read: should it have appeared by the time of the change, its user becomes 0.

@@ -44,29 +44,43 @@ public:
     /// Reads the status. All other queries ask this one first, so a derived class that overrides it
     /// decides for them; without a status record they still answer `false` or 0.
     bool Exists() const override;
+    /// See FileHandle::IsFile().
     bool IsFile() const override;
+    /// See FileHandle::IsDirectory().
     bool IsDirectory() const override;
+    /// See FileHandle::IsSymbolicLink().
     bool IsSymbolicLink() const override;
     std::vector<std::string> ListDirectory() const override;
     /// Asks IsFile(), which a derived class may override.
     std::int64_t Size() const override;
+    /// See FileHandle::ModificationTime().
     std::int64_t ModificationTime() const override;
     /// Always empty.
     std::unique_ptr<FileHandleBackend> Open(std::string const& path) const override;
+    /// See FileHandle::CreateDirectory().
     bool CreateDirectory() override;
+    /// See FileHandle::RemoveDirectory().
     bool RemoveDirectory() override;
+    /// See FileHandle::CreateSymbolicLink().
     bool CreateSymbolicLink(FileHandle const& target) override;
+    /// See FileHandle::Copy().
     bool Copy(FileHandle const& target) override;
+    /// See FileHandle::Move().
     bool Move(FileHandle const& target) override;
+    /// See FileHandle::Rename().
     bool Rename(std::string const& name) override;
+    /// See FileHandle::Remove().
     bool Remove() override;
+    /// See FileHandle::UserId().
     unsigned int UserId() const override;
     /// Passes GroupId() as the group.
     void SetUserId(unsigned int userId) override;
+    /// See FileHandle::GroupId().
     unsigned int GroupId() const override;
     /// Passes UserId() as the user.
     void SetGroupId(unsigned int groupId) override;
     unsigned long Permissions() const override;
+    /// See FileHandle::SetPermissions().
     void SetPermissions(unsigned long permissions) override;
     std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const override;
     std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const override;

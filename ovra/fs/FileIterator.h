@@ -132,6 +132,7 @@ public:
     /// Whether both are at the end, or both stand on an entry with the same directory path, as
     /// text, and the same ordinal.
     bool operator==(FileIterator const& other) const;
+    /// The opposite of `==`.
     bool operator!=(FileIterator const& other) const;
 
 private:

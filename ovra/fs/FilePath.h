@@ -45,7 +45,9 @@ public:
     /// Stores `text` unchanged; nothing is checked or normalised.
     FilePath(std::string const& text);  // NOLINT(google-explicit-constructor)
 
+    /// The same path; the two share nothing.
     FilePath(FilePath const& other);
+    /// Takes over the path of `other`, as with SetPath().
     FilePath& operator=(FilePath const& other);
     ~FilePath();
 
@@ -63,6 +65,7 @@ public:
     ///     ""       "a"          -> "/a"
     ///     "/a/b"   ".."         -> "/a/b/.."
     FilePath Resolve(std::string const& other) const;
+    /// The same, for the path of `other` as supplied.
     FilePath Resolve(FilePath const& other) const;
 
     /// The path as text with "." and ".." folded away, without asking the disk: where a directory
@@ -84,6 +87,7 @@ public:
 
     /// The path as supplied.
     std::string const& Path() const;
+    /// Whether the path as supplied is "".
     bool IsEmpty() const;
     /// Whether the text as supplied ends with "/", although the components drop it:
     /// "a/b/" -> true, with the file name "b".
@@ -106,6 +110,7 @@ public:
     /// Whether the path begins with "/" or with a two-character drive:
     /// "C:" -> true, "1:/y" -> true, "C:x/y" -> false.
     bool IsAbsolute() const;
+    /// The opposite of IsAbsolute(), so true for "".
     bool IsRelative() const;
 
 private:

@@ -10,13 +10,14 @@ namespace ovra::log {
 /// How severe a message is; smaller is more severe. As the global level: deliver messages whose
 /// level is at most this, `DISABLED` none at all.
 enum LogLevel : std::int32_t {
-    DISABLED = 0,
-    CRITICAL = 1,
-    ERROR = 2,
-    WARNING = 3,
-    INFO = 4,
-    DEBUG = 5,
-    VERBOSE = 6,
+    DISABLED =
+        0,  ///< As the global level: nothing is delivered. As a message's: delivered at any other.
+    CRITICAL = 1,  ///< The host can hardly go on.
+    ERROR = 2,     ///< Something failed. The global level at the start.
+    WARNING = 3,   ///< Odd, and survived; the library's own word on exceptions out of tasks.
+    INFO = 4,      ///< The ordinary course of things, such as the states of tasks.
+    DEBUG = 5,     ///< For those who look for a fault.
+    VERBOSE = 6,   ///< Everything.
 };
 
 /// The kinds of sink that `addLogHandler` and `createLogHandler` make.
@@ -69,11 +70,13 @@ OVRA_API char const* logLevelToName(LogLevel level);
 /// Sets the global level, unchecked. `ERROR` from the start. Other threads see the change without
 /// any order guaranteed.
 OVRA_API void setLogLevel(LogLevel level);
+/// The global level, as set last.
 OVRA_API LogLevel getLogLevel();
 
 /// A flag kept for the library's callers; the library itself does not read it. False from the
 /// start.
 OVRA_API void setDepsDebuggable(bool debuggable);
+/// The flag, as set last.
 OVRA_API bool getDepsDebuggable();
 
 /// Makes a sink that the caller owns alone; an empty pointer for an unknown type. `name` is the
