@@ -10,8 +10,7 @@ namespace ovra::log {
 /// How severe a message is; smaller is more severe. As the global level: deliver messages whose
 /// level is at most this, `DISABLED` none at all.
 enum LogLevel : std::int32_t {
-    DISABLED =
-        0,  ///< As the global level: nothing is delivered. As a message's: delivered at any other.
+    DISABLED = 0,  ///< As the global level: none. As a message's: delivered under any other.
     CRITICAL = 1,  ///< The host can hardly go on.
     ERROR = 2,     ///< Something failed. The global level at the start.
     WARNING = 3,   ///< Odd, and survived; the library's own word on exceptions out of tasks.
