@@ -37,8 +37,7 @@ std::atomic<long> filesDone{0};
 std::atomic<long> surprises{0};
 
 void expect(bool holds, char const* what) {
-    if (!holds) {
-        ++surprises;
+    if (!holds && ++surprises <= 20) {
         std::fprintf(stderr, "not so: %s\n", what);
     }
 }
@@ -113,6 +112,8 @@ void workOnFiles(std::string const& root) {
             FileHandle link = inner.Open("link");
             expect(file.CreateSymbolicLink(link), "a link is made");
             expect(inner.ListDirectory().size() == 3, "a directory is listed");
+            // Left behind by its file, it would hang in the air and stay.
+            expect(link.Remove(), "a link is removed");
             expect(copy.Move(top), "a file is moved");
             copy = top.Open("renamed");
             expect(copy.Remove(), "a file is removed");
