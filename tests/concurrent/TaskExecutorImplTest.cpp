@@ -1,0 +1,690 @@
+#include <ovra/concurrent/TaskExecutorImpl.h>
+
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tests/concurrent/Work.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/LogRecorder.h>
+#include <tests/support/VirtualTable.h>
+
+namespace ovra::concurrent {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+static_assert(std::is_abstract_v<TaskExecutor>);
+static_assert(std::has_virtual_destructor_v<TaskExecutor>);
+static_assert(sizeof(TaskExecutor) == sizeof(void*), "no data");
+static_assert(std::is_convertible_v<TaskExecutorImpl*, TaskExecutor*>);
+static_assert(!std::is_copy_constructible_v<TaskExecutorImpl>);
+static_assert(!std::is_move_constructible_v<TaskExecutorImpl>);
+
+char const STARTING[] = "[TaskExecutorWorker::run():INFO] Starting task executor worker thread.";
+char const TERMINATING[] =
+    "[TaskExecutorWorker::run():INFO] Terminating task executor worker thread.";
+
+using SubmitTask = std::shared_ptr<TaskHandle> (TaskExecutor::*)(std::shared_ptr<Task> const&,
+                                                                 TaskPriority, Callback const&);
+using SubmitFunction = std::shared_ptr<TaskHandle> (TaskExecutor::*)(Work const&, TaskPriority,
+                                                                     Callback const&, char const*);
+
+class TaskExecutorImplTest : public test::BoundedTest {
+protected:
+    std::shared_ptr<TaskExecutorImpl> makeExecutor(unsigned int threads) {
+        return std::make_shared<TaskExecutorImpl>(threads, queue);
+    }
+
+    std::shared_ptr<SubmittedTasksQueue> queue = makeQueue();
+};
+
+// --- workers
+
+struct WorkerCount {
+    unsigned int asked;
+    int started;
+};
+
+class WorkerCountTest : public TaskExecutorImplTest,
+                        public ::testing::WithParamInterface<WorkerCount> {};
+
+TEST_P(WorkerCountTest, IsAtMostTwelve) {
+    test::LogRecorder recorder;
+    {
+        auto const executor = makeExecutor(GetParam().asked);
+        recorder.waitFor(STARTING, GetParam().started);
+    }
+
+    EXPECT_EQ(recorder.count(STARTING), GetParam().started);
+    EXPECT_EQ(recorder.count(TERMINATING), GetParam().started);
+}
+
+INSTANTIATE_TEST_SUITE_P(TaskExecutorImplTest, WorkerCountTest,
+                         ::testing::Values(WorkerCount{0, 0}, WorkerCount{1, 1}, WorkerCount{2, 2},
+                                           WorkerCount{11, 11}, WorkerCount{12, 12},
+                                           WorkerCount{13, 12}, WorkerCount{100, 12},
+                                           WorkerCount{UINT_MAX, 12},
+                                           WorkerCount{0x80000000u, 12}));
+
+TEST_F(TaskExecutorImplTest, AllWorkersRunAtOnce) {
+    constexpr int WORKERS = 12;
+    auto const executor = makeExecutor(WORKERS);
+    test::Gate together(WORKERS);
+    std::mutex mutex;
+    std::set<std::thread::id> threads;
+    std::vector<std::shared_ptr<TaskHandle>> handles;
+    for (int i = 0; i < WORKERS; ++i) {
+        handles.push_back(executor->submitTask(
+            [&] {
+                {
+                    std::lock_guard<std::mutex> const lock(mutex);
+                    threads.insert(std::this_thread::get_id());
+                }
+                together.open();
+                together.wait();
+                return Executable::SUCCESS;
+            },
+            NORMAL, {}, "work"));
+    }
+    for (auto const& handle : handles) {
+        handle->waitForCompletion();
+    }
+
+    EXPECT_EQ(threads.size(), std::size_t{WORKERS});
+}
+
+TEST_F(TaskExecutorImplTest, WithoutWorkersQueuesAndNeverRuns) {
+    std::shared_ptr<TaskHandle> handle;
+    std::atomic<bool> ran{false};
+    {
+        auto const executor = makeExecutor(0);
+        handle = executor->submitTask(
+            [&ran] {
+                ran = true;
+                return Executable::SUCCESS;
+            },
+            HIGHEST, {}, "work");
+        ASSERT_NE(handle, nullptr);
+        EXPECT_FALSE(executor->isIdle());
+    }
+
+    EXPECT_FALSE(ran);
+    EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
+    EXPECT_TRUE(queue->isClosed());
+}
+
+TEST_F(TaskExecutorImplTest, ServesAQueueThatIsAlreadyFilled) {
+    auto const handle = queue->addTask(submission());
+
+    auto const executor = makeExecutor(1);
+    handle->waitForCompletion();
+
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+}
+
+TEST_F(TaskExecutorImplTest, SharesItsQueue) {
+    {
+        auto const executor = makeExecutor(0);
+        EXPECT_EQ(queue.use_count(), 2);
+    }
+    EXPECT_EQ(queue.use_count(), 1);
+}
+
+TEST_F(TaskExecutorImplTest, WorkersDoNotKeepTheQueueOnceTheExecutorIsGone) {
+    std::weak_ptr<SubmittedTasksQueue> const watched = queue;
+    auto executor = makeExecutor(3);
+    queue.reset();
+    EXPECT_FALSE(watched.expired());
+
+    executor.reset();
+
+    EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(TaskExecutorImplTest, WithoutAQueueRefusesEverything) {
+    TaskExecutorImpl executor(3, nullptr);
+
+    EXPECT_EQ(executor.submitTask(succeed(), NORMAL, {}, "work"), nullptr);
+    EXPECT_EQ(executor.addSubmittedTaskToQueue(submission()), nullptr);
+    EXPECT_TRUE(executor.isIdle());
+}
+
+// --- submitting
+
+TEST_F(TaskExecutorImplTest, RunsATaskAndCallsBackWithIt) {
+    auto const executor = makeExecutor(1);
+    std::atomic<int> runs{0};
+    auto const task = std::make_shared<NamedTask>([&runs] {
+        ++runs;
+        return Executable::FAILURE;
+    });
+    std::shared_ptr<Task> given;
+    test::Gate calledBack;
+
+    auto const handle = executor->submitTask(task, HIGH, [&](std::shared_ptr<Task> const& ended) {
+        given = ended;
+        calledBack.open();
+    });
+    ASSERT_NE(handle, nullptr);
+    handle->waitForCompletion();
+    calledBack.wait();
+
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(given, task);
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+}
+
+TEST_F(TaskExecutorImplTest, RunsAFunctionAndCallsBackWithATaskOfItsName) {
+    auto const executor = makeExecutor(1);
+    char const name[] = "function";
+    char const* given = nullptr;
+    test::Gate calledBack;
+
+    auto const handle = executor->submitTask(
+        succeed(), NORMAL,
+        [&](std::shared_ptr<Task> const& ended) {
+            given = ended->name();
+            calledBack.open();
+        },
+        name);
+    handle->waitForCompletion();
+    calledBack.wait();
+
+    EXPECT_EQ(given, name);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+}
+
+TEST_F(TaskExecutorImplTest, PassesANullNameThrough) {
+    auto const executor = makeExecutor(1);
+    char const* given = "before";
+    test::Gate calledBack;
+
+    executor->submitTask(
+        succeed(), NORMAL,
+        [&](std::shared_ptr<Task> const& ended) {
+            given = ended->name();
+            calledBack.open();
+        },
+        nullptr);
+    calledBack.wait();
+
+    EXPECT_EQ(given, nullptr);
+}
+
+TEST_F(TaskExecutorImplTest, RunsTheFunctionAsItWasWhenSubmitted) {
+    auto const executor = makeExecutor(0);
+    std::string ran;
+    Work work = [&ran] {
+        ran += "first";
+        return Executable::SUCCESS;
+    };
+    std::string called;
+    Callback callback = [&called](std::shared_ptr<Task> const&) { called += "first"; };
+    executor->submitTask(work, NORMAL, callback, "work");
+    work = [&ran] {
+        ran += "second";
+        return Executable::SUCCESS;
+    };
+    callback = [&called](std::shared_ptr<Task> const&) { called += "second"; };
+
+    auto const task = queue->getNextTask();
+    task->execute();
+    task->performCallback();
+
+    EXPECT_EQ(ran, "first");
+    EXPECT_EQ(called, "first");
+}
+
+TEST_F(TaskExecutorImplTest, GivesTheSubmissionItsPriority) {
+    auto const executor = makeExecutor(0);
+    for (int const value : {1, 2, 3, 4, 0, -1, 5}) {
+        auto const priority = static_cast<TaskPriority>(value);
+        executor->submitTask(std::make_shared<NamedTask>(), priority, {});
+        auto const ofTask = queue->getNextTask();
+        executor->submitTask(succeed(), priority, {}, "work");
+        auto const ofFunction = queue->getNextTask();
+
+        EXPECT_EQ(ofTask->getPriority(), priority);
+        EXPECT_EQ(ofFunction->getPriority(), priority);
+        EXPECT_EQ(ofFunction->getRank(), submittedTaskPriorityToInitialRank(priority));
+    }
+}
+
+TEST_F(TaskExecutorImplTest, RefusesATaskWithoutWorkAndCallback) {
+    test::LogRecorder recorder;
+    auto const executor = makeExecutor(0);
+
+    EXPECT_EQ(executor->submitTask(std::shared_ptr<Task>(), NORMAL, Callback()), nullptr);
+    EXPECT_EQ(executor->submitTask(Work(), NORMAL, Callback(), "work"), nullptr);
+
+    EXPECT_TRUE(executor->isIdle());
+    EXPECT_THAT(recorder.texts(), IsEmpty());
+}
+
+TEST_F(TaskExecutorImplTest, AcceptsACallbackWithoutATask) {
+    auto const executor = makeExecutor(1);
+    test::Gate calledBack;
+    bool wasNull = false;
+    auto const handle = executor->submitTask(std::shared_ptr<Task>(), NORMAL,
+                                             [&](std::shared_ptr<Task> const& task) {
+                                                 wasNull = task == nullptr;
+                                                 calledBack.open();
+                                             });
+    ASSERT_NE(handle, nullptr);
+    // Cancelled too early, it would never be called back.
+    test::yieldUntil([&handle] { return handle->getState() == Executable::EXECUTING; });
+    handle->cancel();
+    calledBack.wait();
+
+    EXPECT_TRUE(wasNull);
+    EXPECT_EQ(handle->getResult(), Executable::ABORTED);
+}
+
+TEST_F(TaskExecutorImplTest, AcceptsACallbackWithoutAFunction) {
+    auto const executor = makeExecutor(1);
+    test::Gate calledBack;
+    auto const handle = executor->submitTask(
+        Work(), NORMAL, [&](std::shared_ptr<Task> const&) { calledBack.open(); }, "work");
+    ASSERT_NE(handle, nullptr);
+    handle->waitForCompletion();
+    calledBack.wait();
+
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+    ASSERT_NE(handle->getException(), nullptr);
+    EXPECT_THROW(std::rethrow_exception(handle->getException()), std::bad_function_call);
+}
+
+TEST_F(TaskExecutorImplTest, RefusesEverythingOnceItsQueueIsClosed) {
+    test::LogRecorder recorder;
+    auto const executor = makeExecutor(1);
+    queue->close();
+    recorder.waitFor(TERMINATING);
+    auto const task = submission();
+
+    EXPECT_EQ(executor->submitTask(succeed(), NORMAL, {}, "work"), nullptr);
+    EXPECT_EQ(executor->submitTask(std::make_shared<NamedTask>(), NORMAL, {}), nullptr);
+    EXPECT_EQ(executor->addSubmittedTaskToQueue(task), nullptr);
+
+    EXPECT_TRUE(executor->isIdle());
+    EXPECT_EQ(task.use_count(), 1);
+    EXPECT_THAT(recorder.texts(), ElementsAre(STARTING, TERMINATING));
+}
+
+TEST_F(TaskExecutorImplTest, QueuesASubmissionOfTheHosts) {
+    auto const executor = makeExecutor(0);
+    auto const task = submission();
+
+    auto const handle = executor->addSubmittedTaskToQueue(task);
+
+    EXPECT_EQ(task->getHandle().lock(), handle);
+    EXPECT_EQ(task.use_count(), 2);
+    EXPECT_EQ(queue->getNextTask(), task);
+}
+
+TEST_F(TaskExecutorImplTest, IsIdleWhileWorkersRunButNothingIsQueued) {
+    auto const executor = makeExecutor(1);
+    EXPECT_TRUE(executor->isIdle());
+    Occupation occupation(*executor);
+    EXPECT_TRUE(executor->isIdle());
+
+    auto const queued = executor->submitTask(succeed(), NORMAL, {}, "queued");
+    EXPECT_FALSE(executor->isIdle());
+    queued->cancel();
+    EXPECT_FALSE(executor->isIdle()) << "a cancelled task stays queued";
+
+    occupation.release();
+    queued->waitForCompletion();
+    EXPECT_TRUE(executor->isIdle());
+}
+
+// --- order
+
+TEST_F(TaskExecutorImplTest, RunsTheMostUrgentFirst) {
+    std::string order;
+    auto const executor = makeExecutor(1);
+    auto const note = [&order](char letter) -> Work {
+        return [&order, letter] {
+            order += letter;
+            return Executable::SUCCESS;
+        };
+    };
+    std::vector<std::shared_ptr<TaskHandle>> handles;
+    {
+        Occupation const occupation(*executor);
+        handles.push_back(executor->submitTask(note('l'), LOW, {}, "low"));
+        handles.push_back(executor->submitTask(note('n'), NORMAL, {}, "normal"));
+        handles.push_back(executor->submitTask(note('N'), NORMAL, {}, "normal too"));
+        handles.push_back(executor->submitTask(note('!'), HIGHEST, {}, "highest"));
+        handles.push_back(executor->submitTask(note('h'), HIGH, {}, "high"));
+        handles.push_back(executor->submitTask(note('?'), LOW, {}, "raised"));
+        handles.back()->updatePriority(HIGHEST);
+    }
+    for (auto const& handle : handles) {
+        handle->waitForCompletion();
+    }
+
+    EXPECT_EQ(order, "!?hnNl");
+}
+
+TEST_F(TaskExecutorImplTest, PriorityOfARunningTaskHasNoEffect) {
+    auto const executor = makeExecutor(1);
+    Occupation occupation(*executor);
+    auto const other = executor->submitTask(succeed(), NORMAL, {}, "other");
+
+    occupation.handle->updatePriority(LOW);
+    EXPECT_EQ(occupation.handle->getState(), Executable::EXECUTING);
+    occupation.release();
+    other->waitForCompletion();
+
+    EXPECT_EQ(occupation.handle->getState(), Executable::DONE);
+}
+
+TEST_F(TaskExecutorImplTest, CancelledWhileQueuedNeverRuns) {
+    auto const executor = makeExecutor(1);
+    std::atomic<bool> touched{false};
+    std::shared_ptr<TaskHandle> handle;
+    std::shared_ptr<TaskHandle> last;
+    {
+        Occupation const occupation(*executor);
+        handle = executor->submitTask(
+            [&touched] {
+                touched = true;
+                return Executable::SUCCESS;
+            },
+            NORMAL, [&touched](std::shared_ptr<Task> const&) { touched = true; }, "cancelled");
+        last = executor->submitTask(succeed(), LOW, {}, "last");
+        handle->cancel();
+        EXPECT_TRUE(handle->isDone());
+        EXPECT_EQ(handle->getResult(), Executable::NO_RESULT);
+    }
+    handle->waitForCompletion();
+    last->waitForCompletion();
+
+    EXPECT_FALSE(touched);
+    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(handle->getResult(), Executable::ABORTED);
+}
+
+TEST_F(TaskExecutorImplTest, RunningTaskIsNotInterruptedByItsCancellation) {
+    auto const executor = makeExecutor(1);
+    Occupation occupation(*executor);
+    occupation.handle->cancel();
+    EXPECT_EQ(occupation.handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(occupation.handle->getResult(), Executable::NO_RESULT);
+
+    occupation.release();
+    occupation.handle->waitForCompletion();
+
+    EXPECT_EQ(occupation.handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(occupation.handle->getResult(), Executable::SUCCESS);
+}
+
+TEST_F(TaskExecutorImplTest, TasksAndCallbacksMaySubmit) {
+    auto const executor = makeExecutor(1);
+    std::shared_ptr<TaskHandle> fromWork;
+    std::shared_ptr<TaskHandle> fromCallback;
+    test::Gate calledBack;
+    executor->submitTask(
+        [&] {
+            fromWork = executor->submitTask(succeed(), NORMAL, {}, "inner");
+            return Executable::SUCCESS;
+        },
+        NORMAL,
+        [&](std::shared_ptr<Task> const&) {
+            fromCallback = executor->submitTask(succeed(), NORMAL, {}, "inner");
+            EXPECT_FALSE(executor->isIdle());
+            calledBack.open();
+        },
+        "outer");
+    calledBack.wait();
+    fromWork->waitForCompletion();
+    fromCallback->waitForCompletion();
+
+    EXPECT_EQ(fromWork->getResult(), Executable::SUCCESS);
+    EXPECT_EQ(fromCallback->getResult(), Executable::SUCCESS);
+}
+
+// --- shutting down
+
+TEST_F(TaskExecutorImplTest, DestructionFinishesWhatRunsAndDropsWhatIsQueued) {
+    auto executor = makeExecutor(1);
+    test::Gate entered;
+    test::Gate dropped;
+    std::atomic<bool> workEnded{false};
+    std::atomic<bool> calledBack{false};
+    std::atomic<bool> queuedTouched{false};
+    auto const running = executor->submitTask(
+        [&] {
+            entered.open();
+            dropped.wait();  // So the destructor is under way.
+            workEnded = true;
+            return Executable::SUCCESS;
+        },
+        NORMAL, [&calledBack](std::shared_ptr<Task> const&) { calledBack = true; }, "running");
+    entered.wait();
+    auto const queued = executor->submitTask(
+        [&queuedTouched, end = test::atEnd([&dropped] { dropped.open(); })] {
+            queuedTouched = true;
+            return Executable::SUCCESS;
+        },
+        NORMAL, [&queuedTouched](std::shared_ptr<Task> const&) { queuedTouched = true; }, "queued");
+
+    executor.reset();
+
+    EXPECT_TRUE(workEnded);
+    EXPECT_TRUE(calledBack);
+    EXPECT_EQ(running->getState(), Executable::DONE);
+    EXPECT_FALSE(queuedTouched);
+    EXPECT_EQ(queued->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(queued->getResult(), Executable::NO_RESULT);
+    EXPECT_TRUE(queue->isClosed());
+    EXPECT_TRUE(queue->isEmpty());
+}
+
+TEST_F(TaskExecutorImplTest, DestructionWaitsForEveryWorker) {
+    constexpr int WORKERS = 4;
+    auto executor = makeExecutor(WORKERS);
+    test::Gate entered(WORKERS);
+    test::Gate dropped;
+    std::atomic<int> callbacks{0};
+    for (int i = 0; i < WORKERS; ++i) {
+        executor->submitTask(
+            [&] {
+                entered.open();
+                dropped.wait();
+                return Executable::SUCCESS;
+            },
+            NORMAL, [&callbacks](std::shared_ptr<Task> const&) { ++callbacks; }, "running");
+    }
+    entered.wait();
+    executor->submitTask(
+        [end = test::atEnd([&dropped] { dropped.open(); })] { return Executable::SUCCESS; }, NORMAL,
+        {}, "queued");
+
+    executor.reset();
+
+    EXPECT_EQ(callbacks, WORKERS);
+}
+
+TEST_F(TaskExecutorImplTest, DestructionWakesSleepingWorkers) {
+    test::LogRecorder recorder;
+    {
+        auto const executor = makeExecutor(5);
+        recorder.waitFor(STARTING, 5);
+        executor->submitTask(succeed(), NORMAL, {}, "work")->waitForCompletion();
+    }
+
+    EXPECT_EQ(recorder.count(TERMINATING), 5);
+    EXPECT_EQ(recorder.texts().back(), TERMINATING);
+}
+
+TEST_F(TaskExecutorImplTest, TaskSubmittedWhileItIsDestroyedIsRefused) {
+    auto executor = makeExecutor(1);
+    auto* const raw = executor.get();
+    test::Gate entered;
+    test::Gate dropped;
+    std::shared_ptr<TaskHandle> late;
+    bool triedLate = false;
+    executor->submitTask(
+        [&] {
+            entered.open();
+            dropped.wait();
+            late = raw->submitTask(succeed(), NORMAL, {}, "late");
+            triedLate = true;
+            return Executable::SUCCESS;
+        },
+        NORMAL, {}, "running");
+    entered.wait();
+    executor->submitTask(
+        [end = test::atEnd([&dropped] { dropped.open(); })] { return Executable::SUCCESS; }, NORMAL,
+        {}, "queued");
+
+    executor.reset();
+
+    EXPECT_TRUE(triedLate);
+    EXPECT_EQ(late, nullptr);
+}
+
+TEST_F(TaskExecutorImplTest, WhatADroppedTaskDestroysMayUseTheExecutor) {
+    auto executor = makeExecutor(0);
+    auto* const raw = executor.get();
+    std::vector<std::string> seen;
+    executor->submitTask([end = test::atEnd([&seen, raw] {
+                              seen.emplace_back(raw->isIdle() ? "idle" : "busy");
+                              seen.emplace_back(raw->submitTask(succeed(), NORMAL, {}, "late")
+                                                    ? "taken"
+                                                    : "refused");
+                          })] { return Executable::SUCCESS; },
+                         NORMAL, {}, "queued");
+
+    executor.reset();
+
+    EXPECT_THAT(seen, ElementsAre("idle", "refused"));
+}
+
+TEST_F(TaskExecutorImplTest, OfTwoExecutorsOnOneQueueTheFirstDestroyedClosesIt) {
+    auto first = makeExecutor(1);
+    auto const second = makeExecutor(1);
+    auto const handle = second->submitTask(succeed(), NORMAL, {}, "work");
+    handle->waitForCompletion();
+
+    first.reset();
+
+    EXPECT_EQ(second->submitTask(succeed(), NORMAL, {}, "work"), nullptr);
+}
+
+TEST_F(TaskExecutorImplTest, HandlesOutliveTheExecutor) {
+    std::shared_ptr<TaskHandle> handle;
+    {
+        auto const executor = makeExecutor(2);
+        handle = executor->submitTask(give(Executable::FAILURE), NORMAL, {}, "work");
+        handle->waitForCompletion();
+    }
+
+    handle->cancel();
+    handle->updatePriority(HIGH);
+    handle->waitForCompletion();
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+}
+
+TEST_F(TaskExecutorImplTest, ReleasingTheLastReferenceOnItsOwnWorkerEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            test::LogRecorder recorder(log::ERROR);
+            recorder.onLine(
+                [](test::LogLine const& line) { std::fputs(line.text.c_str(), stderr); });
+            auto executor = makeExecutor(1);
+            test::Gate released;
+            auto const handle = executor->submitTask(
+                [&released, held = executor]() mutable {
+                    released.wait();
+                    held.reset();
+                    return Executable::SUCCESS;
+                },
+                NORMAL, {}, "last");
+            executor.reset();
+            released.open();
+            handle->waitForCompletion();
+        },
+        ::testing::KilledBySignal(SIGABRT),
+        "~TaskExecutorWorker\\(\\):ERROR\\] Worker thread join failed due to '.+'!");
+}
+
+TEST_F(TaskExecutorImplTest, ReleasingTheLastReferenceInACallbackEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            auto executor = makeExecutor(1);
+            test::Gate released;
+            test::Gate never;
+            executor->submitTask(
+                succeed(), NORMAL,
+                [&released, &executor](std::shared_ptr<Task> const&) {
+                    released.wait();
+                    executor.reset();
+                },
+                "last");
+            released.open();
+            never.wait();
+        },
+        ::testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(TaskExecutorImplTest, ForkedChildHasNoWorkers) {
+    auto const executor = makeExecutor(2);
+    // Inside their work, no worker holds a lock that the child would inherit.
+    Occupation const first(*executor);
+    Occupation const second(*executor);
+
+    pid_t const child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(test::deadlineSeconds());
+        auto const handle = executor->submitTask(succeed(), HIGHEST, {}, "child's");
+        bool const isQueued = handle != nullptr && !executor->isIdle() &&
+                              handle->getState() == Executable::UNSCHEDULED;
+        std::ifstream status("/proc/self/status");
+        std::string line;
+        bool isAlone = false;
+        while (std::getline(status, line)) {
+            isAlone = isAlone || line == "Threads:\t1";
+        }
+        _exit((isQueued ? 0 : 1) + (isAlone ? 0 : 2));
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: not queued, 2: not alone";
+    EXPECT_TRUE(executor->isIdle());
+}
+
+TEST_F(TaskExecutorImplTest, OperationsKeepTheirOrderInTheVirtualTable) {
+    EXPECT_EQ(test::virtualSlot(static_cast<SubmitTask>(&TaskExecutor::submitTask)), 2u);
+    EXPECT_EQ(test::virtualSlot(static_cast<SubmitFunction>(&TaskExecutor::submitTask)), 3u);
+    EXPECT_EQ(test::virtualSlot(&TaskExecutor::isIdle), 4u);
+    EXPECT_EQ(test::virtualSlotCount("TaskExecutor"), 5u);
+    EXPECT_EQ(test::virtualSlotCount("TaskExecutorImpl"), 5u);
+}
+
+}  // namespace
+}  // namespace ovra::concurrent
