@@ -18,6 +18,7 @@
 #include "Messages.h"
 #include "Progress.h"
 #include "Quote.h"
+#include "Walk.h"
 
 namespace manifest {
 
@@ -107,6 +108,42 @@ private:
     std::size_t different = 0;
 };
 
+// Hashes and reports in the order of the manifest. After Ctrl-C, what had not begun is passed over.
+void verifyAll(std::vector<ManifestEntry> const& entries, Options const& options,
+               Interrupt& interrupt, Report& report) {
+    std::vector<FoundFile> files;
+    std::int64_t bytes = 0;
+    for (auto const& entry : entries) {
+        std::string const path = entry.path == "-" ? STANDARD_INPUT : entry.path;
+        files.push_back({path, FileHandle(path).Size()});
+        bytes += files.back().sizeBytes;
+    }
+    auto const progress = std::make_shared<Progress>(files.size(), bytes, !options.verbose);
+    std::vector<std::shared_ptr<HashTask>> tasks;
+    std::size_t submitted = 0;
+    {
+        Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
+        for (auto const& file : files) {
+            tasks.push_back(std::make_shared<HashTask>(file.path, file.sizeBytes, progress));
+            hasher.submit(tasks.back());
+        }
+        submitted = hasher.submitted();
+        for (std::size_t number = 0; number < submitted; ++number) {
+            hasher.waitFor(number);
+            if (!options.verbose) {
+                progress->hide();
+                report.add(entries[number], *tasks[number]);
+            }
+        }
+    }
+    progress->finish();
+    // Only now that no worker logs any more: log lines and results go to the same place.
+    for (std::size_t number = 0; options.verbose && number < submitted; ++number) {
+        report.add(entries[number], *tasks[number]);
+    }
+    std::cout << std::flush;
+}
+
 }  // namespace
 
 ExitStatus check(Options const& options, Interrupt& interrupt) {
@@ -120,63 +157,18 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
     }
     Manifest const manifest = readManifest(*stream, isStandardInput, interrupt);
 
-    std::int64_t bytes = 0;
-    std::vector<std::int64_t> sizes;
-    for (auto const& entry : manifest.entries) {
-        sizes.push_back(FileHandle(entry.path).Size());
-        bytes += sizes.back();
-    }
-    auto const progress =
-        std::make_shared<Progress>(manifest.entries.size(), bytes, !options.verbose);
-    std::vector<std::shared_ptr<HashTask>> tasks;
-    for (auto const& entry : manifest.entries) {
-        tasks.push_back(std::make_shared<HashTask>(entry.path == "-" ? STANDARD_INPUT : entry.path,
-                                                   sizes[tasks.size()], progress));
-    }
-
     Report report;
-    std::size_t ended = 0;
-    {
-        Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
-        auto const endNext = [&] {
-            hasher.waitFor(ended);
-            if (!options.verbose) {
-                progress->hide();
-                report.add(manifest.entries[ended], *tasks[ended]);
-            }
-            ++ended;
-        };
-        for (auto const& task : tasks) {
-            if (!hasher.submit(task)) {
-                break;
-            }
-            while (ended < hasher.submitted() && hasher.isReady(ended)) {
-                endNext();
-            }
-        }
-        while (ended < hasher.submitted()) {
-            endNext();
-        }
-    }
-    progress->finish();
-    if (options.verbose) {
-        // Only now that nobody logs any more: both go to standard output.
-        for (std::size_t number = 0; number < ended; ++number) {
-            report.add(manifest.entries[number], *tasks[number]);
-        }
-    }
-    std::cout << std::flush;
-
+    verifyAll(manifest.entries, options, interrupt, report);
     if (interrupt.requested()) {
         complain("interrupted after " + std::to_string(report.filesTold()) + " of " +
-                 std::to_string(tasks.size()) + " files");
+                 std::to_string(manifest.entries.size()) + " files");
         return INTERRUPTED;
     }
     if (manifest.readError) {
         complain(name + ": read error");
         return TROUBLE;
     }
-    if (tasks.empty()) {
+    if (manifest.entries.empty()) {
         complain(name + ": no properly formatted checksum lines found");
         return TROUBLE;
     }

@@ -1,6 +1,5 @@
 #include "Create.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <iostream>
@@ -75,21 +74,16 @@ ExitStatus interrupted(std::size_t done, std::size_t all) {
 
 }  // namespace
 
-std::size_t submitAll(Hasher& hasher, Tasks tasks, std::string const& first) {
-    auto const isFirst = [&first](std::shared_ptr<HashTask> const& task) {
-        return !first.empty() && isAtOrBelow(first, task->path());
-    };
-    std::stable_partition(tasks.begin(), tasks.end(), isFirst);
-
-    std::size_t raised = 0;
+std::size_t submitAll(Hasher& hasher, Tasks const& tasks, std::string const& first) {
     for (auto const& task : tasks) {
-        auto const handle = hasher.submit(task);
-        if (!handle) {
+        if (!hasher.submit(task)) {
             break;
         }
-        if (isFirst(task)) {
-            // It may have started by now, or even ended; then this does nothing.
-            handle->updatePriority(ovra::concurrent::HIGHEST);
+    }
+    std::size_t raised = 0;
+    for (std::size_t number = 0; number < hasher.submitted() && !first.empty(); ++number) {
+        if (isAtOrBelow(first, tasks[number]->path())) {
+            hasher.raise(number);
             ++raised;
         }
     }

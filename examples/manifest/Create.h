@@ -16,9 +16,9 @@ namespace manifest {
 /// Makes a manifest.
 ExitStatus create(Options const& options, Interrupt& interrupt);
 
-/// Submits all tasks, those at or below the path `first`, which may be empty, before and above the
-/// rest. Stops early when the hasher is cancelled. Returns how many were raised.
-std::size_t submitAll(Hasher& hasher, std::vector<std::shared_ptr<HashTask>> tasks,
+/// Submits all tasks, then puts those at or below the path `first`, which may be empty, ahead of
+/// the rest. Stops early when the hasher is cancelled. Returns how many were raised.
+std::size_t submitAll(Hasher& hasher, std::vector<std::shared_ptr<HashTask>> const& tasks,
                       std::string const& first);
 
 }  // namespace manifest

@@ -1,9 +1,7 @@
 #include "Hasher.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <exception>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -33,21 +31,9 @@ std::shared_ptr<concurrent::TaskExecutor> makeExecutor(unsigned int jobs) {
     return std::make_shared<concurrent::TaskExecutorImpl>(jobs, queue);
 }
 
-/// What the completion callbacks touch. A callback may still be running when the last wait has
-/// returned, so callbacks share it instead of referring to the hasher.
-struct Hasher::UnderWay {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::size_t count = 0;
-    bool cancelled = false;
-};
-
 Hasher::Hasher(std::shared_ptr<concurrent::TaskExecutor> workers,
                std::shared_ptr<Progress> sharedProgress, Interrupt& ctrlC)
-    : executor(std::move(workers)),
-      progress(std::move(sharedProgress)),
-      interrupt(ctrlC),
-      underWay(std::make_shared<UnderWay>()) {
+    : executor(std::move(workers)), progress(std::move(sharedProgress)), interrupt(ctrlC) {
     interrupt.onRequest([this] {
         cancel();
         progress->finish();
@@ -60,34 +46,28 @@ Hasher::~Hasher() {
     interrupt.onRequest({});
 }
 
-std::shared_ptr<concurrent::TaskHandle> Hasher::submit(std::shared_ptr<HashTask> const& task) {
+bool Hasher::submit(std::shared_ptr<HashTask> const& task) {
     bool const isSmall = task->sizeBytes() < LARGE_FILE_BYTES;
-    std::unique_lock<std::mutex> lock(underWay->mutex);
-    underWay->changed.wait(
-        lock, [this] { return underWay->count < MOST_UNDER_WAY || underWay->cancelled; });
-    if (underWay->cancelled) {
-        return nullptr;
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (cancelled) {
+        return false;
     }
-    auto handle =
-        executor->submitTask(task, isSmall ? concurrent::HIGH : concurrent::NORMAL,
-                             [shared = underWay](std::shared_ptr<concurrent::Task> const&) {
-                                 std::lock_guard<std::mutex> const callbackLock(shared->mutex);
-                                 --shared->count;
-                                 shared->changed.notify_one();
-                             });
+    auto handle = executor->submitTask(task, isSmall ? concurrent::HIGH : concurrent::NORMAL, {});
     if (!handle) {
         throw std::runtime_error("the executor takes no more work");
     }
-    ++underWay->count;
+    handles.push_back(std::move(handle));
     small += isSmall ? 1 : 0;
-    handles.push_back(handle);
-    return handle;
+    return true;
+}
+
+void Hasher::raise(std::size_t number) {
+    handles[number]->updatePriority(concurrent::HIGHEST);
 }
 
 void Hasher::cancel() {
-    std::lock_guard<std::mutex> const lock(underWay->mutex);
-    underWay->cancelled = true;
-    underWay->changed.notify_one();
+    std::lock_guard<std::mutex> const lock(mutex);
+    cancelled = true;
     for (auto const& handle : handles) {
         handle->cancel();
     }
@@ -99,10 +79,6 @@ std::size_t Hasher::submitted() const {
 
 std::size_t Hasher::submittedAsSmall() const {
     return small;
-}
-
-bool Hasher::isReady(std::size_t number) const {
-    return handles[number]->getState() == concurrent::Executable::DONE;
 }
 
 void Hasher::waitFor(std::size_t number) {

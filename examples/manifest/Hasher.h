@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include <ovra/concurrent/TaskExecutor.h>
@@ -24,20 +25,18 @@ std::shared_ptr<ovra::concurrent::TaskExecutor> makeExecutor(unsigned int jobs);
 /// every task first. An executor of the program's own ends with its hasher.
 class Hasher {
 public:
-    /// Tasks that are queued or running at a time. Each pick of an executor looks at every queued
-    /// task, so a whole tree at once would cost time in the square of its size.
-    static constexpr std::size_t MOST_UNDER_WAY = 256;
-
     Hasher(std::shared_ptr<ovra::concurrent::TaskExecutor> workers,
            std::shared_ptr<Progress> sharedProgress, Interrupt& ctrlC);
     Hasher(Hasher const&) = delete;
     Hasher& operator=(Hasher const&) = delete;
     ~Hasher();
 
-    /// Queues `task`, a small file ahead of the large ones. Blocks while too many are under way.
-    /// Its number is the number of tasks submitted before it. An empty handle, and nothing queued,
-    /// once cancelled.
-    std::shared_ptr<ovra::concurrent::TaskHandle> submit(std::shared_ptr<HashTask> const& task);
+    /// Queues `task`, a small file ahead of the large ones. Its number is the number of tasks
+    /// submitted before it. False, and nothing queued, once cancelled.
+    bool submit(std::shared_ptr<HashTask> const& task);
+
+    /// Puts a task ahead of all others. Does nothing to one that has started.
+    void raise(std::size_t number);
 
     /// Cancels every task that has not started, for good. Running ones finish.
     void cancel();
@@ -45,21 +44,19 @@ public:
     std::size_t submitted() const;
     std::size_t submittedAsSmall() const;
 
-    /// Whether `waitFor(number)` will not block.
-    bool isReady(std::size_t number) const;
     /// Blocks until the task has ended or has been passed over because of `cancel()`. Rethrows what
     /// its work threw. Call it once for each.
     void waitFor(std::size_t number);
 
 private:
-    struct UnderWay;
-
     std::shared_ptr<ovra::concurrent::TaskExecutor> executor;
     std::shared_ptr<Progress> progress;
     Interrupt& interrupt;
-    std::shared_ptr<UnderWay> underWay;
-    std::vector<std::shared_ptr<ovra::concurrent::TaskHandle>> handles;
     std::size_t small = 0;
+
+    std::mutex mutex;  // Guards the rest against `cancel()`.
+    std::vector<std::shared_ptr<ovra::concurrent::TaskHandle>> handles;
+    bool cancelled = false;
 };
 
 }  // namespace manifest

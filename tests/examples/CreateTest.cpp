@@ -155,7 +155,7 @@ TEST_F(CreateTest, EmptyDirectoryMakesAnEmptyManifest) {
     EXPECT_EQ(0, outcome.exitStatus);
 }
 
-TEST_F(CreateTest, MoreFilesThanAreQueuedAtATime) {
+TEST_F(CreateTest, ManyFilesOnSeveralWorkers) {
     writeMany("d", 700);
     expectSame({"d"});
     EXPECT_EQ(expected({"d"}), create({"d", "--jobs", "4", "--first", "d/file 1500"}).out);
