@@ -127,13 +127,13 @@ def measure(build, quick):
         run(tasks, r"^burst/.*/n:(100|1000|10000)/", 3, 0.02, measurements)
         run(tasks, r"^burst/.*/n:100000/", 3, 0.02, measurements)
     else:
-        run(tasks, "^burst/", 9, 0.05, measurements)
+        run(tasks, "^burst/", 7, 0.03, measurements)
     say("steady state and round trips ...")
-    run(tasks, "^(steady|roundtrip)/", 3 if quick else 11, 0.05 if quick else 0.1, measurements)
+    run(tasks, "^(steady|roundtrip)/", 3 if quick else 9, 0.03 if quick else 0.06, measurements)
     say("priority changes and cancellations ...")
-    run(tasks, "^(reprioritise|cancel)/", 3 if quick else 7, 0.02 if quick else 0.1, measurements)
+    run(tasks, "^(reprioritise|cancel)/", 3 if quick else 7, 0.02 if quick else 0.03, measurements)
     say("submissions ...")
-    run(tasks, "^submission/", 3 if quick else 9, 0.02 if quick else 0.1, measurements)
+    run(tasks, "^submission/", 3 if quick else 9, 0.01, measurements)
     run(os.path.join(here, "benchmark-heap"), "^submission/", 1, 0.01, measurements_of_heap :=
         Measurements())
     for (name, figure), values in measurements_of_heap.values.items():
@@ -145,10 +145,10 @@ def measure(build, quick):
     alternate(pools, 3 if quick else 7, lambda pool: run(
         tasks, "^idle/" + re.sub(r"\W", ".", pool) + "/", 1, 0.01, measurements))
     say("logging ...")
-    run(os.path.join(here, "benchmark-log"), ".", 3 if quick else 11, 0.02 if quick else 0.1,
+    run(os.path.join(here, "benchmark-log"), ".", 3 if quick else 11, 0.02 if quick else 0.05,
         measurements)
     say("paths and files ...")
-    run(os.path.join(here, "benchmark-files"), ".", 3 if quick else 11, 0.02 if quick else 0.1,
+    run(os.path.join(here, "benchmark-files"), ".", 3 if quick else 11, 0.02 if quick else 0.05,
         measurements)
     say("the library ...")
     measure_library(build, quick, measurements)

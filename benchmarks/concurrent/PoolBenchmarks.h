@@ -248,11 +248,12 @@ private:
             for (std::size_t index : chosen) {
                 apply(pool, tickets[index]);
             }
-            double const seconds = changing.stop();
+            changing.stop();
             gate.open();
             waitForAll(tickets);
             tickets.clear();
-            all += processorSeconds() - processorBefore;
+            double const seconds = processorSeconds() - processorBefore;
+            all += seconds;
             state.SetIterationTime(seconds);
         }
         double const changes =

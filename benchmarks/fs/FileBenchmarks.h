@@ -28,8 +28,9 @@ inline void makeFiles(std::string const& directory, int count, std::size_t bytes
     }
 }
 
-/// Questions about the text of a path. `Paths` has `Text`, its own kind of string, made beforehand,
-/// and static functions that return something of what they found.
+/// Questions about the text of a path. `Paths` has `Text`, its own kind of string, and `Path`, what
+/// its users hold where they resolve one, both made beforehand; and static functions that return
+/// something of what they found.
 template <typename Paths>
 bool addPathBenchmarks(std::string const& peer) {
     using Text = typename Paths::Text;
@@ -47,9 +48,10 @@ bool addPathBenchmarks(std::string const& peer) {
         }
     });
     benchmark::RegisterBenchmark(("resolved/" + peer).c_str(), [](benchmark::State& state) {
-        Text const text = Paths::text("/usr/share/example-device/../other/./music/../video/a.mkv");
+        typename Paths::Path const path(
+            Paths::text("/usr/share/example-device/../other/./music/../video/a.mkv"));
         for ([[maybe_unused]] auto _ : state) {
-            benchmark::DoNotOptimize(Paths::resolved(text));
+            benchmark::DoNotOptimize(Paths::resolved(path));
         }
     });
     return true;

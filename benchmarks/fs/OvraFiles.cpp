@@ -9,6 +9,7 @@ namespace {
 
 struct OvraFiles {
     using Text = std::string;
+    using Path = fs::FilePath;
     static Text text(std::string const& text) { return text; }
 
     static std::size_t components(Text const& text) {
@@ -20,7 +21,7 @@ struct OvraFiles {
     static std::size_t resolve(Text const& base, Text const& relative) {
         return fs::FilePath(base).Resolve(relative).Path().size();
     }
-    static std::size_t resolved(Text const& text) { return fs::FilePath(text).Resolved().size(); }
+    static std::size_t resolved(Path const& path) { return path.Resolved().size(); }
 
     struct Query {
         explicit Query(std::string const& path) : file(path) {}

@@ -9,6 +9,7 @@ namespace {
 
 struct PocoFiles {
     using Text = std::string;
+    using Path = std::string;  // Parsing resolves it.
     static Text text(std::string const& text) { return text; }
 
     static std::size_t components(Text const& text) {

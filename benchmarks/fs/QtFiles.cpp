@@ -10,6 +10,7 @@ namespace {
 
 struct QtFiles {
     using Text = QString;
+    using Path = QString;
     static Text text(std::string const& text) { return QString::fromStdString(text); }
 
     static std::size_t components(Text const& text) {
@@ -21,8 +22,8 @@ struct QtFiles {
     static std::size_t resolve(Text const& base, Text const& relative) {
         return static_cast<std::size_t>(QDir(base).filePath(relative).size());
     }
-    static std::size_t resolved(Text const& text) {
-        return static_cast<std::size_t>(QDir::cleanPath(text).size());
+    static std::size_t resolved(Path const& path) {
+        return static_cast<std::size_t>(QDir::cleanPath(path).size());
     }
 
     struct Query {

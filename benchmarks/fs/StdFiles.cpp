@@ -8,6 +8,7 @@ namespace {
 
 struct StdFiles {
     using Text = std::string;
+    using Path = std::filesystem::path;
     static Text text(std::string const& text) { return text; }
 
     static std::size_t components(Text const& text) {
@@ -20,8 +21,8 @@ struct StdFiles {
     static std::size_t resolve(Text const& base, Text const& relative) {
         return (std::filesystem::path(base) / relative).string().size();
     }
-    static std::size_t resolved(Text const& text) {
-        return std::filesystem::path(text).lexically_normal().string().size();
+    static std::size_t resolved(Path const& path) {
+        return path.lexically_normal().string().size();
     }
 
     struct Query {
