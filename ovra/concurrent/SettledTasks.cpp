@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <mutex>
 #include <new>
-#include <typeinfo>
 #include <utility>
 
 #include <ovra/concurrent/SettledTasks.h>
@@ -27,11 +26,10 @@ SettledTasks::~SettledTasks() {
 }
 
 SettledTasks::Ranks SettledTasks::ranksUnder(TaskRankingStrategy const* queueStrategy) {
-    if (queueStrategy == nullptr ||
-        typeid(*queueStrategy) == typeid(HighestPriorityTaskRankingStrategy)) {
+    if (queueStrategy == nullptr || isExactly<HighestPriorityTaskRankingStrategy>(*queueStrategy)) {
         return KEPT;
     }
-    return typeid(*queueStrategy) == typeid(NoStarveTaskRankingStrategy) ? DOUBLED : UNKNOWN;
+    return isExactly<NoStarveTaskRankingStrategy>(*queueStrategy) ? DOUBLED : UNKNOWN;
 }
 
 bool SettledTasks::updateRank(QueuedTask const& queued) const {

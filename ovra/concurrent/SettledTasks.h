@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <set>
+#include <typeinfo>
 #include <vector>
 
 #include <ovra/concurrent/SubmittedTask.h>
@@ -11,6 +12,15 @@ namespace ovra::concurrent {
 
 class SettledTasks;
 class TaskRankingStrategy;
+
+/// Whether `object` is a `Class` and nothing derived from it.
+///
+/// Compares where the type information lies and never looks into it: a host that is built without
+/// leaves a null pointer in its classes.
+template <typename Class, typename Object>
+bool isExactly(Object const& object) {
+    return &typeid(object) == &typeid(Class);
+}
 
 /// What a queue compares tasks by: the larger score runs first, the later added of two equal ones.
 struct Urgency {

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <limits>
-#include <typeinfo>
 #include <utility>
 
 #include <ovra/concurrent/SettledTasks.h>
@@ -26,7 +25,7 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
     auto handle = std::make_shared<TaskHandle>(std::weak_ptr<SubmittedTask>(task));
     task->setHandle(handle);
 
-    bool const isPlain = typeid(*task) == typeid(SubmittedTask);
+    bool const isPlain = isExactly<SubmittedTask>(*task);
     std::lock_guard<std::mutex> const lock(mutex);
     QueuedTask const queued{std::move(task), ++addedSoFar, isPlain};
     if (!settled->isFinal(queued) || !settled->add(queued)) {
