@@ -64,7 +64,7 @@ using Strategies =
 TYPED_TEST_SUITE(QueueStressTest, Strategies);
 
 TYPED_TEST(QueueStressTest, EachTaskIsPickedOnceWhileRanksChange) {
-    int const each = test::scaled(4000);
+    int const each = test::scaled(1500);
     auto const queue = makeQueue<TypeParam>();
     test::RandomSource seeds(test::runSeed());
     SCOPED_TRACE(test::seedNote());
@@ -79,7 +79,7 @@ TYPED_TEST(QueueStressTest, EachTaskIsPickedOnceWhileRanksChange) {
         workers.emplace_back([&, random = test::RandomSource(seeds.next())]() mutable {
             for (int i = 0; i < each; ++i) {
                 // A pick may have to walk the whole queue: keep it short.
-                test::yieldUntil([&] { return submitted - picked < 100; });
+                test::yieldUntil([&] { return submitted - picked < 300; });
                 ++submitted;
                 auto task = submission(succeed(), static_cast<TaskPriority>(random.between(0, 5)));
                 mine.push_back(task->getUniqueIndex());
@@ -104,9 +104,11 @@ TYPED_TEST(QueueStressTest, EachTaskIsPickedOnceWhileRanksChange) {
         workers.emplace_back([&, random = test::RandomSource(seeds.next())]() mutable {
             while (!finished) {
                 auto const chosen = pool.any(random);
+                std::this_thread::yield();
                 if (!chosen.first) {
-                    std::this_thread::yield();
-                } else if (random.oneIn(2)) {
+                    continue;
+                }
+                if (random.oneIn(2)) {
                     chosen.second->updatePriority(static_cast<TaskPriority>(random.between(0, 5)));
                 } else if (random.oneIn(2)) {
                     chosen.first->setRank(random.word() >> random.below(32));
