@@ -1,0 +1,23 @@
+#pragma once
+
+#include <tests/support/Gate.h>
+
+namespace ovra::test {
+
+/// What a plug-in that brings the library along offers to its host, which is not linked with it.
+struct Plugin {
+    /// Puts the shared executor into a situation, as `Scene` does; the work goes on until that
+    /// executor is being destroyed. Each event is told, from whichever thread.
+    void (*begin)(char const* situation, Gate* waiterIsOut, void (*tell)(char const* event));
+    /// Waits for what `begin` submitted last, and lets go of it.
+    void (*wait)();
+    /// Whether that task is held by somebody beside the queue or the worker.
+    bool (*isAwaited)();
+    /// Runs a task and returns once it is done.
+    void (*runOne)();
+    void (*setLogLevel)(int level);
+    int (*getLogLevel)();
+    void const* (*sharedExecutor)();
+};
+
+}  // namespace ovra::test
