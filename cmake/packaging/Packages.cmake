@@ -1,0 +1,92 @@
+# Debian packages of the install components, made by `cpack` in the build directory.
+# Configure with -DCMAKE_INSTALL_PREFIX=/usr, so that the libraries go where Debian keeps them.
+
+if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf" OR
+    CMAKE_CXX_COMPILER MATCHES "arm-linux-gnueabihf")
+  set(OVRA_DEBIAN_ARCHITECTURE armhf)
+else()
+  execute_process(COMMAND dpkg --print-architecture
+    OUTPUT_VARIABLE OVRA_DEBIAN_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+endif()
+set(OVRA_RUNTIME_PACKAGE lib${PROJECT_NAME}${PROJECT_VERSION_MAJOR})
+set(OVRA_DEVELOPMENT_PACKAGE lib${PROJECT_NAME}-dev)
+
+# --- what Debian wants to find beside the files themselves
+
+set(staging ${PROJECT_BINARY_DIR}/packaging)
+find_program(OVRA_GZIP gzip REQUIRED)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${staging}/changelog COPYONLY)
+execute_process(COMMAND ${OVRA_GZIP} --best --no-name --stdout ${staging}/changelog
+  OUTPUT_FILE ${staging}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
+file(WRITE ${staging}/triggers "activate-noawait ldconfig\n")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/shlibs.in ${staging}/shlibs @ONLY)
+
+foreach(component IN ITEMS runtime development)
+  string(TOUPPER ${component} upper)
+  set(package ${OVRA_${upper}_PACKAGE})
+  set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package})
+  install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${staging}/changelog.Debian.gz
+    DESTINATION ${documents} COMPONENT ${component}_documents EXCLUDE_FROM_ALL)
+  set(overrides ${CMAKE_CURRENT_LIST_DIR}/${package}.lintian-overrides)
+  if(EXISTS ${overrides})
+    install(FILES ${overrides} RENAME ${package}
+      DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+      COMPONENT ${component}_documents EXCLUDE_FROM_ALL)
+  endif()
+  set(CPACK_COMPONENT_${upper}_GROUP ${component})
+  set(CPACK_COMPONENT_${upper}_DOCUMENTS_GROUP ${component})
+endforeach()
+
+# --- the packages
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME ovra)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # Each package has a first line of its own.
+set(CPACK_PACKAGE_VENDOR "the ovra maintainers")
+set(CPACK_PACKAGE_CONTACT "the ovra maintainers <maintainers@ovra.invalid>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_COMPONENTS_ALL runtime runtime_documents development development_documents)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_STRIP_FILES ON)
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${OVRA_DEBIAN_ARCHITECTURE})
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(full_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${OVRA_RUNTIME_PACKAGE})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${staging}/triggers ${staging}/shlibs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+"support library for applications on embedded Linux
+A prioritised task executor, levelled logging and a file-system layer for
+applications in C++17, on nothing but the standard library and the C library.
+
+This package holds the shared object that such applications need to run.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${OVRA_DEVELOPMENT_PACKAGE})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${OVRA_RUNTIME_PACKAGE} (= ${full_version})")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+"support library for applications on embedded Linux: development files
+A prioritised task executor, levelled logging and a file-system layer for
+applications in C++17, on nothing but the standard library and the C library.
+
+This package holds the headers and what CMake and pkg-config need to find them.")
+
+# Where the packages of the target's libraries are not installed, nobody can be asked for the
+# versions: then they are Debian's names with the least versions that the symbols ask for.
+if(CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
+    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+else()
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+endif()
+
+include(CPack)
