@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../support/Bounded.h"
 #include "../support/RandomSource.h"
 
 namespace ovra::fs {
@@ -665,10 +666,11 @@ TEST(FilePathTest, AgreesWithTheModelOnAMillionRandomPaths) {
         return text;
     };
     bool agrees = true;
-    for (int paths = 0; paths < 1000000 && agrees; ++paths) {
+    int const rounds = ovra::test::scaled(1000000);
+    for (int paths = 0; paths < rounds && agrees; ++paths) {
         agrees = agreesWithTheModel(randomPath(24), randomPath(5));
     }
-    for (int paths = 0; paths < 1000 && agrees; ++paths) {
+    for (int paths = 0; paths < rounds / 1000 && agrees; ++paths) {
         agrees = agreesWithTheModel(randomPath(5000), randomPath(50));
     }
 }
