@@ -8,6 +8,8 @@
 
 namespace ovra::concurrent {
 
+static_assert(std::atomic<SettledPlace const*>::is_always_lock_free);
+
 SettledPlace::SettledPlace(SubmittedTasksQueue::QueuedTask const& task, SettledTasks& container)
     : queued(task), urgency(SettledTasks::urgencyOf(task)), home(&container) {}
 

@@ -19,6 +19,10 @@ char const EXECUTE_TAG[] = "SubmittedTask::execute()";
 
 std::atomic<std::int32_t> s_uniqueIndexCounter{0x7fffffff};
 
+static_assert(decltype(s_uniqueIndexCounter)::is_always_lock_free &&
+              std::atomic<TaskPriority>::is_always_lock_free &&
+              std::atomic<unsigned int>::is_always_lock_free);
+
 std::exception_ptr unknownException() {
     try {
         return std::make_exception_ptr(std::runtime_error("Unknown exception"));

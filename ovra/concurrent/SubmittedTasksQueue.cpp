@@ -10,6 +10,8 @@
 
 namespace ovra::concurrent {
 
+static_assert(std::atomic<bool>::is_always_lock_free);
+
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
     : settled(std::make_unique<SettledTasks>(rankingStrategy.get())),
       strategy(std::move(rankingStrategy)) {}

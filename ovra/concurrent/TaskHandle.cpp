@@ -3,6 +3,9 @@
 
 namespace ovra::concurrent {
 
+static_assert(std::atomic<Executable::State>::is_always_lock_free &&
+              std::atomic<Executable::Result>::is_always_lock_free);
+
 TaskHandle::TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy)
     : proxy(taskProxy),
       state(proxy && proxy->getState ? proxy->getState() : Executable::DONE),
