@@ -115,6 +115,7 @@ void makeSharedScene(std::string const& situation) {
         sayOutcome(*shared);
     });
     shared = new Scene(situation, getNoStarveTaskExecutor());
+    shared->leaveWaiter();
 }
 
 void exitWhile(std::string const& situation) {
@@ -204,7 +205,7 @@ void forkAndExit(std::string const& situation) {
     makeSharedScene(situation);
     pid_t const child = fork();
     if (child == 0) {
-        alarm(5);
+        alarm(HUNG_AFTER_SECONDS);
         std::exit(7);
     }
     sayHowItEnded(statusOf(child));
@@ -251,6 +252,7 @@ void staticSubmits(std::string const& situation) {
         say("executor gone");
     };
     shared = new Scene(situation, getNoStarveTaskExecutor());
+    shared->leaveWaiter();
     say("ending");
     std::exit(0);
 }

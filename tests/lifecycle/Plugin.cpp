@@ -82,8 +82,9 @@ void begin(char const* situation, Gate* waiterIsOut, void (*tell)(char const*)) 
     }
 }
 
-void wait() {
+void wait(Gate* isTaken) {
     auto const handle = std::move(lastHandle);
+    isTaken->open();
     handle->waitForCompletion();
 }
 

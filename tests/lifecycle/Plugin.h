@@ -9,8 +9,8 @@ struct Plugin {
     /// Puts the shared executor into a situation, as `Scene` does; the work goes on until that
     /// executor is being destroyed. Each event is told, from whichever thread.
     void (*begin)(char const* situation, Gate* waiterIsOut, void (*tell)(char const* event));
-    /// Waits for what `begin` submitted last, and lets go of it.
-    void (*wait)();
+    /// Takes what `begin` submitted last, opens the gate, waits and lets go of it.
+    void (*wait)(Gate* isTaken);
     /// Whether that task is held by somebody beside the queue or the worker.
     bool (*isAwaited)();
     /// Runs a task and returns once it is done.

@@ -79,15 +79,17 @@ auto threads() {
 
 void loadAndUnload(std::string const& situation) {
     LoadedPlugin library(LIFECYCLE_PLUGIN);
+    Gate isTaken;
     Gate waiterIsOut;
     library->begin(situation.c_str(), &waiterIsOut, tell);
     std::thread waiter;
     if (situation == "waited") {
         // The last code of the library that this thread runs is behind it when the gate opens.
         waiter = std::thread([&] {
-            library->wait();
+            library->wait(&isTaken);
             waiterIsOut.open();
         });
+        isTaken.wait();
         yieldUntil([&] { return library->isAwaited(); });
     }
     library.unload();

@@ -131,6 +131,12 @@ public:
     }
 
     void goOn() { toldToGoOn.open(); }
+    /// For a scene that nobody will destroy.
+    void leaveWaiter() {
+        if (waiter.joinable()) {
+            waiter.detach();
+        }
+    }
 
     /// What the caller's handle shows of the task that the situation is about.
     std::string outcome() const {
