@@ -267,20 +267,23 @@ TEST_F(TaskExecutorWorkerTest, StartingAfterTheEndThenDestroyingEndsTheProcess) 
 }
 
 TEST_F(TaskExecutorWorkerTest, DestructionOnItsOwnThreadEndsTheProcess) {
+    auto const process = [this] {
+        test::LogRecorder recorder(log::ERROR);
+        recorder.onLine([](test::LogLine const& line) { std::fputs(line.text.c_str(), stderr); });
+        test::Gate never;
+        start();
+        add([this, end = test::atEnd([] { std::fputs("freed", stderr); })] {
+            worker.reset();
+            return Executable::SUCCESS;
+        });
+        never.wait();
+    };
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            test::LogRecorder recorder(log::ERROR);
-            recorder.onLine(
-                [](test::LogLine const& line) { std::fputs(line.text.c_str(), stderr); });
-            start();
-            run([this] {
-                worker.reset();
-                return Executable::SUCCESS;
-            });
-        },
-        ::testing::KilledBySignal(SIGABRT),
-        "~TaskExecutorWorker\\(\\):ERROR\\] Worker thread join failed due to '.+'!");
+    EXPECT_EXIT(process(), ::testing::KilledBySignal(SIGABRT),
+                ::testing::AllOf(::testing::HasSubstr("[~TaskExecutorWorker():ERROR] Worker "
+                                                      "thread join failed due to '"),
+                                 ::testing::Not(::testing::HasSubstr("freed"))))
+        << "nothing is freed under the running thread";
 }
 
 // --- one task
