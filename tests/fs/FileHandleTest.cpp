@@ -98,6 +98,11 @@ static_assert(std::has_virtual_destructor_v<FileHandle>);
 static_assert(!std::is_default_constructible_v<FileHandle>);
 static_assert(sizeof(FileHandle) == 2 * sizeof(void*), "the virtual table and the back end");
 
+bool hasPosixBackend(FileHandle const& handle) {
+    FileHandleBackend const* const backend = FileHandleTestPeer::backendOf(handle);
+    return backend != nullptr && typeid(*backend) == typeid(FileHandleBackendImpl);
+}
+
 class MockBackend : public FileHandleBackend {
 public:
     MOCK_METHOD(std::string, Path, (), (const, override));
@@ -234,11 +239,11 @@ TEST_F(FileHandleForwardingTest, BeginsToIterateOnTheBackEndsPath) {
 TEST_F(FileHandleForwardingTest, IsCopiedOntoAPosixBackEnd) {
     EXPECT_CALL(*backend, Path()).WillRepeatedly(Return("/tmp//x/"));
     FileHandle const copy(handle);
-    EXPECT_EQ(typeid(*FileHandleTestPeer::backendOf(copy)), typeid(FileHandleBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(copy));
     EXPECT_EQ(copy.Path().Path(), "/tmp//x/");
     FileHandle assigned("elsewhere");
     assigned = handle;
-    EXPECT_EQ(typeid(*FileHandleTestPeer::backendOf(assigned)), typeid(FileHandleBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(assigned));
     EXPECT_EQ(assigned.Path().Path(), "/tmp//x/");
     EXPECT_EQ(FileHandleTestPeer::backendOf(handle), backend) << "the source keeps its own";
 }
@@ -269,7 +274,7 @@ TEST_F(FileHandleForwardingTest, IsAssignedToItselfThroughANewBackEnd) {
     EXPECT_CALL(*backend, Path()).WillRepeatedly(Return("/self"));
     FileHandle const& same = handle;
     handle = same;
-    EXPECT_EQ(typeid(*FileHandleTestPeer::backendOf(handle)), typeid(FileHandleBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(handle));
     EXPECT_EQ(handle.Path().Path(), "/self");
 }
 
@@ -430,9 +435,7 @@ TEST(FileHandleTest, KeepsThePathUnchanged) {
 
 TEST(FileHandleTest, HasAPosixBackEnd) {
     FileHandle const handle("x");
-    FileHandleBackend const* const backend = FileHandleTestPeer::backendOf(handle);
-    ASSERT_THAT(backend, NotNull());
-    EXPECT_EQ(typeid(*backend), typeid(FileHandleBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(handle));
 }
 
 TEST(FileHandleTest, NamesTheLastComponent) {

@@ -101,6 +101,11 @@ FileIteratorBackend const& backendOf(FileIterator const& iterator) {
     return *FileIteratorTestPeer::backendOf(iterator);
 }
 
+bool hasPosixBackend(FileIterator const& iterator) {
+    FileIteratorBackend const& backend = backendOf(iterator);
+    return typeid(backend) == typeid(FileIteratorBackendImpl);
+}
+
 // --- the back end
 
 TEST(FileIteratorTest, HasTheBackEndsOperationsInTheirSlots) {
@@ -349,16 +354,16 @@ TEST_F(FileIteratorOnDiskTest, WalksADirectoryFromBeginToEnd) {
 
 TEST_F(FileIteratorOnDiskTest, UsesThePosixBackEnd) {
     FileIterator const iterator(at("x/y"));
-    EXPECT_EQ(typeid(backendOf(iterator)), typeid(FileIteratorBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(iterator));
     FileIterator const copy(iterator);
-    EXPECT_EQ(typeid(backendOf(copy)), typeid(FileIteratorBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(copy));
     FileIterator custom;
     FileIteratorTestPeer::install(custom, std::make_unique<Position>(true, at("x/y"), 7));
     FileIterator const copyOfCustom(custom);
-    EXPECT_EQ(typeid(backendOf(copyOfCustom)), typeid(FileIteratorBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(copyOfCustom));
     FileIterator assigned;
     assigned = custom;
-    EXPECT_EQ(typeid(backendOf(assigned)), typeid(FileIteratorBackendImpl));
+    EXPECT_TRUE(hasPosixBackend(assigned));
     EXPECT_EQ(backendOf(assigned).Index(), 0);
 }
 
