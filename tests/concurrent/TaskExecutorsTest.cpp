@@ -231,24 +231,24 @@ TEST_P(TaskExecutorsTest, ExitEndsTheWorker) {
 
 TEST_P(TaskExecutorsTest, ExitWaitsForTheRunningTaskAndDropsTheQueuedOne) {
     auto const process = [] {
-        // None of this is destroyed before the executor.
-        auto* const entered = new test::Gate;
-        auto* const dropped = new test::Gate;
+        // Made before the executor, and so destroyed after it.
+        static test::Gate entered;
+        static test::Gate dropped;
         auto executor = GetParam().get();
         executor->submitTask(
-            [=] {
-                entered->open();
-                dropped->wait();
+            [] {
+                entered.open();
+                dropped.wait();
                 std::fputs("work;", stderr);
                 return Executable::SUCCESS;
             },
             NORMAL, [](std::shared_ptr<Task> const&) { std::fputs("callback;", stderr); },
             "running");
-        entered->wait();
+        entered.wait();
         executor->submitTask(
-            [end = test::atEnd([=] {
+            [end = test::atEnd([] {
                  std::fputs("dropped;", stderr);
-                 dropped->open();
+                 dropped.open();
              })] {
                 std::fputs("queued work;", stderr);
                 return Executable::SUCCESS;
