@@ -116,6 +116,42 @@ TEST_F(AllocationTest, KeepsThePathWhenANewOneCannotBeStored) {
     }
 }
 
+TEST_F(AllocationTest, SplitsAPathOnlyForQuestionsAboutItsComponents) {
+    struct Row {
+        char const* name;
+        std::function<void(FilePath&)> ask;
+        bool splits;
+    };
+    for (Row const& row : std::vector<Row>{
+             {"nothing", [](FilePath&) {}, false},
+             {"Path", [](FilePath& path) { path.Path(); }, false},
+             {"IsEmpty", [](FilePath& path) { path.IsEmpty(); }, false},
+             {"EndingSeparator", [](FilePath& path) { path.EndingSeparator(); }, false},
+             {"Resolve", [](FilePath& path) { path.Resolve("x"); }, false},
+             {"Resolved", [](FilePath& path) { path.Resolved(); }, false},
+             {"SetPath", [](FilePath& path) { path.SetPath("/d" + LONG + "/f" + LONG); }, false},
+             {"FullPath", [](FilePath& path) { path.FullPath(); }, true},
+             {"FileName", [](FilePath& path) { path.FileName(); }, true},
+             {"FileBaseName", [](FilePath& path) { path.FileBaseName(); }, true},
+             {"Extension", [](FilePath& path) { path.Extension(); }, true},
+             {"DirectoryPath", [](FilePath& path) { path.DirectoryPath(); }, true},
+             {"DriveLetter", [](FilePath& path) { path.DriveLetter(); }, true},
+             {"IsAbsolute", [](FilePath& path) { path.IsAbsolute(); }, true},
+             {"IsRelative", [](FilePath& path) { path.IsRelative(); }, true},
+             {"Cache", [](FilePath& path) { path.Cache(); }, true},
+         }) {
+        FilePath path("/directory" + LONG + "/file" + LONG);
+        row.ask(path);
+        int made = 0;
+        {
+            Allocations const allocations;
+            path.Cache();
+            made = allocations.made();
+        }
+        EXPECT_EQ(made == 0, row.splits) << row.name;
+    }
+}
+
 TEST_F(AllocationTest, ReportsMemoryExhaustedByBuildingOperations) {
     FilePath const path("/base" + LONG + "/../x");
     std::string const other = "other" + LONG;

@@ -543,6 +543,37 @@ TEST_F(FileHandleBackendImplTransferTest, CopiesIntoANamedPipe) {
     EXPECT_EQ(received == contents, true);
 }
 
+TEST_F(FileHandleBackendImplTransferTest, TakesALastComponentThatLooksLikeADriveForARoot) {
+    makeDirectory(at("a"));
+    makeDirectory(at("a/C:"));
+    makeDirectory(at("b"));
+    writeFile(at("a/D:"));
+    WorkingDirectory const here(root);
+    EXPECT_TRUE(FileHandleBackendImpl(at("a/C:")).Move(FileHandle(at("b"))));
+    EXPECT_TRUE(FileHandle(at("C:")).IsDirectory());
+    EXPECT_THAT(test::namesIn(at("b")), IsEmpty());
+    EXPECT_FALSE(FileHandleBackendImpl(at("a/D:")).Move(FileHandle(at("b"))));
+    EXPECT_FALSE(FileHandleBackendImpl(at("a/D:")).Copy(FileHandle(at("b"))));
+    EXPECT_FALSE(FileHandleBackendImpl(at("a/D:")).CreateSymbolicLink(FileHandle(at("b"))));
+}
+
+TEST_F(FileHandleBackendImplTransferTest, MovesOntoTheTargetDirectoryWhenItsOwnNameIsEmpty) {
+    makeDirectory(at("sub"));
+    writeFile(at("sub/file"));
+    makeDirectory(at("d"));
+    EXPECT_TRUE(FileHandleBackendImpl(at("sub//")).Move(FileHandle(at("d"))));
+    EXPECT_TRUE(FileHandle(at("d/file")).IsFile());
+    EXPECT_FALSE(FileHandle(at("sub")).Exists());
+}
+
+TEST_F(FileHandleBackendImplTransferTest, CopiesFromAFileOfTheLargestSize) {
+    writeFile(at("f"));
+    if (::truncate64(at("f").c_str(), std::numeric_limits<std::int64_t>::max()) != 0) {
+        GTEST_SKIP() << "this file system holds no file of that size";
+    }
+    EXPECT_TRUE(FileHandleBackendImpl(at("f")).Copy(FileHandle("/dev/full")));
+}
+
 TEST_F(FileHandleBackendImplTransferTest, MovesNothingAcrossFileSystems) {
     makeDirectory(at("other"));
     writeFile(at("f"), "kept");

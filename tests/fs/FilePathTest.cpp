@@ -248,7 +248,7 @@ TEST(FilePathTest, CanBeSetToOneOfItsOwnComponents) {
     EXPECT_EQ(path.FileBaseName(), "a-name-that-is-too-long-to-be-kept-inside");
 }
 
-TEST(FilePathTest, IsCopiedWithItsComponentsOrWithoutThem) {
+TEST(FilePathTest, IsTheSameCopiedBeforeAndAfterTheFirstQuestion) {
     for (ComponentsRow const& row : componentsTable()) {
         FilePath source(row.path);
         FilePath const before(source);
@@ -293,17 +293,38 @@ TEST(FilePathTest, CanBeAssignedToItself) {
     EXPECT_EQ(componentsOf(path), componentsOf(FilePath("/a/b.c")));
 }
 
-TEST(FilePathTest, SplitsOnceAndKeepsTheComponents) {
-    FilePath const path(
-        "/a-long-directory-name-on-the-heap/a-long-file-name-on-the-heap.extension");
+/// Leaves a mark in a component of the path, which goes when the path is split again.
+void mark(FilePath const& path) {
+    const_cast<std::string&>(path.FileName()) = "marked";
+}
+
+TEST(FilePathTest, SplitsOnceUntilThePathChanges) {
+    FilePath path("/directory/file.extension");
     std::string const* const fileName = &path.FileName();
-    char const* const characters = path.FileName().data();
-    char const* const fullCharacters = path.FullPath().data();
+    mark(path);
     path.Cache();
     path.IsAbsolute();
+    path.FullPath();
+    EXPECT_EQ(path.FileName(), "marked");
     EXPECT_EQ(&path.FileName(), fileName);
-    EXPECT_EQ(path.FileName().data(), characters);
-    EXPECT_EQ(path.FullPath().data(), fullCharacters);
+    EXPECT_EQ(path.Resolved(), "/directory/file.extension") << "from the text alone";
+    path.SetPath(path.Path());
+    EXPECT_EQ(path.FileName(), "file.extension");
+}
+
+TEST(FilePathTest, IsCopiedWithItsComponentsButAssignedWithoutThem) {
+    FilePath source("/directory/file.extension");
+    mark(source);
+    FilePath const copy(source);
+    EXPECT_EQ(copy.FileName(), "marked");
+    EXPECT_EQ(FilePath("/base").Resolve(source).FileName(), "marked") << "a copy as well";
+    FilePath assigned;
+    assigned = source;
+    EXPECT_EQ(assigned.FileName(), "file.extension");
+    EXPECT_EQ(source.FileName(), "marked");
+    FilePath const& same = source;
+    source = same;
+    EXPECT_EQ(source.FileName(), "file.extension") << "assigned to itself, too";
 }
 
 struct ResolveRow {
