@@ -29,14 +29,18 @@ class TaskHandle;
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
 /// by a waiting client. It refers to its handle weakly. Queue one object once: a second submission
 /// of the same object is run twice or dropped with the first, and its promise cannot be fulfilled
-/// twice. *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be
-/// called from any thread. `execute()` and then `performCallback()` are called on one worker
-/// thread, with no lock held. The task's mutex is held while a change is pushed to the handle; the
-/// queue's lock, where both are taken, comes first. `getRank()` and `getPriority()` are called with
-/// the queue's lock held: an override must not call the queue or its executor. *Failure*:
-/// exceptions of work and callback are caught and logged at `WARNING`. An exception out of an
-/// overridden virtual operation ends the process when it happens on a worker. `std::system_error`
-/// escapes from what cannot lock the mutex.
+/// twice.
+///
+/// *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be called from
+/// any thread. `execute()` and then `performCallback()` are called on one worker thread, with no
+/// lock held. The task's mutex is held while a change is pushed to the handle; the queue's lock,
+/// where both are taken, comes first. `getRank()` and `getPriority()` are called with the queue's
+/// lock held: an override must not call the queue or its executor.
+///
+/// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
+/// of an overridden virtual operation ends the process when it happens on a worker.
+/// `std::system_error` escapes from what cannot lock the mutex.
+///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to
 /// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
 /// the process from 2147483646, so an earlier task has the larger one.

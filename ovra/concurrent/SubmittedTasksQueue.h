@@ -26,10 +26,13 @@ class TaskRankingStrategy;
 ///
 /// *Ownership*: shared by an executor and whoever made the queue; workers refer to it weakly. It
 /// owns one reference to each queued task. One queue may serve several executors; whichever is
-/// destroyed first closes it. *Threads*: Thread-safe. The lock is held while the strategy runs and
-/// while a worker is woken, and is taken before a task's mutex. `addTask()`, `getNextTask()`,
-/// `isEmpty()` and `close()` block for that lock only. *Failure*: refusals are empty pointers.
-/// `std::system_error` escapes from what cannot lock.
+/// destroyed first closes it.
+///
+/// *Threads*: Thread-safe. The lock is held while the strategy runs and while a worker is woken,
+/// and is taken before a task's mutex. `addTask()`, `getNextTask()`, `isEmpty()` and `close()`
+/// block for that lock only.
+///
+/// *Failure*: refusals are empty pointers. `std::system_error` escapes from what cannot lock.
 class OVRA_API SubmittedTasksQueue {
 public:
     /// A null `rankingStrategy` leaves the ranks as they are.

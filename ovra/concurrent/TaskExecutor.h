@@ -14,8 +14,11 @@ namespace ovra::concurrent {
 /// Runs submitted work in the background, the most urgent first.
 ///
 /// *Ownership*: held through `std::shared_ptr`; keep it for as long as submitted work must still
-/// run. *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock
-/// held. *Failure*: refusals are empty handle pointers.
+/// run.
+///
+/// *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock held.
+///
+/// *Failure*: refusals are empty handle pointers.
 ///
 ///     auto const executor = ovra::concurrent::getNoStarveTaskExecutor();
 ///     auto const handle = executor->submitTask(

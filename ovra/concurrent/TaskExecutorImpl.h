@@ -21,6 +21,7 @@ class TaskExecutorWorker;
 /// executor's own workers (from a task or a callback) ends the process, since a thread cannot join
 /// itself; and a task that waits for another task of the same one-worker executor never returns.
 /// After `fork()` the child has no workers: what it submits is queued and never runs.
+///
 /// *Failure*: see the constructor and `TaskExecutor`.
 ///
 ///     auto const queue = std::make_shared<SubmittedTasksQueue>(

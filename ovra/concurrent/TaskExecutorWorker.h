@@ -15,11 +15,13 @@ class SubmittedTasksQueue;
 /// One thread that takes tasks from a queue and runs them, one after the other.
 ///
 /// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly; once the
-/// queue is gone it only waits to be terminated, and keeps a processor busy meanwhile. *Threads*:
-/// `start()`, `terminate()` and the destructor belong to the owner, never to the worker's own
-/// thread; `run()` to the worker's. Work and callbacks run with no lock held. *Failure*: an
-/// exception out of `run()`, which only overridden virtual operations and a mutex that cannot be
-/// locked cause, ends the process.
+/// queue is gone it only waits to be terminated, and keeps a processor busy meanwhile.
+///
+/// *Threads*: `start()`, `terminate()` and the destructor belong to the owner, never to the
+/// worker's own thread; `run()` to the worker's. Work and callbacks run with no lock held.
+///
+/// *Failure*: an exception out of `run()`, which only overridden virtual operations and a mutex
+/// that cannot be locked cause, ends the process.
 class OVRA_API TaskExecutorWorker {
 public:
     /// Starts no thread yet.

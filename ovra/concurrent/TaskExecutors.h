@@ -16,7 +16,9 @@ extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 /// released with the library's statics at process exit or unload, where the last reference closes
 /// its queue and joins its worker: a task that never ends holds the exit. A caller that keeps its
 /// reference keeps the executor beyond that point.
+///
 /// *Threads*: Thread-safe, concurrent first calls included.
+///
 /// *Failure*: `std::system_error` or `std::bad_alloc` if it cannot be made; the next call tries
 /// again.
 OVRA_API std::shared_ptr<TaskExecutor> getHighestPriorityTaskExecutor();

@@ -30,9 +30,12 @@ struct SubmittedTaskProxy {
 ///
 /// *Ownership*: held through `std::shared_ptr`. The handle never keeps the task alive, nor the task
 /// the handle; either may go first. A handle that outlives its task keeps what the task pushed
-/// last. *Threads*: all operations but `getException()` may be called from any thread at any time.
-/// No lock is held while `waitForCompletion()` blocks. *Failure*: see `waitForCompletion()`. A null
-/// proxy counts as one whose members are empty.
+/// last.
+///
+/// *Threads*: all operations but `getException()` may be called from any thread at any time. No
+/// lock is held while `waitForCompletion()` blocks.
+///
+/// *Failure*: see `waitForCompletion()`. A null proxy counts as one whose members are empty.
 class OVRA_API TaskHandle {
 public:
     /// Reaches the task through `taskProxy`, which is asked for state and result once, here.

@@ -9,11 +9,14 @@ class SubmittedTask;
 /// Decides how the rank of a task changes while it waits in a `SubmittedTasksQueue`.
 ///
 /// *Ownership*: shared by the queues that use it.
+///
 /// *Threads*: `updateRank` runs on a worker thread that holds the queue's lock: it must not call
 /// the queue or its executor, which would deadlock. One strategy shared by several queues may be
-/// called by several threads at once; the two strategies below are stateless. *Failure*: an
-/// exception out of `updateRank` leaves the worker thread and ends the process. *Units*: ranks run
-/// from 1 to `SubmittedTask::HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier.
+/// called by several threads at once; the two strategies below are stateless.
+///
+/// *Failure*: an exception out of `updateRank` leaves the worker thread and ends the process.
+///
+/// *Units*: ranks run from 1 to `SubmittedTask::HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier.
 class OVRA_API TaskRankingStrategy {
 public:
     TaskRankingStrategy() = default;

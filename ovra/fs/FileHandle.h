@@ -178,7 +178,7 @@ public:
     /// and nothing touched, if this is not a directory.
     ///
     /// One directory, and so one file descriptor, is open per level. What lies deeper than the
-    /// limit on descriptors allows stays, and the result is `false`.
+    /// limits on descriptors and on the length of a path allow stays, and the result is `false`.
     bool RemoveDirectoryRecursive();
     /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
     /// a directory. The link's contents are this path as it stands, so a relative one is read
@@ -202,6 +202,11 @@ public:
     /// is a directory. Nothing is moved across file systems. This handle still names the old place.
     ///
     /// Onto another hard link of the same file nothing moves, and the result is `true`.
+    ///
+    /// **The name in a target directory is this path's FileName(), resolved against the target:** a
+    /// last component like "C:" counts as a root, so the entry goes to "C:" in the current
+    /// directory; one that is empty, as in "/a/sub//", names the target directory itself. The same
+    /// holds for Copy() and CreateSymbolicLink().
     bool Move(FileHandle& target);
     /// Gives the entry another name in its directory, replacing a file of that name; this handle
     /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, ".."

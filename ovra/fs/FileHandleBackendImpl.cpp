@@ -169,7 +169,7 @@ bool FileHandleBackendImpl::Copy(FileHandle const& target) {
     }
     std::int64_t const sizeBytes = status != nullptr ? status->st_size : 0;
     std::vector<char> buffer(static_cast<std::size_t>(
-        std::clamp(sizeBytes + 1, SMALLEST_COPY_BUFFER, LARGEST_COPY_BUFFER)));
+        std::clamp(sizeBytes, SMALLEST_COPY_BUFFER - 1, LARGEST_COPY_BUFFER - 1) + 1));
     FilePath const destination = destinationOf(path, target);
 
     std::ifstream input;

@@ -18,7 +18,7 @@ namespace ovra::fs {
 /// One file-system entry, reached through the operating system's calls.
 ///
 /// Every query asks the file system anew with one `lstat`, and one `stat` more when the path is a
-/// symbolic link; nothing is ever answered from an earlier read. What each operation means to a
+/// symbolic link. What each operation means to a
 /// caller stands at FileHandle; here stands what a derived back end has to know.
 ///
 /// Ownership: owned by one FileHandle, or made directly. Neither copied nor moved.
@@ -42,7 +42,7 @@ public:
 
     std::string Path() const override;
     /// Reads the status. All other queries ask this one first, so a derived class that overrides it
-    /// decides for them; without a status record they still answer `false` or 0.
+    /// decides for them: they then answer from the last record read, and without one `false` or 0.
     bool Exists() const override;
     /// See FileHandle::IsFile().
     bool IsFile() const override;

@@ -132,20 +132,23 @@ bool getDepsDebuggable() {
 std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char const* name) {
     switch (type) {
         case FILE_HANDLER:
-            return std::make_shared<FileLogHandler>(name);
+            return std::shared_ptr<LogHandler>(new FileLogHandler(name));
         case PLATFORM_HANDLER:
-            return std::make_shared<PlatformLogHandler>();
+            return std::shared_ptr<LogHandler>(new PlatformLogHandler);
         case STANDARD_STREAM_HANDLER:
-            return std::make_shared<StandardStreamLogHandler>();
+            return std::shared_ptr<LogHandler>(new StandardStreamLogHandler);
     }
     return nullptr;
 }
 
 void addLogHandler(LogHandlerType type, char const* name) {
     std::string key(name);
-    if (auto handler = createLogHandler(type, name)) {
-        handlerRegistry[std::move(key)] = std::move(handler);
+    if (type < FILE_HANDLER || type > STANDARD_STREAM_HANDLER) {
+        return;
     }
+    // The entry first: if there is no memory for it, no earlier log has been truncated yet.
+    auto& entry = handlerRegistry[std::move(key)];
+    entry = createLogHandler(type, name);
 }
 
 void addLogHandler(std::shared_ptr<LogHandler> handler, char const* name) {

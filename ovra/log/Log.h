@@ -30,10 +30,12 @@ enum LogHandlerType : std::int32_t {
 ///
 /// *Ownership*: a registered handler is held by the registry until it is replaced or the library is
 /// unloaded.
+///
 /// *Threads*: called on whichever thread logs, by several at once: a sink serialises its own
 /// writes. A sink that itself logs is called again, and one that does so under its own lock
-/// deadlocks. *Failure*: what a sink throws is discarded, and the sinks not yet called miss that
-/// message.
+/// deadlocks. A sink must not call `addLogHandler`, and its destructor must not log.
+///
+/// *Failure*: what a sink throws is discarded, and the sinks not yet called miss that message.
 class OVRA_API LogHandler {
 public:
     LogHandler() = default;
@@ -59,8 +61,11 @@ public:
 /// for the other sinks, which get the line as it is; and never pass untrusted text, as the format
 /// or as an argument, without doubling its percent signs.
 ///
-/// *Threads*: Thread-safe but for `addLogHandler`. Takes no lock; each sink has its own.
-/// *Failure*: a message that cannot be formatted is dropped in silence. Leaves `errno` as it was.
+/// *Threads*: Thread-safe but for `addLogHandler`. Takes no lock; each sink has its own. Not to be
+/// called once static destruction has reached the library.
+///
+/// *Failure*: a message that cannot be formatted, a null `format` included, is dropped in silence.
+/// A null `tag` reads "(null)". Leaves `errno` as it was.
 OVRA_API void log(LogLevel level, char const* tag, char const* format, ...) OVRA_PRINTF(3, 4);
 
 /// The enumerator's name, or "UNKNOWN" for any other value. A static string, never null.
@@ -87,6 +92,7 @@ OVRA_API std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char 
 /// so every line then reaches it twice. An unknown type changes nothing.
 ///
 /// *Threads*: the registry is not locked. Fill it at start-up, before other threads log.
+///
 /// *Failure*: a null name throws `std::logic_error` and changes nothing. If the sink cannot be made
 /// the exception escapes and an existing sink stays.
 OVRA_API void addLogHandler(LogHandlerType type, char const* name);

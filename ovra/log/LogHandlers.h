@@ -36,6 +36,7 @@ private:
 /// other level to standard output. Each line is flushed.
 ///
 /// *Threads*: Thread-safe; holds its one mutex while it writes to either stream.
+///
 /// *Failure*: a null line sets the stream's bad state, which silences that stream for good.
 class OVRA_API StandardStreamLogHandler : public LogHandler {
 public:
@@ -48,15 +49,16 @@ private:
 /// The sink to a file, whatever the level. Each line is flushed.
 ///
 /// *Threads*: Thread-safe; holds its mutex while it writes.
+///
 /// *Failure*: a file that cannot be opened makes a sink that discards every line in silence, and a
-/// null line one that discards what follows.
+/// null line, or a write that fails, one that discards what follows.
 class OVRA_API FileLogHandler : public LogHandler {
 public:
     /// Opens the file at `path`, or "ovra.log" inside it if that is a directory.
     ///
     /// The log of an earlier run, or of an earlier sink on the same path, is truncated. A file that
-    /// does not exist is created; its directory must exist. A null `path` throws
-    /// `std::logic_error`.
+    /// does not exist is created; its directory must exist. Blocks on a named pipe that nobody
+    /// reads. A null `path` throws `std::logic_error`.
     explicit FileLogHandler(char const* path);
     ~FileLogHandler() override;
 

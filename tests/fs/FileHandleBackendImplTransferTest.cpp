@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
+#include <limits>
 #include <optional>
 #include <string>
 #include <thread>

@@ -232,6 +232,14 @@ TEST(PlatformLogHandlerTest, NeverOpensNorClosesTheSystemLogNorWritesElsewhere) 
     EXPECT_EQ(errors.text, "");
 }
 
+TEST(PlatformLogHandlerTest, AllocatesNothingForALine) {
+    AllocationProbe const allocations;
+    PlatformLogHandler handler;
+    handler.handleLogMessage("a line that is longer than what a string holds by itself", ERROR);
+    log(ERROR, "tag", "%s", "text");
+    EXPECT_EQ(allocations.allocations, 0);
+}
+
 TEST(PlatformLogHandlerTest, HoldsNothingButItsMutex) {
     struct Expected {
         virtual ~Expected() = default;
