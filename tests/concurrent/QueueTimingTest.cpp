@@ -463,7 +463,7 @@ template <typename Strategy>
 class QueueTimingRaiseTest : public test::BoundedTest {};
 using Strategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
-TYPED_TEST_SUITE(QueueTimingRaiseTest, Strategies);
+TYPED_TEST_SUITE(QueueTimingRaiseTest, Strategies, StrategyName);
 
 TYPED_TEST(QueueTimingRaiseTest, PriorityRaisedWhileATaskIsAddedCounts) {
     int nth = 0;

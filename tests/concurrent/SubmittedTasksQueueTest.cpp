@@ -34,7 +34,7 @@ template <typename Strategy>
 class SubmittedTasksQueueOrderTest : public test::BoundedTest {};
 using Strategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
-TYPED_TEST_SUITE(SubmittedTasksQueueOrderTest, Strategies);
+TYPED_TEST_SUITE(SubmittedTasksQueueOrderTest, Strategies, StrategyName);
 
 class ScriptedStrategy : public TaskRankingStrategy {
 public:

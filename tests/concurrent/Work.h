@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <type_traits>
 #include <utility>
 
 #include <ovra/concurrent/SubmittedTask.h>
@@ -57,6 +59,17 @@ template <typename Strategy = HighestPriorityTaskRankingStrategy>
 std::shared_ptr<SubmittedTasksQueue> makeQueue() {
     return std::make_shared<SubmittedTasksQueue>(std::make_shared<Strategy>());
 }
+
+/// Names typed tests after their strategy.
+struct StrategyName {
+    template <typename Strategy>
+    static std::string GetName(int) {
+        if (std::is_same_v<Strategy, HighestPriorityTaskRankingStrategy>) {
+            return "HighestPriority";
+        }
+        return std::is_same_v<Strategy, NoStarveTaskRankingStrategy> ? "NoStarve" : "Other";
+    }
+};
 
 /// Keeps one worker of an executor inside a task until it is released.
 class Occupation {

@@ -100,7 +100,7 @@ template <typename Strategy>
 class ExecutorCrowdTest : public ExecutorStressTest {};
 using Strategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
-TYPED_TEST_SUITE(ExecutorCrowdTest, Strategies);
+TYPED_TEST_SUITE(ExecutorCrowdTest, Strategies, StrategyName);
 
 TYPED_TEST(ExecutorCrowdTest, EveryTaskComesToItsEnd) {
     constexpr int HOSTS = 6;

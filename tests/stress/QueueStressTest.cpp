@@ -61,7 +61,7 @@ private:
 
 using Strategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy, Shuffling>;
-TYPED_TEST_SUITE(QueueStressTest, Strategies);
+TYPED_TEST_SUITE(QueueStressTest, Strategies, StrategyName);
 
 TYPED_TEST(QueueStressTest, EachTaskIsPickedOnceWhileRanksChange) {
     int const each = test::scaled(1500);
@@ -222,7 +222,7 @@ template <typename Strategy>
 class QueueOrderStressTest : public QueueStressTest<Strategy> {};
 using OrderedStrategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
-TYPED_TEST_SUITE(QueueOrderStressTest, OrderedStrategies);
+TYPED_TEST_SUITE(QueueOrderStressTest, OrderedStrategies, StrategyName);
 
 TYPED_TEST(QueueOrderStressTest, TasksOfOneSubmitterAndPriorityStayInOrder) {
     int const each = test::scaled(6000);
