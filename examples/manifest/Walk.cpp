@@ -35,7 +35,7 @@ void Walk::addFilesBelow(std::string const& directory) {
     if (directory.back() == '/') {
         pending.back().pop_back();  // The iterator adds one.
     }
-    while (!pending.empty() && !interrupt.requested()) {
+    while (!pending.empty()) {
         std::string const next = std::move(pending.back());
         pending.pop_back();
         readDirectory(next, pending);
