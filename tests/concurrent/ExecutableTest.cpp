@@ -1,6 +1,7 @@
 #include <ovra/concurrent/Executable.h>
 
 #include <cstdint>
+#include <ostream>
 #include <type_traits>
 
 #include <gtest/gtest.h>
@@ -19,6 +20,10 @@ struct NamedState {
     std::int32_t value;
     char const* name;
 };
+
+void PrintTo(NamedState const& row, std::ostream* out) {
+    *out << row.value;
+}
 
 class StateNameTest : public ::testing::TestWithParam<NamedState> {};
 

@@ -5,6 +5,7 @@
 #include <future>
 #include <memory>
 #include <new>
+#include <ostream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -283,6 +284,10 @@ struct RankCase {
     unsigned int stored;
 };
 
+void PrintTo(RankCase const& row, std::ostream* out) {
+    *out << "priority " << row.priority << ", rank " << row.asked;
+}
+
 class SubmittedTaskRankTest : public ::testing::TestWithParam<RankCase> {};
 
 TEST_P(SubmittedTaskRankTest, IsClamped) {
@@ -323,6 +328,10 @@ struct PriorityCase {
     int after;
     unsigned int rank;
 };
+
+void PrintTo(PriorityCase const& row, std::ostream* out) {
+    *out << "from " << row.before << ", aged to " << row.agedTo << ", to " << row.after;
+}
 
 class SubmittedTaskPriorityTest : public ::testing::TestWithParam<PriorityCase> {};
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -60,6 +61,10 @@ struct WorkerCount {
     unsigned int asked;
     int started;
 };
+
+void PrintTo(WorkerCount const& row, std::ostream* out) {
+    *out << row.asked;
+}
 
 class WorkerCountTest : public TaskExecutorImplTest,
                         public ::testing::WithParamInterface<WorkerCount> {};

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <exception>
 #include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -729,6 +730,10 @@ struct ThreadNameCase {
     char const* taskName;
     char const* threadName;
 };
+
+void PrintTo(ThreadNameCase const& row, std::ostream* out) {
+    *out << (row.taskName != nullptr ? row.taskName : "null");
+}
 
 class ThreadNameTest : public TaskExecutorWorkerTest,
                        public ::testing::WithParamInterface<ThreadNameCase> {};

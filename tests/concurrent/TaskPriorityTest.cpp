@@ -1,6 +1,7 @@
 #include <ovra/concurrent/TaskPriority.h>
 
 #include <cstdint>
+#include <ostream>
 #include <type_traits>
 
 #include <gtest/gtest.h>
@@ -18,6 +19,10 @@ struct InitialRank {
     std::int32_t priority;
     unsigned int rank;
 };
+
+void PrintTo(InitialRank const& row, std::ostream* out) {
+    *out << row.priority;
+}
 
 class InitialRankTest : public ::testing::TestWithParam<InitialRank> {};
 

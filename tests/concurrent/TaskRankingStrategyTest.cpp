@@ -1,6 +1,7 @@
 #include <ovra/concurrent/TaskRankingStrategy.h>
 
 #include <memory>
+#include <ostream>
 #include <type_traits>
 #include <vector>
 
@@ -73,6 +74,10 @@ struct Ageing {
     unsigned int lastBelowTheCap;
 };
 
+void PrintTo(Ageing const& row, std::ostream* out) {
+    *out << "priority " << row.priority;
+}
+
 class NoStarveAgeingTest : public ::testing::TestWithParam<Ageing> {};
 
 TEST_P(NoStarveAgeingTest, DoublesTheRankUpToTheCap) {
@@ -133,6 +138,10 @@ struct Doubling {
     unsigned int answered;
     unsigned int stored;
 };
+
+void PrintTo(Doubling const& row, std::ostream* out) {
+    *out << row.answered;
+}
 
 class NoStarveAnswerTest : public ::testing::TestWithParam<Doubling> {};
 

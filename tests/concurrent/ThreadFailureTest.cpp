@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -211,20 +212,27 @@ TEST_F(ThreadFailureTest, ThreadThatFailsToStartIsReportedByItsWorker) {
         ::testing::StartsWith("[~TaskExecutorWorker():ERROR] Worker thread join failed due to '"));
 }
 
-using Getter = std::shared_ptr<TaskExecutor> (*)();
+struct Shared {
+    char const* name;
+    std::shared_ptr<TaskExecutor> (*get)();
+};
+
+void PrintTo(Shared const& row, std::ostream* out) {
+    *out << row.name;
+}
 
 class SharedExecutorFailureTest : public ThreadFailureTest,
-                                  public ::testing::WithParamInterface<Getter> {};
+                                  public ::testing::WithParamInterface<Shared> {};
 
 TEST_P(SharedExecutorFailureTest, NextCallTriesAgain) {
     auto const process = [] {
         {
             ThreadCount const threads(1);
-            if (errorOf([] { GetParam()(); }) != std::errc::resource_unavailable_try_again) {
+            if (errorOf([] { GetParam().get(); }) != std::errc::resource_unavailable_try_again) {
                 std::_Exit(1);
             }
         }
-        auto const executor = GetParam()();
+        auto const executor = GetParam().get();
         auto const handle = executor->submitTask(succeed(), NORMAL, {}, "work");
         if (!handle) {
             std::_Exit(2);
@@ -237,8 +245,9 @@ TEST_P(SharedExecutorFailureTest, NextCallTriesAgain) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ThreadFailureTest, SharedExecutorFailureTest,
-                         ::testing::Values(&getHighestPriorityTaskExecutor,
-                                           &getNoStarveTaskExecutor));
+                         ::testing::Values(Shared{"HighestPriority",
+                                                  &getHighestPriorityTaskExecutor},
+                                           Shared{"NoStarve", &getNoStarveTaskExecutor}));
 
 // --- mutexes
 

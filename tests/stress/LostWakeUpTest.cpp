@@ -5,6 +5,7 @@
 #include <sched.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -21,6 +22,10 @@ struct Setting {
     unsigned int workers;
     bool onOneProcessor;
 };
+
+void PrintTo(Setting const& row, std::ostream* out) {
+    *out << row.name;
+}
 
 std::string nameOfSetting(::testing::TestParamInfo<Setting> const& parameter) {
     return parameter.param.name;
