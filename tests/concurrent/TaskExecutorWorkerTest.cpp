@@ -732,7 +732,8 @@ struct ThreadNameCase {
 };
 
 void PrintTo(ThreadNameCase const& row, std::ostream* out) {
-    *out << (row.taskName != nullptr ? row.taskName : "null");
+    std::string const name = row.taskName != nullptr ? row.taskName : "null";
+    *out << (name.empty() ? "empty" : name);
 }
 
 class ThreadNameTest : public TaskExecutorWorkerTest,
