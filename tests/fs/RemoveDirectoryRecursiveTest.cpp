@@ -2,6 +2,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -200,6 +201,24 @@ TEST_F(RemoveDirectoryRecursiveTest, EndsSoonInATreeOfLinksUpwardsThatCannotBeRe
     EXPECT_FALSE(removeRecursively(at("d")));
     EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("one", "two", "three", "sub"));
     EXPECT_THAT(namesIn(at("d/sub")), UnorderedElementsAre("four", "five"));
+}
+
+TEST_F(RemoveDirectoryRecursiveTest, TellsDirectoriesOfDifferentFileSystemsApart) {
+    makeDirectory(at("outer"));
+    test::ChildOutcome const outcome = test::onPrivateFileSystem(at("outer"), "", [this] {
+        makeDirectory(at("outer/inner"));
+        ASSERT_EQ(mount("ovra-test", at("outer/inner").c_str(), "tmpfs", 0, nullptr), 0);
+        writeFile(at("outer/inner/file"));
+        if (test::statusOf(at("outer")).st_ino != test::statusOf(at("outer/inner")).st_ino) {
+            throw test::Skip{"the two file systems number their directories differently"};
+        }
+        EXPECT_FALSE(removeRecursively(at("outer"))) << "what is mounted cannot be removed";
+        EXPECT_THAT(namesIn(at("outer/inner")), IsEmpty());
+    });
+    if (!outcome.skipReason.empty()) {
+        GTEST_SKIP() << outcome.skipReason;
+    }
+    EXPECT_TRUE(outcome.passed);
 }
 
 TEST_F(RemoveDirectoryRecursiveTest, RemovesWhatItMayAndSaysFalseForTheRest) {

@@ -271,13 +271,19 @@ ChildOutcome onPrivateFileSystem(std::string const& mountPoint, std::string cons
     require(child >= 0, "fork");
     if (child == 0) {
         alarm(ovra::test::deadlineSeconds());
-        std::string const reason = enterPrivateFileSystem(mountPoint, options);
+        std::string reason = enterPrivateFileSystem(mountPoint, options);
+        if (reason.empty()) {
+            try {
+                body();
+            } catch (Skip const& skip) {
+                reason = skip.reason;
+            }
+        }
         if (!reason.empty()) {
             [[maybe_unused]] ssize_t const written =
                 write(reasonPipe[1], reason.data(), reason.size());
             _exit(SKIPPED);
         }
-        body();
         std::fflush(nullptr);
         _exit(::testing::Test::HasFailure() ? FAILED : PASSED);
     }

@@ -94,6 +94,11 @@ private:
 
 bool isSuperuser();
 
+/// Thrown by a body in a child process that cannot test what it is meant to.
+struct Skip {
+    std::string reason;
+};
+
 /// What became of a body that ran in a child process.
 struct ChildOutcome {
     std::string skipReason;  ///< Empty when the body ran.
