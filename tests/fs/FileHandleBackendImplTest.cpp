@@ -281,12 +281,13 @@ TEST_F(FileHandleBackendImplTest, GivesTheSystemThePathUpToAZeroByte) {
 
 TEST_F(FileHandleBackendImplTest, TakesPathsUpToTheSystemsLimit) {
     writeFile(at("x"), "123");
+    writeFile(at("xx"), "123");
     auto const pathOfLength = [this](std::size_t length) {
         std::string path = root + "/";
         while (path.size() + 3 <= length) {
             path += "./";
         }
-        path += path.size() + 2 == length ? "/x" : "x";
+        path.resize(length, 'x');
         return path;
     };
     // The limit counts the closing zero.
