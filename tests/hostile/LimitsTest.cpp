@@ -237,12 +237,12 @@ bool limitAddressSpace(rlim_t bytes) {
     if (setrlimit(RLIMIT_AS, &limit) != 0) {
         return false;
     }
-    void* const tooMuch =
-        mmap(nullptr, 2 * bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* const tooMuch = mmap(nullptr, 2 * static_cast<std::size_t>(bytes), PROT_NONE,
+                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (tooMuch == MAP_FAILED) {
         return true;
     }
-    munmap(tooMuch, 2 * bytes);
+    munmap(tooMuch, 2 * static_cast<std::size_t>(bytes));
     return false;
 }
 
