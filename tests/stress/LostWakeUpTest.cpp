@@ -4,15 +4,21 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/Gate.h>
+#include <tests/support/RandomSource.h>
+#include <tests/support/ThreadCalls.h>
 
 namespace ovra::concurrent {
 namespace {
@@ -75,6 +81,44 @@ TEST_P(LostWakeUpTest, EveryRoundEnds) {
 
     EXPECT_EQ(completed, rounds);
     EXPECT_TRUE(executor.isIdle());
+}
+
+// As above, with a round that needs every worker, and threads that give way now and then just
+// before they lock: a worker, for one, between its empty fetch and its wait. Without that, on few
+// processors, it hardly ever happens.
+TEST_P(LostWakeUpTest, EveryRoundEndsWhoeverGivesWay) {
+    std::unique_ptr<OneProcessor> const pinned =
+        GetParam().onOneProcessor ? std::make_unique<OneProcessor>() : nullptr;
+    std::atomic<std::uint64_t> seed{test::runSeed()};
+    SCOPED_TRACE(test::seedNote());
+    test::ThreadCalls calls;
+    calls.onLock = [&seed](pthread_mutex_t*) {
+        if (test::RandomSource(++seed).oneIn(4)) {
+            sched_yield();
+        }
+        return 0;
+    };
+    calls.install();
+    auto const workers = static_cast<int>(GetParam().workers);
+    TaskExecutorImpl executor(GetParam().workers, makeQueue());
+    int const rounds = test::scaled(workers == 1 ? 5000 : 1200);
+    for (int round = 0; round < rounds; ++round) {
+        test::Gate together(workers);
+        std::vector<std::shared_ptr<TaskHandle>> handles;
+        for (int i = 0; i < workers; ++i) {
+            handles.push_back(executor.submitTask(
+                [&together] {
+                    together.open();
+                    together.wait();
+                    return Executable::SUCCESS;
+                },
+                NORMAL, {}, "round"));
+        }
+        for (auto const& handle : handles) {
+            handle->waitForCompletion();
+            ASSERT_EQ(handle->getState(), Executable::DONE);
+        }
+    }
 }
 
 // A cancelled task takes the worker back to its queue by another way.
