@@ -1,24 +1,13 @@
-#include <algorithm>
 #include <mutex>
 #include <new>
 #include <utility>
 
 #include <ovra/concurrent/SettledTasks.h>
-#include <ovra/concurrent/TaskRankingStrategy.h>
 
 namespace ovra::concurrent {
 
-static_assert(std::atomic<SettledPlace const*>::is_always_lock_free);
-
-SettledPlace::SettledPlace(SubmittedTasksQueue::QueuedTask const& task, SettledTasks& container)
-    : queued(task), urgency(SettledTasks::urgencyOf(task)), home(&container) {}
-
-void SettledPlace::noteNewRank() const {
-    if (!hasNewRank) {
-        hasNewRank = true;
-        home->pushChanged(*this);
-    }
-}
+static_assert(std::atomic<SubmittedTask*>::is_always_lock_free &&
+              std::atomic<SettledTasks*>::is_always_lock_free);
 
 SettledTasks::SettledTasks(TaskRankingStrategy* queueStrategy)
     : strategy(queueStrategy), ranks(ranksUnder(queueStrategy)) {}
@@ -34,118 +23,177 @@ SettledTasks::Ranks SettledTasks::ranksUnder(TaskRankingStrategy const* queueStr
     return isExactly<NoStarveTaskRankingStrategy>(*queueStrategy) ? DOUBLED : UNKNOWN;
 }
 
-bool SettledTasks::updateRank(QueuedTask const& queued) const {
-    if (ranks == DOUBLED && queued.isPlain && queued.task->settled == nullptr) {
-        // What the strategy does, without its calls.
-        SubmittedTask& task = *queued.task;
-        unsigned int const doubled = task.rank.load(std::memory_order_relaxed) * 2u;
-        task.rank.store(SubmittedTask::clampedRank(doubled, task.priority),
-                        std::memory_order_relaxed);
-    } else if (strategy != nullptr) {
-        strategy->updateRank(queued.task.get());
-    }
-    return isFinal(queued);
-}
-
-bool SettledTasks::isFinal(QueuedTask const& queued) const {
-    if (!queued.isPlain || ranks == UNKNOWN) {
-        return false;
-    }
-    return ranks == KEPT || rankOf(queued) == SubmittedTask::HIGHEST_CURRENT_RANK_VALUE;
-}
-
-bool SettledTasks::add(QueuedTask const& queued) {
+bool SettledTasks::add(QueuedTask& queued) {
     SubmittedTask& task = *queued.task;
     std::lock_guard<std::mutex> const lock(task.mutex);
     if (task.settled != nullptr) {
         return false;
     }
+    unsigned int const rank = task.rank;
     try {
-        task.settled = &*places.emplace(queued, *this).first;
+        enter(queued, rank);
     } catch (std::bad_alloc const&) {
         return false;
     }
-    // From here on `setRank` tells. What it did before, also to a rank that was final when the
-    // place was chosen, is found here.
-    SettledPlace const* const place = task.settled;
-    if (place->urgency.score != urgencyOf(queued).score || !isFinal(queued)) {
-        place->noteNewRank();
+    task.settled = this;
+    // From here on `setRank` tells. What it did before, also to a rank that was final when the task
+    // was found to settle, is found here.
+    if (task.rank != rank || !isFinal(rank)) {
+        noteNewRank(task);
     }
     return true;
 }
 
+SettledTasks::Candidate SettledTasks::best() const {
+    Candidate best;
+    auto const consider = [&best](QueuedTask const& queued, Urgency const& urgency) {
+        if (urgency > best.urgency) {
+            best = {&queued, urgency};
+        }
+    };
+    for (TaskLine const& line : places.lines) {
+        if (!line.isEmpty()) {
+            consider(line.front(), line.urgencyOf(line.front()));
+        }
+    }
+    if (!places.strays.empty()) {
+        consider(places.strays.begin()->queued, places.strays.begin()->urgency);
+    }
+    return best;
+}
+
+bool SettledTasks::isEmpty() const {
+    return places.strays.empty() &&
+           std::all_of(places.lines.begin(), places.lines.end(),
+                       [](TaskLine const& line) { return line.isEmpty(); });
+}
+
 void SettledTasks::remove(SubmittedTask& task) {
-    SettledPlace const* place = nullptr;
+    bool isOnStack = false;
     {
         std::lock_guard<std::mutex> const lock(task.mutex);
-        place = task.settled;
-        if (place == nullptr || place->home != this) {
+        if (task.settled != this) {
             return;
         }
         task.settled = nullptr;
+        isOnStack = std::exchange(task.hasNewRank, false);
     }
-    if (place->hasNewRank) {
-        removeChanged(*place);
+    if (isOnStack) {
+        removeChanged(task);
     }
-    places.erase(places.find(*place));
+    leave(task, task.settledRank);
 }
 
 SettledTasks::Places SettledTasks::takeAll() {
-    for (SettledPlace const& place : places) {
-        SubmittedTask& task = *place.queued.task;
-        std::lock_guard<std::mutex> const lock(task.mutex);
-        task.settled = nullptr;
+    auto const letGo = [](QueuedTask const& queued) {
+        std::lock_guard<std::mutex> const lock(queued.task->mutex);
+        queued.task->settled = nullptr;
+        queued.task->hasNewRank = false;
+    };
+    for (TaskLine const& line : places.lines) {
+        line.forEach(letGo);
+    }
+    for (Stray const& stray : places.strays) {
+        letGo(stray.queued);
     }
     changed = nullptr;
-    Places taken;
-    taken.swap(places);
-    return taken;
+    return std::exchange(places, Places());
 }
 
 void SettledTasks::rekeyChanged(std::vector<QueuedTask>& unsettled) {
     if (changed == nullptr) {
         return;
     }
-    SettledPlace const* place = changed.exchange(nullptr);
-    while (place != nullptr) {
-        SettledPlace const* const next = place->nextChanged;
-        rekey(*place, unsettled);
-        place = next;
+    SubmittedTask* task = changed.exchange(nullptr);
+    while (task != nullptr) {
+        SubmittedTask* const next = task->nextChanged;
+        rekey(*task, unsettled);
+        task = next;
     }
 }
 
-void SettledTasks::rekey(SettledPlace const& place, std::vector<QueuedTask>& unsettled) {
-    SubmittedTask& task = *place.queued.task;
+void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled) {
     {
         std::lock_guard<std::mutex> const lock(task.mutex);
-        place.hasNewRank = false;  // What is set from here on is noted anew.
+        task.hasNewRank = false;  // What is set from here on is noted anew.
     }
-    auto node = places.extract(places.find(place));
-    node.value().urgency = urgencyOf(place.queued);
-    places.insert(std::move(node));
-
-    if (!isFinal(place.queued)) {
-        try {
-            unsettled.push_back(place.queued);
+    unsigned int const oldRank = task.settledRank;
+    unsigned int const newRank = task.rank;
+    try {
+        if (!isFinal(newRank)) {
+            unsettled.push_back(entryOf(task, oldRank));
             remove(task);
-        } catch (std::bad_alloc const&) {
-            std::lock_guard<std::mutex> const lock(task.mutex);
-            place.noteNewRank();  // Stays here for now; the next pick tries again.
+        } else if (newRank != oldRank) {
+            QueuedTask queued = entryOf(task, oldRank);
+            enter(queued, newRank);
+            leave(task, oldRank);
+        }
+    } catch (std::bad_alloc const&) {
+        std::lock_guard<std::mutex> const lock(task.mutex);
+        noteNewRank(task);  // Stays where it is for now; the next pick tries again.
+    }
+}
+
+TaskLine* SettledTasks::lineWith(unsigned int rank) {
+    for (TaskLine& line : places.lines) {
+        if (line.hasRank(rank)) {
+            return &line;
         }
     }
+    return nullptr;
 }
 
-void SettledTasks::pushChanged(SettledPlace const& place) {
-    place.nextChanged = changed;
-    while (!changed.compare_exchange_weak(place.nextChanged, &place)) {
+SettledTasks::Strays::const_iterator SettledTasks::strayOf(SubmittedTask const& task,
+                                                           unsigned int rank) const {
+    auto stray = places.strays.lower_bound(rank + static_cast<unsigned int>(task.uniqueIndex));
+    while (stray->queued.task.get() != &task) {
+        ++stray;  // Another task with the same score.
+    }
+    return stray;
+}
+
+SettledTasks::QueuedTask const& SettledTasks::entryOf(SubmittedTask const& task,
+                                                      unsigned int rank) {
+    TaskLine* const line = lineWith(rank);
+    QueuedTask const* const entry = line != nullptr ? line->find(task) : nullptr;
+    return entry != nullptr ? *entry : strayOf(task, rank)->queued;
+}
+
+void SettledTasks::enter(QueuedTask& queued, unsigned int rank) {
+    SubmittedTask& task = *queued.task;
+    TaskLine* const line = lineWith(rank);
+    if (line == nullptr || !line->append(queued)) {
+        Urgency const urgency{rank + static_cast<unsigned int>(queued.index), queued.order};
+        places.strays.insert(Stray{queued, urgency});
+    }
+    task.settledRank = rank;
+}
+
+void SettledTasks::leave(SubmittedTask const& task, unsigned int rank) {
+    TaskLine* const line = lineWith(rank);
+    if (line == nullptr || !line->drop(task)) {
+        places.strays.erase(strayOf(task, rank));
     }
 }
 
-void SettledTasks::removeChanged(SettledPlace const& place) {
-    SettledPlace const* other = changed.exchange(nullptr);
+void SettledTasks::noteNewRank(SubmittedTask& task) {
+    if (!task.hasNewRank) {
+        task.hasNewRank = true;
+        pushChanged(task);
+    }
+}
+
+void SettledTasks::pushChanged(SubmittedTask& task) {
+    task.nextChanged = changed;
+    while (!changed.compare_exchange_weak(task.nextChanged, &task)) {
+    }
+}
+
+void SettledTasks::removeChanged(SubmittedTask const& task) {
+    SubmittedTask* other = changed.exchange(nullptr);
     while (other != nullptr) {
-        SettledPlace const* const next = other->nextChanged;
-        if (other != &place) {
+        SubmittedTask* const next = other->nextChanged;
+        if (other != &task) {
             pushChanged(*other);
         }
         other = next;

@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include <ovra/concurrent/InitialRank.h>
 #include <ovra/concurrent/SettledTasks.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
@@ -106,15 +107,14 @@ void SubmittedTask::setRank(unsigned int const& newRank) {
     rank = clampedRank(newRank, getPriority());
     if (settled != nullptr) {
         std::lock_guard<std::mutex> const lock(mutex);
-        if (SettledPlace const* const place = settled) {
-            place->noteNewRank();
+        if (SettledTasks* const home = settled) {
+            home->noteNewRank(*this);
         }
     }
 }
 
 unsigned int SubmittedTask::clampedRank(unsigned int rank, TaskPriority priority) {
-    return std::max(std::min(rank, HIGHEST_CURRENT_RANK_VALUE),
-                    submittedTaskPriorityToInitialRank(priority));
+    return std::max(std::min(rank, HIGHEST_CURRENT_RANK_VALUE), initialRankOf(priority));
 }
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
@@ -173,7 +173,7 @@ __attribute__((no_sanitize("null"))) Executable::Result SubmittedTask::execute()
     updateTaskState(Executable::EXECUTING);
 
     Executable::Result outcome = Executable::REPEAT;
-    while (outcome == Executable::REPEAT && !isCancelled()) {
+    while (outcome == Executable::REPEAT && state != Executable::CANCELLED) {
         if (!task) {
             std::this_thread::yield();
             continue;
@@ -191,14 +191,14 @@ __attribute__((no_sanitize("null"))) Executable::Result SubmittedTask::execute()
         }
     }
 
-    if (!isCancelled()) {
+    if (state != Executable::CANCELLED) {
         setResult(outcome);
         updateTaskState(Executable::DONE);
     } else {
         setResult(isFinishedResult(outcome) ? outcome : Executable::ABORTED);
     }
     setPromiseValue();
-    return getResult();
+    return result;
 }
 
 __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
@@ -223,7 +223,10 @@ void SubmittedTask::setPromiseValue() {
         throw std::future_error(std::future_errc::promise_already_satisfied);
     }
     fulfilled = true;
-    bool const isAwaited = promise.has_value();
+    if (waiter != nullptr) {
+        sem_post(waiter);
+    }
+    bool const isAwaited = promise != nullptr;
     lock.unlock();
     if (isAwaited) {
         promise->set_value(true);
@@ -232,13 +235,44 @@ void SubmittedTask::setPromiseValue() {
 
 std::future<bool> SubmittedTask::getFuture() {
     std::lock_guard<std::mutex> const lock(mutex);
-    if (!promise) {
-        promise.emplace();
-        if (fulfilled) {
-            promise->set_value(true);
-        }
+    requireNotRetrieved();
+    promise = std::make_unique<std::promise<bool>>();
+    retrieved = true;
+    if (fulfilled) {
+        promise->set_value(true);
     }
     return promise->get_future();
+}
+
+// What `getFuture().get()` does, without a future.
+void SubmittedTask::awaitEnd() {
+    sem_t end;
+    {
+        std::lock_guard<std::mutex> const lock(mutex);
+        requireNotRetrieved();
+        retrieved = true;
+        if (fulfilled) {
+            return;
+        }
+        sem_init(&end, 0, 0);
+        waiter = &end;
+    }
+    try {
+        while (sem_wait(&end) != 0) {
+        }
+    } catch (...) {
+        // This thread is being cancelled, and its stack goes.
+        std::lock_guard<std::mutex> const lock(mutex);
+        waiter = nullptr;
+        throw;
+    }
+}
+
+// With `mutex` held.
+void SubmittedTask::requireNotRetrieved() const {
+    if (retrieved) {
+        throw std::future_error(std::future_errc::future_already_retrieved);
+    }
 }
 
 void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle) {
@@ -294,7 +328,7 @@ void SubmittedTask::cancel(std::weak_ptr<SubmittedTask> const& task) {
 
 void SubmittedTask::waitForCompletion(std::weak_ptr<SubmittedTask> const& task) {
     if (auto const live = task.lock()) {
-        live->getFuture().get();
+        live->awaitEnd();
     } else {
         // The worker has let go of the task: see all it did before.
         std::atomic_thread_fence(std::memory_order_acquire);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <cstdint>
 #include <exception>
@@ -7,7 +9,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <optional>
 
 #include <ovra/Export.h>
 #include <ovra/concurrent/Executable.h>
@@ -16,9 +17,9 @@
 
 namespace ovra::concurrent {
 
-struct SettledPlace;
-struct SubmittedTaskProxy;
+class SettledTasks;
 class TaskHandle;
+struct SubmittedTaskProxy;
 
 /// The executor's own record of one submission: the work, its callback, its urgency, its state and
 /// result, and the promise that tells waiters of its end.
@@ -154,6 +155,8 @@ private:
     friend class SettledTasks;
 
     OVRA_LOCAL static unsigned int clampedRank(unsigned int rank, TaskPriority priority);
+    OVRA_LOCAL void requireNotRetrieved() const;
+    OVRA_LOCAL void awaitEnd();
 
     // What a handle does, and finds when the task is gone.
     OVRA_LOCAL static Executable::State stateOf(std::weak_ptr<SubmittedTask> const& task);
@@ -167,16 +170,26 @@ private:
     std::weak_ptr<TaskHandle> handle;  // Set under `mutex`, before the task is queued.
     std::function<void(std::shared_ptr<Task>)> callback;
     mutable std::mutex mutex;
-    // Made by the first who asks for the future: many tasks have ended before anybody waits.
-    std::optional<std::promise<bool>> promise;  // Guarded by `mutex`.
-    bool fulfilled = false;                     // Guarded by `mutex`.
+    // Made by the first who asks for the future: few do, for a handle waits on `waiter`.
+    std::unique_ptr<std::promise<bool>> promise;  // Guarded by `mutex`.
+    sem_t* waiter = nullptr;  // Guarded by `mutex`: to post when the task has come to its end.
+    bool fulfilled = false;   // Guarded by `mutex`.
+    bool retrieved = false;   // Guarded by `mutex`: the future was asked for, or waited for.
+
     std::atomic<TaskPriority> priority;
     std::atomic<unsigned int> rank;
-    Executable::State state = Executable::UNSCHEDULED;  // Guarded by `mutex`.
-    Executable::Result result = Executable::NO_RESULT;  // Guarded by `mutex`.
     std::int32_t const uniqueIndex;
-    // While a queue relies on the rank: who is told of a new one. Changed under `mutex`.
-    std::atomic<SettledPlace const*> settled{nullptr};
+
+    // Written under `mutex`, which the queries take as well, so that nobody sees what the handle has
+    // yet to be told. Only the worker, which acts on it anyway, reads without.
+    std::atomic<Executable::State> state{Executable::UNSCHEDULED};
+    std::atomic<Executable::Result> result{Executable::NO_RESULT};
+
+    // For the queue that relies on the rank, and is told of a new one.
+    std::atomic<SettledTasks*> settled{nullptr};  // Changed under `mutex`.
+    SubmittedTask* nextChanged = nullptr;         // The queue's: see `SettledTasks::changed`.
+    unsigned int settledRank = 0;                 // The queue's: the rank it has noted.
+    bool hasNewRank = false;                      // Guarded by `mutex`.
 };
 
 }  // namespace ovra::concurrent

@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <limits>
 #include <utility>
 
 #include <ovra/concurrent/SettledTasks.h>
@@ -27,11 +25,12 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
     auto handle = std::make_shared<TaskHandle>(std::weak_ptr<SubmittedTask>(task));
     task->setHandle(handle);
 
+    std::int32_t const index = task->getUniqueIndex();
     bool const isPlain = isExactly<SubmittedTask>(*task);
     std::lock_guard<std::mutex> const lock(mutex);
-    QueuedTask const queued{std::move(task), ++addedSoFar, isPlain};
+    QueuedTask queued{std::move(task), ++addedSoFar, index, isPlain};
     if (!settled->isFinal(queued) || !settled->add(queued)) {
-        tasks.push_back(queued);
+        tasks.push_back(std::move(queued));
     }
     condition.notify_one();
     return handle;
@@ -45,31 +44,33 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     settled->rekeyChanged(tasks);
 
     // The rule: the largest score runs next, and each task's rank is updated once it was compared.
-    QueuedTask const* best = nullptr;
-    Urgency greatest{0, std::numeric_limits<std::uint64_t>::max()};
+    SettledTasks::Candidate best;
     for (auto queued = tasks.rbegin(); queued != tasks.rend(); ++queued) {
-        if (Urgency const urgency = SettledTasks::urgencyOf(*queued); urgency > greatest) {
-            best = &*queued;
-            greatest = urgency;
+        if (Urgency const urgency = SettledTasks::urgencyOf(*queued); urgency > best.urgency) {
+            best = {&*queued, urgency};
         }
         queued->isFinal = settled->updateRank(*queued);
     }
     // The shortcut: of the tasks whose ranks no pick changes, only the first needs to be compared.
-    if (auto const* const first = settled->best(); first != nullptr && first->urgency > greatest) {
-        best = &first->queued;
+    if (auto const first = settled->best(); first.urgency > best.urgency) {
+        best = first;
     }
-    if (best == nullptr) {
+    if (best.queued == nullptr) {
         return nullptr;
     }
 
-    std::shared_ptr<SubmittedTask> next = best->task;
+    std::shared_ptr<SubmittedTask> next = best.queued->task;
     settled->remove(*next);
-    tasks.erase(std::remove_if(tasks.begin(), tasks.end(),
-                               [&](QueuedTask const& queued) {
-                                   return queued.task == next ||
-                                          (queued.isFinal && settled->add(queued));
-                               }),
-                tasks.end());
+    auto kept = tasks.begin();
+    for (QueuedTask& queued : tasks) {
+        if (queued.task != next && !(queued.isFinal && settled->add(queued))) {
+            if (&*kept != &queued) {
+                *kept = std::move(queued);
+            }
+            ++kept;
+        }
+    }
+    tasks.erase(kept, tasks.end());
     return next;
 }
 

@@ -70,11 +70,12 @@ public:
 private:
     friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
     friend class SettledTasks;
-    friend struct SettledPlace;
+    friend class TaskLine;
 
     struct QueuedTask {
         std::shared_ptr<SubmittedTask> task;
         std::uint64_t order;   // Counts up as tasks are added.
+        std::int32_t index;    // The task's own.
         bool isPlain;          // No subclass: nothing of its own answers for its rank.
         bool isFinal = false;  // The strategy will not change its rank any more.
     };

@@ -12,9 +12,12 @@ TaskHandle::TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy)
       result(proxy && proxy->getResult ? proxy->getResult() : Executable::SUCCESS) {}
 
 TaskHandle::TaskHandle(std::weak_ptr<SubmittedTask> const& submittedTask)
-    : task(submittedTask),
-      state(SubmittedTask::stateOf(task)),
-      result(SubmittedTask::resultOf(task)) {}
+    : task(submittedTask), state(Executable::DONE), result(Executable::SUCCESS) {
+    if (auto const live = task.lock()) {
+        setState(live->state);
+        setResult(live->result);
+    }
+}
 
 TaskHandle::~TaskHandle() = default;
 

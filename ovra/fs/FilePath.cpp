@@ -83,7 +83,10 @@ std::string FilePath::Resolved() const {
     std::size_t next = 0;
     while (next < path.size()) {
         std::size_t const begin = next;
-        std::size_t const end = std::min(path.find(SEPARATOR, begin), path.size());
+        std::size_t end = begin;  // Components are short: looking is quicker than calling for it.
+        while (end < path.size() && path[end] != SEPARATOR) {
+            ++end;
+        }
         next = end + 1;
         std::string_view const component(path.data() + begin, end - begin);
 

@@ -521,7 +521,7 @@ private:
             for (std::uint32_t gap = random.below(50); gap > 0; --gap) {
                 submission();
             }
-        } else if (dice < 98 && random.oneIn(profile.usualSize * 8)) {
+        } else if (dice < 98 && random.oneIn(profile.usualSize)) {
             replace(anyQueue());
         } else {
             ask(anyQueue());

@@ -569,6 +569,31 @@ TEST_F(SubmittedTasksQueueTest, ClosingDropsTasksAsTheyStand) {
     EXPECT_THAT(recorder.texts(), IsEmpty());
 }
 
+TYPED_TEST(SubmittedTasksQueueOrderTest, RanksOutliveTheQueue) {
+    auto queue = makeQueue<TypeParam>();
+    auto const picked = submission(succeed(), HIGHEST);
+    auto const dropped = submission(succeed(), HIGHEST);
+    queue->addTask(picked);
+    auto const handle = queue->addTask(dropped);
+    ASSERT_EQ(queue->getNextTask(), picked);
+    queue.reset();
+
+    picked->setPriority(LOW);
+    handle->updatePriority(LOW);
+    picked->setRank(7);
+    dropped->setRank(9);
+    EXPECT_EQ(picked->getRank(), 7u);
+    EXPECT_EQ(dropped->getRank(), 9u);
+
+    // And they count in another queue.
+    auto const next = makeQueue<TypeParam>();
+    next->addTask(picked);
+    next->addTask(dropped);
+    picked->setPriority(HIGH);
+    EXPECT_EQ(next->getNextTask(), picked);
+    EXPECT_EQ(next->getNextTask(), dropped);
+}
+
 TEST_F(SubmittedTasksQueueTest, ClosingDestroysTasksThatNobodyElseHolds) {
     auto const queue = makeQueue();
     auto task = submission();

@@ -1,0 +1,66 @@
+#include <algorithm>
+#include <utility>
+
+#include <ovra/concurrent/TaskLine.h>
+
+namespace ovra::concurrent {
+
+namespace {
+
+// A line that has become empty keeps memory for as many.
+constexpr std::size_t SPARE_ENTRIES = 128;
+
+}  // namespace
+
+bool TaskLine::append(QueuedTask& queued) {
+    if (!entries.empty() && urgencyOf(queued) > urgencyOf(entries.back())) {
+        return false;
+    }
+    entries.push_back(std::move(queued));
+    return true;
+}
+
+TaskLine::QueuedTask const* TaskLine::find(SubmittedTask const& task) const {
+    if (!isEmpty() && front().task.get() == &task) {
+        return &front();
+    }
+    unsigned int const score = rank + static_cast<unsigned int>(task.getUniqueIndex());
+    auto entry = std::lower_bound(entries.begin(), entries.end(), score,
+                                  [this](QueuedTask const& queued, unsigned int wanted) {
+                                      return urgencyOf(queued).score > wanted;
+                                  });
+    // Indices come again after 4294967296 submissions.
+    while (entry != entries.end() && urgencyOf(*entry).score == score) {
+        if (entry->task.get() == &task) {
+            return &*entry;
+        }
+        ++entry;
+    }
+    return nullptr;
+}
+
+bool TaskLine::drop(SubmittedTask const& task) {
+    QueuedTask const* const found = find(task);
+    if (found == nullptr) {
+        return false;
+    }
+    entries[static_cast<std::size_t>(found - entries.data())].task.reset();
+    ++gone;
+    while (!isEmpty() && !front().task) {
+        ++first;
+    }
+    // Leaves at most half, so that what is moved is paid for by what has gone.
+    if (gone * 2 > entries.size()) {
+        entries.erase(std::remove_if(entries.begin(), entries.end(),
+                                     [](QueuedTask const& queued) { return !queued.task; }),
+                      entries.end());
+        first = 0;
+        gone = 0;
+        if (entries.empty() && entries.capacity() > SPARE_ENTRIES) {
+            std::vector<QueuedTask>().swap(entries);
+        }
+    }
+    return true;
+}
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include <ovra/concurrent/SubmittedTask.h>
+#include <ovra/concurrent/SubmittedTasksQueue.h>
+
+namespace ovra::concurrent {
+
+/// What a queue compares tasks by: the larger score runs first, the later added of two equal ones.
+struct Urgency {
+    unsigned int score = 0;
+    std::uint64_t order = std::numeric_limits<std::uint64_t>::max();
+
+    bool operator>(Urgency const& other) const {
+        return score != other.score ? score > other.score : order > other.order;
+    }
+};
+
+/// Tasks of one rank that came in the order in which they are to run, as nearly all do.
+///
+/// Private to `SettledTasks`; guarded by the queue's lock.
+class TaskLine {
+public:
+    using QueuedTask = SubmittedTasksQueue::QueuedTask;
+
+    explicit TaskLine(unsigned int rankOfAll) : rank(rankOfAll) {}
+
+    bool isEmpty() const { return first == entries.size(); }
+    bool hasRank(unsigned int asked) const { return rank == asked; }
+    QueuedTask const& front() const { return entries[first]; }
+    Urgency urgencyOf(QueuedTask const& queued) const {
+        return {rank + static_cast<unsigned int>(queued.index), queued.order};
+    }
+
+    template <typename Visitor>
+    void forEach(Visitor const& visit) const {
+        for (QueuedTask const& queued : entries) {
+            if (queued.task) {
+                visit(queued);
+            }
+        }
+    }
+
+    /// Puts a task at the end. False, and nothing done, if it is to run before the last.
+    bool append(QueuedTask& queued);
+
+    /// The entry of `task`, or null.
+    QueuedTask const* find(SubmittedTask const& task) const;
+
+    /// Lets go of `task`. False, and nothing done, if it is not here.
+    bool drop(SubmittedTask const& task);
+
+private:
+    unsigned int rank;
+    std::vector<QueuedTask> entries;  // Without a task: let go of, and not yet cleared away.
+    std::size_t first = 0;            // The first entry with a task, or the end.
+    std::size_t gone = 0;             // How many have none.
+};
+
+}  // namespace ovra::concurrent
