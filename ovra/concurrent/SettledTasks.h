@@ -54,10 +54,9 @@ public:
     };
     using Strays = std::set<Stray, MoreUrgent>;
     struct Places {
-        std::array<TaskLine, 4> lines{TaskLine(initialRankOf(HIGHEST)),
-                                      TaskLine(initialRankOf(HIGH)),
-                                      TaskLine(initialRankOf(NORMAL)),
-                                      TaskLine(initialRankOf(LOW))};
+        std::array<TaskLine, 4> lines{
+            TaskLine(initialRankOf(HIGHEST)), TaskLine(initialRankOf(HIGH)),
+            TaskLine(initialRankOf(NORMAL)), TaskLine(initialRankOf(LOW))};
         Strays strays;
     };
 
@@ -73,6 +72,10 @@ public:
 
     static Urgency urgencyOf(QueuedTask const& queued) {
         return {rankOf(queued) + static_cast<unsigned int>(queued.index), queued.order};
+    }
+
+    static void prefetchRank(QueuedTask const& queued) {
+        __builtin_prefetch(&queued.task->rank, 1);
     }
 
     /// Applies the queue's strategy to a task that has not settled, and says whether it is to now.

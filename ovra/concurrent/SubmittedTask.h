@@ -153,8 +153,11 @@ public:
 private:
     friend class TaskHandle;
     friend class SettledTasks;
+    friend class SubmittedTasksQueue;
+    friend class TaskLine;
 
     OVRA_LOCAL static unsigned int clampedRank(unsigned int rank, TaskPriority priority);
+    OVRA_LOCAL bool link(std::shared_ptr<TaskHandle> const& newHandle);
     OVRA_LOCAL void requireNotRetrieved() const;
     OVRA_LOCAL void awaitEnd();
 
@@ -180,8 +183,8 @@ private:
     std::atomic<unsigned int> rank;
     std::int32_t const uniqueIndex;
 
-    // Written under `mutex`, which the queries take as well, so that nobody sees what the handle has
-    // yet to be told. Only the worker, which acts on it anyway, reads without.
+    // Written under `mutex`, which the queries take as well, so that nobody sees what the handle
+    // has yet to be told. Only the worker, which acts on it anyway, reads without.
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 

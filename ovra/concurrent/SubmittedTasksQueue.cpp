@@ -8,7 +8,13 @@
 
 namespace ovra::concurrent {
 
+namespace {
+
 static_assert(std::atomic<bool>::is_always_lock_free);
+
+constexpr std::size_t PREFETCH_AHEAD = 16;
+
+}  // namespace
 
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
     : settled(std::make_unique<SettledTasks>(rankingStrategy.get())),
@@ -23,11 +29,12 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
         return nullptr;
     }
     auto handle = std::make_shared<TaskHandle>(std::weak_ptr<SubmittedTask>(task));
-    task->setHandle(handle);
+    bool const isNew = task->link(handle);
 
     std::int32_t const index = task->getUniqueIndex();
     bool const isPlain = isExactly<SubmittedTask>(*task);
     std::lock_guard<std::mutex> const lock(mutex);
+    hasRepeats |= !isNew;
     QueuedTask queued{std::move(task), ++addedSoFar, index, isPlain};
     if (!settled->isFinal(queued) || !settled->add(queued)) {
         tasks.push_back(std::move(queued));
@@ -44,26 +51,49 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     settled->rekeyChanged(tasks);
 
     // The rule: the largest score runs next, and each task's rank is updated once it was compared.
-    SettledTasks::Candidate best;
-    for (auto queued = tasks.rbegin(); queued != tasks.rend(); ++queued) {
-        if (Urgency const urgency = SettledTasks::urgencyOf(*queued); urgency > best.urgency) {
-            best = {&*queued, urgency};
+    QueuedTask* walked = nullptr;
+    Urgency greatest;
+    bool settles = false;
+    for (std::size_t i = tasks.size(); i-- > 0;) {
+        if (i >= PREFETCH_AHEAD) {
+            SettledTasks::prefetchRank(tasks[i - PREFETCH_AHEAD]);
         }
-        queued->isFinal = settled->updateRank(*queued);
+        QueuedTask& queued = tasks[i];
+        if (!queued.task) {
+            continue;
+        }
+        if (Urgency const urgency = SettledTasks::urgencyOf(queued); urgency > greatest) {
+            walked = &queued;
+            greatest = urgency;
+        }
+        queued.isFinal = settled->updateRank(queued);
+        settles |= queued.isFinal;
     }
     // The shortcut: of the tasks whose ranks no pick changes, only the first needs to be compared.
-    if (auto const first = settled->best(); first.urgency > best.urgency) {
-        best = first;
-    }
-    if (best.queued == nullptr) {
+    auto const first = settled->best();
+    bool const isSettled = first.urgency > greatest;
+    if (!isSettled && walked == nullptr) {
         return nullptr;
     }
 
-    std::shared_ptr<SubmittedTask> next = best.queued->task;
+    std::shared_ptr<SubmittedTask> next = isSettled ? first.queued->task : walked->task;
     settled->remove(*next);
+    if (settles || hasRepeats || gone * 2 > tasks.size()) {
+        clearAway(next);
+    } else if (!isSettled) {
+        walked->task.reset();
+        ++gone;
+    }
+    return next;
+}
+
+// Removes every entry of `next`, those that settle now and those that have been taken.
+void SubmittedTasksQueue::clearAway(std::shared_ptr<SubmittedTask> const& next) {
     auto kept = tasks.begin();
     for (QueuedTask& queued : tasks) {
-        if (queued.task != next && !(queued.isFinal && settled->add(queued))) {
+        bool const stays =
+            queued.task && queued.task != next && !(queued.isFinal && settled->add(queued));
+        if (stays) {
             if (&*kept != &queued) {
                 *kept = std::move(queued);
             }
@@ -71,7 +101,7 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
         }
     }
     tasks.erase(kept, tasks.end());
-    return next;
+    gone = 0;
 }
 
 void SubmittedTasksQueue::close() {
@@ -83,6 +113,7 @@ void SubmittedTasksQueue::close() {
     std::lock_guard<std::mutex> const lock(mutex);
     closed = true;
     dropped.swap(tasks);
+    gone = 0;
     droppedSettled = settled->takeAll();
     condition.notify_all();
 }
@@ -97,7 +128,7 @@ bool SubmittedTasksQueue::isClosed() const {
 }
 
 bool SubmittedTasksQueue::hasTasks() const {
-    return !tasks.empty() || !settled->isEmpty();
+    return tasks.size() > gone || !settled->isEmpty();
 }
 
 }  // namespace ovra::concurrent

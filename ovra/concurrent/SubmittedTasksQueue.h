@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -81,9 +82,12 @@ private:
     };
 
     OVRA_LOCAL bool hasTasks() const;
+    OVRA_LOCAL void clearAway(std::shared_ptr<SubmittedTask> const& next);
 
     // Guarded by `mutex`: the tasks that a pick walks, oldest first, and those that it need not.
     std::vector<QueuedTask> tasks;
+    std::size_t gone = 0;     // How many of `tasks` have been taken and not yet cleared away.
+    bool hasRepeats = false;  // An object was added that may have been added before.
     std::unique_ptr<SettledTasks> settled;
     std::uint64_t addedSoFar = 0;
 

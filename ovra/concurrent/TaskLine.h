@@ -55,6 +55,8 @@ public:
     bool drop(SubmittedTask const& task);
 
 private:
+    void prefetch(std::size_t place) const;
+
     unsigned int rank;
     std::vector<QueuedTask> entries;  // Without a task: let go of, and not yet cleared away.
     std::size_t first = 0;            // The first entry with a task, or the end.

@@ -70,9 +70,9 @@ private:
 
 // Apart from `log`, so that a message that is not delivered costs no more than the look at its
 // level.
-__attribute__((noinline)) OVRA_PRINTF(3, 0) void logFormatted(LogLevel level, char const* tag,
-                                                              char const* format,
-                                                              std::va_list arguments) {
+__attribute__((noinline))
+OVRA_PRINTF(3, 0) void logFormatted(LogLevel level, char const* tag, char const* format,
+                                    std::va_list arguments) {
     ErrnoKeeper const errnoKeeper;
     CText message = formatMessage(format, arguments);
     if (!message) {
