@@ -1,5 +1,5 @@
 /*
- * The protocol of SubmittedTasksQueue, TaskExecutorWorker, TaskExecutorImpl and the promise of
+ * The protocol of SubmittedTasksQueue, TaskExecutorWorker, TaskExecutorImpl and the end of a
  * SubmittedTask: who wakes whom, in which order, under which lock. What work does, how tasks are
  * ranked and what is logged is left out: a pick takes any queued task.
  *
@@ -19,8 +19,11 @@
  *     were queued when the queue was closed, or added behind it;
  *   - every task is let go of, but by those waiters and the queue.
  *
+ * A waiting thread may be cancelled, and then leaves its stack.
+ *
  * Sizes (-D): WORKERS, TASKS, SUBMITTERS, WAITERS, CANCELLERS, SPURIOUS (how many wake-ups may come
- * from nowhere: a bound, so that they cannot make up for lost ones), SHUTDOWN (0 or 1).
+ * from nowhere: a bound, so that they cannot make up for lost ones), SHUTDOWN (0 or 1),
+ * CANCELLED_THREADS (how many waiters may be cancelled).
  * Faults (-D, one at a time) break the protocol in the ways that tools/test-model lists.
  */
 
@@ -46,6 +49,10 @@
 #define SHUTDOWN 1
 #endif
 
+#ifndef CANCELLED_THREADS
+#define CANCELLED_THREADS 1
+#endif
+
 #define NONE 255
 
 /* SubmittedTasksQueue */
@@ -57,9 +64,11 @@ bool queued[TASKS];
 mtype = { UNSCHEDULED, EXECUTING, CANCELLED, DONE };
 mtype state[TASKS] = UNSCHEDULED;
 bool hasResult[TASKS];
-bool hasPromise[TASKS];
+bool hasWaiter[TASKS];
 bool fulfilled[TASKS];
-bool ready[TASKS];  /* The future's shared state. */
+bool posted[TASKS];  /* The waiter's semaphore, on its stack. */
+bool hasStack[TASKS];
+byte cancelledThreads = CANCELLED_THREADS;
 
 /* TaskExecutorWorker */
 bool terminated[WORKERS];
@@ -181,7 +190,7 @@ proctype canceller(byte t) {
     }
 }
 
-/* TaskHandle::waitForCompletion, over SubmittedTask::waitForCompletion and getFuture */
+/* TaskHandle::waitForCompletion, over SubmittedTask::awaitEnd */
 proctype waiter(byte t) {
     atomic {
         answered[t] ->
@@ -192,33 +201,29 @@ proctype waiter(byte t) {
     }
     atomic {
         if
-        :: !hasPromise[t] ->
-            hasPromise[t] = true;
-            if
 #ifndef LATE_WAITER_NOT_RELEASED
-            :: fulfilled[t] -> ready[t] = true
+        :: fulfilled[t] -> assert(hasResult[t]); holders[t]--; goto done
 #endif
-            :: else
-            fi
-        :: else
-        fi;
-        waiting[t] = true
+        :: else -> hasWaiter[t] = true; hasStack[t] = true; waiting[t] = true
+        fi
     }
 end_wait:
-    atomic {
-        ready[t] ->
-        waiting[t] = false;
-        assert(hasResult[t]);
-        holders[t]--
-    }
+    if
+    :: atomic { posted[t] -> assert(hasResult[t]) }
+    :: atomic { cancelledThreads > 0 -> cancelledThreads--; waiting[t] = false };
+#ifndef CANCELLED_WAIT_LEFT_BEHIND
+        hasWaiter[t] = false
+#endif
+    fi;
+    atomic { waiting[t] = false; hasStack[t] = false; holders[t]-- }
 done:
     skip
 }
 
-/* SubmittedTask::setPromiseValue */
+/* SubmittedTask::setPromiseValue, without a promise that a host has asked for */
 inline setPromiseValue(t) {
 #ifdef FULFILLED_OUTSIDE_LOCK
-    isAwaited = hasPromise[t];
+    isAwaited = hasWaiter[t];
 #endif
     atomic {
         assert(holders[t] > 0);
@@ -226,18 +231,22 @@ inline setPromiseValue(t) {
         assert(!fulfilled[t]);
         fulfilled[t] = true;
 #ifndef FULFILLED_OUTSIDE_LOCK
-        isAwaited = hasPromise[t]
+        isAwaited = hasWaiter[t];
 #endif
+#ifdef POST_OUTSIDE_LOCK
     };
-    if
-    :: atomic { isAwaited -> assert(!ready[t]); ready[t] = true; isAwaited = false }
-    :: else
-    fi
+    atomic {
+#endif
+        if
+        :: isAwaited -> assert(hasStack[t]); posted[t] = true; isAwaited = false
+        :: else
+        fi
+    }
 }
 
 /* SubmittedTask::performCallback */
 inline performCallback(t) {
-    assert(fulfilled[t] && (!waiting[t] || ready[t]))
+    assert(fulfilled[t] && (!waiting[t] || posted[t]))
 }
 
 inline letGo(self) {

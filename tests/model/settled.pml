@@ -2,7 +2,7 @@
  * How a queue that has stopped walking a task learns of its new rank: SubmittedTask::setRank on any
  * thread, and SettledTasks with the part of SubmittedTasksQueue that calls it.
  *
- * Everything but setRank and SettledPlace::noteNewRank runs with the queue's lock held, so one
+ * Everything but setRank and SettledTasks::noteNewRank runs with the queue's lock held, so one
  * process stands for all threads that add, pick and close. Which task a pick takes is left open.
  * Ranks are 1, 2 and FINAL; the strategy doubles them (or, with -DKEPT, keeps them, and then every
  * rank is final).
@@ -10,7 +10,7 @@
  * Checked:
  *   - a pick that starts after setRank has returned compares the task by the rank that was set;
  *   - a task whose rank the strategy will still change is walked by that pick, and so doubled;
- *   - no place is touched after it was erased, or put on the stack twice;
+ *   - the stack holds only tasks that are settled here, which the queue keeps alive;
  *   - after the last pick nothing is left on the stack, and no task is both here and there.
  *
  * A rank that is set between the strategy's reading and writing of it is overwritten: that is
@@ -36,10 +36,6 @@
 #define FINAL 4
 #define NONE 255
 
-/* A task has a new place each time it settles: place t + TASKS * n is the nth of task t. */
-#define PLACES (TASKS * (STEPS + 2))
-#define TASK_OF(place) ((place) % TASKS)
-
 #ifdef KEPT
 #define IS_FINAL(value) true
 #else
@@ -49,14 +45,12 @@
 /* SubmittedTask */
 byte rank[TASKS] = 1;
 bool taskMutex[TASKS];
-byte settled[TASKS] = NONE;  /* A place. */
+bool settled[TASKS];
+bool hasNewRank[TASKS];
+byte nextChanged[TASKS] = NONE;
 
-/* SettledPlace */
-bool inPlaces[PLACES];
-bool hasNewRank[PLACES];
-byte nextChanged[PLACES] = NONE;
-
-/* SettledTasks::changed */
+/* SettledTasks::places and changed */
+bool isPlaced[TASKS];
 byte changed = NONE;
 
 /* What the properties need to know; the code has none of it. */
@@ -64,37 +58,37 @@ byte underWay[TASKS];  /* Calls of setRank that have stored, but not returned. *
 bool touched[TASKS];   /* One stored since the pick began, or was under way then. */
 byte settersDone;
 
-#define ACCESS(place) assert(inPlaces[place])
+#define ACCESS(task) assert(isPlaced[task])
 #define LOCK(mutex) atomic { !mutex -> mutex = true }
 
 /* SettledTasks::pushChanged */
-inline pushChanged(place, seen) {
+inline pushChanged(it, seen) {
 #ifdef PUSH_WITHOUT_EXCHANGE
     seen = changed;
-    ACCESS(place);
-    nextChanged[place] = seen;
-    ACCESS(place);
-    atomic { changed = place; seen = NONE }
+    ACCESS(it);
+    nextChanged[it] = seen;
+    ACCESS(it);
+    atomic { changed = it; seen = NONE }
 #else
-    atomic { ACCESS(place); nextChanged[place] = changed };
+    atomic { ACCESS(it); nextChanged[it] = changed };
     do
     :: atomic {
-        changed == nextChanged[place] -> ACCESS(place); changed = place; break
+        changed == nextChanged[it] -> ACCESS(it); changed = it; break
     }
     :: atomic {
-        changed != nextChanged[place] -> ACCESS(place); nextChanged[place] = changed
+        changed != nextChanged[it] -> ACCESS(it); nextChanged[it] = changed
     }
     od
 #endif
 }
 
-/* SettledPlace::noteNewRank */
-inline noteNewRank(place, seen) {
-    ACCESS(place);
+/* SettledTasks::noteNewRank */
+inline noteNewRank(it, seen) {
+    ACCESS(it);
     if
-    :: !hasNewRank[place] ->
-        hasNewRank[place] = true;
-        pushChanged(place, seen)
+    :: !hasNewRank[it] ->
+        hasNewRank[it] = true;
+        pushChanged(it, seen)
     :: else
     fi
 }
@@ -102,20 +96,20 @@ inline noteNewRank(place, seen) {
 /* SubmittedTask::setRank, told the clamped value */
 inline setRank(t, value) {
 #ifdef LOOK_BEFORE_STORE
-    place = settled[t];
+    isSettled = settled[t];
     atomic { rank[t] = value; underWay[t]++; touched[t] = true };
 #else
     atomic { rank[t] = value; underWay[t]++; touched[t] = true };
-    place = settled[t];
+    isSettled = settled[t];
 #endif
     if
-    :: place != NONE ->
+    :: isSettled ->
 #ifndef NOTE_WITHOUT_MUTEX
         LOCK(taskMutex[t]);
-        place = settled[t];
+        isSettled = settled[t];
 #endif
         if
-        :: place != NONE -> noteNewRank(place, seen)
+        :: isSettled -> noteNewRank(t, seen)
         :: else
         fi;
 #ifndef NOTE_WITHOUT_MUTEX
@@ -123,11 +117,11 @@ inline setRank(t, value) {
 #endif
     :: else
     fi;
-    atomic { place = NONE; underWay[t]-- }
+    atomic { isSettled = false; underWay[t]-- }
 }
 
 proctype setter() {
-    byte place = NONE;
+    bool isSettled = false;
     byte seen = NONE;
     byte sets = 0;
     byte t = 0;
@@ -153,31 +147,24 @@ proctype setter() {
 inline settle(t) {
     LOCK(taskMutex[t]);
     if
-    :: settled[t] == NONE ->
-        place = t + TASKS * usedPlaces[t];
-        atomic {
-            usedPlaces[t]++;
-            assert(place < PLACES);
-            urgency[place] = rank[t];
-            inPlaces[place] = true
-        }
-        settled[t] = place;
+    :: !settled[t] ->
+        atomic { settledRank[t] = rank[t]; isPlaced[t] = true };
+        settled[t] = true;
 #ifndef NO_SECOND_LOOK
         if
-#ifdef SECOND_LOOK_AT_SCORE_ONLY
-        :: urgency[place] != rank[t] -> noteNewRank(place, seen)
+        :: settledRank[t] != rank[t] -> noteNewRank(t, seen)
+#ifdef SECOND_LOOK_FOR_CHANGES_ONLY
         :: else
 #else
-        :: !IS_FINAL(rank[t]) -> noteNewRank(place, seen)
         :: else ->
             if
-            :: urgency[place] != rank[t] -> noteNewRank(place, seen)
+            :: !IS_FINAL(settledRank[t]) -> noteNewRank(t, seen)
             :: else
             fi
 #endif
         fi;
 #endif
-        atomic { unsettled[t] = false; isFinal[t] = false; place = NONE }
+        atomic { unsettled[t] = false; isFinal[t] = false }
     :: else
     fi;
     taskMutex[t] = false
@@ -200,41 +187,45 @@ inline removeChanged(gone) {
 
 /* SettledTasks::remove */
 inline remove(t) {
-#ifndef REMOVE_WITHOUT_MUTEX
-    LOCK(taskMutex[t]);
-#endif
-    atomic { leaving = settled[t]; settled[t] = NONE };
-#ifndef REMOVE_WITHOUT_MUTEX
-    taskMutex[t] = false;
-#endif
     if
-    :: leaving != NONE ->
-        if
-#ifndef CHANGED_PLACE_LEFT_ON_STACK
-        :: hasNewRank[leaving] -> removeChanged(leaving)
+    :: settled[t] ->
+#ifndef REMOVE_WITHOUT_MUTEX
+        LOCK(taskMutex[t]);
 #endif
+        settled[t] = false;
+#ifdef CHANGED_TASK_LEFT_ON_STACK
+        hasNewRank[t] = false;
+#else
+        atomic { isOnStack = hasNewRank[t]; hasNewRank[t] = false };
+#endif
+#ifndef REMOVE_WITHOUT_MUTEX
+        taskMutex[t] = false;
+#endif
+        if
+        :: isOnStack -> removeChanged(t)
         :: else
         fi;
-        atomic { inPlaces[leaving] = false; leaving = NONE }
+        atomic { isOnStack = false; isPlaced[t] = false }
     :: else
     fi
 }
 
 /* SettledTasks::rekey */
-inline rekey(t, it) {
+inline rekey(t) {
 #ifdef RESET_AFTER_READ
-    atomic { ACCESS(it); urgency[it] = rank[t] };
+    newRank = rank[t];
     LOCK(taskMutex[t]);
-    atomic { ACCESS(it); hasNewRank[it] = false; taskMutex[t] = false };
+    atomic { ACCESS(t); hasNewRank[t] = false; taskMutex[t] = false };
 #else
     LOCK(taskMutex[t]);
-    atomic { ACCESS(it); hasNewRank[it] = false; taskMutex[t] = false };
-    atomic { ACCESS(it); urgency[it] = rank[t] };
+    atomic { ACCESS(t); hasNewRank[t] = false; taskMutex[t] = false };
+    newRank = rank[t];
 #endif
     if
-    :: atomic { !IS_FINAL(rank[t]) -> unsettled[t] = true }; remove(t)
-    :: IS_FINAL(rank[t])
-    fi
+    :: !IS_FINAL(newRank) -> unsettled[t] = true; remove(t)
+    :: else -> settledRank[t] = newRank
+    fi;
+    newRank = 0
 }
 
 /* SettledTasks::rekeyChanged */
@@ -243,11 +234,11 @@ inline rekeyChanged() {
     do
     :: walked != NONE ->
 #ifdef NEXT_READ_LATE
-        rekey(TASK_OF(walked), walked);
+        rekey(walked);
         atomic { ACCESS(walked); following = nextChanged[walked] };
 #else
         atomic { ACCESS(walked); following = nextChanged[walked] };
-        rekey(TASK_OF(walked), walked);
+        rekey(walked);
 #endif
         atomic { walked = following; following = NONE }
     :: else -> break
@@ -260,12 +251,13 @@ inline checkRanks() {
         do
         :: n < TASKS ->
             if
-            :: settled[n] != NONE && !touched[n] ->
-                assert(urgency[settled[n]] == rank[n]);
+            :: settled[n] && !touched[n] ->
+                assert(settledRank[n] == rank[n]);
                 assert(IS_FINAL(rank[n]))
             :: else
             fi;
-            assert(!(unsettled[n] && settled[n] != NONE));
+            assert(!(unsettled[n] && settled[n]));
+            assert(settled[n] == isPlaced[n]);
             n++
         :: else -> break
         od;
@@ -287,7 +279,6 @@ inline updateRank(t) {
 
 /* SubmittedTasksQueue::addTask */
 inline addTask(t) {
-    added[t] = true;
     unsettled[t] = true;
     if
     :: IS_FINAL(rank[t]) -> settle(t)
@@ -319,12 +310,12 @@ inline getNextTask() {
     od;
     atomic {
         if
-        :: added[0] && (unsettled[0] || settled[0] != NONE) -> t = 0
+        :: unsettled[0] || settled[0] -> t = 0
 #if TASKS > 1
-        :: added[1] && (unsettled[1] || settled[1] != NONE) -> t = 1
+        :: unsettled[1] || settled[1] -> t = 1
 #endif
 #if TASKS > 2
-        :: added[2] && (unsettled[2] || settled[2] != NONE) -> t = 2
+        :: unsettled[2] || settled[2] -> t = 2
 #endif
         :: t = NONE  /* Two more picks of a task that stays say more than taking it. */
         fi
@@ -353,18 +344,16 @@ inline close() {
     t = 0;
     do
     :: t < TASKS ->
-        if
-        :: settled[t] != NONE ->
 #ifndef CLOSE_LEAVES_SETTLED
+        if
+        :: settled[t] ->
             LOCK(taskMutex[t]);
-            place = settled[t];
-            atomic { settled[t] = NONE; taskMutex[t] = false };
-#else
-            place = settled[t];
-#endif
-            atomic { dropped[t] = place; place = NONE }
+            settled[t] = false;
+            hasNewRank[t] = false;
+            taskMutex[t] = false
         :: else
         fi;
+#endif
         t++
     :: else -> break
     od;
@@ -372,13 +361,7 @@ inline close() {
     atomic {
         t = 0;
         do
-        :: t < TASKS ->
-            if
-            :: dropped[t] != NONE -> inPlaces[dropped[t]] = false
-            :: else
-            fi;
-            unsettled[t] = false;
-            t++
+        :: t < TASKS -> isPlaced[t] = false; unsettled[t] = false; t++
         :: else -> break
         od;
         t = 0
@@ -388,29 +371,26 @@ inline close() {
 proctype queue() {
     bool unsettled[TASKS];  /* SubmittedTasksQueue::tasks */
     bool isFinal[TASKS];
-    bool added[TASKS];
-    byte urgency[PLACES];   /* Of each SettledPlace. */
-    byte usedPlaces[TASKS];
+    byte settledRank[TASKS];
+    byte newRank = 0;
+    bool isOnStack = false;
     byte t = 0;
-    byte place = NONE;
     byte seen = NONE;
     byte other = NONE;
     byte after = NONE;
-    byte leaving = NONE;
     byte walked = NONE;
     byte following = NONE;
     byte doubled = 0;
     byte steps = 0;
-    byte dropped[TASKS] = NONE;
     do
     :: steps < STEPS ->
         if
-        :: !added[0] -> addTask(0)
+        :: !unsettled[0] && !settled[0] -> addTask(0)
 #if TASKS > 1
-        :: !added[1] -> addTask(1)
+        :: !unsettled[1] && !settled[1] -> addTask(1)
 #endif
 #if TASKS > 2
-        :: !added[2] -> addTask(2)
+        :: !unsettled[2] && !settled[2] -> addTask(2)
 #endif
         :: getNextTask()
         fi;
