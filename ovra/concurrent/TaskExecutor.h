@@ -33,7 +33,8 @@ public:
     virtual ~TaskExecutor();
 
     /// Submits `task`; `callback`, which may be empty, is called with it after it has ended, unless
-    /// it was cancelled before it started.
+    /// it was cancelled before a worker reached it. (A cancel that arrives as the worker starts on
+    /// it may be in time to keep the work from running; the callback is called all the same.)
     ///
     /// Refused with an empty handle if both are empty or the executor no longer accepts work. An
     /// empty task with a callback is accepted, and holds a worker until it is cancelled.

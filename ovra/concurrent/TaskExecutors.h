@@ -15,7 +15,9 @@ extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 /// *Ownership*: every call returns a reference to the same executor, made on the first call. It is
 /// released with the library's statics at process exit or unload, where the last reference closes
 /// its queue and joins its worker: a task that never ends holds the exit. A caller that keeps its
-/// reference keeps the executor beyond that point.
+/// reference keeps the executor beyond that point. Exit handlers and statics that are younger than
+/// the first call, such as those that a task's own libraries register, are run before that, while
+/// the worker may still be running tasks.
 ///
 /// *Threads*: Thread-safe, concurrent first calls included.
 ///
