@@ -108,7 +108,9 @@ TEST_P(UnloadTest, EndsTheWorkerAndLeavesNothingBehind) {
     } else if (situation != "idle") {
         expected = {"work ended", "called back"};
     }
-    auto const threadsBefore = threads();
+    // Asked of a thread: a thread checker starts one of its own with the first.
+    std::ptrdiff_t threadsBefore = 0;
+    std::thread([&] { threadsBefore = threads() - 1; }).join();
     std::size_t inUse = 0;
     std::size_t mappings = 0;
     int const rounds = scaled(1000);
@@ -116,7 +118,8 @@ TEST_P(UnloadTest, EndsTheWorkerAndLeavesNothingBehind) {
         loadAndUnload(situation);
 
         ASSERT_EQ(takeEvents(), expected) << "in round " << round;
-        ASSERT_EQ(threads(), threadsBefore) << "in round " << round;
+        // The system may list a thread a little longer than it takes to join it.
+        yieldUntil([&] { return threads() == threadsBefore; });
         ASSERT_THAT(mapped("libovra"), IsEmpty()) << "in round " << round;
         ASSERT_THAT(mapped("lifecyclePlugin"), IsEmpty()) << "in round " << round;
         if (round == rounds / 10) {
@@ -124,10 +127,10 @@ TEST_P(UnloadTest, EndsTheWorkerAndLeavesNothingBehind) {
             mappings = mapped("").size();
         }
     }
-    // Less than the smallest thing that could be forgotten in every round.
-    auto const ofTheRest = static_cast<std::size_t>(rounds - rounds / 10);
-    EXPECT_LT(mallinfo2().uordblks, inUse + 16 * ofTheRest + 4096);
-    if (!SANITIZED) {  // A sanitizer maps as it goes.
+    if (!SANITIZED) {  // A sanitizer maps as it goes, and does not count what is in use.
+        // Less than the smallest thing that could be forgotten in every round.
+        auto const ofTheRest = static_cast<std::size_t>(rounds - rounds / 10);
+        EXPECT_LT(mallinfo2().uordblks, inUse + 16 * ofTheRest + 4096);
         EXPECT_LT(mapped("").size(), mappings + 16);
     }
 }
