@@ -519,6 +519,8 @@ TEST_F(FileHandleBackendImplTransferTest, EmptiesTheTargetOfACopyWhoseSourceCann
 
 TEST_F(FileHandleBackendImplTransferTest, OpensTheSourceOfACopyFirst) {
     writeFile(at("f"));
+    // Before as well: a sanitizer opens descriptors of its own for types that it has not seen.
+    ASSERT_TRUE(FileHandleBackendImpl(at("f")).Copy(FileHandle(at("unlimited"))));
     {
         test::DescriptorLimit const one(1);
         EXPECT_FALSE(FileHandleBackendImpl(at("f")).Copy(FileHandle(at("new"))));
