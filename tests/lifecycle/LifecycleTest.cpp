@@ -1,8 +1,6 @@
 // What becomes of an executor's work when the process, or the executor, ends under it. Each case
 // is a process of its own: see Host.cpp for the ends and Scene.h for the situations.
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,20 +80,14 @@ private:
 Ending runHost(std::string const& end, std::string const& situation) {
     TemporaryFile const output(std::tmpfile());
     TemporaryFile const errors(std::tmpfile());
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fileno(output.get()), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, fileno(errors.get()), STDERR_FILENO);
-    std::string program = LIFECYCLE_HOST;
-    std::string firstArgument = end;
-    std::string secondArgument = situation;
-    char* const arguments[] = {program.data(), firstArgument.data(), secondArgument.data(),
-                               nullptr};
-    pid_t child = 0;
-    int const failed = posix_spawn(&child, program.c_str(), &actions, nullptr, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) {
-        return {{}, "", "not started"};
+    pid_t const child = fork();
+    if (child == 0) {
+        dup2(fileno(output.get()), STDOUT_FILENO);
+        dup2(fileno(errors.get()), STDERR_FILENO);
+        std::string words[] = {LIFECYCLE_HOST, end, situation};
+        char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
+        execv(arguments[0], arguments);
+        _exit(127);
     }
     int status = 0;
     waitpid(child, &status, 0);
