@@ -21,8 +21,6 @@
 namespace ovra::concurrent {
 namespace {
 
-using ::testing::ElementsAre;
-
 static_assert(std::is_same_v<decltype(S_NUM_TASK_EXECUTOR_THREADS), unsigned int const>);
 
 using Getter = std::shared_ptr<TaskExecutor> (*)();
@@ -115,8 +113,9 @@ TEST_P(TaskExecutorsTest, EveryCallIsLogged) {
     GetParam().get();
     GetParam().get();
 
-    test::LogLine const line{GetParam().line, log::INFO};
-    EXPECT_THAT(recorder.lines(), ElementsAre(line, line));
+    // Beside those of the worker, which may start only now.
+    auto const lines = recorder.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), test::LogLine{GetParam().line, log::INFO}), 2);
 }
 
 TEST_P(TaskExecutorsTest, CallsAreSilentAtTheInitialLevel) {

@@ -186,13 +186,16 @@ TEST_F(ExecutorStressTest, ExecutorsCanBeDestroyedInEverySituation) {
         for (int i = random.between(0, 3); i > 0; --i) {
             std::this_thread::yield();
         }
-        if (!handles.empty() && random.oneIn(3)) {
+        bool const isOneCancelled = !handles.empty() && random.oneIn(3);
+        if (isOneCancelled) {
             handles[random.below(static_cast<std::uint32_t>(handles.size()))]->cancel();
         }
         executor.reset();
 
         ASSERT_EQ(started, ended);
-        ASSERT_EQ(ended, calledBack);
+        // One that is cancelled as it begins does not run, but is called back.
+        ASSERT_GE(calledBack, ended);
+        ASSERT_LE(calledBack, ended + (isOneCancelled ? 1 : 0));
         int done = 0;
         for (std::size_t i = 0; i < handles.size(); ++i) {
             bool const isDone = handles[i]->getResult() == Executable::SUCCESS;
