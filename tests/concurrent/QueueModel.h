@@ -1,0 +1,290 @@
+// The rule of a queue in its plainest form: a list, newest first, and exact arithmetic.
+
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <ostream>
+#include <vector>
+
+#include <tests/support/RandomSource.h>
+
+namespace ovra::concurrent::model {
+
+using test::RandomSource;
+
+// --- what both sides are made of
+
+// A call that a host can see: of a strategy of its own, or of an operation that it overrides.
+struct Event {
+    enum Kind { RANK_ASKED, PRIORITY_ASKED, RANK_UPDATED } kind;
+    int task;
+
+    friend bool operator==(Event const& left, Event const& right) {
+        return left.kind == right.kind && left.task == right.task;
+    }
+    friend std::ostream& operator<<(std::ostream& out, Event const& event) {
+        static char const* const NAMES[] = {"rank asked of ", "priority asked of ", "update of "};
+        return out << NAMES[event.kind] << event.task;
+    }
+};
+
+enum TaskKind {
+    PLAIN,            // No subclass.
+    HONEST,           // A subclass that answers what it has.
+    RANDOM_RANK,      // Any rank, another one each time.
+    NEAR_ZERO_SCORE,  // A rank that brings the score to where it wraps.
+    HUGE_RANK,        // Above the cap.
+    COUNTING,         // Its rank, and one more at each question.
+    RANDOM_PRIORITY,  // Any priority, another one each time.
+    TASK_KINDS
+};
+
+// How a subclass answers.
+class Answers {
+public:
+    Answers(TaskKind taskKind, std::uint64_t seed) : kind(taskKind), random(seed) {}
+
+    std::uint32_t rank(std::uint32_t stored, std::int32_t index) {
+        ++asked;
+        switch (kind) {
+            case RANDOM_RANK:
+                return random.word() >> random.below(32);
+            case NEAR_ZERO_SCORE:
+                return static_cast<std::uint32_t>(random.between(-3, 3)) -
+                       static_cast<std::uint32_t>(index);
+            case HUGE_RANK:
+                return 0x80000000u + (random.word() >> random.between(1, 31));
+            case COUNTING:
+                return stored + asked;
+            default:
+                return stored;
+        }
+    }
+    std::int32_t priority(std::int32_t stored) {
+        return kind == RANDOM_PRIORITY ? random.between(-1, 6) : stored;
+    }
+
+private:
+    TaskKind kind;
+    RandomSource random;
+    std::uint32_t asked = 0;
+};
+
+enum StrategyKind {
+    NO_STRATEGY,
+    KEEPING,  // The library's own two.
+    DOUBLING,
+    DERIVED_KEEPING,  // Each with something added by a host.
+    DERIVED_DOUBLING,
+    SCRIPTED,  // Does whatever it likes, to any task.
+    STRATEGY_KINDS
+};
+
+inline char const* nameOf(StrategyKind kind) {
+    static char const* const NAMES[] = {"NoStrategy",     "Keeping",         "Doubling",
+                                        "DerivedKeeping", "DerivedDoubling", "Scripted"};
+    return NAMES[kind];
+}
+
+// What a scripted strategy can do, on either side.
+class Hands {
+public:
+    Hands() = default;
+    Hands(Hands const&) = delete;
+    Hands& operator=(Hands const&) = delete;
+    virtual ~Hands() = default;
+    virtual void setRank(int task, std::uint32_t rank) = 0;
+    virtual void setPriority(int task, std::int32_t priority) = 0;
+    virtual std::uint32_t askRank(int task) = 0;
+};
+
+template <typename Source>
+std::uint32_t anyRank(Source& random) {
+    switch (random.below(5)) {
+        case 0:
+            return random.below(20);
+        case 1:
+            return 0x7fffffffu - random.below(3);
+        case 2:
+            return 0x7fffffffu + random.below(3);
+        case 3:
+            return random.word();
+        default:
+            return random.word() >> random.below(32);
+    }
+}
+
+template <typename Source>
+std::int32_t anyPriority(Source& random) {
+    static constexpr std::int32_t ODD[] = {0, -1, 5, 6, INT32_MAX, INT32_MIN, INT32_MIN + 2};
+    return random.oneIn(8) ? ODD[random.below(7)] : random.between(1, 4);
+}
+
+class Script {
+public:
+    explicit Script(std::uint64_t seed) : random(seed) {}
+
+    void update(int task, std::vector<int> const& present, Hands& hands) {
+        int const other = present[random.below(static_cast<std::uint32_t>(present.size()))];
+        switch (random.below(8)) {
+            case 0:
+                hands.setRank(task, anyRank(random));
+                break;
+            case 1:
+                hands.setRank(other, anyRank(random));
+                break;
+            case 2:
+                hands.setPriority(other, anyPriority(random));
+                break;
+            case 3:
+                hands.setRank(task, hands.askRank(other));
+                break;
+            case 4:
+                hands.setRank(task, hands.askRank(task) + 1);
+                break;
+            default:
+                break;
+        }
+    }
+
+private:
+    RandomSource random;
+};
+
+// --- the model
+
+class Model : public Hands {
+public:
+    struct Task {
+        std::int64_t index;
+        std::int64_t rank;
+        std::int32_t priority;
+        bool overrides;
+        Answers answers;
+    };
+    struct Queue {
+        StrategyKind strategy;
+        Script script;
+        bool closed;
+        std::list<int> tasks;  // Newest first.
+    };
+
+    static std::int64_t initialRank(std::int32_t priority) {
+        switch (priority) {
+            case 2:
+                return 1000;
+            case 3:
+                return 1000000;
+            case 4:
+                return 2147483647;
+            default:
+                return 1;
+        }
+    }
+
+    void make(int task, std::int32_t index, std::int32_t priority, TaskKind kind,
+              std::uint64_t seed) {
+        tasks.emplace(
+            task, Task{index, initialRank(priority), priority, kind != PLAIN, Answers(kind, seed)});
+    }
+    void forget(int task) { tasks.erase(task); }
+
+    std::uint32_t askRank(int id) override {
+        Task& task = tasks.at(id);
+        auto const stored = static_cast<std::uint32_t>(task.rank);
+        if (!task.overrides) {
+            return stored;
+        }
+        events.push_back({Event::RANK_ASKED, id});
+        return task.answers.rank(stored, static_cast<std::int32_t>(task.index));
+    }
+    std::int32_t askPriority(int id) {
+        Task& task = tasks.at(id);
+        if (!task.overrides) {
+            return task.priority;
+        }
+        events.push_back({Event::PRIORITY_ASKED, id});
+        return task.answers.priority(task.priority);
+    }
+    void setRank(int id, std::uint32_t newRank) override {
+        std::int64_t rank = newRank;
+        if (rank > 2147483647) {
+            rank = 2147483647;
+        }
+        std::int64_t const floor = initialRank(askPriority(id));
+        if (rank < floor) {
+            rank = floor;
+        }
+        tasks.at(id).rank = rank;
+    }
+    void setPriority(int id, std::int32_t priority) override {
+        tasks.at(id).priority = priority;
+        setRank(id, static_cast<std::uint32_t>(initialRank(priority)));
+    }
+
+    void updateRank(Queue& queue, int id) {
+        switch (queue.strategy) {
+            case NO_STRATEGY:
+            case KEEPING:
+                break;
+            case DERIVED_KEEPING:
+                events.push_back({Event::RANK_UPDATED, id});
+                break;
+            case DOUBLING:
+                doubleRank(id);
+                break;
+            case DERIVED_DOUBLING:
+                events.push_back({Event::RANK_UPDATED, id});
+                doubleRank(id);
+                break;
+            default:
+                events.push_back({Event::RANK_UPDATED, id});
+                queue.script.update(id, present, *this);
+                break;
+        }
+    }
+    void doubleRank(int id) {
+        std::int64_t const rank = askRank(id);
+        std::int64_t const doubled = (rank * 2) % 4294967296;
+        setRank(id, static_cast<std::uint32_t>(rank > doubled ? rank : doubled));
+    }
+
+    bool add(Queue& queue, int id) {
+        if (queue.closed) {
+            return false;
+        }
+        queue.tasks.push_front(id);
+        return true;
+    }
+    // -1 if none.
+    int pick(Queue& queue) {
+        if (queue.closed) {
+            return -1;
+        }
+        int best = -1;
+        std::int64_t bestScore = 0;
+        for (int const id : queue.tasks) {
+            std::int64_t const rank = askRank(id);
+            std::int64_t const score = (rank + tasks.at(id).index) % 4294967296;
+            if (score > bestScore) {
+                best = id;
+                bestScore = score;
+            }
+            updateRank(queue, id);
+        }
+        queue.tasks.remove(best);
+        return best;
+    }
+    void close(Queue& queue) {
+        queue.closed = true;
+        queue.tasks.clear();
+    }
+
+    std::map<int, Task> tasks;
+    std::vector<int> present;  // All that exist, for scripts to choose from.
+    std::vector<Event> events;
+};
+
+}  // namespace ovra::concurrent::model

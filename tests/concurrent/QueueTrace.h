@@ -1,0 +1,447 @@
+// Drives queues of tasks, and models of them, through one sequence of operations.
+
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <tests/concurrent/QueueModel.h>
+#include <tests/concurrent/Work.h>
+
+namespace ovra::concurrent::model {
+
+// --- the real thing
+
+class OddTask : public SubmittedTask {
+public:
+    OddTask(TaskPriority initialPriority, int ownId, Answers ownAnswers,
+            std::vector<Event>& allEvents)
+        : SubmittedTask(succeed(), initialPriority, Callback(), "odd"),
+          id(ownId),
+          answers(ownAnswers),
+          events(&allEvents) {}
+
+    unsigned int getRank() const override {
+        events->push_back({Event::RANK_ASKED, id});
+        return answers.rank(SubmittedTask::getRank(), getUniqueIndex());
+    }
+    TaskPriority getPriority() const override {
+        events->push_back({Event::PRIORITY_ASKED, id});
+        return static_cast<TaskPriority>(answers.priority(SubmittedTask::getPriority()));
+    }
+
+private:
+    int const id;
+    mutable Answers answers;
+    std::vector<Event>* const events;
+};
+
+class Real : public Hands {
+public:
+    struct Task {
+        SubmittedTask* raw;
+        std::shared_ptr<SubmittedTask> owned;  // Empty while the queues alone own it.
+        std::weak_ptr<SubmittedTask> watched;
+        std::vector<std::shared_ptr<TaskHandle>> handles;
+    };
+
+    std::uint32_t askRank(int id) override { return tasks.at(id).raw->getRank(); }
+    void setRank(int id, std::uint32_t rank) override { tasks.at(id).raw->setRank(rank); }
+    void setPriority(int id, std::int32_t priority) override {
+        tasks.at(id).raw->setPriority(static_cast<TaskPriority>(priority));
+    }
+
+    std::int32_t make(int id, std::int32_t priority, TaskKind kind, std::uint64_t seed) {
+        auto const typed = static_cast<TaskPriority>(priority);
+        std::shared_ptr<SubmittedTask> task;
+        if (kind == PLAIN) {
+            task = submission(succeed(), typed);
+        } else {
+            task = std::make_shared<OddTask>(typed, id, Answers(kind, seed), events);
+        }
+        std::int32_t const index = task->getUniqueIndex();
+        ids.emplace(task.get(), id);
+        auto* const raw = task.get();
+        tasks.emplace(id, Task{raw, task, task, {}});
+        return index;
+    }
+    void forget(int id) {
+        ids.erase(tasks.at(id).raw);
+        tasks.erase(id);
+    }
+
+    std::shared_ptr<SubmittedTasksQueue> makeQueue(StrategyKind kind, std::uint64_t scriptSeed);
+
+    std::map<int, Task> tasks;
+    std::map<SubmittedTask*, int> ids;
+    std::vector<int> present;
+    std::vector<Event> events;
+};
+
+class DerivedKeeping : public HighestPriorityTaskRankingStrategy {
+public:
+    explicit DerivedKeeping(Real& allTasks) : real(&allTasks) {}
+    void updateRank(SubmittedTask* task) override {
+        real->events.push_back({Event::RANK_UPDATED, real->ids.at(task)});
+        HighestPriorityTaskRankingStrategy::updateRank(task);
+    }
+
+private:
+    Real* const real;
+};
+
+class DerivedDoubling : public NoStarveTaskRankingStrategy {
+public:
+    explicit DerivedDoubling(Real& allTasks) : real(&allTasks) {}
+    void updateRank(SubmittedTask* task) override {
+        real->events.push_back({Event::RANK_UPDATED, real->ids.at(task)});
+        NoStarveTaskRankingStrategy::updateRank(task);
+    }
+
+private:
+    Real* const real;
+};
+
+class ScriptedStrategy : public TaskRankingStrategy {
+public:
+    ScriptedStrategy(Real& allTasks, std::uint64_t seed) : real(&allTasks), script(seed) {}
+    void updateRank(SubmittedTask* task) override {
+        int const id = real->ids.at(task);
+        real->events.push_back({Event::RANK_UPDATED, id});
+        script.update(id, real->present, *real);
+    }
+
+private:
+    Real* const real;
+    Script script;
+};
+
+inline std::shared_ptr<SubmittedTasksQueue> Real::makeQueue(StrategyKind kind,
+                                                            std::uint64_t scriptSeed) {
+    std::shared_ptr<TaskRankingStrategy> strategy;
+    switch (kind) {
+        case NO_STRATEGY:
+            break;
+        case KEEPING:
+            strategy = std::make_shared<HighestPriorityTaskRankingStrategy>();
+            break;
+        case DOUBLING:
+            strategy = std::make_shared<NoStarveTaskRankingStrategy>();
+            break;
+        case DERIVED_KEEPING:
+            strategy = std::make_shared<DerivedKeeping>(*this);
+            break;
+        case DERIVED_DOUBLING:
+            strategy = std::make_shared<DerivedDoubling>(*this);
+            break;
+        default:
+            strategy = std::make_shared<ScriptedStrategy>(*this, scriptSeed);
+            break;
+    }
+    return std::make_shared<SubmittedTasksQueue>(std::move(strategy));
+}
+
+// --- a trace
+
+struct Profile {
+    char const* name;
+    std::vector<StrategyKind> strategies;  // One queue each; tasks may be in several.
+    std::uint32_t oneOddTaskIn;            // 0: none.
+    std::uint32_t usualSize;               // About how many tasks a queue holds.
+    bool readsSeldom;                      // Ranks are compared now and then only.
+};
+
+inline void PrintTo(Profile const& profile, std::ostream* out) {
+    *out << profile.name;
+}
+
+// Random operations on queues and on their models, with what both come to compared. `Source` says
+// which: numbers like those of a RandomSource.
+template <typename Source>
+class Trace {
+public:
+    Trace(Profile const& traceProfile, Source& choices) : profile(traceProfile), random(choices) {
+        for (StrategyKind const kind : profile.strategies) {
+            addQueue(kind);
+        }
+    }
+    Trace(Trace const&) = delete;
+    Trace& operator=(Trace const&) = delete;
+
+    // One operation. Not to be called again after a difference.
+    void advance() {
+        // Phases in which the queues grow, and in which they shrink again.
+        if (random.oneIn(profile.usualSize * 2)) {
+            growing = !growing;
+        }
+        step();
+        if (!profile.readsSeldom || random.oneIn(40)) {
+            compare();
+        }
+        ++done;
+    }
+
+    // Empties the queues, as far as their scores let them.
+    void drain() {
+        for (auto& queue : queues) {
+            std::size_t attempts = queue.model.tasks.size() + 20;
+            while (!queue.model.tasks.empty() && attempts-- > 0 && !::testing::Test::HasFailure()) {
+                pick(queue);
+                if (!profile.readsSeldom || random.oneIn(40)) {
+                    compare();
+                }
+            }
+        }
+        compare();
+    }
+
+private:
+    struct QueuePair {
+        Model::Queue model;
+        std::shared_ptr<SubmittedTasksQueue> real;
+    };
+
+    void addQueue(StrategyKind kind) {
+        std::uint64_t const seed = random.next();
+        queues.push_back({Model::Queue{kind, Script(seed), false, {}}, real.makeQueue(kind, seed)});
+    }
+    QueuePair& anyQueue() {
+        return queues[random.below(static_cast<std::uint32_t>(queues.size()))];
+    }
+    int anyTask() {
+        return model.present[random.below(static_cast<std::uint32_t>(model.present.size()))];
+    }
+    // How often each task is queued.
+    std::map<int, int> places() const {
+        std::map<int, int> result;
+        for (auto const& queue : queues) {
+            for (int const id : queue.model.tasks) {
+                ++result[id];
+            }
+        }
+        return result;
+    }
+
+    void step() {
+        std::uint32_t const dice = random.below(100);
+        if (model.present.empty() || dice < (growing ? 45u : 15u)) {
+            add(anyQueue(), make());
+        } else if (dice < (growing ? 60u : 65u)) {
+            pick(anyQueue());
+        } else if (dice < 70) {
+            changePriority(anyTask());
+        } else if (dice < 76) {
+            changeRank(anyTask());
+        } else if (dice < 84) {
+            bringScoresTogether();
+        } else if (dice < 86) {
+            updateFromOutside(anyTask());
+        } else if (dice < 88) {
+            add(anyQueue(), anyTask());  // Perhaps it is in one already.
+        } else if (dice < 90) {
+            cancel(anyTask());
+        } else if (dice < 93) {
+            leaveToTheQueues(anyTask());
+        } else if (dice < 96) {
+            forgetWhatNoQueueHolds();
+        } else if (dice < 97) {
+            for (std::uint32_t gap = random.below(50); gap > 0; --gap) {
+                submission();
+            }
+        } else if (dice < 98 && random.oneIn(profile.usualSize)) {
+            replace(anyQueue());
+        } else {
+            ask(anyQueue());
+        }
+        if (model.present.size() > profile.usualSize * 4) {
+            forgetWhatNoQueueHolds();
+        }
+    }
+
+    int make() {
+        int const id = nextId++;
+        std::int32_t const priority = anyPriority(random);
+        bool const odd = profile.oneOddTaskIn != 0 && random.oneIn(profile.oneOddTaskIn);
+        auto const kind =
+            odd ? static_cast<TaskKind>(random.between(HONEST, TASK_KINDS - 1)) : PLAIN;
+        std::uint64_t const seed = random.next();
+        std::int32_t const index = real.make(id, priority, kind, seed);
+        if (lastIndex != 0) {
+            EXPECT_LT(index, lastIndex);
+        }
+        lastIndex = index;
+        model.make(id, index, priority, kind, seed);
+        model.present.push_back(id);
+        real.present = model.present;
+        return id;
+    }
+
+    void add(QueuePair& queue, int id) {
+        auto& task = real.tasks.at(id);
+        auto owned = task.owned ? task.owned : task.watched.lock();
+        auto handle = queue.real->addTask(std::move(owned));
+        bool const taken = model.add(queue.model, id);
+        ASSERT_EQ(handle != nullptr, taken) << where() << " adding " << id;
+        if (handle) {
+            ASSERT_EQ(task.raw->getHandle().lock(), handle) << where();
+            task.handles.push_back(std::move(handle));
+            if (task.handles.size() > 3) {
+                task.handles.erase(task.handles.begin());
+            }
+        }
+    }
+
+    void pick(QueuePair& queue) {
+        std::shared_ptr<SubmittedTask> picked = queue.real->getNextTask();
+        int const expected = model.pick(queue.model);
+        int const found = picked ? real.ids.at(picked.get()) : -1;
+        ASSERT_EQ(found, expected)
+            << where() << " picking from the queue " << nameOf(queue.model.strategy);
+        if (picked) {
+            real.tasks.at(found).owned = std::move(picked);
+        }
+    }
+
+    void changePriority(int id) {
+        std::int32_t const priority = anyPriority(random);
+        auto const& task = real.tasks.at(id);
+        if (!task.handles.empty() && random.oneIn(2)) {
+            auto const& handle =
+                task.handles[random.below(static_cast<std::uint32_t>(task.handles.size()))];
+            handle->updatePriority(static_cast<TaskPriority>(priority));
+        } else {
+            real.setPriority(id, priority);
+        }
+        model.setPriority(id, priority);
+    }
+
+    void changeRank(int id) {
+        std::uint32_t const rank = anyRank(random);
+        real.setRank(id, rank);
+        model.setRank(id, rank);
+    }
+
+    // Two tasks with equal scores, or with neighbouring ones.
+    void bringScoresTogether() {
+        int const first = anyTask();
+        int const second = anyTask();
+        std::int64_t const rank = model.tasks.at(first).rank + model.tasks.at(first).index -
+                                  model.tasks.at(second).index + random.between(-1, 1);
+        if (rank >= 0 && rank <= 0x7fffffff) {
+            real.setRank(second, static_cast<std::uint32_t>(rank));
+            model.setRank(second, static_cast<std::uint32_t>(rank));
+        }
+    }
+
+    void updateFromOutside(int id) {
+        NoStarveTaskRankingStrategy().updateRank(real.tasks.at(id).raw);
+        model.doubleRank(id);
+    }
+
+    void cancel(int id) {
+        auto const& task = real.tasks.at(id);
+        if (!task.handles.empty()) {
+            task.handles.back()->cancel();
+        } else {
+            task.raw->setState(Executable::CANCELLED);
+        }
+        ASSERT_TRUE(task.raw->isCancelled()) << where();
+    }
+
+    void leaveToTheQueues(int id) {
+        if (places().count(id) != 0) {
+            real.tasks.at(id).owned.reset();
+            ASSERT_FALSE(real.tasks.at(id).watched.expired()) << where() << " lost " << id;
+        }
+    }
+
+    void forgetWhatNoQueueHolds() {
+        auto const queued = places();
+        auto const isForgotten = [&](int id) {
+            if (queued.count(id) != 0) {
+                return false;
+            }
+            auto const watched = real.tasks.at(id).watched;
+            model.forget(id);
+            real.forget(id);
+            EXPECT_TRUE(watched.expired()) << where() << " still holding " << id;
+            return true;
+        };
+        model.present.erase(std::remove_if(model.present.begin(), model.present.end(), isForgotten),
+                            model.present.end());
+        real.present = model.present;
+    }
+
+    void replace(QueuePair& queue) {
+        std::vector<int> const dropped(queue.model.tasks.begin(), queue.model.tasks.end());
+        for (int const id : dropped) {
+            real.tasks.at(id).owned = real.tasks.at(id).watched.lock();
+        }
+        queue.real->close();
+        model.close(queue.model);
+        compare();
+        if (!model.present.empty()) {
+            add(queue, anyTask());
+        }
+        pick(queue);
+        StrategyKind const kind = queue.model.strategy;
+        std::uint64_t const seed = random.next();
+        queue.model = Model::Queue{kind, Script(seed), false, {}};
+        queue.real = real.makeQueue(kind, seed);
+    }
+
+    void ask(QueuePair& queue) {
+        ASSERT_EQ(queue.real->isEmpty(), queue.model.tasks.empty()) << where();
+        ASSERT_EQ(queue.real->isClosed(), queue.model.closed) << where();
+    }
+
+    void compare() {
+        auto queued = places();
+        for (auto const& entry : real.tasks) {
+            SubmittedTask const& task = *entry.second.raw;
+            Model::Task const& expected = model.tasks.at(entry.first);
+            ASSERT_EQ(task.SubmittedTask::getRank(), expected.rank)
+                << where() << ": rank of " << entry.first;
+            ASSERT_EQ(task.SubmittedTask::getPriority(), expected.priority)
+                << where() << ": priority of " << entry.first;
+            int const references = queued[entry.first] + (entry.second.owned ? 1 : 0);
+            ASSERT_EQ(entry.second.watched.use_count(), references)
+                << where() << ": references to " << entry.first;
+        }
+        for (auto& queue : queues) {
+            ask(queue);
+        }
+        ASSERT_TRUE(real.events == model.events)
+            << where() << ": calls differ\n  real:  " << listed(real.events)
+            << "\n  model: " << listed(model.events);
+        real.events.clear();
+        model.events.clear();
+    }
+
+    std::string where() const {
+        return "trace " + std::string(profile.name) + ", operation " + std::to_string(done);
+    }
+    static std::string listed(std::vector<Event> const& events) {
+        return ::testing::PrintToString(events);
+    }
+
+    Profile const profile;
+    Source& random;
+    bool growing = true;
+    int done = 0;
+    int nextId = 0;
+    std::int32_t lastIndex = 0;
+    Model model;
+    Real real;
+    std::vector<QueuePair> queues;
+};
+
+}  // namespace ovra::concurrent::model
