@@ -1,0 +1,245 @@
+// Messages of any level, tag, format and arguments, through every kind of sink: what arrives,
+// against what vsnprintf makes of them.
+
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fuzzer/FuzzedDataProvider.h>
+#include <gtest/gtest.h>
+#include <ovra/log/LogHandlers.h>
+#include <tests/log/LogTestSupport.h>
+
+#include "Fuzzer.h"
+
+namespace {
+
+OVRA_PRINTF(1, 0) std::string formatted(char const* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    int const length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    return text.c_str();
+}
+
+struct SystemLogEntry {
+    int priority;
+    std::string format;
+    std::string text;
+
+    friend bool operator==(SystemLogEntry const& left, SystemLogEntry const& right) {
+        return left.priority == right.priority && left.format == right.format &&
+               left.text == right.text;
+    }
+};
+std::vector<SystemLogEntry> s_systemLog;
+
+}  // namespace
+
+// In place of the C library's.
+void syslog(int priority, char const* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    s_systemLog.push_back({priority, format, formatted(format, arguments)});
+    va_end(arguments);
+}
+
+namespace ovra::log {
+namespace {
+
+// The system log takes a line as its format: callers double what percent signs there are.
+std::string withPercentSigns(std::string const& text, std::string const& sign) {
+    std::string result;
+    for (char const character : text) {
+        result += character == '%' ? sign : std::string(1, character);
+    }
+    return result;
+}
+
+std::string asWrittenBySystemLog(std::string const& line) {
+    std::string result;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        result += line[i];
+        i += line[i] == '%' ? 1 : 0;
+    }
+    return result;
+}
+
+int priorityOf(LogLevel level) {
+    switch (level) {
+        case CRITICAL:
+            return LOG_CRIT;
+        case ERROR:
+            return LOG_ERR;
+        case DEBUG:
+            return LOG_DEBUG;
+        default:
+            return LOG_INFO;
+    }
+}
+
+char const* nameOf(LogLevel level) {
+    static constexpr char const* NAMES[] = {"DISABLED", "CRITICAL", "ERROR",  "WARNING",
+                                            "INFO",     "DEBUG",    "VERBOSE"};
+    return level >= DISABLED && level <= VERBOSE ? NAMES[level] : "UNKNOWN";
+}
+
+LogLevel anyLevel(FuzzedDataProvider& bytes) {
+    return static_cast<LogLevel>(bytes.ConsumeBool() ? bytes.ConsumeIntegralInRange(0, 7)
+                                                     : bytes.ConsumeIntegral<int>());
+}
+
+/// A format and, always in this order, the arguments of as many conversions as it has.
+struct Message {
+    explicit Message(FuzzedDataProvider& bytes)
+        : width(bytes.ConsumeIntegralInRange(-200, 200)),
+          number(bytes.ConsumeIntegral<int>()),
+          realPrecision(bytes.ConsumeIntegralInRange(-1, 50)),
+          real(bytes.ConsumeFloatingPoint<double>()),
+          textPrecision(bytes.ConsumeIntegralInRange(-1, 50)),
+          text(withPercentSigns(bytes.ConsumeRandomLengthString(64),
+                                textPrecision < 0 ? "%%" : "")),  // A cut could halve a pair.
+          large(bytes.ConsumeIntegral<unsigned long long>()) {
+        std::vector<std::string> const conversions = {
+            "%" + flags(bytes) + "*" + bytes.PickValueInArray({"d", "i", "x", "o"}),
+            "%" + flags(bytes) + ".*" + bytes.PickValueInArray({"f", "e", "g", "a"}),
+            bytes.ConsumeBool() ? "%.*s" : "%-20.*s",
+            "%" + flags(bytes) + bytes.PickValueInArray({"llu", "20llX", ".30llo"}),
+        };
+        std::size_t const used = bytes.ConsumeIntegralInRange<std::size_t>(0, conversions.size());
+        for (std::size_t i = 0; i < used; ++i) {
+            format += literal(bytes) + conversions[i];
+        }
+        format += literal(bytes);
+        if (bytes.ConsumeIntegralInRange(0, 20) == 20) {
+            format += "%2147483648d";  // Wider than any message can be.
+            fails = true;
+        }
+    }
+
+    static std::string flags(FuzzedDataProvider& bytes) {
+        return bytes.PickValueInArray({"", "-", "0", "+", " ", "#", "-+#"});
+    }
+    static std::string literal(FuzzedDataProvider& bytes) {
+        std::string const text = bytes.ConsumeRandomLengthString(32).c_str();
+        return withPercentSigns(text, "%%%%") + (bytes.ConsumeBool() ? "%m" : "");
+    }
+
+    /// Calls `function` with `first`, the format and all arguments.
+    template <typename Function, typename... First>
+    auto passTo(Function function, First... first) const {
+        return function(first..., format.c_str(), width, number, realPrecision, real, textPrecision,
+                        text.c_str(), large);
+    }
+
+    int width;
+    int number;
+    int realPrecision;
+    double real;
+    int textPrecision;
+    std::string text;
+    unsigned long long large;
+    std::string format;
+    bool fails = false;
+};
+
+OVRA_PRINTF(1, 2) std::string print(char const* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::string text = formatted(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+/// What every kind of sink has got since this was made. The sinks stay: none can be taken out.
+class Received {
+public:
+    Received() {
+        s_systemLog.clear();
+        hostsOwn().clear();
+        addLogHandler(STANDARD_STREAM_HANDLER, "streams");
+        addLogHandler(PLATFORM_HANDLER, "system log");
+        addLogHandler(FILE_HANDLER, file().c_str());
+        addLogHandler(std::make_shared<test::FunctionSink>([](char const* line, LogLevel level) {
+                          hostsOwn().push_back({line, level});
+                      }),
+                      "host's own");
+    }
+
+    struct Line {
+        std::string text;
+        LogLevel level;
+
+        friend bool operator==(Line const& left, Line const& right) {
+            return left.text == right.text && left.level == right.level;
+        }
+    };
+    static std::vector<Line>& hostsOwn() {
+        static std::vector<Line> lines;
+        return lines;
+    }
+    static std::string const& file() {
+        static test::TemporaryDirectory const directory;
+        static std::string const path = directory.path("fuzzed.log");
+        return path;
+    }
+
+    test::StreamCapture output{std::cout};
+    test::StreamCapture errors{std::cerr};
+};
+
+void compare(FuzzedDataProvider& bytes) {
+    Received const received;
+    std::vector<Received::Line> lines;
+    std::vector<SystemLogEntry> entries;
+    std::string file;
+    std::string output;
+    std::string errors;
+
+    while (bytes.remaining_bytes() > 0) {
+        LogLevel const threshold = anyLevel(bytes);
+        LogLevel const level = anyLevel(bytes);
+        bool const hasTag = bytes.ConsumeBool();
+        std::string const tag = withPercentSigns(bytes.ConsumeRandomLengthString(16), "%%").c_str();
+        Message const message(bytes);
+
+        setLogLevel(threshold);
+        errno = EDOM;
+        message.passTo(log, level, hasTag ? tag.c_str() : nullptr);
+        EXPECT_EQ(errno, EDOM);
+
+        if (threshold == DISABLED || threshold < level || message.fails) {
+            continue;
+        }
+        errno = EDOM;  // For "%m".
+        std::string const line =
+            "[" + (hasTag ? tag : "(null)") + ":" + nameOf(level) + "] " + message.passTo(print);
+        lines.push_back({line, level});
+        entries.resize(entries.size() + 2, {priorityOf(level), line, asWrittenBySystemLog(line)});
+        file += line + "\n";
+        (level == CRITICAL || level == ERROR ? errors : output) += line + "\n<flush>";
+    }
+
+    EXPECT_TRUE(Received::hostsOwn() == lines);
+    EXPECT_TRUE(s_systemLog == entries);
+    EXPECT_EQ(test::contentOf(Received::file()), file);
+    EXPECT_EQ(received.output.text, output);
+    EXPECT_EQ(received.errors.text, errors);
+}
+
+}  // namespace
+}  // namespace ovra::log
+
+int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    FuzzedDataProvider bytes(data, size);
+    ovra::log::compare(bytes);
+    return 0;
+}
