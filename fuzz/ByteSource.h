@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -19,6 +20,10 @@ public:
         return bytes.ConsumeIntegralInRange<std::uint32_t>(0, limit - 1);
     }
     int between(int first, int last) { return bytes.ConsumeIntegralInRange(first, last); }
+    template <typename Container>
+    auto& pick(Container& container) {
+        return container[bytes.ConsumeIntegralInRange<std::size_t>(0, std::size(container) - 1)];
+    }
     bool oneIn(std::uint32_t chances) { return below(chances) == 0; }
 
 private:

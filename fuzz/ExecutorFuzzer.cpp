@@ -211,7 +211,7 @@ private:
 
     void cancel() {
         if (!tasks.empty()) {
-            Submitted& task = tasks[random.below(static_cast<std::uint32_t>(tasks.size()))];
+            Submitted& task = random.pick(tasks);
             task.handle->cancel();
             if (task.expected.state == Executable::UNSCHEDULED) {
                 task.expected.state = Executable::CANCELLED;

@@ -1,9 +1,23 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "Fuzzer.h"
 
-// An expectation that fails ends the process, for the fuzzer to keep the input.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    GTEST_FLAG_SET(break_on_failure, true);
+namespace {
+
+class AbortOnFailure : public ::testing::EmptyTestEventListener {
+    void OnTestPartResult(::testing::TestPartResult const& result) override {
+        if (result.failed()) {
+            std::abort();
+        }
+    }
+};
+
+}  // namespace
+
+// An expectation that fails ends the process, once it is printed, for the fuzzer to keep the input.
+int LLVMFuzzerInitialize(int*, char***) {
+    ::testing::UnitTest::GetInstance()->listeners().Append(new AbortOnFailure);
     return 0;
 }
