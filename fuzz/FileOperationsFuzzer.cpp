@@ -219,7 +219,7 @@ public:
 private:
     /// A handle, and the path that it is to have.
     struct Entry {
-        Entry(char const* name) : handle(name), path(name) {}
+        explicit Entry(char const* name) : handle(name), path(name) {}
 
         FileHandle handle;
         std::string path;
@@ -403,31 +403,35 @@ private:
     void compareQueries(Entry const& entry) const {
         Model const asked = model;
         FileHandle const& handle = entry.handle;
-        FileTree::Node const* const node = asked.node(entry.path);
+        FileTree::Node const* const found = asked.node(entry.path);
         EXPECT_EQ(handle.Path().Path(), entry.path);
         if (asked.tree.hasLeft()) {
             return;
         }
+        bool const exists = found != nullptr;
+        FileTree::Node const node = exists ? *found : FileTree::Node{};
+        bool const isFile = exists && node.kind == FileTree::FILE;
+        bool const isDirectory = exists && node.kind == FileTree::DIRECTORY;
         SCOPED_TRACE(entry.path);
-        EXPECT_EQ(handle.Exists(), node != nullptr);
-        EXPECT_EQ(handle.IsFile(), asked.isFile(entry.path));
-        EXPECT_EQ(handle.IsDirectory(), asked.isDirectory(entry.path));
+        EXPECT_EQ(handle.Exists(), exists);
+        EXPECT_EQ(handle.IsFile(), isFile);
+        EXPECT_EQ(handle.IsDirectory(), isDirectory);
         EXPECT_EQ(handle.IsSymbolicLink(), asked.isLink(entry.path));
-        EXPECT_EQ(handle.Size(), asked.isFile(entry.path) ? node->contents.size() : 0);
-        EXPECT_EQ(handle.Permissions(), node != nullptr ? node->permissions : 0);
-        EXPECT_EQ(handle.UserId(), node != nullptr ? Scratch::user() : 0);
-        EXPECT_EQ(handle.GroupId(), node != nullptr ? Scratch::group() : 0);
-        EXPECT_EQ(handle.ModificationTime() != 0, node != nullptr);
+        EXPECT_EQ(handle.Size(), isFile ? node.contents.size() : 0);
+        EXPECT_EQ(handle.Permissions(), node.permissions);
+        EXPECT_EQ(handle.UserId(), exists ? Scratch::user() : 0);
+        EXPECT_EQ(handle.GroupId(), exists ? Scratch::group() : 0);
+        EXPECT_EQ(handle.ModificationTime() != 0, exists);
 
         auto const input = handle.CreateInputStream(std::ios_base::binary);
-        EXPECT_EQ(input->fail(), node == nullptr);
-        if (asked.isFile(entry.path)) {
-            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(*input), {}), node->contents);
+        EXPECT_EQ(input->fail(), !exists);
+        if (isFile) {
+            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(*input), {}), node.contents);
         }
 
         std::vector<std::string> names;
-        if (asked.isDirectory(entry.path)) {
-            names = namesOf(node->entries);
+        if (isDirectory) {
+            names = namesOf(node.entries);
         }
         EXPECT_EQ(sorted(handle.ListDirectory()), names);
         std::vector<std::string> walked;
@@ -453,7 +457,7 @@ private:
 
     ByteSource& random;
     Model model;
-    std::array<Entry, 3> entries = {"a", "b", "c"};
+    std::array<Entry, 3> entries = {Entry("a"), Entry("b"), Entry("c")};
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -27,7 +28,8 @@ OVRA_PRINTF(1, 0) std::string formatted(char const* format, std::va_list argumen
     va_end(again);
     std::string text(static_cast<std::size_t>(length) + 1, '\0');
     std::vsnprintf(text.data(), text.size(), format, arguments);
-    return text.c_str();
+    text.resize(text.find('\0'));
+    return text;
 }
 
 struct SystemLogEntry {
@@ -62,6 +64,12 @@ std::string withPercentSigns(std::string const& text, std::string const& sign) {
         result += character == '%' ? sign : std::string(1, character);
     }
     return result;
+}
+
+std::string anyText(FuzzedDataProvider& bytes, std::size_t longest) {
+    std::string text = bytes.ConsumeRandomLengthString(longest);
+    text.resize(std::min(text.find('\0'), text.size()));
+    return text;
 }
 
 std::string asWrittenBySystemLog(std::string const& line) {
@@ -105,7 +113,7 @@ struct Message {
           realPrecision(bytes.ConsumeIntegralInRange(-1, 50)),
           real(bytes.ConsumeFloatingPoint<double>()),
           textPrecision(bytes.ConsumeIntegralInRange(-1, 50)),
-          text(withPercentSigns(bytes.ConsumeRandomLengthString(64),
+          text(withPercentSigns(anyText(bytes, 64),
                                 textPrecision < 0 ? "%%" : "")),  // A cut could halve a pair.
           large(bytes.ConsumeIntegral<unsigned long long>()) {
         std::vector<std::string> const conversions = {
@@ -129,8 +137,7 @@ struct Message {
         return bytes.PickValueInArray({"", "-", "0", "+", " ", "#", "-+#"});
     }
     static std::string literal(FuzzedDataProvider& bytes) {
-        std::string const text = bytes.ConsumeRandomLengthString(32).c_str();
-        return withPercentSigns(text, "%%%%") + (bytes.ConsumeBool() ? "%m" : "");
+        return withPercentSigns(anyText(bytes, 32), "%%%%") + (bytes.ConsumeBool() ? "%m" : "");
     }
 
     /// Calls `function` with `first`, the format and all arguments.
@@ -208,7 +215,7 @@ void compare(FuzzedDataProvider& bytes) {
         LogLevel const threshold = anyLevel(bytes);
         LogLevel const level = anyLevel(bytes);
         bool const hasTag = bytes.ConsumeBool();
-        std::string const tag = withPercentSigns(bytes.ConsumeRandomLengthString(16), "%%").c_str();
+        std::string const tag = withPercentSigns(anyText(bytes, 16), "%%");
         Message const message(bytes);
 
         setLogLevel(threshold);
