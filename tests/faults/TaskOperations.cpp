@@ -105,15 +105,20 @@ std::string addOne(SubmittedTasksQueue& queue, std::vector<std::shared_ptr<Submi
     return isAccepted ? shown(drain(queue)) : shown("refused");
 }
 
-// One whose ranks are about to reach the highest, so that a pick settles them.
-std::function<Action()> picking(bool starves, TaskPriority priority, unsigned int rank) {
+auto rankedAt(unsigned int rank) {
+    return [rank](SubmittedTask& task) { task.setRank(rank); };
+}
+
+// From tasks of one priority that were changed after they had been added.
+template <typename Change>
+std::function<Action()> picking(bool starves, TaskPriority priority, Change change) {
     return [=] {
         auto const queue = queueUnder(starves);
         auto const tasks = std::make_shared<std::vector<std::shared_ptr<SubmittedTask>>>();
         for (int i = 0; i < 4; ++i) {
             tasks->push_back(submission(succeed, priority));
             queue->addTask(tasks->back());
-            tasks->back()->setRank(rank);
+            change(*tasks->back());
         }
         return Action([queue, tasks] {
             bool const isOldest = queue->getNextTask() == tasks->front();
@@ -399,13 +404,16 @@ std::vector<Operation> queueOperations() {
          {any(Call::NEW, "std::bad_alloc|1"), lock},
          onQueue(true, addOne)},
         {"SubmittedTasksQueue::addTask, ageing", "1", {memory, lock}, onQueue(false, addOne)},
-        {"SubmittedTasksQueue::getNextTask", "oldest, then 3", pick, picking(true, NORMAL, 1000)},
+        {"SubmittedTasksQueue::getNextTask", "oldest, then 3", pick,
+         picking(true, NORMAL, rankedAt(1000))},
         {"SubmittedTasksQueue::getNextTask, re-ranked", "oldest, then 3", pick,
-         picking(true, NORMAL, 5000)},
+         picking(true, NORMAL, rankedAt(5000))},
         {"SubmittedTasksQueue::getNextTask, ageing", "oldest, then 3", pick,
-         picking(false, NORMAL, 1000)},
+         picking(false, NORMAL, rankedAt(1000))},
         {"SubmittedTasksQueue::getNextTask, settling", "oldest, then 3", pick,
-         picking(false, NORMAL, 0x60000000)},
+         picking(false, NORMAL, rankedAt(0x60000000))},
+        {"SubmittedTasksQueue::getNextTask, ageing anew", "oldest, then 3", pick,
+         picking(false, HIGHEST, [](SubmittedTask& task) { task.setPriority(LOW); })},
         {"SubmittedTasksQueue::isEmpty",
          "true",
          {lock},
