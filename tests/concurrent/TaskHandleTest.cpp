@@ -1,6 +1,12 @@
 #include <ovra/concurrent/TaskHandle.h>
 
+#include <pthread.h>
+#include <semaphore.h>
+
+#include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstdint>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -446,6 +452,77 @@ TEST_F(TaskHandleTest, SecondWaitOnALiveTaskThrows) {
 
     EXPECT_EQ(errorOf([&] { handle->waitForCompletion(); }),
               std::future_errc::future_already_retrieved);
+}
+
+TEST_F(TaskHandleTest, WaitAndFutureExcludeEachOther) {
+    auto const waited = submission();
+    auto const waitedHandle = linkHandle(waited);
+    waited->setPromiseValue();
+    waitedHandle->waitForCompletion();
+    EXPECT_EQ(errorOf([&] { waited->getFuture(); }), std::future_errc::future_already_retrieved);
+
+    auto const taken = submission();
+    auto const takenHandle = linkHandle(taken);
+    auto const future = taken->getFuture();
+    EXPECT_EQ(errorOf([&] { takenHandle->waitForCompletion(); }),
+              std::future_errc::future_already_retrieved);
+}
+
+TEST_F(TaskHandleTest, SignalsDoNotEndAWait) {
+    static sem_t handled;  // May be posted from a signal handler, unlike a gate.
+    ASSERT_EQ(sem_init(&handled, 0, 0), 0);
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = [](int) { sem_post(&handled); };
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+    std::atomic<bool> isOver{false};
+    std::thread waiter([&] {
+        handle->waitForCompletion();
+        isOver = true;
+    });
+    // The first may come before the wait; after some of them the waiter can be nowhere else.
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(pthread_kill(waiter.native_handle(), SIGUSR1), 0);
+        ASSERT_EQ(sem_wait(&handled), 0);
+    }
+    EXPECT_FALSE(isOver);
+    task->setPromiseValue();
+    waiter.join();
+    EXPECT_TRUE(isOver);
+    EXPECT_EQ(sigaction(SIGUSR1, &before, nullptr), 0);
+}
+
+TEST_F(TaskHandleTest, ThreadCanBeCancelledWhileItWaits) {
+    auto const task = submission();
+    auto const handle = linkHandle(task);
+    // On a stack of the test's own, to see whether anybody still writes there.
+    constexpr std::size_t STACK_SIZE = 1 << 18;
+    std::vector<unsigned char> stack(STACK_SIZE + 4096);
+    auto const misaligned = reinterpret_cast<std::uintptr_t>(stack.data()) % 4096;
+    pthread_attr_t attributes;
+    ASSERT_EQ(pthread_attr_init(&attributes), 0);
+    ASSERT_EQ(pthread_attr_setstack(&attributes, stack.data() + 4096 - misaligned, STACK_SIZE), 0);
+
+    pthread_t thread = {};
+    auto const wait = [](void* waitedFor) -> void* {
+        static_cast<TaskHandle*>(waitedFor)->waitForCompletion();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attributes, wait, handle.get()), 0);
+    ASSERT_EQ(pthread_cancel(thread), 0);
+    void* end = nullptr;
+    ASSERT_EQ(pthread_join(thread, &end), 0);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(end, PTHREAD_CANCELED);
+
+    std::fill(stack.begin(), stack.end(), static_cast<unsigned char>(0x55));
+    task->setPromiseValue();
+    EXPECT_EQ(std::count(stack.begin(), stack.end(), 0x55),
+              static_cast<std::ptrdiff_t>(stack.size()));
+    EXPECT_EQ(task.use_count(), 1) << "the wait still holds it";
 }
 
 TEST_F(TaskHandleTest, OfTwoThreadsThatWaitOneThrows) {

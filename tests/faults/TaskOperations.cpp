@@ -329,7 +329,6 @@ std::vector<Operation> submissionOperations() {
 }
 
 std::vector<Operation> handleOperations() {
-    Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
     Rule const lock = any(Call::LOCK, SYSTEM_ERROR);
     char const* const used = "std::future_error";
     return {
@@ -364,7 +363,7 @@ std::vector<Operation> handleOperations() {
          })},
         {"TaskHandle::waitForCompletion",
          "true",
-         {memory, lock},
+         {lock},
          [] {
              auto const followed = std::make_shared<Followed>();
              followed->task->execute();
