@@ -143,7 +143,10 @@ void FilePath::Cache() const {
             fileName += SEPARATOR;
             directoryPath = fileName;
         }
-        fullPath = fileName;
+        fullPathIsPath = fileName.size() == path.size();
+        if (!fullPathIsPath) {
+            fullPath = fileName;
+        }
     } else {
         directoryPath = text.substr(0, lastSeparator + 1);
         auto const bothSeparators = [](char left, char right) {
@@ -152,9 +155,13 @@ void FilePath::Cache() const {
         directoryPath.erase(std::unique(directoryPath.begin(), directoryPath.end(), bothSeparators),
                             directoryPath.end());
         fileName = text.substr(lastSeparator + 1);
-        fullPath.reserve(directoryPath.size() + fileName.size());
-        fullPath += directoryPath;
-        fullPath += fileName;
+        std::size_t const fullSize = directoryPath.size() + fileName.size();
+        fullPathIsPath = fullSize == path.size();
+        if (!fullPathIsPath) {
+            fullPath.reserve(fullSize);
+            fullPath += directoryPath;
+            fullPath += fileName;
+        }
     }
 
     std::size_t const dot = fileName == ".." ? std::string::npos : fileName.find('.', 1);
@@ -179,7 +186,7 @@ bool FilePath::EndingSeparator() const {
 
 std::string const& FilePath::FullPath() const {
     Cache();
-    return fullPath;
+    return fullPathIsPath ? path : fullPath;
 }
 
 std::string const& FilePath::FileName() const {

@@ -118,6 +118,7 @@ private:
 
     // All but `path` are computed from it by Cache(), and mean nothing until `cacheValid` is set.
     mutable bool cacheValid = false;
+    mutable bool fullPathIsPath = false;  // Of one size, they are the same: separators alone go.
     mutable std::string fullPath;
     mutable std::string fileName;
     mutable std::string fileBaseName;
