@@ -51,6 +51,10 @@ SettledTasks::Candidate SettledTasks::best() const {
             best = {&queued, urgency};
         }
     };
+    if (isOutOfOrder) {
+        forEach([&consider](QueuedTask const& queued) { consider(queued, urgencyOf(queued)); });
+        return best;
+    }
     for (TaskLine const& line : places.lines) {
         if (!line.isEmpty()) {
             consider(line.front(), line.urgencyOf(line.front()));
@@ -85,17 +89,11 @@ void SettledTasks::remove(SubmittedTask& task) {
 }
 
 SettledTasks::Places SettledTasks::takeAll() {
-    auto const letGo = [](QueuedTask const& queued) {
+    forEach([](QueuedTask const& queued) {
         std::lock_guard<std::mutex> const lock(queued.task->mutex);
         queued.task->settled = nullptr;
         queued.task->hasNewRank = false;
-    };
-    for (TaskLine const& line : places.lines) {
-        line.forEach(letGo);
-    }
-    for (Stray const& stray : places.strays) {
-        letGo(stray.queued);
-    }
+    });
     changed = nullptr;
     return std::exchange(places, Places());
 }
@@ -104,6 +102,7 @@ void SettledTasks::rekeyChanged(std::vector<QueuedTask>& unsettled) {
     if (changed == nullptr) {
         return;
     }
+    isOutOfOrder = false;
     SubmittedTask* task = changed.exchange(nullptr);
     while (task != nullptr) {
         SubmittedTask* const next = task->nextChanged;
@@ -129,6 +128,7 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
             leave(task, oldRank);
         }
     } catch (std::bad_alloc const&) {
+        isOutOfOrder = true;
         std::lock_guard<std::mutex> const lock(task.mutex);
         noteNewRank(task);  // Stays where it is for now; the next pick tries again.
     }

@@ -133,6 +133,15 @@ private:
         return ranks == KEPT ||
                (ranks == DOUBLED && rank == SubmittedTask::HIGHEST_CURRENT_RANK_VALUE);
     }
+    template <typename Visitor>
+    void forEach(Visitor const& visit) const {
+        for (TaskLine const& line : places.lines) {
+            line.forEach(visit);
+        }
+        for (Stray const& stray : places.strays) {
+            visit(stray.queued);
+        }
+    }
     TaskLine* lineWith(unsigned int rank);
     Strays::const_iterator strayOf(SubmittedTask const& task, unsigned int rank) const;
     QueuedTask const& entryOf(SubmittedTask const& task, unsigned int rank);
@@ -145,6 +154,7 @@ private:
     TaskRankingStrategy* const strategy;
     Ranks const ranks;
     Places places;
+    bool isOutOfOrder = false;  // For want of memory: compare all by the ranks they have now.
     std::atomic<SubmittedTask*> changed{nullptr};  // A stack, linked by `nextChanged`.
 };
 
