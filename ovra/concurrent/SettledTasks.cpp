@@ -99,10 +99,10 @@ SettledTasks::Places SettledTasks::takeAll() {
 }
 
 void SettledTasks::rekeyChanged(std::vector<QueuedTask>& unsettled) {
+    isOutOfOrder = false;
     if (changed == nullptr) {
         return;
     }
-    isOutOfOrder = false;
     SubmittedTask* task = changed.exchange(nullptr);
     while (task != nullptr) {
         SubmittedTask* const next = task->nextChanged;

@@ -75,7 +75,9 @@ public:
     }
 
     static void prefetchRank(QueuedTask const& queued) {
-        __builtin_prefetch(&queued.task->rank, 1);
+        if (queued.task) {
+            __builtin_prefetch(&queued.task->rank, 1);
+        }
     }
 
     /// Applies the queue's strategy to a task that has not settled, and says whether it is to now.
