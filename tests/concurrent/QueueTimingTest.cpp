@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -11,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskExecutorImpl.h>
+#include <ovra/concurrent/TaskExecutorWorker.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/ThreadCalls.h>
@@ -23,6 +26,12 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class QueueTimingTest : public test::BoundedTest {};
+
+template <typename Strategy>
+class QueueTimingStrategyTest : public test::BoundedTest {};
+using Strategies =
+    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
+TYPED_TEST_SUITE(QueueTimingStrategyTest, Strategies, StrategyName);
 
 pthread_mutex_t* mutexOf(SubmittedTasksQueue& queue) {
     return mutexesLockedBy([&queue] { queue.isEmpty(); }).at(0);
@@ -193,17 +202,20 @@ TEST_F(QueueTimingTest, ClosingWakesAllWorkersUnderTheLockOnce) {
     EXPECT_THAT(wakes, ElementsAre("all, locked"));
 }
 
-TEST_F(QueueTimingTest, DroppedTasksAreDestroyedWithoutTheLock) {
-    auto queue = makeQueue();
+TYPED_TEST(QueueTimingStrategyTest, DroppedTasksAreDestroyedWithoutTheLock) {
+    auto const queue = makeQueue<TypeParam>();
     auto* const mutex = mutexOf(*queue);
-    bool locked = true;
-    queue->addTask(submission([end = test::atEnd([&] { locked = test::isLocked(mutex); })] {
-        return Executable::SUCCESS;
-    }));
+    std::vector<bool> locked;
+    for (TaskPriority const priority : {NORMAL, HIGHEST}) {
+        queue->addTask(submission([end = test::atEnd([&] {
+                                       locked.push_back(test::isLocked(mutex));
+                                   })] { return Executable::SUCCESS; },
+                                  priority));
+    }
 
     queue->close();
 
-    EXPECT_FALSE(locked);
+    EXPECT_THAT(locked, ElementsAre(false, false));
 }
 
 TEST_F(QueueTimingTest, StrategyRunsUnderTheLock) {
@@ -318,6 +330,31 @@ TEST_F(QueueTimingTest, TaskGuardsItsStateResultAndHandleWithOneMutex) {
     EXPECT_THAT(mutexesLockedBy([&] { task->setHandle(handle); }), ElementsAre(mutex));
 }
 
+TEST_F(QueueTimingTest, TaskPushesEachChangeBeforeItUnlocks) {
+    auto const task = submission();
+    auto* const mutex = mutexesLockedBy([&] { task->getState(); }).at(0);
+    auto const handle = linkHandle(task);
+    std::vector<std::string> pushed;
+    test::ThreadCalls calls;
+    calls.onUnlock = [&](pthread_mutex_t* unlocked) {
+        if (unlocked == mutex) {
+            pushed.push_back(taskStateToName(handle->getState()) + std::string(", ") +
+                             std::to_string(handle->getResult()) + ", held by " +
+                             std::to_string(handle.use_count()));
+        }
+    };
+    calls.install();
+
+    task->setState(Executable::READY);
+    task->setResult(Executable::FAILURE);
+    EXPECT_THAT(pushed, ElementsAre("READY, 1, held by 1", "READY, 3, held by 1"));
+
+    handle->setState(Executable::DONE);
+    handle->setResult(Executable::SUCCESS);
+    task->setHandle(handle);
+    EXPECT_THAT(pushed.back(), ::testing::StartsWith("READY, 3"));
+}
+
 TEST_F(QueueTimingTest, TaskTakesNoLockForRankPriorityAndIndex) {
     auto const task = submission();
 
@@ -364,6 +401,39 @@ TEST_F(QueueTimingTest, HandleHasNoLockOfItsOwn) {
                 IsEmpty());
 }
 
+TEST_F(QueueTimingTest, TerminatingWakesNobodyAndEveryWakeUpLeadsBackToTheTop) {
+    auto const queue = makeQueue();
+    auto* const mutex = mutexOf(*queue);
+    std::atomic<pthread_cond_t*> condition{nullptr};
+    std::atomic<int> wakes{0};
+    test::Gate asleep;
+    test::ThreadCalls calls;
+    calls.onSignal =
+        calls.onBroadcast = [&](pthread_cond_t* woken) { wakes += woken == condition ? 1 : 0; };
+    calls.onWait = [&](pthread_cond_t* waitedFor, pthread_mutex_t* held) {
+        if (held == mutex) {
+            EXPECT_EQ(queue.use_count(), 2) << "a worker that sleeps holds its queue";
+            condition = waitedFor;
+            asleep.open();
+        }
+    };
+    calls.onJoin = [&](pthread_t) {
+        EXPECT_EQ(wakes, 0);
+        // Once the mutex is free, the worker sleeps. Nothing has happened when it wakes.
+        pthread_mutex_lock(mutex);
+        pthread_cond_signal(condition);
+        pthread_mutex_unlock(mutex);
+    };
+    TaskExecutorWorker worker(queue);
+    calls.install();
+    worker.start();
+    asleep.wait();
+
+    worker.terminate();
+
+    EXPECT_FALSE(queue->isClosed());
+}
+
 TEST_F(QueueTimingTest, NullTaskGivesWayToOthersWhileItWaits) {
     auto const task = std::make_shared<SubmittedTask>(std::shared_ptr<Task>(), NORMAL, Callback());
     int yields = 0;
@@ -382,17 +452,19 @@ TEST_F(QueueTimingTest, NullTaskGivesWayToOthersWhileItWaits) {
 
 // --- ranks that change while the queue works
 
-// Calls `change` when this thread is about to lock for the nth time in the course of `action`; says
-// whether it came to that.
+// Calls `change` at the nth moment in the course of `action` at which this thread is about to lock
+// or has just unlocked; says whether it came to that.
 bool interrupt(int nth, std::function<void()> const& action, std::function<void()> const& change) {
     int remaining = nth;
-    test::ThreadCalls calls;
-    calls.onLock = [&](pthread_mutex_t*) {
+    auto const countDown = [&](pthread_mutex_t*) {
         if (--remaining == 0) {
             change();
         }
         return 0;
     };
+    test::ThreadCalls calls;
+    calls.onLock = countDown;
+    calls.afterUnlock = countDown;
     calls.install();
     action();
     return remaining <= 0;
@@ -459,13 +531,7 @@ TEST_F(QueueTimingTest, PriorityLoweredWhileAnotherTaskIsPickedCounts) {
     }
 }
 
-template <typename Strategy>
-class QueueTimingRaiseTest : public test::BoundedTest {};
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
-TYPED_TEST_SUITE(QueueTimingRaiseTest, Strategies, StrategyName);
-
-TYPED_TEST(QueueTimingRaiseTest, PriorityRaisedWhileATaskIsAddedCounts) {
+TYPED_TEST(QueueTimingStrategyTest, PriorityRaisedWhileATaskIsAddedCounts) {
     int nth = 0;
     bool interrupted = true;
     while (interrupted) {
@@ -483,7 +549,33 @@ TYPED_TEST(QueueTimingRaiseTest, PriorityRaisedWhileATaskIsAddedCounts) {
     EXPECT_GT(nth, 1);
 }
 
-TYPED_TEST(QueueTimingRaiseTest, PriorityRaisedWhileAnotherTaskIsPickedCounts) {
+TYPED_TEST(QueueTimingStrategyTest, PriorityLoweredAroundAPickCounts) {
+    int nth = 0;
+    bool interrupted = true;
+    while (interrupted) {
+        ++nth;
+        auto const queue = makeQueue<TypeParam>();
+        auto const first = submission(succeed(), HIGHEST);
+        auto const task = submission(succeed(), HIGHEST);
+        auto const last = submission(succeed(), HIGHEST);
+        for (auto const& added : {first, task, last}) {
+            queue->addTask(added);
+        }
+        std::shared_ptr<SubmittedTask> picked;
+
+        interrupted = interrupt(
+            nth, [&] { task->setPriority(LOW); }, [&] { picked = queue->getNextTask(); });
+
+        if (!interrupted) {
+            picked = queue->getNextTask();
+        }
+        ASSERT_EQ(picked, first) << nth;
+        ASSERT_EQ(queue->getNextTask(), last) << nth;
+        ASSERT_EQ(queue->getNextTask(), task) << nth;
+    }
+}
+
+TYPED_TEST(QueueTimingStrategyTest, PriorityRaisedWhileAnotherTaskIsPickedCounts) {
     int nth = 0;
     bool interrupted = true;
     while (interrupted) {

@@ -67,6 +67,7 @@ private:
 Next<int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*)> nextCreate("pthread_create");
 Next<int(pthread_t, void**)> nextJoin("pthread_join");
 Next<int(pthread_mutex_t*)> nextLock("pthread_mutex_lock");
+Next<int(pthread_mutex_t*)> nextUnlock("pthread_mutex_unlock");
 Next<int(pthread_cond_t*, pthread_mutex_t*)> nextWait("pthread_cond_wait");
 Next<int(pthread_cond_t*)> nextSignal("pthread_cond_signal");
 Next<int(pthread_cond_t*)> nextBroadcast("pthread_cond_broadcast");
@@ -131,6 +132,13 @@ INTERPOSED int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
         return error;
     }
     return ovra::test::nextLock(mutex);
+}
+
+INTERPOSED int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+    ovra::test::ask(&ThreadCalls::onUnlock, mutex);
+    int const error = ovra::test::nextUnlock(mutex);
+    ovra::test::ask(&ThreadCalls::afterUnlock, mutex);
+    return error;
 }
 
 INTERPOSED int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {

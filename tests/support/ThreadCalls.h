@@ -7,8 +7,9 @@
 
 namespace ovra::test {
 
-/// While it lives, sees every call of these thread functions in the process before it is made, on
-/// the calling thread. For tests that must stop a thread at an exact place, or let a call fail.
+/// While it lives, sees every call of these thread functions in the process before it is made (or
+/// after, where the hook says so), on the calling thread. For tests that must stop a thread at an
+/// exact place, or let a call fail.
 ///
 /// Link ThreadCalls.cpp into the test. Set the hooks, then `install()`; the object must outlive
 /// every call that finds it installed. Calls made from within a hook are not seen.
@@ -24,6 +25,8 @@ struct ThreadCalls {
     std::function<int()> onCreate;
     std::function<int(pthread_mutex_t*)> onLock;
 
+    std::function<void(pthread_mutex_t*)> onUnlock;
+    std::function<void(pthread_mutex_t*)> afterUnlock;
     std::function<void(pthread_t)> afterCreate;
     std::function<void(pthread_t)> onJoin;
     std::function<void(pthread_cond_t*, pthread_mutex_t*)> onWait;
