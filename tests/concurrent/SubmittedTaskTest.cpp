@@ -385,6 +385,7 @@ TEST_F(SubmittedTaskTest, EveryStateMayFollowEveryOther) {
         for (int after = 0; after <= 6; ++after) {
             task->setState(stateOf(before));
             ASSERT_EQ(task->getState(), stateOf(before));
+            handle->setState(stateOf(-1));
 
             task->setState(stateOf(after));
             ASSERT_EQ(task->getState(), stateOf(after)) << "after " << before;
@@ -403,6 +404,7 @@ TEST_F(SubmittedTaskTest, EveryResultMayFollowEveryOther) {
         for (int after = 0; after <= 6; ++after) {
             task->setResult(resultOf(before));
             ASSERT_EQ(task->getResult(), resultOf(before));
+            handle->setResult(resultOf(-1));
 
             task->setResult(resultOf(after));
             ASSERT_EQ(task->getResult(), resultOf(after)) << "after " << before;
@@ -667,20 +669,33 @@ TEST_F(SubmittedTaskTest, FulfilsThePromiseAfterTheFinalStateIsLogged) {
 }
 
 TEST_F(SubmittedTaskTest, FulfilsThePromiseAfterTheResultOfACancelledTask) {
-    auto const task = std::make_shared<ObservedTask>(Work());
+    std::weak_ptr<SubmittedTask> running;
+    auto const task = std::make_shared<ObservedTask>([&running] {
+        running.lock()->setState(Executable::CANCELLED);
+        return Executable::SUCCESS;
+    });
+    running = task;
     auto const future = task->getFuture();
-    task->beforeState = [&](Executable::State) {
-        EXPECT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-    };
     task->beforeResult = [&](Executable::Result) {
-        // The work, which is empty, has thrown.
-        task->SubmittedTask::setState(Executable::CANCELLED);
         EXPECT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     };
 
     task->execute();
 
+    EXPECT_THAT(task->events, ElementsAre("state EXECUTING", "state CANCELLED", "result 2"));
     EXPECT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+}
+
+TEST_F(SubmittedTaskTest, CancellationThatComesWithTheEndIsOverwritten) {
+    auto const task = std::make_shared<ObservedTask>(succeed());
+    auto const handle = linkHandle(task);
+    task->beforeResult = [&handle](Executable::Result) { handle->cancel(); };
+
+    EXPECT_EQ(task->execute(), Executable::SUCCESS);
+
+    EXPECT_THAT(task->events,
+                ElementsAre("state EXECUTING", "result 2", "state CANCELLED", "state DONE"));
+    EXPECT_EQ(handle->getState(), Executable::DONE);
 }
 
 TEST_F(SubmittedTaskTest, IsExecutingWhileTheWorkRuns) {
@@ -964,6 +979,9 @@ TEST_F(SubmittedTaskTest, HandlingAnExceptionForwardsItWhenAskedTo) {
     auto const task = submission();
     auto const handle = linkHandle(task);
     auto const e = std::make_exception_ptr(std::logic_error("why"));
+    recorder.onLine([&handle](test::LogLine const&) {
+        EXPECT_EQ(handle->getException(), nullptr) << "forwarded before it is logged";
+    });
 
     task->handleAndLogUnknownException(e, true);
 
