@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -164,34 +165,7 @@ TEST_F(SubmittedTaskProxyTest, MembersDoNotNeedTheRecord) {
     EXPECT_EQ(copy.getState(), Executable::CANCELLED);
 }
 
-TEST_F(SubmittedTaskProxyTest, WaitKeepsTheTaskAlive) {
-    auto task = submission();
-    std::weak_ptr<SubmittedTask> const watched = task;
-    auto const proxy = SubmittedTask::provideProxy(watched);
-    std::thread waiter([&proxy] { proxy->waitForCompletion(); });
-    test::yieldUntil([&] { return watched.use_count() == 2; });
-
-    task.reset();
-    EXPECT_EQ(watched.use_count(), 1);
-    watched.lock()->setPromiseValue();
-    waiter.join();
-
-    EXPECT_TRUE(watched.expired());
-}
-
 // --- the handle
-
-TEST_F(TaskHandleTest, StartsWithTheStateAndResultOfItsTask) {
-    auto const task = submission();
-    task->setState(Executable::EXECUTING);
-    task->setResult(Executable::FAILURE);
-
-    TaskHandle const handle(SubmittedTask::provideProxy(task));
-
-    EXPECT_EQ(handle.getState(), Executable::EXECUTING);
-    EXPECT_EQ(handle.getResult(), Executable::FAILURE);
-    EXPECT_EQ(handle.getException(), nullptr);
-}
 
 TEST_F(TaskHandleTest, AsksTheProxyOnceForStateThenResult) {
     std::vector<std::string> calls;
@@ -291,123 +265,12 @@ TEST_F(TaskHandleTest, KeepsWhatIsPushed) {
     EXPECT_EQ(handle.getException(), nullptr);
 }
 
-TEST_F(TaskHandleTest, QueriesDoNotConsultTheProxy) {
-    auto const task = submission();
-    TaskHandle const handle(SubmittedTask::provideProxy(task));
-
-    task->setState(Executable::DONE);
-    task->setResult(Executable::FAILURE);
-
-    EXPECT_EQ(handle.getState(), Executable::UNSCHEDULED);
-    EXPECT_EQ(handle.getResult(), Executable::NO_RESULT);
-    EXPECT_FALSE(handle.isDone());
-}
-
 TEST_F(TaskHandleTest, IsDoneWhenDoneOrCancelled) {
     TaskHandle handle(nullptr);
     for (int state = 0; state <= 6; ++state) {
         handle.setState(static_cast<Executable::State>(state));
         EXPECT_EQ(handle.isDone(), state == 4 || state == 5) << state;
     }
-}
-
-TEST_F(TaskHandleTest, FollowsItsTaskThroughAnExecution) {
-    std::vector<int> seen;
-    std::shared_ptr<TaskHandle> handle;
-    auto const task = submission([&] {
-        seen = {handle->getState(), handle->getResult(), handle->isDone() ? 1 : 0};
-        return Executable::SUCCESS;
-    });
-    handle = linkHandle(task);
-    EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
-    EXPECT_EQ(handle->getResult(), Executable::NO_RESULT);
-    EXPECT_FALSE(handle->isDone());
-
-    task->execute();
-
-    EXPECT_THAT(seen, ElementsAre(Executable::EXECUTING, Executable::NO_RESULT, 0));
-    EXPECT_EQ(handle->getState(), Executable::DONE);
-    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
-    EXPECT_TRUE(handle->isDone());
-}
-
-TEST_F(TaskHandleTest, CancellationShowsAtOnceWhileTheWorkStillRuns) {
-    std::shared_ptr<TaskHandle> handle;
-    bool doneInside = false;
-    auto const task = submission([&] {
-        handle->cancel();
-        doneInside = handle->isDone();
-        return Executable::SUCCESS;
-    });
-    handle = linkHandle(task);
-
-    task->execute();
-
-    EXPECT_TRUE(doneInside);
-    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
-    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
-}
-
-TEST_F(TaskHandleTest, CancellingAFinishedTaskKeepsItsResult) {
-    auto const task = submission();
-    auto const handle = linkHandle(task);
-    task->execute();
-    ASSERT_EQ(handle->getState(), Executable::DONE);
-
-    handle->cancel();
-
-    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
-    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
-    EXPECT_EQ(task->getState(), Executable::CANCELLED);
-    EXPECT_EQ(task->getResult(), Executable::SUCCESS);
-}
-
-TEST_F(TaskHandleTest, OutlivesItsTask) {
-    auto task = submission(give(Executable::FAILURE));
-    auto const handle = linkHandle(task);
-    task->execute();
-    task.reset();
-
-    EXPECT_EQ(handle->getState(), Executable::DONE);
-    EXPECT_EQ(handle->getResult(), Executable::FAILURE) << "not the proxy's answer";
-    handle->cancel();
-    handle->updatePriority(HIGH);
-    handle->waitForCompletion();
-    handle->waitForCompletion();
-    EXPECT_EQ(handle->getState(), Executable::DONE);
-    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
-}
-
-TEST_F(TaskHandleTest, KeepsTheLastStateOfATaskThatNeverRan) {
-    auto waiting = submission();
-    auto cancelled = submission();
-    auto const waitingHandle = linkHandle(waiting);
-    auto const cancelledHandle = linkHandle(cancelled);
-    cancelledHandle->cancel();
-
-    waiting.reset();
-    cancelled.reset();
-
-    EXPECT_EQ(waitingHandle->getState(), Executable::UNSCHEDULED);
-    EXPECT_EQ(waitingHandle->getResult(), Executable::NO_RESULT);
-    EXPECT_EQ(cancelledHandle->getState(), Executable::CANCELLED);
-    EXPECT_EQ(cancelledHandle->getResult(), Executable::NO_RESULT);
-}
-
-TEST_F(TaskHandleTest, DoesNotKeepItsTaskAlive) {
-    auto const task = submission();
-    auto const handle = linkHandle(task);
-
-    EXPECT_EQ(task.use_count(), 1);
-    EXPECT_EQ(handle.use_count(), 1);
-}
-
-TEST_F(TaskHandleTest, DestructionDoesNotTouchTheTask) {
-    auto const task = submission();
-    linkHandle(task).reset();
-
-    EXPECT_EQ(task->getState(), Executable::UNSCHEDULED);
-    EXPECT_EQ(task->execute(), Executable::SUCCESS);
 }
 
 TEST_F(TaskHandleTest, ReleasesTheExceptionBeforeTheProxy) {
@@ -430,10 +293,174 @@ TEST_F(TaskHandleTest, ReleasesTheExceptionBeforeTheProxy) {
     EXPECT_THAT(order, ElementsAre("exception", "proxy"));
 }
 
-TEST_F(TaskHandleTest, WaitReturnsForEveryOutcome) {
+TEST_F(TaskHandleTest, OnlyItsDestructorIsVirtual) {
+    EXPECT_EQ(test::virtualSlotCount("TaskHandle"), 2u);
+}
+
+// --- the handle of a task, by either road
+
+struct Road {
+    char const* name;
+    std::shared_ptr<TaskHandle> (*makeHandle)(std::shared_ptr<SubmittedTask> const&);
+};
+
+void PrintTo(Road const& road, std::ostream* out) {
+    *out << road.name;
+}
+
+std::string nameOfRoad(::testing::TestParamInfo<Road> const& parameter) {
+    return parameter.param.name;
+}
+
+class LinkedHandleTest : public test::BoundedTest, public ::testing::WithParamInterface<Road> {
+protected:
+    static std::shared_ptr<TaskHandle> link(std::shared_ptr<SubmittedTask> const& task) {
+        auto handle = GetParam().makeHandle(task);
+        task->setHandle(handle);
+        return handle;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(TaskHandleTest, LinkedHandleTest,
+                         ::testing::Values(Road{"ByProxy",
+                                                [](auto const& task) {
+                                                    return std::make_shared<TaskHandle>(
+                                                        SubmittedTask::provideProxy(task));
+                                                }},
+                                           Road{"Directly",
+                                                [](auto const& task) {
+                                                    return std::make_shared<TaskHandle>(
+                                                        std::weak_ptr<SubmittedTask>(task));
+                                                }}),
+                         nameOfRoad);
+
+TEST_P(LinkedHandleTest, StartsWithTheStateAndResultOfItsTask) {
+    auto const task = submission();
+    task->setState(Executable::EXECUTING);
+    task->setResult(Executable::FAILURE);
+
+    auto const handle = GetParam().makeHandle(task);
+
+    EXPECT_EQ(handle->getState(), Executable::EXECUTING);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+    EXPECT_EQ(handle->getException(), nullptr);
+}
+
+TEST_P(LinkedHandleTest, QueriesDoNotConsultTheTask) {
+    auto const task = submission();
+    auto const handle = GetParam().makeHandle(task);
+
+    task->setState(Executable::DONE);
+    task->setResult(Executable::FAILURE);
+
+    EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(handle->getResult(), Executable::NO_RESULT);
+    EXPECT_FALSE(handle->isDone());
+}
+
+TEST_P(LinkedHandleTest, FollowsItsTaskThroughAnExecution) {
+    std::vector<int> seen;
+    std::shared_ptr<TaskHandle> handle;
+    auto const task = submission([&] {
+        seen = {handle->getState(), handle->getResult(), handle->isDone() ? 1 : 0};
+        return Executable::SUCCESS;
+    });
+    handle = link(task);
+    EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(handle->getResult(), Executable::NO_RESULT);
+    EXPECT_FALSE(handle->isDone());
+
+    task->execute();
+
+    EXPECT_THAT(seen, ElementsAre(Executable::EXECUTING, Executable::NO_RESULT, 0));
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+    EXPECT_TRUE(handle->isDone());
+}
+
+TEST_P(LinkedHandleTest, CancellationShowsAtOnceWhileTheWorkStillRuns) {
+    std::shared_ptr<TaskHandle> handle;
+    bool doneInside = false;
+    auto const task = submission([&] {
+        handle->cancel();
+        doneInside = handle->isDone();
+        return Executable::SUCCESS;
+    });
+    handle = link(task);
+
+    task->execute();
+
+    EXPECT_TRUE(doneInside);
+    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+}
+
+TEST_P(LinkedHandleTest, CancellingAFinishedTaskKeepsItsResult) {
+    auto const task = submission();
+    auto const handle = link(task);
+    task->execute();
+    ASSERT_EQ(handle->getState(), Executable::DONE);
+
+    handle->cancel();
+
+    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(handle->getResult(), Executable::SUCCESS);
+    EXPECT_EQ(task->getState(), Executable::CANCELLED);
+    EXPECT_EQ(task->getResult(), Executable::SUCCESS);
+}
+
+TEST_P(LinkedHandleTest, OutlivesItsTask) {
+    auto task = submission(give(Executable::FAILURE));
+    auto const handle = link(task);
+    task->execute();
+    task.reset();
+
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE) << "not the proxy's answer";
+    handle->cancel();
+    handle->updatePriority(HIGH);
+    handle->waitForCompletion();
+    handle->waitForCompletion();
+    EXPECT_EQ(handle->getState(), Executable::DONE);
+    EXPECT_EQ(handle->getResult(), Executable::FAILURE);
+}
+
+TEST_P(LinkedHandleTest, KeepsTheLastStateOfATaskThatNeverRan) {
+    auto waiting = submission();
+    auto cancelled = submission();
+    auto const waitingHandle = link(waiting);
+    auto const cancelledHandle = link(cancelled);
+    cancelledHandle->cancel();
+
+    waiting.reset();
+    cancelled.reset();
+
+    EXPECT_EQ(waitingHandle->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(waitingHandle->getResult(), Executable::NO_RESULT);
+    EXPECT_EQ(cancelledHandle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(cancelledHandle->getResult(), Executable::NO_RESULT);
+}
+
+TEST_P(LinkedHandleTest, DoesNotKeepItsTaskAlive) {
+    auto const task = submission();
+    auto const handle = link(task);
+
+    EXPECT_EQ(task.use_count(), 1);
+    EXPECT_EQ(handle.use_count(), 1);
+}
+
+TEST_P(LinkedHandleTest, DestructionDoesNotTouchTheTask) {
+    auto const task = submission();
+    link(task).reset();
+
+    EXPECT_EQ(task->getState(), Executable::UNSCHEDULED);
+    EXPECT_EQ(task->execute(), Executable::SUCCESS);
+}
+
+TEST_P(LinkedHandleTest, WaitReturnsForEveryOutcome) {
     for (int const result : {1, 2, 3, 4, 0}) {
         auto const task = submission(give(result));
-        auto const handle = linkHandle(task);
+        auto const handle = link(task);
         std::thread worker([&task] { task->execute(); });
 
         handle->waitForCompletion();
@@ -444,9 +471,9 @@ TEST_F(TaskHandleTest, WaitReturnsForEveryOutcome) {
     }
 }
 
-TEST_F(TaskHandleTest, SecondWaitOnALiveTaskThrows) {
+TEST_P(LinkedHandleTest, SecondWaitOnALiveTaskThrows) {
     auto const task = submission();
-    auto const handle = linkHandle(task);
+    auto const handle = link(task);
     task->setPromiseValue();
     handle->waitForCompletion();
 
@@ -525,9 +552,9 @@ TEST_F(TaskHandleTest, ThreadCanBeCancelledWhileItWaits) {
     EXPECT_EQ(task.use_count(), 1) << "the wait still holds it";
 }
 
-TEST_F(TaskHandleTest, OfTwoThreadsThatWaitOneThrows) {
+TEST_P(LinkedHandleTest, OfTwoThreadsThatWaitOneThrows) {
     auto const task = submission();
-    auto const handle = linkHandle(task);
+    auto const handle = link(task);
     std::atomic<int> refused{0};
     auto const waitOrRelease = [&] {
         try {
@@ -547,11 +574,11 @@ TEST_F(TaskHandleTest, OfTwoThreadsThatWaitOneThrows) {
     EXPECT_EQ(refused, 1);
 }
 
-TEST_F(TaskHandleTest, ExceptionCanBeReadAfterTheWait) {
+TEST_P(LinkedHandleTest, ExceptionCanBeReadAfterTheWait) {
     auto const thrown = std::make_exception_ptr(std::runtime_error("x"));
     auto const task =
         submission([&thrown]() -> Executable::Result { std::rethrow_exception(thrown); });
-    auto const handle = linkHandle(task);
+    auto const handle = link(task);
     std::thread worker([&task] { task->execute(); });
 
     handle->waitForCompletion();
@@ -561,10 +588,10 @@ TEST_F(TaskHandleTest, ExceptionCanBeReadAfterTheWait) {
     worker.join();
 }
 
-TEST_F(TaskHandleTest, LogsNothing) {
+TEST_P(LinkedHandleTest, LogsNothing) {
     test::LogRecorder recorder;
     auto task = submission();
-    auto const handle = linkHandle(task);
+    auto const handle = link(task);
 
     handle->updatePriority(HIGH);
     handle->cancel();
@@ -578,8 +605,53 @@ TEST_F(TaskHandleTest, LogsNothing) {
     EXPECT_THAT(recorder.texts(), IsEmpty());
 }
 
-TEST_F(TaskHandleTest, OnlyItsDestructorIsVirtual) {
-    EXPECT_EQ(test::virtualSlotCount("TaskHandle"), 2u);
+TEST_P(LinkedHandleTest, WaitTakesTheFuture) {
+    auto const task = submission();
+    auto const handle = link(task);
+    task->setPromiseValue();
+    handle->waitForCompletion();
+
+    EXPECT_EQ(errorOf([&] { task->getFuture(); }), std::future_errc::future_already_retrieved);
+}
+
+TEST_P(LinkedHandleTest, WaitForATaskWhoseFutureIsTakenThrows) {
+    auto const task = submission();
+    auto const handle = link(task);
+    auto future = task->getFuture();
+
+    EXPECT_EQ(errorOf([&] { handle->waitForCompletion(); }),
+              std::future_errc::future_already_retrieved);
+
+    task->setPromiseValue();
+    EXPECT_TRUE(future.get());
+    EXPECT_EQ(errorOf([&] { handle->waitForCompletion(); }),
+              std::future_errc::future_already_retrieved);
+}
+
+TEST_P(LinkedHandleTest, OfTwoHandlesOfATaskOneCanWait) {
+    auto const task = submission();
+    auto const first = link(task);
+    auto const second = link(task);
+    task->execute();
+    first->waitForCompletion();
+
+    EXPECT_EQ(errorOf([&] { second->waitForCompletion(); }),
+              std::future_errc::future_already_retrieved);
+}
+
+TEST_P(LinkedHandleTest, WaitKeepsTheTaskAlive) {
+    auto task = submission();
+    std::weak_ptr<SubmittedTask> const watched = task;
+    auto const handle = link(task);
+    std::thread waiter([&handle] { handle->waitForCompletion(); });
+    test::yieldUntil([&] { return watched.use_count() == 2; });
+
+    task.reset();
+    EXPECT_EQ(watched.use_count(), 1);
+    watched.lock()->setPromiseValue();
+    waiter.join();
+
+    EXPECT_TRUE(watched.expired());
 }
 
 }  // namespace
