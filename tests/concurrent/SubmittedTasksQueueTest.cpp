@@ -35,6 +35,9 @@ class SubmittedTasksQueueOrderTest : public test::BoundedTest {};
 using Strategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 TYPED_TEST_SUITE(SubmittedTasksQueueOrderTest, Strategies, StrategyName);
+template <typename Strategy>
+class SubmittedTasksQueueClosingTest : public test::BoundedTest {};
+TYPED_TEST_SUITE(SubmittedTasksQueueClosingTest, Strategies, StrategyName);
 
 class ScriptedStrategy : public TaskRankingStrategy {
 public:
@@ -392,6 +395,28 @@ TEST_F(SubmittedTasksQueueTest, StrategyDoublesTheRankOfEveryQueuedTaskAtAPick) 
     EXPECT_EQ(low->getRank(), 4u);
 }
 
+// Explicit instantiation may name a private member.
+template <std::atomic<unsigned int> SubmittedTask::*Rank>
+struct RankAccess {
+    friend std::atomic<unsigned int>& storedRank(SubmittedTask& task) { return task.*Rank; }
+};
+std::atomic<unsigned int>& storedRank(SubmittedTask& task);
+template struct RankAccess<&SubmittedTask::rank>;
+
+TEST_F(SubmittedTasksQueueTest, RankBelowThatOfThePriorityIsLiftedAtThePick) {
+    // Two threads leave it so when the one sets a rank while the other raises the priority: the
+    // first may look at the old priority and store its rank last.
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    auto const task = submission(succeed(), HIGH);
+    storedRank(*task) = 5;
+    queue->addTask(task);
+    queue->addTask(submission(succeed(), HIGHEST));
+
+    EXPECT_NE(queue->getNextTask(), task);
+
+    EXPECT_EQ(task->getRank(), 1000000u);
+}
+
 TEST_F(SubmittedTasksQueueTest, StrategyOfStrictPriorityNeverChangesARank) {
     auto const queue = makeQueue();
     auto const low = submission(succeed(), LOW);
@@ -516,8 +541,8 @@ TEST_F(SubmittedTasksQueueTest, TellsThatItIsOpenWhileItsLockIsHeld) {
 
 // --- closing
 
-TEST_F(SubmittedTasksQueueTest, RefusesAndYieldsNothingOnceClosed) {
-    auto const queue = makeQueue();
+TYPED_TEST(SubmittedTasksQueueClosingTest, RefusesAndYieldsNothingOnceClosed) {
+    auto const queue = makeQueue<TypeParam>();
     queue->addTask(submission());
     auto const late = submission();
 
@@ -542,9 +567,9 @@ TEST_F(SubmittedTasksQueueTest, ClosingASecondTimeDoesNothing) {
     EXPECT_TRUE(queue->isEmpty());
 }
 
-TEST_F(SubmittedTasksQueueTest, ClosingDropsTasksAsTheyStand) {
+TYPED_TEST(SubmittedTasksQueueClosingTest, ClosingDropsTasksAsTheyStand) {
     test::LogRecorder recorder;
-    auto const queue = makeQueue();
+    auto const queue = makeQueue<TypeParam>();
     bool calledBack = false;
     auto const waiting = std::make_shared<SubmittedTask>(
         succeed(), NORMAL, [&calledBack](std::shared_ptr<Task> const&) { calledBack = true; },
@@ -569,7 +594,7 @@ TEST_F(SubmittedTasksQueueTest, ClosingDropsTasksAsTheyStand) {
     EXPECT_THAT(recorder.texts(), IsEmpty());
 }
 
-TYPED_TEST(SubmittedTasksQueueOrderTest, RanksOutliveTheQueue) {
+TYPED_TEST(SubmittedTasksQueueClosingTest, RanksOutliveTheQueue) {
     auto queue = makeQueue<TypeParam>();
     auto const picked = submission(succeed(), HIGHEST);
     auto const dropped = submission(succeed(), HIGHEST);
@@ -594,8 +619,8 @@ TYPED_TEST(SubmittedTasksQueueOrderTest, RanksOutliveTheQueue) {
     EXPECT_EQ(next->getNextTask(), dropped);
 }
 
-TEST_F(SubmittedTasksQueueTest, ClosingDestroysTasksThatNobodyElseHolds) {
-    auto const queue = makeQueue();
+TYPED_TEST(SubmittedTasksQueueClosingTest, ClosingDestroysTasksThatNobodyElseHolds) {
+    auto const queue = makeQueue<TypeParam>();
     auto task = submission();
     auto future = task->getFuture();
     queue->addTask(std::move(task));
@@ -605,8 +630,8 @@ TEST_F(SubmittedTasksQueueTest, ClosingDestroysTasksThatNobodyElseHolds) {
     EXPECT_THROW(future.get(), std::future_error);
 }
 
-TEST_F(SubmittedTasksQueueTest, WhatADroppedTaskDestroysMayUseTheQueue) {
-    auto const queue = makeQueue();
+TYPED_TEST(SubmittedTasksQueueClosingTest, WhatADroppedTaskDestroysMayUseTheQueue) {
+    auto const queue = makeQueue<TypeParam>();
     std::vector<std::string> seen;
     auto* const raw = queue.get();
     queue->addTask(submission([end = test::atEnd([&seen, raw] {
@@ -622,8 +647,8 @@ TEST_F(SubmittedTasksQueueTest, WhatADroppedTaskDestroysMayUseTheQueue) {
     EXPECT_THAT(seen, ElementsAre("closed", "empty", "refused"));
 }
 
-TEST_F(SubmittedTasksQueueTest, DestructionClosesAndDropsTasks) {
-    auto queue = makeQueue();
+TYPED_TEST(SubmittedTasksQueueClosingTest, DestructionClosesAndDropsTasks) {
+    auto queue = makeQueue<TypeParam>();
     auto const task = submission();
     auto const handle = queue->addTask(task);
     bool closedThen = false;
