@@ -3,6 +3,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <ostream>
@@ -128,6 +130,26 @@ TEST_F(TaskExecutorWorkerTest, StopsOfItsOwnAccordWhenItFindsTheQueueClosed) {
 
     worker->terminate();
     EXPECT_THAT(recorder.texts(), ElementsAre(STARTING, TERMINATING)) << "and can be joined";
+}
+
+TEST_F(TaskExecutorWorkerTest, LogsItsEndWithoutTheQueueAndItsLock) {
+    test::LogRecorder recorder;
+    test::Gate looked;
+    long references = 0;
+    recorder.onLine([&](test::LogLine const& line) {
+        if (line.text == TERMINATING) {
+            queue->isEmpty();  // Locks.
+            references = queue.use_count();
+            looked.open();
+        }
+    });
+    queue->close();
+    start();
+
+    looked.wait();
+
+    EXPECT_EQ(references, 1);
+    stop();
 }
 
 TEST_F(TaskExecutorWorkerTest, ClosingTheQueueWakesItAndEndsIt) {
@@ -483,6 +505,23 @@ TEST_F(TaskExecutorWorkerTest, WhatTheWorkDidIsSeenAfterTheWait) {
     }
 }
 
+TEST_F(TaskExecutorWorkerTest, WhatTheWorkDidIsSeenOnceTheStateIsDone) {
+    start();
+    for (int round = 0; round < test::scaled(2000); ++round) {
+        int plain = 0;
+        auto const handle = add([&plain]() -> Executable::Result {
+            plain = 1;
+            throw std::runtime_error("kept");
+        });
+
+        test::yieldUntil([&handle] { return handle->getState() == Executable::DONE; });
+
+        ASSERT_EQ(plain, 1);
+        ASSERT_NE(handle->getException(), nullptr);
+        ASSERT_EQ(handle->getResult(), Executable::FAILURE);
+    }
+}
+
 TEST_F(TaskExecutorWorkerTest, WhatCancelledWorkDidIsSeenAfterTheWait) {
     start();
     for (int round = 0; round < test::scaled(2000); ++round) {
@@ -603,6 +642,29 @@ TEST_F(TaskExecutorWorkerTest, SkippedTaskIsReleasedByAnEmptyFetch) {
     test::yieldUntil([&watched] { return watched.expired(); });
 
     EXPECT_TRUE(queue->isEmpty());
+}
+
+TEST_F(TaskExecutorWorkerTest, SkippedTaskIsHeldByAWorkerThatFetchesNoMore) {
+    class Terminating : public SubmittedTask {
+    public:
+        Terminating() : SubmittedTask(succeed(), NORMAL, Callback(), "terminating") {}
+        void setResult(Executable::Result newResult) override {
+            SubmittedTask::setResult(newResult);
+            worker->terminate();
+        }
+        TaskExecutorWorker* worker = nullptr;
+    };
+    auto const task = std::make_shared<Terminating>();
+    {
+        TaskExecutorWorker idle(queue);
+        task->worker = &idle;
+        queue->addTask(task)->cancel();
+
+        idle.run();
+
+        EXPECT_EQ(task.use_count(), 2);
+    }
+    EXPECT_EQ(task.use_count(), 1);
 }
 
 // Stops the worker while it settles a cancelled task.
@@ -889,6 +951,51 @@ TEST_F(TaskExecutorWorkerTest, ExceptionOutOfAnOverriddenOperationEndsTheProcess
             queue->addTask(std::make_shared<Throwing>())->waitForCompletion();
         },
         ::testing::KilledBySignal(SIGABRT), "no state");
+}
+
+TEST_F(TaskExecutorWorkerTest, ExceptionOutOfAStrategyEndsTheProcess) {
+    class Throwing : public TaskRankingStrategy {
+    public:
+        void updateRank(SubmittedTask*) override { throw std::runtime_error("no rank"); }
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            queue = makeQueue<Throwing>();
+            start();
+            run(succeed());
+        },
+        ::testing::KilledBySignal(SIGABRT), "no rank");
+}
+
+TEST_F(TaskExecutorWorkerTest, ExceptionOutOfANameEndsTheProcess) {
+    class Throwing : public NamedTask {
+    public:
+        char const* name() const override { throw std::runtime_error("no name"); }
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            start();
+            queue
+                ->addTask(std::make_shared<SubmittedTask>(std::make_shared<Throwing>(), NORMAL,
+                                                          Callback()))
+                ->waitForCompletion();
+        },
+        ::testing::KilledBySignal(SIGABRT), "no name");
+}
+
+TEST_F(TaskExecutorWorkerTest, RunningOneSubmissionTwiceEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            start();
+            auto const task = submission();
+            queue->addTask(task)->waitForCompletion();
+            queue->addTask(task);
+            test::Gate().wait();
+        },
+        ::testing::KilledBySignal(SIGABRT), "[Pp]romise already satisfied");
 }
 
 TEST_F(TaskExecutorWorkerTest, OnlyItsDestructorIsVirtual) {
