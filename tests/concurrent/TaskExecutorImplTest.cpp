@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <iterator>
@@ -276,12 +277,14 @@ TEST_F(TaskExecutorImplTest, GivesTheSubmissionItsPriority) {
 TEST_F(TaskExecutorImplTest, RefusesATaskWithoutWorkAndCallback) {
     test::LogRecorder recorder;
     auto const executor = makeExecutor(0);
+    std::int32_t const before = submission()->getUniqueIndex();
 
     EXPECT_EQ(executor->submitTask(std::shared_ptr<Task>(), NORMAL, Callback()), nullptr);
     EXPECT_EQ(executor->submitTask(Work(), NORMAL, Callback(), "work"), nullptr);
 
     EXPECT_TRUE(executor->isIdle());
     EXPECT_THAT(recorder.texts(), IsEmpty());
+    EXPECT_EQ(submission()->getUniqueIndex(), before - 1);
 }
 
 TEST_F(TaskExecutorImplTest, AcceptsACallbackWithoutATask) {
@@ -332,6 +335,22 @@ TEST_F(TaskExecutorImplTest, RefusesEverythingOnceItsQueueIsClosed) {
     EXPECT_TRUE(executor->isIdle());
     EXPECT_EQ(task.use_count(), 1);
     EXPECT_THAT(recorder.texts(), ElementsAre(STARTING, TERMINATING));
+}
+
+TEST_F(TaskExecutorImplTest, WhatAClosedQueueRefusesWasASubmission) {
+    auto const executor = makeExecutor(0);
+    queue->close();
+    test::LogRecorder recorder;
+    std::int32_t const before = submission()->getUniqueIndex();
+    Callback const callback = [](std::shared_ptr<Task> const&) {};
+
+    EXPECT_EQ(executor->submitTask(succeed(), NORMAL, {}, "work"), nullptr);
+    EXPECT_EQ(executor->submitTask(std::shared_ptr<Task>(), NORMAL, callback), nullptr);
+
+    EXPECT_EQ(submission()->getUniqueIndex(), before - 3);
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("[SubmittedTask::SubmittedTask:WARNING] Given a null pointer for a "
+                            "task."));
 }
 
 TEST_F(TaskExecutorImplTest, QueuesASubmissionOfTheHosts) {
