@@ -63,7 +63,7 @@ char const STARTING[] = "[TaskExecutorWorker::run():INFO] Starting task executor
 
 // Prints every line that is logged, and lives as long as the process.
 void printLog() {
-    auto* const recorder = new test::LogRecorder;
+    static auto* const recorder = new test::LogRecorder;
     recorder->onLine(
         [](test::LogLine const& line) { std::fprintf(stderr, "%s;", line.text.c_str()); });
 }
@@ -107,7 +107,8 @@ TEST_P(TaskExecutorsTest, EveryCallReturnsTheSameExecutor) {
 }
 
 TEST_P(TaskExecutorsTest, EveryCallIsLogged) {
-    GetParam().get();
+    // By then the worker has logged its start.
+    GetParam().get()->submitTask(succeed(), NORMAL, {}, "work")->waitForCompletion();
     test::LogRecorder recorder;
 
     GetParam().get();
