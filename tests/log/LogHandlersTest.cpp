@@ -534,6 +534,33 @@ TEST_F(FileLogHandlerTest, WhatCannotBeOpenedIsDiscardedInSilence) {
     EXPECT_EQ(contentOf(directory.path("file")), "untouched");
 }
 
+TEST_F(FileLogHandlerTest, StreamIsLockedEvenIfItCouldNotBeOpened) {
+    FileLogHandler handler(directory.path("missing/log").c_str());
+    Trace<FileLogHandler> trace(handler);
+    handler.handleLogMessage("one", ERROR);
+    EXPECT_THAT(trace.events, ElementsAre("lock", "unlock"));
+}
+
+// Explicit instantiation may name a private member.
+template <std::unique_ptr<std::ostream> FileLogHandler::*Stream>
+struct StreamAccess {
+    friend std::unique_ptr<std::ostream>& streamOf(FileLogHandler& handler) {
+        return handler.*Stream;
+    }
+};
+std::unique_ptr<std::ostream>& streamOf(FileLogHandler& handler);
+template struct StreamAccess<&FileLogHandler::stream>;
+
+// No path leads to a handler without a stream, but a handler must not rely on that.
+TEST_F(FileLogHandlerTest, WithoutAStreamNothingIsLocked) {
+    FileLogHandler handler(path.c_str());
+    streamOf(handler).reset();
+    Trace<FileLogHandler> trace(handler);
+    EXPECT_NO_THROW(handler.handleLogMessage("one", ERROR));
+    EXPECT_THAT(trace.events, IsEmpty());
+    EXPECT_EQ(contentOf(path), "");
+}
+
 TEST_F(FileLogHandlerTest, FullDeviceIsIgnored) {
     struct stat status;
     if (stat("/dev/full", &status) != 0 || !S_ISCHR(status.st_mode)) {
