@@ -36,6 +36,8 @@ using fuzz::FileTree;
 /// What the operations on a path do to a tree.
 class Model {
 public:
+    explicit Model(std::string const& root) : tree(root) {}
+
     bool exists(std::string const& path) const { return tree.stat(path).has_value(); }
     bool isFile(std::string const& path) const { return isKind(path, FileTree::FILE); }
     bool isDirectory(std::string const& path) const { return isKind(path, FileTree::DIRECTORY); }
@@ -153,9 +155,8 @@ private:
 class Scratch {
 public:
     Scratch() {
-        static int const scratch = makeDirectory();
-        if (fchdir(scratch) != 0) {
-            throw std::runtime_error("no scratch directory");
+        if (chdir(path().c_str()) != 0) {
+            throw std::runtime_error("no directory " + path());
         }
         if (test::isSuperuser()) {
             setfsgid(ORDINARY);
@@ -180,6 +181,11 @@ public:
         close(outside);
     }
 
+    /// Absolute.
+    static std::string const& path() {
+        static Directory const directory;
+        return directory.path;
+    }
     /// Who owns what is made here.
     static unsigned int user() { return test::isSuperuser() ? ORDINARY : geteuid(); }
     static unsigned int group() { return test::isSuperuser() ? ORDINARY : getegid(); }
@@ -187,17 +193,20 @@ public:
 private:
     static constexpr unsigned int ORDINARY = 65534;
 
-    static int makeDirectory() {
-        umask(022);
-        static std::filesystem::path const base = std::filesystem::temp_directory_path();
-        static std::string path = (base / "ovra-fuzz-XXXXXX").string();
-        if (mkdtemp(path.data()) == nullptr ||
-            (test::isSuperuser() && chown(path.c_str(), ORDINARY, ORDINARY) != 0)) {
-            throw std::runtime_error("no directory " + path);
+    struct Directory {
+        Directory() {
+            umask(022);
+            if (mkdtemp(path.data()) == nullptr ||
+                (test::isSuperuser() && chown(path.c_str(), ORDINARY, ORDINARY) != 0)) {
+                throw std::runtime_error("no directory " + path);
+            }
         }
-        std::atexit([] { rmdir(path.c_str()); });
-        return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    }
+        Directory(Directory const&) = delete;
+        Directory& operator=(Directory const&) = delete;
+        ~Directory() { rmdir(path.c_str()); }
+
+        std::string path = std::filesystem::temp_directory_path() / "ovra-fuzz-XXXXXX";
+    };
 
     int const outside = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 };
@@ -231,7 +240,7 @@ private:
         return random.pick(NAMES);
     }
     std::string anyPath() {
-        std::string path = anyName();
+        std::string path = random.oneIn(2) ? Scratch::path() + "/" + anyName() : anyName();
         for (std::uint32_t more = random.below(3); more > 0; --more) {
             path += (random.oneIn(8) ? "//" : "/") + anyName();
         }
@@ -313,7 +322,7 @@ private:
     }
 
     void setPath(Entry& entry, std::string const& path) {
-        entry.path = path.size() < 100 ? path : "a";
+        entry.path = path.size() < 200 ? path : "a";
         entry.handle = FileHandle(entry.path);
     }
     void openBelow(Entry& entry, Entry const& directory) {
@@ -456,7 +465,7 @@ private:
     }
 
     ByteSource& random;
-    Model model;
+    Model model{Scratch::path()};
     std::array<Entry, 3> entries = {Entry("a"), Entry("b"), Entry("c")};
 };
 

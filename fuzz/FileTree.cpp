@@ -24,7 +24,7 @@ std::vector<std::string> componentsOf(std::string const& path) {
 
 }  // namespace
 
-FileTree::FileTree() {
+FileTree::FileTree(std::string absoluteRoot) : root(std::move(absoluteRoot)) {
     nodes[TOP] = {DIRECTORY, NEW_DIRECTORY, "", TOP, {}};
 }
 
@@ -39,8 +39,11 @@ std::optional<FileTree::Place> FileTree::find(int start, std::string const& path
         return std::nullopt;
     }
     if (path.front() == '/') {
-        left = true;
-        return std::nullopt;
+        if (path.compare(0, root.size() + 1, root + "/") != 0) {
+            left = true;
+            return std::nullopt;
+        }
+        return find(TOP, "." + path.substr(root.size()), last, linksLeft);
     }
     std::vector<std::string> const names = componentsOf(path);
     Place place{start, ".", start, false};

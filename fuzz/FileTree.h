@@ -8,10 +8,10 @@
 
 namespace ovra::fuzz {
 
-/// Directories, files and links in memory, under one directory that paths are relative to. What an
+/// Directories, files and links in memory, under one directory, which is the current one. What an
 /// operation gives and leaves behind is what the system's call of that name would.
 ///
-/// A path that leads out of the directory, or is absolute, has no answer here: `hasLeft` tells.
+/// A path that leads out of the directory has no answer here: `hasLeft` tells.
 class FileTree {
 public:
     enum Kind { FILE, DIRECTORY, LINK };
@@ -24,7 +24,8 @@ public:
     };
     static constexpr int TOP = 0;
 
-    FileTree();
+    /// `absoluteRoot` is the absolute path of the directory.
+    explicit FileTree(std::string absoluteRoot);
 
     Node const& at(int id) const { return nodes.at(id); }
     Node& at(int id) { return nodes.at(id); }
@@ -59,6 +60,7 @@ private:
     int add(Place const& place, Node const& node);
     void take(Place const& place);
 
+    std::string root;
     std::map<int, Node> nodes;
     int nextId = TOP + 1;
     mutable bool left = false;

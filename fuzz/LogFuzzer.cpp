@@ -21,28 +21,21 @@
 
 namespace {
 
+constexpr std::size_t LONGEST_LINE = 1 << 14;
+
 OVRA_PRINTF(1, 0) std::string formatted(char const* format, std::va_list arguments) {
-    std::va_list again;
-    va_copy(again, arguments);
-    int const length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, arguments);
+    std::string text(LONGEST_LINE, '\0');
+    EXPECT_LT(std::vsnprintf(text.data(), text.size(), format, arguments), LONGEST_LINE);
     text.resize(text.find('\0'));
     return text;
 }
 
-struct SystemLogEntry {
-    int priority;
-    std::string format;
-    std::string text;
+// One line for each that was written: its priority, the format it came as, and what became of it.
+std::vector<std::string> s_systemLog;
 
-    friend bool operator==(SystemLogEntry const& left, SystemLogEntry const& right) {
-        return left.priority == right.priority && left.format == right.format &&
-               left.text == right.text;
-    }
-};
-std::vector<SystemLogEntry> s_systemLog;
+std::string systemLogLine(int priority, std::string const& format, std::string const& text) {
+    return std::to_string(priority) + " " + format + " | " + text;
+}
 
 }  // namespace
 
@@ -50,7 +43,7 @@ std::vector<SystemLogEntry> s_systemLog;
 void syslog(int priority, char const* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    s_systemLog.push_back({priority, format, formatted(format, arguments)});
+    s_systemLog.push_back(systemLogLine(priority, format, formatted(format, arguments)));
     va_end(arguments);
 }
 
@@ -176,21 +169,13 @@ public:
         addLogHandler(PLATFORM_HANDLER, "system log");
         addLogHandler(FILE_HANDLER, file().c_str());
         addLogHandler(std::make_shared<test::FunctionSink>([](char const* line, LogLevel level) {
-                          hostsOwn().push_back({line, level});
+                          hostsOwn().push_back(std::to_string(level) + " " + line);
                       }),
                       "host's own");
     }
 
-    struct Line {
-        std::string text;
-        LogLevel level;
-
-        friend bool operator==(Line const& left, Line const& right) {
-            return left.text == right.text && left.level == right.level;
-        }
-    };
-    static std::vector<Line>& hostsOwn() {
-        static std::vector<Line> lines;
+    static std::vector<std::string>& hostsOwn() {
+        static std::vector<std::string> lines;
         return lines;
     }
     static std::string const& file() {
@@ -205,8 +190,8 @@ public:
 
 void compare(FuzzedDataProvider& bytes) {
     Received const received;
-    std::vector<Received::Line> lines;
-    std::vector<SystemLogEntry> entries;
+    std::vector<std::string> lines;
+    std::vector<std::string> systemLog;
     std::string file;
     std::string output;
     std::string errors;
@@ -229,14 +214,15 @@ void compare(FuzzedDataProvider& bytes) {
         errno = EDOM;  // For "%m".
         std::string const line =
             "[" + (hasTag ? tag : "(null)") + ":" + nameOf(level) + "] " + message.passTo(print);
-        lines.push_back({line, level});
-        entries.resize(entries.size() + 2, {priorityOf(level), line, asWrittenBySystemLog(line)});
+        lines.push_back(std::to_string(level) + " " + line);
+        systemLog.resize(systemLog.size() + 2,
+                         systemLogLine(priorityOf(level), line, asWrittenBySystemLog(line)));
         file += line + "\n";
         (level == CRITICAL || level == ERROR ? errors : output) += line + "\n<flush>";
     }
 
-    EXPECT_TRUE(Received::hostsOwn() == lines);
-    EXPECT_TRUE(s_systemLog == entries);
+    EXPECT_EQ(Received::hostsOwn(), lines);
+    EXPECT_EQ(s_systemLog, systemLog);
     EXPECT_EQ(test::contentOf(Received::file()), file);
     EXPECT_EQ(received.output.text, output);
     EXPECT_EQ(received.errors.text, errors);
