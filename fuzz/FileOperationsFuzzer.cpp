@@ -213,7 +213,15 @@ private:
 
 class Session {
 public:
-    explicit Session(ByteSource& source) : random(source) {}
+    // Begins with a directory, a file and a link to the file in the directory.
+    explicit Session(ByteSource& source) : random(source) {
+        EXPECT_TRUE(entries[0].handle.CreateDirectory());
+        EXPECT_TRUE(entries[1].handle.CreateOutputStream({})->good());
+        EXPECT_TRUE(entries[1].handle.CreateSymbolicLink(entries[0].handle));
+        model.createDirectory(entries[0].path);
+        model.write(entries[1].path, {}, "");
+        model.createLink(entries[1].path, entries[0].path);
+    }
 
     void run() {
         while (!random.isEmpty()) {
@@ -228,7 +236,7 @@ public:
 private:
     /// A handle, and the path that it is to have.
     struct Entry {
-        explicit Entry(char const* name) : handle(name), path(name) {}
+        explicit Entry(std::string const& name) : handle(name), path(name) {}
 
         FileHandle handle;
         std::string path;
@@ -466,7 +474,7 @@ private:
 
     ByteSource& random;
     Model model{Scratch::path()};
-    std::array<Entry, 3> entries = {Entry("a"), Entry("b"), Entry("c")};
+    std::array<Entry, 3> entries = {Entry("a"), Entry(Scratch::path() + "/b"), Entry("c")};
 };
 
 }  // namespace
