@@ -413,6 +413,32 @@ TEST_F(TaskExecutorWorkerTest, CallsBackForATaskCancelledWhileItRan) {
     EXPECT_EQ(handle->getResult(), Executable::ABORTED);
 }
 
+TEST_F(TaskExecutorWorkerTest, CallsBackForATaskCancelledAsItStarts) {
+    bool ran = false;
+    bool calledBack = false;
+    auto const handle = queue->addTask(std::make_shared<SubmittedTask>(
+        [&ran] {
+            ran = true;
+            return Executable::SUCCESS;
+        },
+        NORMAL, [&calledBack](std::shared_ptr<Task> const&) { calledBack = true; }, "work"));
+    test::LogRecorder recorder;
+    recorder.onLine([&handle](test::LogLine const&) {
+        if (handle->getState() == Executable::EXECUTING) {
+            handle->cancel();
+        }
+    });
+    start();
+    handle->waitForCompletion();
+    run(succeed());
+
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(calledBack);
+    EXPECT_EQ(handle->getState(), Executable::CANCELLED);
+    EXPECT_EQ(handle->getResult(), Executable::ABORTED);
+    stop();
+}
+
 TEST_F(TaskExecutorWorkerTest, GoesOnAfterACallbackThatThrows) {
     test::LogRecorder recorder;
     start();
