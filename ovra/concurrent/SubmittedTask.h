@@ -29,8 +29,8 @@ struct SubmittedTaskProxy;
 ///
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
 /// by a waiting client. It refers to its handle weakly. Queue one object once: a second submission
-/// of the same object is run twice or dropped with the first, and its promise cannot be fulfilled
-/// twice.
+/// of the same object is dropped with the first, or run a second time, which ends the process
+/// because its promise cannot be fulfilled again.
 ///
 /// *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be called from
 /// any thread. `execute()` and then `performCallback()` are called on one worker thread, with no

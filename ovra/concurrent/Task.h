@@ -21,7 +21,8 @@ public:
     /// The name that appears in log lines and, up to the platform's 15 characters, on the worker
     /// thread. "Unnamed" unless overridden.
     ///
-    /// Borrowed: the caller never frees it, and it must stay valid while the task exists.
+    /// Borrowed: the caller never frees it, and it must stay valid while the task exists. Called on
+    /// a worker, where an exception ends the process.
     virtual char const* name() const;
 };
 

@@ -18,7 +18,10 @@ namespace ovra::concurrent {
 ///
 /// *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock held.
 ///
-/// *Failure*: refusals are empty handle pointers.
+/// *Failure*: refusals are empty handle pointers. `std::bad_alloc`, `std::system_error` and
+/// whatever copying a function throws escape from `submitTask()`, and nothing is queued then. Work
+/// and callback are destroyed on the thread that lets go of them last: a worker, a waiter, or
+/// whoever closes the queue.
 ///
 ///     auto const executor = ovra::concurrent::getNoStarveTaskExecutor();
 ///     auto const handle = executor->submitTask(
@@ -42,8 +45,9 @@ public:
         std::shared_ptr<Task> const& task, TaskPriority priority,
         std::function<void(std::shared_ptr<Task>)> const& callback) = 0;
 
-    /// The same for a copy of `function`. `name` is borrowed until the callback has returned, and
-    /// may be null. An empty function with a callback is accepted and ends in `FAILURE`.
+    /// The same for a copy of `function`. `name`, which may be null, is borrowed for as long as the
+    /// task exists: beyond the callback, and for as long as the callback keeps the task. An empty
+    /// function with a callback is accepted and ends in `FAILURE`.
     virtual std::shared_ptr<TaskHandle> submitTask(
         std::function<Executable::Result()> const& function, TaskPriority priority,
         std::function<void(std::shared_ptr<Task>)> const& callback, char const* name) = 0;

@@ -17,6 +17,7 @@ class TaskExecutorWorker;
 /// *Ownership*: shares the queue with whoever made it. Destroying the executor closes the queue,
 /// drops what is queued (without callback, state change or release of waiters) and waits for the
 /// task that each worker is running, callback included: work that never ends holds the destructor.
+///
 /// *Threads*: Thread-safe. Two ways to hurt oneself: releasing the last reference on one of the
 /// executor's own workers (from a task or a callback) ends the process, since a thread cannot join
 /// itself; and a task that waits for another task of the same one-worker executor never returns.

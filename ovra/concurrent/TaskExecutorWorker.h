@@ -15,13 +15,14 @@ class SubmittedTasksQueue;
 /// One thread that takes tasks from a queue and runs them, one after the other.
 ///
 /// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly; once the
-/// queue is gone it only waits to be terminated, and keeps a processor busy meanwhile.
+/// queue is gone it only waits to be terminated, and keeps a processor busy meanwhile. A worker
+/// that sleeps holds its queue: close that, letting go of it is not enough.
 ///
 /// *Threads*: `start()`, `terminate()` and the destructor belong to the owner, never to the
 /// worker's own thread; `run()` to the worker's. Work and callbacks run with no lock held.
 ///
-/// *Failure*: an exception out of `run()`, which only overridden virtual operations and a mutex
-/// that cannot be locked cause, ends the process.
+/// *Failure*: an exception out of `run()`, which only overridden virtual operations, a submission
+/// that is run twice and a mutex that cannot be locked cause, ends the process.
 class OVRA_API TaskExecutorWorker {
 public:
     /// Starts no thread yet.
@@ -33,7 +34,8 @@ public:
     virtual ~TaskExecutorWorker();
 
     /// Starts the thread. `std::system_error` escapes if none can be had. Ends the process if the
-    /// previous thread has not been joined.
+    /// previous thread has not been joined. Start a worker once: a thread that is started after
+    /// `terminate()` is never joined, and the destructor ends the process.
     void start();
 
     /// The worker thread's loop; returns once the worker is terminated, or finds its queue closed.

@@ -17,7 +17,8 @@ extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 /// its queue and joins its worker: a task that never ends holds the exit. A caller that keeps its
 /// reference keeps the executor beyond that point. Exit handlers and statics that are younger than
 /// the first call, such as those that a task's own libraries register, are run before that, while
-/// the worker may still be running tasks.
+/// the worker may still be running tasks. `exit()` on its own worker ends the process abnormally.
+/// Not to be called after that release, as from the destructor of an older static.
 ///
 /// *Threads*: Thread-safe, concurrent first calls included.
 ///

@@ -53,11 +53,13 @@ public:
     /// becomes `ABORTED` and its waiter is released. Running work is never interrupted: it ends
     /// `ABORTED` unless it still returns `SUCCESS` or `FAILURE` (or throws), which is then kept.
     /// A cancel that arrives just as a worker starts the task may be overwritten by `EXECUTING`:
-    /// the task then runs as if it had not been cancelled.
+    /// the task then runs as if it had not been cancelled. So may one that arrives just as the work
+    /// ends, by `DONE`. After either, `isDone()` follows the task again.
     void cancel();
 
     /// Gives a queued task a new priority and resets its rank to that priority's initial rank, also
-    /// when it had aged above it. Has no effect on a task that has started.
+    /// when it had aged above it. Has no effect on a task that has started. `std::system_error` if
+    /// the queue that holds the task cannot be told of it.
     void updatePriority(TaskPriority priority);
 
     /// Blocks until the task has come to an end, whatever its outcome; returns at once when the
@@ -71,7 +73,8 @@ public:
     /// - for a queued task of an executor that is destroyed, or whose queue is closed: the waiter
     ///   keeps the task, but no worker will ever reach it. Keep the executor alive while you wait,
     ///   or ask `isDone()` instead;
-    /// - inside a task, for another task of the same one-thread executor.
+    /// - inside work, for the task itself; inside work or a callback, for another task of the same
+    ///   one-thread executor.
     void waitForCompletion();
 
     /// The state last pushed by the task; it may be one step behind. Does not block.
