@@ -1,24 +1,21 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
+
 #include <ovra/concurrent/TaskPriority.h>
 
 namespace ovra::concurrent {
+
+/// The initial ranks of 0, `LOW`, `NORMAL`, `HIGH` and `HIGHEST`.
+constexpr std::array<unsigned int, 5> INITIAL_RANKS{1, 1, 1000, 1000000, 0x7fffffff};
 
 /// What `submittedTaskPriorityToInitialRank` answers, for the library's own loops over many tasks.
 ///
 /// Private to the library.
 constexpr unsigned int initialRankOf(TaskPriority priority) {
-    switch (priority) {
-        case NORMAL:
-            return 1000;
-        case HIGH:
-            return 1000000;
-        case HIGHEST:
-            return 0x7fffffff;
-        case LOW:
-            break;
-    }
-    return 1;
+    auto const place = static_cast<std::size_t>(priority);
+    return place < INITIAL_RANKS.size() ? INITIAL_RANKS[place] : INITIAL_RANKS[0];
 }
 
 }  // namespace ovra::concurrent

@@ -9,18 +9,8 @@ namespace ovra::concurrent {
 static_assert(std::atomic<SubmittedTask*>::is_always_lock_free &&
               std::atomic<SettledTasks*>::is_always_lock_free);
 
-SettledTasks::SettledTasks(TaskRankingStrategy* queueStrategy)
-    : strategy(queueStrategy), ranks(ranksUnder(queueStrategy)) {}
-
 SettledTasks::~SettledTasks() {
     takeAll();
-}
-
-SettledTasks::Ranks SettledTasks::ranksUnder(TaskRankingStrategy const* queueStrategy) {
-    if (queueStrategy == nullptr || isExactly<HighestPriorityTaskRankingStrategy>(*queueStrategy)) {
-        return KEPT;
-    }
-    return isExactly<NoStarveTaskRankingStrategy>(*queueStrategy) ? DOUBLED : UNKNOWN;
 }
 
 bool SettledTasks::add(QueuedTask& queued) {
@@ -38,7 +28,7 @@ bool SettledTasks::add(QueuedTask& queued) {
     task.settled = this;
     // From here on `setRank` tells. What it did before, also to a rank that was final when the task
     // was found to settle, is found here.
-    if (task.rank != rank || !isFinal(rank)) {
+    if (task.rank != rank || !rule.isFinal(rank)) {
         noteNewRank(task);
     }
     return true;
@@ -52,7 +42,9 @@ SettledTasks::Candidate SettledTasks::best() const {
         }
     };
     if (isOutOfOrder) {
-        forEach([&consider](QueuedTask const& queued) { consider(queued, urgencyOf(queued)); });
+        forEach([&consider](QueuedTask const& queued) {
+            consider(queued, RankRule::urgencyOf(queued, RankRule::rankOf(queued)));
+        });
         return best;
     }
     for (TaskLine const& line : places.lines) {
@@ -73,12 +65,12 @@ bool SettledTasks::isEmpty() const {
 }
 
 void SettledTasks::remove(SubmittedTask& task) {
+    if (task.settled != this) {
+        return;
+    }
     bool isOnStack = false;
     {
         std::lock_guard<std::mutex> const lock(task.mutex);
-        if (task.settled != this) {
-            return;
-        }
         task.settled = nullptr;
         isOnStack = std::exchange(task.hasNewRank, false);
     }
@@ -119,7 +111,7 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
     unsigned int const oldRank = task.settledRank;
     unsigned int const newRank = task.rank;
     try {
-        if (!isFinal(newRank)) {
+        if (!rule.isFinal(newRank)) {
             unsettled.push_back(entryOf(task, oldRank));
             remove(task);
         } else if (newRank != oldRank) {
@@ -163,8 +155,7 @@ void SettledTasks::enter(QueuedTask& queued, unsigned int rank) {
     SubmittedTask& task = *queued.task;
     TaskLine* const line = lineWith(rank);
     if (line == nullptr || !line->append(queued)) {
-        Urgency const urgency{rank + static_cast<unsigned int>(queued.index), queued.order};
-        places.strays.insert(Stray{queued, urgency});
+        places.strays.insert(Stray{queued, RankRule::urgencyOf(queued, rank)});
     }
     task.settledRank = rank;
 }

@@ -1,28 +1,17 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <set>
-#include <typeinfo>
 #include <vector>
 
 #include <ovra/concurrent/InitialRank.h>
+#include <ovra/concurrent/RankRule.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskLine.h>
-#include <ovra/concurrent/TaskRankingStrategy.h>
 
 namespace ovra::concurrent {
-
-/// Whether `object` is a `Class` and nothing derived from it.
-///
-/// Compares where the type information lies and never looks into it: a host that is built without
-/// leaves a null pointer in its classes.
-template <typename Class, typename Object>
-bool isExactly(Object const& object) {
-    return &typeid(object) == &typeid(Class);
-}
 
 /// The tasks of one queue whose ranks its strategy will not change any more, in the order in which
 /// they are to run, so that a pick need not walk them.
@@ -65,35 +54,10 @@ public:
         Urgency urgency;
     };
 
-    explicit SettledTasks(TaskRankingStrategy* queueStrategy);
+    explicit SettledTasks(RankRule queueRule) : rule(queueRule) {}
     SettledTasks(SettledTasks const&) = delete;
     SettledTasks& operator=(SettledTasks const&) = delete;
     ~SettledTasks();
-
-    static Urgency urgencyOf(QueuedTask const& queued) {
-        return {rankOf(queued) + static_cast<unsigned int>(queued.index), queued.order};
-    }
-
-    static void prefetchRank(QueuedTask const& queued) {
-        if (queued.task) {
-            __builtin_prefetch(&queued.task->rank, 1);
-        }
-    }
-
-    /// Applies the queue's strategy to a task that has not settled, and says whether it is to now.
-    bool updateRank(QueuedTask const& queued) const {
-        if (ranks == DOUBLED && queued.isPlain && queued.task->settled == nullptr) {
-            doubleRank(*queued.task);
-        } else if (strategy != nullptr) {
-            strategy->updateRank(queued.task.get());
-        }
-        return isFinal(queued);
-    }
-
-    /// Whether the strategy will not change the task's rank any more.
-    bool isFinal(QueuedTask const& queued) const {
-        return queued.isPlain && isFinal(queued.task->rank);
-    }
 
     /// Takes a task whose rank is final, and watches that rank from now on. False, and nothing
     /// done, if the task is settled already, here or in another queue, or for want of memory.
@@ -116,25 +80,9 @@ public:
     /// Tells of a new rank of a task that is here. With the task's mutex held.
     void noteNewRank(SubmittedTask& task);
 
+    RankRule const rule;
+
 private:
-    enum Ranks { KEPT, DOUBLED, UNKNOWN };
-
-    static Ranks ranksUnder(TaskRankingStrategy const* queueStrategy);
-    static unsigned int rankOf(QueuedTask const& queued) {
-        return queued.isPlain ? queued.task->rank.load() : queued.task->getRank();
-    }
-    // What the strategy that doubles does to a plain task, without its calls.
-    static void doubleRank(SubmittedTask& task) {
-        unsigned int const doubled = task.rank.load(std::memory_order_relaxed) * 2u;
-        task.rank.store(std::max(std::min(doubled, SubmittedTask::HIGHEST_CURRENT_RANK_VALUE),
-                                 initialRankOf(task.priority)),
-                        std::memory_order_relaxed);
-    }
-
-    bool isFinal(unsigned int rank) const {
-        return ranks == KEPT ||
-               (ranks == DOUBLED && rank == SubmittedTask::HIGHEST_CURRENT_RANK_VALUE);
-    }
     template <typename Visitor>
     void forEach(Visitor const& visit) const {
         for (TaskLine const& line : places.lines) {
@@ -153,8 +101,6 @@ private:
     void pushChanged(SubmittedTask& task);
     void removeChanged(SubmittedTask const& task);
 
-    TaskRankingStrategy* const strategy;
-    Ranks const ranks;
     Places places;
     bool isOutOfOrder = false;  // For want of memory: compare all by the ranks they have now.
     std::atomic<SubmittedTask*> changed{nullptr};  // A stack, linked by `nextChanged`.

@@ -152,6 +152,7 @@ public:
 
 private:
     friend class TaskHandle;
+    friend class RankRule;
     friend class SettledTasks;
     friend class SubmittedTasksQueue;
     friend class TaskLine;
@@ -176,9 +177,9 @@ private:
     // Made by the first who asks for the future: few do, for a handle waits on `waiter`.
     std::unique_ptr<std::promise<bool>> promise;  // Guarded by `mutex`.
     sem_t* waiter = nullptr;  // Guarded by `mutex`: to post when the task has come to its end.
-    bool fulfilled = false;   // Guarded by `mutex`.
-    bool retrieved = false;   // Guarded by `mutex`: the future was asked for, or waited for.
 
+    // Side by side, for the queue that walks many tasks.
+    std::atomic<SettledTasks*> settled{nullptr};  // Who relies on the rank. Changed under `mutex`.
     std::atomic<TaskPriority> priority;
     std::atomic<unsigned int> rank;
     std::int32_t const uniqueIndex;
@@ -188,11 +189,11 @@ private:
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 
-    // For the queue that relies on the rank, and is told of a new one.
-    std::atomic<SettledTasks*> settled{nullptr};  // Changed under `mutex`.
-    SubmittedTask* nextChanged = nullptr;         // The queue's: see `SettledTasks::changed`.
-    unsigned int settledRank = 0;                 // The queue's: the rank it has noted.
-    bool hasNewRank = false;                      // Guarded by `mutex`.
+    bool fulfilled = false;        // Guarded by `mutex`.
+    bool retrieved = false;        // Guarded by `mutex`: the future was asked or waited for.
+    bool hasNewRank = false;       // Guarded by `mutex`: `settled` has yet to see the rank.
+    unsigned int settledRank = 0;  // The queue's: the rank it has noted.
+    SubmittedTask* nextChanged = nullptr;  // The queue's: see `SettledTasks::changed`.
 };
 
 }  // namespace ovra::concurrent

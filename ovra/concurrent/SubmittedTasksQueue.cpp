@@ -12,12 +12,12 @@ namespace {
 
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-constexpr std::size_t PREFETCH_AHEAD = 16;
+constexpr std::ptrdiff_t PREFETCH_AHEAD = 16;
 
 }  // namespace
 
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
-    : settled(std::make_unique<SettledTasks>(rankingStrategy.get())),
+    : settled(std::make_unique<SettledTasks>(RankRule(rankingStrategy.get()))),
       strategy(std::move(rankingStrategy)) {}
 
 SubmittedTasksQueue::~SubmittedTasksQueue() {
@@ -36,11 +36,54 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
     std::lock_guard<std::mutex> const lock(mutex);
     hasRepeats |= !isNew;
     QueuedTask queued{std::move(task), ++addedSoFar, index, isPlain};
-    if (!settled->isFinal(queued) || !settled->add(queued)) {
+    if (!settled->rule.isFinal(queued) || !settled->add(queued)) {
         tasks.push_back(std::move(queued));
     }
     condition.notify_one();
     return handle;
+}
+
+// What a pick finds on its walk.
+struct SubmittedTasksQueue::Walk {
+    QueuedTask* best = nullptr;
+    Urgency urgency;
+    bool settles = false;  // Some task has its final rank now.
+
+    void consider(QueuedTask& queued, unsigned int rank) {
+        if (Urgency const other = RankRule::urgencyOf(queued, rank); other > urgency) {
+            best = &queued;
+            urgency = other;
+        }
+    }
+};
+
+// The rule: the largest score runs next, and each task's rank is updated once it was compared.
+template <bool ranksDouble>
+SubmittedTasksQueue::Walk SubmittedTasksQueue::walk() {
+    Walk walk;
+    RankRule const rule = settled->rule;
+    QueuedTask* const oldest = tasks.data();
+    for (QueuedTask* entry = oldest + tasks.size(); entry != oldest;) {
+        QueuedTask& queued = *--entry;
+        if (entry - oldest >= PREFETCH_AHEAD) {
+            RankRule::prefetch(entry[-PREFETCH_AHEAD]);
+        }
+        SubmittedTask* const task = queued.task.get();
+        if (task == nullptr) {
+            continue;
+        }
+        if (ranksDouble && queued.isPlain && RankRule::isOnlyWalked(*task)) {
+            unsigned int const rank = RankRule::rankOf(*task);
+            walk.consider(queued, rank);
+            queued.isFinal = RankRule::doubleRank(*task, rank) == RankRule::LAST_DOUBLED;
+        } else {
+            walk.consider(queued, RankRule::rankOf(queued));
+            rule.update(queued);
+            queued.isFinal = rule.isFinal(queued);
+        }
+        walk.settles |= queued.isFinal;
+    }
+    return walk;
 }
 
 std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
@@ -50,38 +93,20 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     std::lock_guard<std::mutex> const lock(mutex);
     settled->rekeyChanged(tasks);
 
-    // The rule: the largest score runs next, and each task's rank is updated once it was compared.
-    QueuedTask* walked = nullptr;
-    Urgency greatest;
-    bool settles = false;
-    for (std::size_t i = tasks.size(); i-- > 0;) {
-        if (i >= PREFETCH_AHEAD) {
-            SettledTasks::prefetchRank(tasks[i - PREFETCH_AHEAD]);
-        }
-        QueuedTask& queued = tasks[i];
-        if (!queued.task) {
-            continue;
-        }
-        if (Urgency const urgency = SettledTasks::urgencyOf(queued); urgency > greatest) {
-            walked = &queued;
-            greatest = urgency;
-        }
-        queued.isFinal = settled->updateRank(queued);
-        settles |= queued.isFinal;
-    }
+    Walk const walked = settled->rule.doublesRanks() ? walk<true>() : walk<false>();
     // The shortcut: of the tasks whose ranks no pick changes, only the first needs to be compared.
     auto const first = settled->best();
-    bool const isSettled = first.urgency > greatest;
-    if (!isSettled && walked == nullptr) {
+    bool const isSettled = first.urgency > walked.urgency;
+    if (!isSettled && walked.best == nullptr) {
         return nullptr;
     }
 
-    std::shared_ptr<SubmittedTask> next = isSettled ? first.queued->task : walked->task;
+    std::shared_ptr<SubmittedTask> next = isSettled ? first.queued->task : walked.best->task;
     settled->remove(*next);
-    if (settles || hasRepeats || gone * 2 > tasks.size()) {
+    if (walked.settles || hasRepeats || gone * 2 > tasks.size()) {
         clearAway(next);
     } else if (!isSettled) {
-        walked->task.reset();
+        walked.best->task.reset();
         ++gone;
     }
     return next;

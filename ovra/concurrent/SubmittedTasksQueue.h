@@ -70,6 +70,7 @@ public:
 
 private:
     friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
+    friend class RankRule;
     friend class SettledTasks;
     friend class TaskLine;
 
@@ -81,6 +82,10 @@ private:
         bool isFinal = false;  // The strategy will not change its rank any more.
     };
 
+    struct Walk;
+
+    template <bool ranksDouble>
+    OVRA_LOCAL Walk walk();
     OVRA_LOCAL bool hasTasks() const;
     OVRA_LOCAL void clearAway(std::shared_ptr<SubmittedTask> const& next);
 

@@ -1,24 +1,13 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
-#include <limits>
 #include <vector>
 
+#include <ovra/concurrent/RankRule.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 
 namespace ovra::concurrent {
-
-/// What a queue compares tasks by: the larger score runs first, the later added of two equal ones.
-struct Urgency {
-    unsigned int score = 0;
-    std::uint64_t order = std::numeric_limits<std::uint64_t>::max();
-
-    bool operator>(Urgency const& other) const {
-        return score != other.score ? score > other.score : order > other.order;
-    }
-};
 
 /// Tasks of one rank that came in the order in which they are to run, as nearly all do.
 ///
@@ -32,9 +21,7 @@ public:
     bool isEmpty() const { return first == entries.size(); }
     bool hasRank(unsigned int asked) const { return rank == asked; }
     QueuedTask const& front() const { return entries[first]; }
-    Urgency urgencyOf(QueuedTask const& queued) const {
-        return {rank + static_cast<unsigned int>(queued.index), queued.order};
-    }
+    Urgency urgencyOf(QueuedTask const& queued) const { return RankRule::urgencyOf(queued, rank); }
 
     template <typename Visitor>
     void forEach(Visitor const& visit) const {

@@ -265,16 +265,18 @@ inline checkRanks() {
     }
 }
 
-/* SettledTasks::updateRank and isFinal */
+/* RankRule::doubleRank, or nothing, and isFinal */
 inline updateRank(t) {
 #ifndef KEPT
-    doubled = rank[t] * 2;
+    doubled = (rank[t] * 2 < FINAL -> rank[t] * 2 : FINAL);
     atomic {
-        rank[t] = (doubled < FINAL -> doubled : FINAL);
+        rank[t] = doubled;
+        isFinal[t] = IS_FINAL(doubled);
         doubled = 0
     }
-#endif
+#else
     isFinal[t] = IS_FINAL(rank[t])
+#endif
 }
 
 /* SubmittedTasksQueue::addTask */
