@@ -485,7 +485,9 @@ hits all alike; bare times hold for this machine only, and differences of a few 
   push; it is left out at n = 100 000.
 - **Round trip, steady.** One worker; the caller waits for the oldest of 1 or 64 tasks and submits
   the next. Pinned: both threads on one core. Free: where the system puts them, so mostly the cost
-  of waking a thread on the other core.
+  of waking a thread on the other core. With 64 in flight, pinned, most of the time goes into
+  switches between the two threads: one for each task or one for many, as the order of the tasks and
+  the scheduler will have it, so that one pool may take twice as long as itself a minute before.
 - **Processor time and time.** Processor time, in tasks that of all threads of the process, says
   what a task costs, and others on the machine hardly disturb it; the goals are held against it. On
   an idle machine, with one worker or all on one core, it is about the time that passes. Time is

@@ -131,6 +131,8 @@ void FilePath::Cache() const {
     driveLetter.clear();
     absolute = startsAtRoot(path);
 
+    // Below, strings are made and moved: to assign a view would look for overlaps first.
+
     // One separator at the end closes the last component and opens none.
     std::string_view text = path;
     if (EndingSeparator()) {
@@ -148,13 +150,13 @@ void FilePath::Cache() const {
             fullPath = fileName;
         }
     } else {
-        directoryPath = text.substr(0, lastSeparator + 1);
+        directoryPath = std::string(text.substr(0, lastSeparator + 1));
         auto const bothSeparators = [](char left, char right) {
             return left == SEPARATOR && right == SEPARATOR;
         };
         directoryPath.erase(std::unique(directoryPath.begin(), directoryPath.end(), bothSeparators),
                             directoryPath.end());
-        fileName = text.substr(lastSeparator + 1);
+        fileName = std::string(text.substr(lastSeparator + 1));
         std::size_t const fullSize = directoryPath.size() + fileName.size();
         fullPathIsPath = fullSize == path.size();
         if (!fullPathIsPath) {
@@ -164,10 +166,11 @@ void FilePath::Cache() const {
         }
     }
 
-    std::size_t const dot = fileName == ".." ? std::string::npos : fileName.find('.', 1);
-    fileBaseName.assign(fileName, 0, dot);
-    if (dot != std::string::npos) {
-        extension.assign(fileName, dot, std::string::npos);
+    std::string_view const name = fileName;
+    std::size_t const dot = name == ".." ? std::string_view::npos : name.find('.', 1);
+    fileBaseName = std::string(name.substr(0, dot));
+    if (dot != std::string_view::npos) {
+        extension = std::string(name.substr(dot));
     }
     cacheValid = true;
 }
