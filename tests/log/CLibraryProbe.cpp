@@ -78,11 +78,15 @@ Hidden<int(pthread_mutex_t*)> hiddenMutexUnlock("pthread_mutex_unlock");
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
+// What a failure leaves in the caller's pointer: neither text nor from the heap.
+char undefined[] = "undefined";
+
 int formatText(Formatting outcome, char** text, char const* format, std::va_list arguments) {
     switch (outcome) {
         case Formatting::REAL:
             break;
         case Formatting::FAILS:
+            *text = undefined;
             return -1;
         case Formatting::LEAVES_NULL:
             *text = nullptr;

@@ -17,7 +17,7 @@ struct SystemLogCall {
 /// What becomes of a call of `vasprintf` or `asprintf`.
 enum class Formatting {
     REAL,
-    FAILS,        ///< Returns -1.
+    FAILS,        ///< Returns -1 and a buffer that is none.
     LEAVES_NULL,  ///< Returns 0 and a null buffer.
 };
 
