@@ -94,6 +94,13 @@ TEST_F(ThreadFailureTest, ExecutorStartsAtMostTwelveThreads) {
     }
 }
 
+TEST_F(ThreadFailureTest, ExecutorWithoutAQueueStartsNoThread) {
+    ThreadCount threads;
+    { TaskExecutorImpl const executor(3, nullptr); }
+
+    EXPECT_EQ(threads.started.size(), 0u);
+}
+
 TEST_F(ThreadFailureTest, QueueIsClosedBeforeTheFirstJoin) {
     auto const queue = makeQueue();
     std::vector<bool> closed;

@@ -393,6 +393,12 @@ TEST_F(SystemCallTest, IteratesInOnePassAndReadsNothingAfterTheEnd) {
         ++unopened;
     }
     EXPECT_THAT(calls.take(), ElementsAre("opendir missing"));
+
+    FileHandle(at("d/a")).Remove();
+    FileIterator empty(at("d"));
+    calls.take();
+    ++empty;
+    EXPECT_THAT(calls.take(), IsEmpty());
 }
 
 TEST_F(SystemCallTest, OpensTheNewDirectoryBeforeItClosesTheOld) {
