@@ -2,7 +2,10 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -124,8 +127,12 @@ TEST_F(QueueTimingTest, QueueClosedAtAnyMomentEndsTheWorker) {
     }
 }
 
-TEST_F(QueueTimingTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNeverRuns) {
-    auto queue = makeQueue();
+TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNeverRuns) {
+    auto queue = makeQueue<TypeParam>();
+    for (int i = 0; i < 3; ++i) {
+        queue->addTask(submission());
+    }
+    queue->getNextTask();
     auto task = submission();
     std::weak_ptr<SubmittedTask> const watched = task;
     auto* const raw = queue.get();
@@ -153,7 +160,9 @@ TEST_F(QueueTimingTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNeverRuns) {
 
 TEST_F(QueueTimingTest, PickThatMeetsTheClosingYieldsNothing) {
     auto const queue = makeQueue();
-    queue->addTask(submission());
+    auto const task = submission();
+    queue->addTask(task);
+    task->setRank(5000);  // Yet to be noticed by a pick.
     std::shared_ptr<SubmittedTask> picked = submission();
     {
         Stop stop(*queue, 1);
@@ -453,10 +462,10 @@ TEST_F(QueueTimingTest, NullTaskGivesWayToOthersWhileItWaits) {
 // --- ranks that change while the queue works
 
 // Calls `change` at the nth moment in the course of `action` at which this thread is about to lock
-// or has just unlocked; says whether it came to that.
+// or to allocate, or has just unlocked; says whether it came to that.
 bool interrupt(int nth, std::function<void()> const& action, std::function<void()> const& change) {
     int remaining = nth;
-    auto const countDown = [&](pthread_mutex_t*) {
+    auto const countDown = [&](auto) {
         if (--remaining == 0) {
             change();
         }
@@ -465,6 +474,7 @@ bool interrupt(int nth, std::function<void()> const& action, std::function<void(
     test::ThreadCalls calls;
     calls.onLock = countDown;
     calls.afterUnlock = countDown;
+    calls.onAllocate = countDown;
     calls.install();
     action();
     return remaining <= 0;
@@ -575,6 +585,27 @@ TYPED_TEST(QueueTimingStrategyTest, PriorityLoweredAroundAPickCounts) {
     }
 }
 
+TYPED_TEST(QueueTimingStrategyTest, RankSetBeforeAPickWithoutMemoryCountsAtTheNext) {
+    auto const queue = makeQueue<TypeParam>();
+    auto const first = submission(succeed(), HIGHEST);
+    auto const middle = submission(succeed(), HIGHEST);
+    auto const last = submission(succeed(), HIGHEST);
+    for (auto const& added : {first, middle, last}) {
+        queue->addTask(added);
+    }
+    middle->setPriority(LOW);
+    middle->setRank(5000);
+    {
+        test::ThreadCalls calls;
+        calls.onAllocate = [](std::size_t) { return true; };
+        calls.install();
+        EXPECT_EQ(queue->getNextTask(), first);
+    }
+
+    EXPECT_EQ(queue->getNextTask(), last);
+    EXPECT_EQ(queue->getNextTask(), middle);
+}
+
 TYPED_TEST(QueueTimingStrategyTest, PriorityRaisedWhileAnotherTaskIsPickedCounts) {
     int nth = 0;
     bool interrupted = true;
@@ -602,6 +633,61 @@ TYPED_TEST(QueueTimingStrategyTest, PriorityRaisedWhileAnotherTaskIsPickedCounts
         }
     }
     EXPECT_GT(nth, 1);
+}
+
+// --- memory
+
+class PatientStrategy : public TaskRankingStrategy {
+public:
+    void updateRank(SubmittedTask*) override {}
+};
+
+// The most bytes that are allocated at once in the course of `action`.
+std::size_t largestBlockOf(std::function<void()> const& action) {
+    std::size_t largest = 0;
+    test::ThreadCalls calls;
+    calls.onAllocate = [&](std::size_t bytes) {
+        largest = std::max(largest, bytes);
+        return false;
+    };
+    calls.install();
+    action();
+    return largest;
+}
+
+void fillAndDrain(SubmittedTasksQueue& queue, int tasks) {
+    for (int i = 0; i < tasks; ++i) {
+        queue.addTask(submission());
+    }
+    while (queue.getNextTask()) {
+    }
+}
+
+TEST_F(QueueTimingTest, QueueThatIsNeverEmptyDoesNotGrow) {
+    for (auto const& queue :
+         {makeQueue(), makeQueue<NoStarveTaskRankingStrategy>(), makeQueue<PatientStrategy>()}) {
+        for (int i = 0; i < 10; ++i) {
+            queue->addTask(submission());
+        }
+        EXPECT_LT(largestBlockOf([&] {
+                      for (int i = 0; i < 10000; ++i) {
+                          queue->addTask(submission());
+                          queue->getNextTask();
+                      }
+                  }),
+                  4096u);
+    }
+}
+
+TEST_F(QueueTimingTest, OnlyTheMemoryOfALargeBurstIsGivenBack) {
+    auto const queue = makeQueue();
+    auto const burst = [&](int tasks) {
+        return largestBlockOf([&] { fillAndDrain(*queue, tasks); });
+    };
+    std::size_t const ofALarge = burst(129);
+    EXPECT_EQ(burst(129), ofALarge);
+    std::size_t const ofASmall = burst(128);
+    EXPECT_LT(burst(128), ofASmall);
 }
 
 }  // namespace

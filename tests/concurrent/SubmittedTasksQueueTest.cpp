@@ -344,6 +344,51 @@ TEST_F(SubmittedTasksQueueTest, PriorityChangesCountAtTheNextPick) {
     EXPECT_EQ(queue->getNextTask(), third);
 }
 
+TEST_F(SubmittedTasksQueueTest, TaskAddedOutOfOrderOutlastsTheOthersOfItsPriority) {
+    auto const queue = makeQueue();
+    auto const oldest = submission();
+    std::vector<std::shared_ptr<SubmittedTask>> others(1000);
+    for (auto& other : others) {
+        other = submission();
+        queue->addTask(other);
+    }
+    queue->addTask(oldest);
+    for (auto const& other : others) {
+        other->setPriority(HIGH);
+    }
+
+    for (auto const& other : others) {
+        ASSERT_EQ(queue->getNextTask(), other);
+    }
+    EXPECT_EQ(queue->getNextTask(), oldest);
+    EXPECT_TRUE(queue->isEmpty());
+}
+
+TEST_F(SubmittedTasksQueueTest, PriorityMayGoAndComeBack) {
+    auto const queue = makeQueue();
+    auto const first = submission(succeed(), HIGHEST);
+    auto const second = submission(succeed(), HIGHEST);
+    auto const others = {submission(), submission(), submission()};
+    auto const task = submission();
+    queue->addTask(first);
+    queue->addTask(second);
+    for (auto const& other : others) {
+        queue->addTask(other);
+    }
+    queue->addTask(task);
+
+    task->setPriority(HIGH);
+    EXPECT_EQ(queue->getNextTask(), first);
+    task->setPriority(NORMAL);
+    EXPECT_EQ(queue->getNextTask(), second);
+    task->setPriority(HIGH);
+    EXPECT_EQ(queue->getNextTask(), task);
+    for (auto const& other : others) {
+        EXPECT_EQ(queue->getNextTask(), other);
+    }
+    EXPECT_TRUE(queue->isEmpty());
+}
+
 TEST_F(SubmittedTasksQueueTest, SameTaskAddedTwiceLeavesAtOnce) {
     auto const queue = makeQueue();
     auto const twice = submission(succeed(), HIGH);
@@ -612,11 +657,15 @@ TYPED_TEST(SubmittedTasksQueueClosingTest, RanksOutliveTheQueue) {
 
     // And they count in another queue.
     auto const next = makeQueue<TypeParam>();
-    next->addTask(picked);
-    next->addTask(dropped);
+    auto const other = submission();
+    for (auto const& added : {other, picked, dropped}) {
+        next->addTask(added);
+    }
     picked->setPriority(HIGH);
-    EXPECT_EQ(next->getNextTask(), picked);
+    dropped->setPriority(HIGHEST);
     EXPECT_EQ(next->getNextTask(), dropped);
+    EXPECT_EQ(next->getNextTask(), picked);
+    EXPECT_EQ(next->getNextTask(), other);
 }
 
 TYPED_TEST(SubmittedTasksQueueClosingTest, ClosingDestroysTasksThatNobodyElseHolds) {

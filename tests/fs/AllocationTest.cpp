@@ -152,6 +152,15 @@ TEST_F(AllocationTest, SplitsAPathOnlyForQuestionsAboutItsComponents) {
     }
 }
 
+TEST_F(AllocationTest, BuildsAPathInOneAllocation) {
+    FilePath const path("/directory" + LONG + "/./file" + LONG);
+    Allocations const allocations;
+    path.Resolve(LONG);
+    EXPECT_EQ(allocations.made(), 1);
+    path.Resolved();
+    EXPECT_EQ(allocations.made(), 2);
+}
+
 TEST_F(AllocationTest, ReportsMemoryExhaustedByBuildingOperations) {
     FilePath const path("/base" + LONG + "/../x");
     std::string const other = "other" + LONG;

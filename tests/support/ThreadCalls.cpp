@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <new>
 #include <utility>
 
 #include <tests/support/ThreadCalls.h>
@@ -159,4 +160,21 @@ INTERPOSED int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
 INTERPOSED int sched_yield() noexcept {
     ovra::test::ask(&ThreadCalls::onYield);
     return ovra::test::nextYield();
+}
+
+void* operator new(std::size_t size) {
+    bool const fails = ovra::test::ask(&ThreadCalls::onAllocate, size);
+    void* const block = fails ? nullptr : std::malloc(size != 0 ? size : 1);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
 }

@@ -2,14 +2,15 @@
 
 #include <pthread.h>
 
+#include <cstddef>
 #include <functional>
 #include <vector>
 
 namespace ovra::test {
 
-/// While it lives, sees every call of these thread functions in the process before it is made (or
-/// after, where the hook says so), on the calling thread. For tests that must stop a thread at an
-/// exact place, or let a call fail.
+/// While it lives, sees every call of these thread functions, and of `operator new`, in the process
+/// before it is made (or after, where the hook says so), on the calling thread. For tests that must
+/// stop a thread at an exact place, or let a call fail.
 ///
 /// Link ThreadCalls.cpp into the test. Set the hooks, then `install()`; the object must outlive
 /// every call that finds it installed. Calls made from within a hook are not seen.
@@ -24,6 +25,8 @@ struct ThreadCalls {
     /// An error number to fail with, or 0 to go on.
     std::function<int()> onCreate;
     std::function<int(pthread_mutex_t*)> onLock;
+    /// Whether there is no memory for so many bytes.
+    std::function<bool(std::size_t)> onAllocate;
 
     std::function<void(pthread_mutex_t*)> onUnlock;
     std::function<void(pthread_mutex_t*)> afterUnlock;
