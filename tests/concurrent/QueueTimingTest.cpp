@@ -679,6 +679,21 @@ TEST_F(QueueTimingTest, QueueThatIsNeverEmptyDoesNotGrow) {
     }
 }
 
+// It can be seen by the memory that is asked for where they go.
+TEST_F(QueueTimingTest, TasksThatHaveReachedTheHighestRankAreWalkedNoMore) {
+    constexpr int DOUBLINGS = 31;
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    for (int i = 0; i < 200; ++i) {
+        queue->addTask(submission(succeed(), LOW));
+    }
+    auto const pick = [&] { queue->getNextTask(); };
+    for (int i = 1; i < DOUBLINGS; ++i) {
+        ASSERT_EQ(largestBlockOf(pick), 0u);
+    }
+    EXPECT_GT(largestBlockOf(pick), 4096u);
+    EXPECT_EQ(largestBlockOf(pick), 0u);
+}
+
 TEST_F(QueueTimingTest, OnlyTheMemoryOfALargeBurstIsGivenBack) {
     auto const queue = makeQueue();
     auto const burst = [&](int tasks) {

@@ -335,7 +335,7 @@ TEST_F(SystemCallTest, CopiesLargeFilesInLargePieces) {
 }
 
 TEST_F(SystemCallTest, CopiesAFileOfLessThanSixtyFourKibibytesInOnePiece) {
-    for (std::size_t const size : {1, 4095, 4096, 65535, 65536}) {
+    for (std::size_t const size : {1u, 4095u, 4096u, 65535u, 65536u}) {
         writeFile(at("f"), patternlessBytes(size));
         FileHandle target(at("new"));
         SystemCalls calls(root);
