@@ -152,13 +152,15 @@ TEST_F(AllocationTest, SplitsAPathOnlyForQuestionsAboutItsComponents) {
     }
 }
 
-TEST_F(AllocationTest, BuildsAPathInOneAllocation) {
-    FilePath const path("/directory" + LONG + "/./file" + LONG);
+TEST_F(AllocationTest, BuildsAPathOrAComponentInOneAllocation) {
+    FilePath const path("/directory" + LONG + "//file" + LONG);
     Allocations const allocations;
     path.Resolve(LONG);
     EXPECT_EQ(allocations.made(), 1);
     path.Resolved();
     EXPECT_EQ(allocations.made(), 2);
+    path.Cache();
+    EXPECT_EQ(allocations.made(), 6) << "directory, name, base name and full path";
 }
 
 TEST_F(AllocationTest, ReportsMemoryExhaustedByBuildingOperations) {
