@@ -158,6 +158,34 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNever
     EXPECT_TRUE(watched.expired());
 }
 
+TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedOutlivesTheQueue) {
+    auto queue = makeQueue<TypeParam>();
+    auto const task = submission(succeed(), HIGHEST);
+    {
+        Stop stop(*queue, 1);
+        std::thread submitter([&] { queue->addTask(task); });
+        ASSERT_TRUE(stop.waitUntilReached());
+        queue->close();
+        stop.letProceed();
+        submitter.join();
+    }
+    EXPECT_FALSE(queue->isEmpty());
+    queue.reset();
+
+    int locks = 0;
+    {
+        test::ThreadCalls calls;
+        calls.onLock = [&locks](pthread_mutex_t*) {
+            ++locks;
+            return 0;
+        };
+        calls.install();
+        task->setPriority(LOW);
+    }
+    EXPECT_EQ(locks, 0) << "there is no queue to tell";
+    EXPECT_EQ(task->getRank(), 1u);
+}
+
 TEST_F(QueueTimingTest, PickThatMeetsTheClosingYieldsNothing) {
     auto const queue = makeQueue();
     auto const task = submission();
