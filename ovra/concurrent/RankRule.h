@@ -81,6 +81,11 @@ public:
         return newRank;
     }
 
+    /// The rank that tasks of a priority settle with, if a host sets no other.
+    unsigned int finalRankOf(TaskPriority priority) const {
+        return ranks == DOUBLED ? LAST_DOUBLED : initialRankOf(priority);
+    }
+
     /// Lets the strategy update the rank.
     void update(QueuedTask const& queued) const {
         if (strategy != nullptr) {

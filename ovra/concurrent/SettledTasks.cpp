@@ -77,7 +77,7 @@ void SettledTasks::remove(SubmittedTask& task) {
     if (isOnStack) {
         removeChanged(task);
     }
-    leave(task, task.settledRank);
+    leave(task, task.settledPlace, task.settledRank);
 }
 
 SettledTasks::Places SettledTasks::takeAll() {
@@ -87,7 +87,7 @@ SettledTasks::Places SettledTasks::takeAll() {
         queued.task->hasNewRank = false;
     });
     changed = nullptr;
-    return std::exchange(places, Places());
+    return std::exchange(places, Places(rule));
 }
 
 void SettledTasks::rekeyChanged(std::vector<QueuedTask>& unsettled) {
@@ -108,31 +108,23 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
         std::lock_guard<std::mutex> const lock(task.mutex);
         task.hasNewRank = false;  // What is set from here on is noted anew.
     }
+    std::size_t const oldPlace = task.settledPlace;
     unsigned int const oldRank = task.settledRank;
     unsigned int const newRank = task.rank;
     try {
         if (!rule.isFinal(newRank)) {
-            unsettled.push_back(entryOf(task, oldRank));
+            unsettled.push_back(entryOf(task));
             remove(task);
         } else if (newRank != oldRank) {
-            QueuedTask queued = entryOf(task, oldRank);
+            QueuedTask queued = entryOf(task);
             enter(queued, newRank);
-            leave(task, oldRank);
+            leave(task, oldPlace, oldRank);
         }
     } catch (std::bad_alloc const&) {
         isOutOfOrder = true;
         std::lock_guard<std::mutex> const lock(task.mutex);
         noteNewRank(task);  // Stays where it is for now; the next pick tries again.
     }
-}
-
-TaskLine* SettledTasks::lineWith(unsigned int rank) {
-    for (TaskLine& line : places.lines) {
-        if (line.hasRank(rank)) {
-            return &line;
-        }
-    }
-    return nullptr;
 }
 
 SettledTasks::Strays::const_iterator SettledTasks::strayOf(SubmittedTask const& task,
@@ -144,25 +136,29 @@ SettledTasks::Strays::const_iterator SettledTasks::strayOf(SubmittedTask const& 
     return stray;
 }
 
-SettledTasks::QueuedTask const& SettledTasks::entryOf(SubmittedTask const& task,
-                                                      unsigned int rank) {
-    TaskLine* const line = lineWith(rank);
-    QueuedTask const* const entry = line != nullptr ? line->find(task) : nullptr;
-    return entry != nullptr ? *entry : strayOf(task, rank)->queued;
+SettledTasks::QueuedTask const& SettledTasks::entryOf(SubmittedTask const& task) const {
+    return task.settledPlace < places.lines.size() ? places.lines[task.settledPlace].find(task)
+                                                   : strayOf(task, task.settledRank)->queued;
 }
 
 void SettledTasks::enter(QueuedTask& queued, unsigned int rank) {
     SubmittedTask& task = *queued.task;
-    TaskLine* const line = lineWith(rank);
-    if (line == nullptr || !line->append(queued)) {
+    std::size_t place = 0;
+    while (place < places.lines.size() &&
+           !(places.lines[place].hasRank(rank) && places.lines[place].append(queued))) {
+        ++place;
+    }
+    if (place == places.lines.size()) {
         places.strays.insert(Stray{queued, RankRule::urgencyOf(queued, rank)});
     }
+    task.settledPlace = static_cast<std::uint8_t>(place);
     task.settledRank = rank;
 }
 
-void SettledTasks::leave(SubmittedTask const& task, unsigned int rank) {
-    TaskLine* const line = lineWith(rank);
-    if (line == nullptr || !line->drop(task)) {
+void SettledTasks::leave(SubmittedTask const& task, std::size_t place, unsigned int rank) {
+    if (place < places.lines.size()) {
+        places.lines[place].drop(task);
+    } else {
         places.strays.erase(strayOf(task, rank));
     }
 }

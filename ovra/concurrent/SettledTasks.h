@@ -2,10 +2,10 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <set>
 #include <vector>
 
-#include <ovra/concurrent/InitialRank.h>
 #include <ovra/concurrent/RankRule.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
@@ -20,8 +20,9 @@ namespace ovra::concurrent {
 /// rank where they double. Under any other strategy, and for subclasses of `SubmittedTask`, nobody
 /// can tell, and no task does.
 ///
-/// Tasks with the rank that a priority starts with stand in line, one line for each. What came out
-/// of order, or has a rank that a host has given it, waits in a tree.
+/// Tasks stand in line, the tasks of each priority mostly in one, as they settle in the order in
+/// which they are to run. What came out of order, or has a rank that a host has given it, waits in
+/// a tree.
 ///
 /// Private to `SubmittedTasksQueue`, whose lock guards everything here but `noteNewRank()`.
 class SettledTasks {
@@ -43,9 +44,11 @@ public:
     };
     using Strays = std::set<Stray, MoreUrgent>;
     struct Places {
-        std::array<TaskLine, 4> lines{
-            TaskLine(initialRankOf(HIGHEST)), TaskLine(initialRankOf(HIGH)),
-            TaskLine(initialRankOf(NORMAL)), TaskLine(initialRankOf(LOW))};
+        explicit Places(RankRule const& rule)
+            : lines{TaskLine(rule.finalRankOf(HIGHEST)), TaskLine(rule.finalRankOf(HIGH)),
+                    TaskLine(rule.finalRankOf(NORMAL)), TaskLine(rule.finalRankOf(LOW))} {}
+
+        std::array<TaskLine, 4> lines;
         Strays strays;
     };
 
@@ -54,7 +57,7 @@ public:
         Urgency urgency;
     };
 
-    explicit SettledTasks(RankRule queueRule) : rule(queueRule) {}
+    explicit SettledTasks(RankRule queueRule) : rule(queueRule), places(queueRule) {}
     SettledTasks(SettledTasks const&) = delete;
     SettledTasks& operator=(SettledTasks const&) = delete;
     ~SettledTasks();
@@ -92,11 +95,10 @@ private:
             visit(stray.queued);
         }
     }
-    TaskLine* lineWith(unsigned int rank);
     Strays::const_iterator strayOf(SubmittedTask const& task, unsigned int rank) const;
-    QueuedTask const& entryOf(SubmittedTask const& task, unsigned int rank);
+    QueuedTask const& entryOf(SubmittedTask const& task) const;
     void enter(QueuedTask& queued, unsigned int rank);
-    void leave(SubmittedTask const& task, unsigned int rank);
+    void leave(SubmittedTask const& task, std::size_t place, unsigned int rank);
     void rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled);
     void pushChanged(SubmittedTask& task);
     void removeChanged(SubmittedTask const& task);

@@ -189,10 +189,11 @@ private:
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 
-    bool fulfilled = false;        // Guarded by `mutex`.
-    bool retrieved = false;        // Guarded by `mutex`: the future was asked or waited for.
-    bool hasNewRank = false;       // Guarded by `mutex`: `settled` has yet to see the rank.
-    unsigned int settledRank = 0;  // The queue's: the rank it has noted.
+    bool fulfilled = false;         // Guarded by `mutex`.
+    bool retrieved = false;         // Guarded by `mutex`: the future was asked or waited for.
+    bool hasNewRank = false;        // Guarded by `mutex`: `settled` has yet to see the rank.
+    std::uint8_t settledPlace = 0;  // The queue's: which line it stands in, or that it is a stray.
+    unsigned int settledRank = 0;   // The queue's: the rank it has noted.
     SubmittedTask* nextChanged = nullptr;  // The queue's: see `SettledTasks::changed`.
 };
 

@@ -134,7 +134,7 @@ void SubmittedTasksQueue::close() {
         return;
     }
     std::vector<QueuedTask> dropped;  // Made and swapped without memory, unlike other containers.
-    SettledTasks::Places droppedSettled;
+    SettledTasks::Places droppedSettled(settled->rule);
     std::lock_guard<std::mutex> const lock(mutex);
     closed = true;
     dropped.swap(tasks);

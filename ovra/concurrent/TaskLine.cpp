@@ -22,23 +22,19 @@ bool TaskLine::append(QueuedTask& queued) {
     return true;
 }
 
-TaskLine::QueuedTask const* TaskLine::find(SubmittedTask const& task) const {
-    if (!isEmpty() && front().task.get() == &task) {
-        return &front();
+TaskLine::QueuedTask const& TaskLine::find(SubmittedTask const& task) const {
+    if (front().task.get() == &task) {
+        return front();
     }
     unsigned int const score = rank + static_cast<unsigned int>(task.getUniqueIndex());
     auto entry = std::lower_bound(entries.begin(), entries.end(), score,
                                   [this](QueuedTask const& queued, unsigned int wanted) {
                                       return urgencyOf(queued).score > wanted;
                                   });
-    // Indices come again after 4294967296 submissions.
-    while (entry != entries.end() && urgencyOf(*entry).score == score) {
-        if (entry->task.get() == &task) {
-            return &*entry;
-        }
-        ++entry;
+    while (entry->task.get() != &task) {
+        ++entry;  // Indices come again after 4294967296 submissions.
     }
-    return nullptr;
+    return *entry;
 }
 
 // Brings in a task that is soon to run, while the one before it still does. Inlined always, as g++
@@ -52,12 +48,9 @@ TaskLine::QueuedTask const* TaskLine::find(SubmittedTask const& task) const {
     }
 }
 
-bool TaskLine::drop(SubmittedTask const& task) {
-    QueuedTask const* const found = find(task);
-    if (found == nullptr) {
-        return false;
-    }
-    entries[static_cast<std::size_t>(found - entries.data())].task.reset();
+void TaskLine::drop(SubmittedTask const& task) {
+    QueuedTask const& found = find(task);
+    entries[static_cast<std::size_t>(&found - entries.data())].task.reset();
     ++gone;
     while (!isEmpty() && !front().task) {
         ++first;
@@ -74,7 +67,6 @@ bool TaskLine::drop(SubmittedTask const& task) {
             std::vector<QueuedTask>().swap(entries);
         }
     }
-    return true;
 }
 
 }  // namespace ovra::concurrent

@@ -35,11 +35,11 @@ public:
     /// Puts a task at the end. False, and nothing done, if it is to run before the last.
     bool append(QueuedTask& queued);
 
-    /// The entry of `task`, or null.
-    QueuedTask const* find(SubmittedTask const& task) const;
+    /// The entry of `task`, which stands here.
+    QueuedTask const& find(SubmittedTask const& task) const;
 
-    /// Lets go of `task`. False, and nothing done, if it is not here.
-    bool drop(SubmittedTask const& task);
+    /// Lets go of `task`, which stands here.
+    void drop(SubmittedTask const& task);
 
 private:
     void prefetch(std::size_t place) const;
