@@ -466,6 +466,8 @@ follow. {judgement}
 
 ![Ratios with a goal: ovra over the peer named](ratios.svg)
 
+[What the missed goals are made of](costs.md): instructions and system calls, counted.
+
 ## How to read it
 
 Machine: {machine}. Run of {date}; load of the machine by others while it ran: {load}.
