@@ -8,7 +8,7 @@
 namespace ovra::concurrent {
 
 /// The initial ranks of 0, `LOW`, `NORMAL`, `HIGH` and `HIGHEST`.
-constexpr std::array<unsigned int, 5> INITIAL_RANKS{1, 1, 1000, 1000000, 0x7fffffff};
+inline constexpr std::array<unsigned int, 5> INITIAL_RANKS{1, 1, 1000, 1000000, 0x7fffffff};
 
 /// What `submittedTaskPriorityToInitialRank` answers, for the library's own loops over many tasks.
 ///

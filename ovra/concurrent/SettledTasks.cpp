@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -65,6 +67,7 @@ bool SettledTasks::isEmpty() const {
 }
 
 void SettledTasks::remove(SubmittedTask& task) {
+    // Only under this queue's lock, which is held, does a task become settled here or cease to be.
     if (task.settled != this) {
         return;
     }

@@ -1,5 +1,7 @@
+#include <cstddef>
 #include <utility>
 
+#include <ovra/concurrent/RankRule.h>
 #include <ovra/concurrent/SettledTasks.h>
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>

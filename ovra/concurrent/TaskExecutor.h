@@ -17,11 +17,11 @@ namespace ovra::concurrent {
 /// run.
 ///
 /// *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock held.
+/// They are destroyed on the thread that lets go of them last: a worker, a waiter, or whoever
+/// closes the queue.
 ///
 /// *Failure*: refusals are empty handle pointers. `std::bad_alloc`, `std::system_error` and
-/// whatever copying a function throws escape from `submitTask()`, and nothing is queued then. Work
-/// and callback are destroyed on the thread that lets go of them last: a worker, a waiter, or
-/// whoever closes the queue.
+/// whatever copying a function throws escape from `submitTask()`, and nothing is queued then.
 ///
 ///     auto const executor = ovra::concurrent::getNoStarveTaskExecutor();
 ///     auto const handle = executor->submitTask(

@@ -127,6 +127,19 @@ TEST_F(QueueTimingTest, QueueClosedAtAnyMomentEndsTheWorker) {
     }
 }
 
+// Closes the queue when it has already agreed to take the task.
+std::shared_ptr<TaskHandle> addWhileClosing(SubmittedTasksQueue& queue,
+                                            std::shared_ptr<SubmittedTask> task) {
+    std::shared_ptr<TaskHandle> handle;
+    Stop stop(queue, 1);
+    std::thread submitter([&] { handle = queue.addTask(std::move(task)); });
+    EXPECT_TRUE(stop.waitUntilReached());
+    queue.close();
+    stop.letProceed();
+    submitter.join();
+    return handle;
+}
+
 TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNeverRuns) {
     auto queue = makeQueue<TypeParam>();
     for (int i = 0; i < 3; ++i) {
@@ -135,16 +148,7 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNever
     queue->getNextTask();
     auto task = submission();
     std::weak_ptr<SubmittedTask> const watched = task;
-    auto* const raw = queue.get();
-    std::shared_ptr<TaskHandle> handle;
-    {
-        Stop stop(*queue, 1);
-        std::thread submitter([&] { handle = raw->addTask(std::move(task)); });
-        ASSERT_TRUE(stop.waitUntilReached());
-        queue->close();
-        stop.letProceed();
-        submitter.join();
-    }
+    auto const handle = addWhileClosing(*queue, std::move(task));
 
     ASSERT_NE(handle, nullptr);
     EXPECT_FALSE(queue->isEmpty());
@@ -161,14 +165,7 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNever
 TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedOutlivesTheQueue) {
     auto queue = makeQueue<TypeParam>();
     auto const task = submission(succeed(), HIGHEST);
-    {
-        Stop stop(*queue, 1);
-        std::thread submitter([&] { queue->addTask(task); });
-        ASSERT_TRUE(stop.waitUntilReached());
-        queue->close();
-        stop.letProceed();
-        submitter.join();
-    }
+    addWhileClosing(*queue, task);
     EXPECT_FALSE(queue->isEmpty());
     queue.reset();
 
