@@ -53,9 +53,7 @@ public:
         }
     }
 
-    static unsigned int rankOf(SubmittedTask const& task) {
-        return task.rank.load(std::memory_order_relaxed);
-    }
+    static unsigned int rankOf(SubmittedTask const& task) { return task.rank; }
     static unsigned int rankOf(QueuedTask const& queued) {
         return queued.isPlain ? rankOf(*queued.task) : queued.task->getRank();
     }
@@ -75,8 +73,7 @@ public:
     /// subclass, and has `rank`. Returns the new rank.
     static unsigned int doubleRank(SubmittedTask& task, unsigned int rank) {
         unsigned int const newRank =
-            std::max(std::min(rank * 2u, LAST_DOUBLED),
-                     initialRankOf(task.priority.load(std::memory_order_relaxed)));
+            std::max(std::min(rank * 2u, LAST_DOUBLED), initialRankOf(task.priority));
         task.rank.store(newRank, std::memory_order_relaxed);
         return newRank;
     }

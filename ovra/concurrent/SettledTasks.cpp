@@ -71,6 +71,8 @@ void SettledTasks::remove(SubmittedTask& task) {
     if (task.settled != this) {
         return;
     }
+    std::size_t const place = task.settledPlace;  // Another queue's from the next step on.
+    unsigned int const rank = task.settledRank;
     bool isOnStack = false;
     {
         std::lock_guard<std::mutex> const lock(task.mutex);
@@ -80,7 +82,7 @@ void SettledTasks::remove(SubmittedTask& task) {
     if (isOnStack) {
         removeChanged(task);
     }
-    leave(task, task.settledPlace, task.settledRank);
+    leave(task, place, rank);
 }
 
 SettledTasks::Places SettledTasks::takeAll() {

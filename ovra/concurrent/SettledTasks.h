@@ -20,9 +20,9 @@ namespace ovra::concurrent {
 /// rank where they double. Under any other strategy, and for subclasses of `SubmittedTask`, nobody
 /// can tell, and no task does.
 ///
-/// Tasks stand in line, the tasks of each priority mostly in one, as they settle in the order in
-/// which they are to run. What came out of order, or has a rank that a host has given it, waits in
-/// a tree.
+/// Tasks stand in lines, those of one priority mostly in one, as they settle in the order in which
+/// they are to run. What comes out of order in every line of its rank, or has a rank that no line
+/// has, waits in a tree.
 ///
 /// Private to `SubmittedTasksQueue`, whose lock guards everything here but `noteNewRank()`.
 class SettledTasks {

@@ -155,7 +155,6 @@ private:
     friend class RankRule;
     friend class SettledTasks;
     friend class SubmittedTasksQueue;
-    friend class TaskLine;
 
     OVRA_LOCAL static unsigned int clampedRank(unsigned int rank, TaskPriority priority);
     OVRA_LOCAL bool link(std::shared_ptr<TaskHandle> const& newHandle);

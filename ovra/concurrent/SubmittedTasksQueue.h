@@ -53,8 +53,8 @@ public:
     /// Removes and returns the task with the largest score, after applying the strategy to every
     /// queued task; an empty pointer at once if the queue is empty or closed. Never waits for work.
     ///
-    /// A task with a score of exactly 0, which only a subclass with a rank of its own can have, is
-    /// never chosen, and keeps idle workers busy looking.
+    /// A task with a score of exactly 0, which only a subclass with a rank of its own can have in
+    /// the first 2147483647 submissions, is never chosen, and keeps idle workers busy looking.
     std::shared_ptr<SubmittedTask> getNextTask();
 
     /// Closes the queue for good and drops every queued task: no state or result is set, no

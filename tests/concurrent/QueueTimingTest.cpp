@@ -660,6 +660,30 @@ TYPED_TEST(QueueTimingStrategyTest, PriorityRaisedWhileAnotherTaskIsPickedCounts
     EXPECT_GT(nth, 1);
 }
 
+TEST_F(QueueTimingTest, TaskMayEnterAnotherQueueAsItIsPicked) {
+    int nth = 0;
+    bool interrupted = true;
+    while (interrupted) {
+        auto const first = makeQueue();
+        auto const second = makeQueue();
+        auto const task = submission();
+        first->addTask(task);
+        std::shared_ptr<SubmittedTask> picked;
+
+        interrupted = interrupt(
+            ++nth, [&] { picked = first->getNextTask(); },
+            [&] {
+                task->setRank(5000);
+                second->addTask(task);
+            });
+
+        EXPECT_EQ(picked, task) << nth;
+        EXPECT_TRUE(first->isEmpty()) << nth;
+        EXPECT_EQ(second->getNextTask(), interrupted ? task : nullptr) << nth;
+    }
+    EXPECT_GT(nth, 1);
+}
+
 // --- memory
 
 class PatientStrategy : public TaskRankingStrategy {
