@@ -80,7 +80,7 @@ private:
     std::string root;
 };
 
-/// A named pipe to log to, which holds only a few lines: who logs stops until the test reads on.
+/// A named pipe to log to, which holds only a few lines and can be filled up.
 class StuckLog {
 public:
     explicit StuckLog(std::string const& path) {
@@ -97,7 +97,8 @@ public:
     StuckLog& operator=(StuckLog const&) = delete;
     ~StuckLog() { close(descriptor); }
 
-    /// Reads just as far as `text`.
+    /// Reads just as far as `text`, and fills the log up behind it: whoever writes the next line is
+    /// held up until somebody reads on.
     void waitFor(std::string const& text) {
         char c = 0;
         while (seen.find(text) == std::string::npos) {
@@ -106,10 +107,20 @@ public:
             }
             seen += c;
         }
+        fillUp();
     }
     int fileDescriptor() const { return descriptor; }
 
 private:
+    void fillUp() const {
+        int const flags = fcntl(descriptor, F_GETFL);
+        fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
+        // Single letters: of a longer text the last few places would stay free.
+        while (write(descriptor, "x", 1) == 1) {
+        }
+        fcntl(descriptor, F_SETFL, flags);
+    }
+
     int descriptor = -1;
     std::string seen;
 };
