@@ -74,7 +74,7 @@ public:
     static unsigned int doubleRank(SubmittedTask& task, unsigned int rank) {
         unsigned int const newRank =
             std::max(std::min(rank * 2u, LAST_DOUBLED), initialRankOf(task.priority));
-        task.rank.store(newRank, std::memory_order_relaxed);
+        task.rank = newRank;
         return newRank;
     }
 

@@ -129,20 +129,12 @@ void SubmittedTask::updateTaskState(Executable::State newState) {
 }
 
 void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
-    link(newHandle);
-}
-
-// True if no handle was linked before, not even one that is gone.
-bool SubmittedTask::link(std::shared_ptr<TaskHandle> const& newHandle) {
-    std::weak_ptr<TaskHandle> const none;
     std::lock_guard<std::mutex> const lock(mutex);
-    bool const isFirst = !handle.owner_before(none) && !none.owner_before(handle);
     handle = newHandle;
     if (newHandle) {
         newHandle->setState(state);
         newHandle->setResult(result);
     }
-    return isFirst;
 }
 
 Executable::State SubmittedTask::getState() const {

@@ -157,7 +157,6 @@ private:
     friend class SubmittedTasksQueue;
 
     OVRA_LOCAL static unsigned int clampedRank(unsigned int rank, TaskPriority priority);
-    OVRA_LOCAL bool link(std::shared_ptr<TaskHandle> const& newHandle);
     OVRA_LOCAL void requireNotRetrieved() const;
     OVRA_LOCAL void awaitEnd();
 
@@ -188,9 +187,10 @@ private:
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 
-    bool fulfilled = false;         // Guarded by `mutex`.
-    bool retrieved = false;         // Guarded by `mutex`: the future was asked or waited for.
-    bool hasNewRank = false;        // Guarded by `mutex`: `settled` has yet to see the rank.
+    bool fulfilled = false;             // Guarded by `mutex`.
+    bool retrieved = false;             // Guarded by `mutex`: the future was asked or waited for.
+    bool hasNewRank = false;            // Guarded by `mutex`: `settled` has yet to see the rank.
+    std::atomic<bool> wasAdded{false};  // The queue's: also to another queue.
     std::uint8_t settledPlace = 0;  // The queue's: which line it stands in, or that it is a stray.
     unsigned int settledRank = 0;   // The queue's: the rank it has noted.
     SubmittedTask* nextChanged = nullptr;  // The queue's: see `SettledTasks::changed`.

@@ -31,12 +31,13 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
         return nullptr;
     }
     auto handle = std::make_shared<TaskHandle>(std::weak_ptr<SubmittedTask>(task));
-    bool const isNew = task->link(handle);
+    task->setHandle(handle);
 
     std::int32_t const index = task->getUniqueIndex();
     bool const isPlain = isExactly<SubmittedTask>(*task);
     std::lock_guard<std::mutex> const lock(mutex);
-    hasRepeats |= !isNew;
+    hasRepeats |= task->wasAdded.load(std::memory_order_relaxed);
+    task->wasAdded.store(true, std::memory_order_relaxed);
     QueuedTask queued{std::move(task), ++addedSoFar, index, isPlain};
     if (!settled->rule.isFinal(queued) || !settled->add(queued)) {
         tasks.push_back(std::move(queued));

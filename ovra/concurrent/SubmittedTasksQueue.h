@@ -34,6 +34,10 @@ class TaskRankingStrategy;
 /// block for that lock only.
 ///
 /// *Failure*: refusals are empty pointers. `std::system_error` escapes from what cannot lock.
+///
+/// *Limits*: as many tasks as memory holds. Until it is closed, a queue keeps room for the most
+/// tasks it has held at once: 32 bytes for each, or 64 where the strategy doubles ranks; 24 and 48
+/// on 32-bit ARM.
 class OVRA_API SubmittedTasksQueue {
 public:
     /// A null `rankingStrategy` leaves the ranks as they are.
@@ -89,7 +93,8 @@ private:
     OVRA_LOCAL bool hasTasks() const;
     OVRA_LOCAL void clearAway(std::shared_ptr<SubmittedTask> const& next);
 
-    // Guarded by `mutex`: the tasks that a pick walks, oldest first, and those that it need not.
+    // Guarded by `mutex`: the tasks that a pick walks, in the order in which they were added or
+    // ceased to be settled, and those that it need not.
     std::vector<QueuedTask> tasks;
     std::size_t gone = 0;     // How many of `tasks` have been taken and not yet cleared away.
     bool hasRepeats = false;  // An object was added that may have been added before.

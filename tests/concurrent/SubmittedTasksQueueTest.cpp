@@ -404,6 +404,17 @@ TEST_F(SubmittedTasksQueueTest, SameTaskAddedTwiceLeavesAtOnce) {
     EXPECT_TRUE(queue->isEmpty());
 }
 
+TEST_F(SubmittedTasksQueueTest, SameTaskAddedTwiceLeavesAtOnceWithoutAHandleInBetween) {
+    auto const queue = makeQueue();
+    auto const twice = submission(succeed(), HIGH);
+    queue->addTask(twice);
+    twice->setHandle(nullptr);
+    queue->addTask(twice);
+
+    EXPECT_EQ(queue->getNextTask(), twice);
+    EXPECT_TRUE(queue->isEmpty());
+}
+
 TEST_F(SubmittedTasksQueueTest, SameTaskAddedTwiceAgesTwiceAtAPick) {
     auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
     auto const twice = submission(succeed(), LOW);
