@@ -17,11 +17,9 @@ struct OpenDirectory {
 };
 
 OpenDirectory identify(std::string const& path, OpenDirectory const* outer) {
-    struct stat status;
-    if (::stat(path.c_str(), &status) != 0) {
-        return {outer, false, 0, 0};
-    }
-    return {outer, true, status.st_dev, status.st_ino};
+    struct stat status = {};
+    bool const known = ::stat(path.c_str(), &status) == 0;
+    return {outer, known, status.st_dev, status.st_ino};
 }
 
 bool isOpen(OpenDirectory const& directory) {

@@ -36,7 +36,6 @@ FilePath& FilePath::operator=(FilePath const& other) {
     fileBaseName.clear();
     extension.clear();
     directoryPath.clear();
-    driveLetter.clear();
     return *this;
 }
 
@@ -76,7 +75,7 @@ FilePath FilePath::Join(std::string const& other) const {
 std::string FilePath::Resolved() const {
     bool const rooted = startsAtRoot(path);
     std::string resolved;
-    resolved.reserve(path.size() + 1);
+    resolved.reserve(path.size());
     std::size_t components = 0;
     std::size_t foldable = 0;  // how many of the last components a ".." may still take away
 
@@ -124,11 +123,8 @@ void FilePath::Cache() const {
         return;
     }
     fullPath.clear();
-    fileName.clear();
-    fileBaseName.clear();
     extension.clear();
     directoryPath.clear();
-    driveLetter.clear();
     absolute = startsAtRoot(path);
 
     // Below, strings are made and moved: to assign a view would look for overlaps first.

@@ -124,7 +124,7 @@ private:
     mutable std::string fileBaseName;
     mutable std::string extension;
     mutable std::string directoryPath;
-    mutable std::string driveLetter;
+    mutable std::string driveLetter;  // Always empty.
     mutable bool absolute = false;
     std::string path;
 };
