@@ -132,6 +132,16 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
     }
 }
 
+void SettledTasks::updateStranded() const {
+    if (isOutOfOrder) {
+        forEach([this](QueuedTask const& queued) {
+            if (!rule.isFinal(queued)) {
+                rule.update(queued);
+            }
+        });
+    }
+}
+
 SettledTasks::Strays::const_iterator SettledTasks::strayOf(SubmittedTask const& task,
                                                            unsigned int rank) const {
     auto stray = places.strays.lower_bound(rank + static_cast<unsigned int>(task.uniqueIndex));

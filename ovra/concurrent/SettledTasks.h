@@ -80,6 +80,9 @@ public:
     /// `unsettled` if the strategy will change it again.
     void rekeyChanged(std::vector<QueuedTask>& unsettled);
 
+    /// Lets the strategy update the tasks that are here only for want of memory to be walked.
+    void updateStranded() const;
+
     /// Tells of a new rank of a task that is here. With the task's mutex held.
     void noteNewRank(SubmittedTask& task);
 

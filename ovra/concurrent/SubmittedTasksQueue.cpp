@@ -6,6 +6,7 @@
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskHandle.h>
+#include <ovra/concurrent/TaskLine.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
 
 namespace ovra::concurrent {
@@ -99,18 +100,22 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     Walk const walked = settled->rule.doublesRanks() ? walk<true>() : walk<false>();
     // The shortcut: of the tasks whose ranks no pick changes, only the first needs to be compared.
     auto const first = settled->best();
+    settled->updateStranded();
     bool const isSettled = first.urgency > walked.urgency;
     if (!isSettled && walked.best == nullptr) {
         return nullptr;
     }
 
-    std::shared_ptr<SubmittedTask> next = isSettled ? first.queued->task : walked.best->task;
+    std::shared_ptr<SubmittedTask> next;
+    if (isSettled) {
+        next = first.queued->task;
+    } else {
+        next = std::move(walked.best->task);
+        ++gone;
+    }
     settled->remove(*next);
     if (walked.settles || hasRepeats || gone * 2 > tasks.size()) {
         clearAway(next);
-    } else if (!isSettled) {
-        walked.best->task.reset();
-        ++gone;
     }
     return next;
 }
@@ -130,6 +135,7 @@ void SubmittedTasksQueue::clearAway(std::shared_ptr<SubmittedTask> const& next) 
     }
     tasks.erase(kept, tasks.end());
     gone = 0;
+    TaskLine::giveBackMemory(tasks);
 }
 
 void SubmittedTasksQueue::close() {

@@ -35,9 +35,8 @@ class TaskRankingStrategy;
 ///
 /// *Failure*: refusals are empty pointers. `std::system_error` escapes from what cannot lock.
 ///
-/// *Limits*: as many tasks as memory holds. Until it is closed, a queue keeps room for the most
-/// tasks it has held at once: 32 bytes for each, or 64 where the strategy doubles ranks; 24 and 48
-/// on 32-bit ARM.
+/// *Limits*: as many tasks as memory holds. What a burst took is given back when the queue has
+/// become empty, but for a few KiB.
 class OVRA_API SubmittedTasksQueue {
 public:
     /// A null `rankingStrategy` leaves the ranks as they are.

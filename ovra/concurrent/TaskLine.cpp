@@ -7,7 +7,7 @@ namespace ovra::concurrent {
 
 namespace {
 
-// A line that has become empty keeps memory for as many.
+// As many may come again without asking for memory.
 constexpr std::size_t SPARE_ENTRIES = 128;
 
 constexpr std::size_t CACHE_LINE = 64;
@@ -63,9 +63,13 @@ void TaskLine::drop(SubmittedTask const& task) {
                       entries.end());
         first = 0;
         gone = 0;
-        if (entries.empty() && entries.capacity() > SPARE_ENTRIES) {
-            std::vector<QueuedTask>().swap(entries);
-        }
+        giveBackMemory(entries);
+    }
+}
+
+void TaskLine::giveBackMemory(std::vector<QueuedTask>& entries) {
+    if (entries.empty() && entries.capacity() > SPARE_ENTRIES) {
+        std::vector<QueuedTask>().swap(entries);
     }
 }
 

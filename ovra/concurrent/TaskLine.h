@@ -41,6 +41,9 @@ public:
     /// Lets go of `task`, which stands here.
     void drop(SubmittedTask const& task);
 
+    /// If there are no `entries`, gives back what a burst has left behind, but for a little.
+    static void giveBackMemory(std::vector<QueuedTask>& entries);
+
 private:
     void prefetch(std::size_t place) const;
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -626,6 +627,8 @@ TYPED_TEST(QueueTimingStrategyTest, RankSetBeforeAPickWithoutMemoryCountsAtTheNe
         calls.install();
         EXPECT_EQ(queue->getNextTask(), first);
     }
+    bool const doubles = std::is_same_v<TypeParam, NoStarveTaskRankingStrategy>;
+    EXPECT_EQ(middle->getRank(), doubles ? 10000u : 5000u);
 
     EXPECT_EQ(queue->getNextTask(), last);
     EXPECT_EQ(queue->getNextTask(), middle);
@@ -744,14 +747,16 @@ TEST_F(QueueTimingTest, TasksThatHaveReachedTheHighestRankAreWalkedNoMore) {
 }
 
 TEST_F(QueueTimingTest, OnlyTheMemoryOfALargeBurstIsGivenBack) {
-    auto const queue = makeQueue();
-    auto const burst = [&](int tasks) {
-        return largestBlockOf([&] { fillAndDrain(*queue, tasks); });
-    };
-    std::size_t const ofALarge = burst(129);
-    EXPECT_EQ(burst(129), ofALarge);
-    std::size_t const ofASmall = burst(128);
-    EXPECT_LT(burst(128), ofASmall);
+    for (auto const& queue :
+         {makeQueue(), makeQueue<NoStarveTaskRankingStrategy>(), makeQueue<PatientStrategy>()}) {
+        auto const burst = [&](int tasks) {
+            return largestBlockOf([&] { fillAndDrain(*queue, tasks); });
+        };
+        std::size_t const ofALarge = burst(129);
+        EXPECT_EQ(burst(129), ofALarge);
+        std::size_t const ofASmall = burst(128);
+        EXPECT_LT(burst(128), ofASmall);
+    }
 }
 
 }  // namespace
