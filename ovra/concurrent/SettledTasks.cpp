@@ -134,11 +134,8 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
 
 void SettledTasks::updateStranded() const {
     if (isOutOfOrder) {
-        forEach([this](QueuedTask const& queued) {
-            if (!rule.isFinal(queued)) {
-                rule.update(queued);
-            }
-        });
+        // All of them: who has the final rank keeps it.
+        forEach([this](QueuedTask const& queued) { rule.update(queued); });
     }
 }
 
