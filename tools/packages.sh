@@ -34,5 +34,5 @@ need_packages() {
 # The install step of need_packages, with its variables.
 install_packages() {
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get install --yes --no-install-recommends "${missing[@]}"
+    apt-get -o DPkg::Lock::Timeout=600 install --yes --no-install-recommends "${missing[@]}"
 }

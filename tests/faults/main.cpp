@@ -7,7 +7,7 @@
 // faultSweep [part of an operation's name]
 int main(int count, char** arguments) {
     using namespace ovra::faults;
-    ovra::test::Watchdog const watchdog(10 * ovra::test::deadlineSeconds());
+    ovra::test::Watchdog const watchdog(30 * ovra::test::deadlineSeconds());
     std::vector<Operation> operations = fileOperations();
     for (auto const& more : {logOperations(), taskOperations()}) {
         operations.insert(operations.end(), more.begin(), more.end());

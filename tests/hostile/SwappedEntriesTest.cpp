@@ -223,6 +223,7 @@ TEST_F(SwappedEntriesTest, EveryOperationGivesOneOfItsResultsAndSparesBystanders
                     moved.RemoveDirectoryRecursive();
                     moved.RemoveDirectory();
                 }
+                unlink(at("arena/moved").c_str());  // What hangs in the air has no other end.
             },
             [&] {
                 FileHandle renamed(entry);
@@ -233,15 +234,14 @@ TEST_F(SwappedEntriesTest, EveryOperationGivesOneOfItsResultsAndSparesBystanders
                 } else {
                     EXPECT_EQ(renamed.Path().Path(), entry);
                 }
-                unlink(at("arena/new").c_str());  // What hangs in the air has no other end.
+                unlink(at("arena/new").c_str());
             },
             [&] { handle.CreateDirectory(); },
             [&] { source.CreateSymbolicLink(handle); },
             [&] { handle.SetPermissions(0777); },
             [&] { handle.Remove(); },
             [&] { handle.RemoveDirectory(); },
-            [&] { handle.RemoveDirectoryRecursive(); },
-            [&] { unlink(at("arena/moved").c_str()); }});
+            [&] { handle.RemoveDirectoryRecursive(); }});
 
     swapper.stop();
     expectBystanderWhole();
