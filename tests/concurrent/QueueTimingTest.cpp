@@ -634,6 +634,26 @@ TYPED_TEST(QueueTimingStrategyTest, RankSetBeforeAPickWithoutMemoryCountsAtTheNe
     EXPECT_EQ(queue->getNextTask(), middle);
 }
 
+TYPED_TEST(QueueTimingStrategyTest, PickLooksAtEachTaskOnlyWhileThereIsNoMemory) {
+    auto const queue = makeQueue<TypeParam>();
+    auto const lowered = submission(succeed(), HIGHEST);
+    queue->addTask(lowered);
+    for (int i = 0; i < 10; ++i) {
+        queue->addTask(submission(succeed(), HIGHEST));
+    }
+    lowered->setPriority(LOW);
+    {
+        test::ThreadCalls calls;
+        calls.onAllocate = [](std::size_t) { return true; };
+        calls.install();
+        queue->getNextTask();
+    }
+    queue->getNextTask();
+
+    EXPECT_THAT(mutexesLockedBy([&] { queue->getNextTask(); }), ::testing::SizeIs(2))
+        << "the queue's and that of the task it takes";
+}
+
 TYPED_TEST(QueueTimingStrategyTest, PriorityRaisedWhileAnotherTaskIsPickedCounts) {
     int nth = 0;
     bool interrupted = true;
