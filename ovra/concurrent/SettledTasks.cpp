@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
+#include <system_error>
 #include <utility>
 
 #include <ovra/concurrent/SettledTasks.h>
@@ -73,14 +74,12 @@ void SettledTasks::remove(SubmittedTask& task) {
     }
     std::size_t const place = task.settledPlace;  // Another queue's from the next step on.
     unsigned int const rank = task.settledRank;
-    bool isOnStack = false;
     {
         std::lock_guard<std::mutex> const lock(task.mutex);
         task.settled = nullptr;
-        isOnStack = std::exchange(task.hasNewRank, false);
-    }
-    if (isOnStack) {
-        removeChanged(task);
+        if (std::exchange(task.hasNewRank, false)) {
+            removeChanged(task);  // While no other queue can take it in, and put it on its stack.
+        }
     }
     leave(task, place, rank);
 }
@@ -119,7 +118,12 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
     try {
         if (!rule.isFinal(newRank)) {
             unsettled.push_back(entryOf(task));
-            remove(task);
+            try {
+                remove(task);
+            } catch (std::system_error const&) {
+                unsettled.pop_back();
+                throw;
+            }
         } else if (newRank != oldRank) {
             QueuedTask queued = entryOf(task);
             enter(queued, newRank);

@@ -80,7 +80,7 @@ public:
     /// `unsettled` if the strategy will change it again.
     void rekeyChanged(std::vector<QueuedTask>& unsettled);
 
-    /// Lets the strategy update the tasks that are here only for want of memory to be walked.
+    /// Lets the strategy update all tasks while some are here only for want of memory.
     void updateStranded() const;
 
     /// Tells of a new rank of a task that is here. With the task's mutex held.

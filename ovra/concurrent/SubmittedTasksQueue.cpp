@@ -106,16 +106,15 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
         return nullptr;
     }
 
-    std::shared_ptr<SubmittedTask> next;
-    if (isSettled) {
-        next = first.queued->task;
-    } else {
-        next = std::move(walked.best->task);
-        ++gone;
-    }
+    // Its entry goes last: if a task cannot be locked before, none is lost.
+    std::shared_ptr<SubmittedTask> next = isSettled ? first.queued->task : walked.best->task;
     settled->remove(*next);
-    if (walked.settles || hasRepeats || gone * 2 > tasks.size()) {
+    std::size_t const goneThen = gone + (isSettled ? 0 : 1);
+    if (walked.settles || hasRepeats || goneThen * 2 > tasks.size()) {
         clearAway(next);
+    } else if (!isSettled) {
+        walked.best->task.reset();
+        gone = goneThen;
     }
     return next;
 }

@@ -36,7 +36,7 @@ class TaskRankingStrategy;
 /// *Failure*: refusals are empty pointers. `std::system_error` escapes from what cannot lock.
 ///
 /// *Limits*: as many tasks as memory holds. What a burst took is given back when the queue has
-/// become empty, but for a few KiB.
+/// become empty, but for at most 20 KiB.
 class OVRA_API SubmittedTasksQueue {
 public:
     /// A null `rankingStrategy` leaves the ranks as they are.

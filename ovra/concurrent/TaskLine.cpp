@@ -7,7 +7,7 @@ namespace ovra::concurrent {
 
 namespace {
 
-// As many may come again without asking for memory.
+// What is empty keeps its memory if it is for no more than this.
 constexpr std::size_t SPARE_ENTRIES = 128;
 
 constexpr std::size_t CACHE_LINE = 64;

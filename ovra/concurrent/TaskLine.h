@@ -11,7 +11,7 @@ namespace ovra::concurrent {
 
 /// Tasks of one rank that came in the order in which they are to run, as nearly all do.
 ///
-/// Private to `SettledTasks`; guarded by the queue's lock.
+/// Private to the queue and `SettledTasks`; guarded by the queue's lock.
 class TaskLine {
 public:
     using QueuedTask = SubmittedTasksQueue::QueuedTask;
@@ -41,7 +41,7 @@ public:
     /// Lets go of `task`, which stands here.
     void drop(SubmittedTask const& task);
 
-    /// If there are no `entries`, gives back what a burst has left behind, but for a little.
+    /// If there are no `entries`, gives back what a large burst has left behind.
     static void giveBackMemory(std::vector<QueuedTask>& entries);
 
 private:

@@ -198,13 +198,13 @@ inline remove(t) {
 #else
         atomic { isOnStack = hasNewRank[t]; hasNewRank[t] = false };
 #endif
-#ifndef REMOVE_WITHOUT_MUTEX
-        taskMutex[t] = false;
-#endif
         if
         :: isOnStack -> removeChanged(t)
         :: else
         fi;
+#ifndef REMOVE_WITHOUT_MUTEX
+        taskMutex[t] = false;
+#endif
         atomic { isOnStack = false; isPlaced[t] = false }
     :: else
     fi
