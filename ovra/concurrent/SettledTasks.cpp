@@ -45,8 +45,9 @@ SettledTasks::Candidate SettledTasks::best() const {
         }
     };
     if (isOutOfOrder) {
-        forEach([&consider](QueuedTask const& queued) {
+        forEach([&](QueuedTask const& queued) {
             consider(queued, RankRule::urgencyOf(queued, RankRule::rankOf(queued)));
+            rule.update(queued);
         });
         return best;
     }
@@ -133,13 +134,6 @@ void SettledTasks::rekey(SubmittedTask& task, std::vector<QueuedTask>& unsettled
         isOutOfOrder = true;
         std::lock_guard<std::mutex> const lock(task.mutex);
         noteNewRank(task);  // Stays where it is for now; the next pick tries again.
-    }
-}
-
-void SettledTasks::updateStranded() const {
-    if (isOutOfOrder) {
-        // All of them: who has the final rank keeps it.
-        forEach([this](QueuedTask const& queued) { rule.update(queued); });
     }
 }
 

@@ -66,7 +66,8 @@ public:
     /// done, if the task is settled already, here or in another queue, or for want of memory.
     bool add(QueuedTask& queued);
 
-    /// The task to run first, if there is one.
+    /// The task to run first, if there is one. While some are here only for want of memory, walks
+    /// all of them, as the queue walks its own, and lets the strategy update their ranks.
     Candidate best() const;
     bool isEmpty() const;
 
@@ -79,9 +80,6 @@ public:
     /// Finds the new place of every task whose rank was set since the last call: here, or in
     /// `unsettled` if the strategy will change it again.
     void rekeyChanged(std::vector<QueuedTask>& unsettled);
-
-    /// Lets the strategy update all tasks while some are here only for want of memory.
-    void updateStranded() const;
 
     /// Tells of a new rank of a task that is here. With the task's mutex held.
     void noteNewRank(SubmittedTask& task);

@@ -100,13 +100,12 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     Walk const walked = settled->rule.doublesRanks() ? walk<true>() : walk<false>();
     // The shortcut: of the tasks whose ranks no pick changes, only the first needs to be compared.
     auto const first = settled->best();
-    settled->updateStranded();
     bool const isSettled = first.urgency > walked.urgency;
     if (!isSettled && walked.best == nullptr) {
         return nullptr;
     }
 
-    // Its entry goes last: if a task cannot be locked before, none is lost.
+    // Its entry goes last, so that nothing is lost if a task cannot be locked on the way.
     std::shared_ptr<SubmittedTask> next = isSettled ? first.queued->task : walked.best->task;
     settled->remove(*next);
     std::size_t const goneThen = gone + (isSettled ? 0 : 1);

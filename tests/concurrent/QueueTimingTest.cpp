@@ -642,11 +642,12 @@ TYPED_TEST(QueueTimingStrategyTest, PickLooksAtEachTaskOnlyWhileThereIsNoMemory)
         queue->addTask(submission(succeed(), HIGHEST));
     }
     lowered->setPriority(LOW);
+    lowered->setRank(0x60000000);
     {
         test::ThreadCalls calls;
         calls.onAllocate = [](std::size_t) { return true; };
         calls.install();
-        queue->getNextTask();
+        EXPECT_NE(queue->getNextTask(), lowered) << "compared before it is updated";
     }
     queue->getNextTask();
 

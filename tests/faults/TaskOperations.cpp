@@ -136,7 +136,7 @@ std::function<Action()> picking(bool starves, TaskPriority priority, Change chan
                 isOldest = queue->getNextTask() == tasks->front();
             } catch (std::system_error const&) {
                 if (drainAndRefill() != 4) {
-                    return shown("a task is lost");
+                    return shown("a task lost or doubled");
                 }
                 throw;
             }
