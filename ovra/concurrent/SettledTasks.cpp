@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -16,18 +17,14 @@ SettledTasks::~SettledTasks() {
     takeAll();
 }
 
-bool SettledTasks::add(QueuedTask& queued) {
+bool SettledTasks::add(QueuedTask& queued) try {
     SubmittedTask& task = *queued.task;
     std::lock_guard<std::mutex> const lock(task.mutex);
     if (task.settled != nullptr) {
         return false;
     }
     unsigned int const rank = task.rank;
-    try {
-        enter(queued, rank);
-    } catch (std::bad_alloc const&) {
-        return false;
-    }
+    enter(queued, rank);
     task.settled = this;
     // From here on `setRank` tells. What it did before, also to a rank that was final when the task
     // was found to settle, is found here.
@@ -35,6 +32,8 @@ bool SettledTasks::add(QueuedTask& queued) {
         noteNewRank(task);
     }
     return true;
+} catch (std::exception const&) {
+    return false;  // No memory, or a task that cannot be locked.
 }
 
 SettledTasks::Candidate SettledTasks::best() const {

@@ -17,7 +17,7 @@ namespace ovra::concurrent {
 /// they are to run, so that a pick need not walk them.
 ///
 /// Under the strategies of the library, tasks settle: at once where ranks are kept, at the highest
-/// rank where they double. Under any other strategy, and for subclasses of `SubmittedTask`, nobody
+/// rank where they double. Under a host's strategy, and for subclasses of `SubmittedTask`, nobody
 /// can tell, and no task does.
 ///
 /// Tasks stand in lines, those of one priority mostly in one, as they settle in the order in which
@@ -63,7 +63,8 @@ public:
     ~SettledTasks();
 
     /// Takes a task whose rank is final, and watches that rank from now on. False, and nothing
-    /// done, if the task is settled already, here or in another queue, or for want of memory.
+    /// done, if the task is settled already, here or in another queue, for want of memory, or if
+    /// the task cannot be locked.
     bool add(QueuedTask& queued);
 
     /// The task to run first, if there is one. While some are here only for want of memory, walks

@@ -36,10 +36,12 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<Submitt
 
     std::int32_t const index = task->getUniqueIndex();
     bool const isPlain = isExactly<SubmittedTask>(*task);
+    // Made ahead of the lock: if it is not queued after all, it dies when no lock is held.
+    QueuedTask queued{std::move(task), 0, index, isPlain};
     std::lock_guard<std::mutex> const lock(mutex);
-    hasRepeats |= task->wasAdded.load(std::memory_order_relaxed);
-    task->wasAdded.store(true, std::memory_order_relaxed);
-    QueuedTask queued{std::move(task), ++addedSoFar, index, isPlain};
+    queued.order = ++addedSoFar;
+    hasRepeats |= queued.task->wasAdded.load(std::memory_order_relaxed);
+    queued.task->wasAdded.store(true, std::memory_order_relaxed);
     if (!settled->rule.isFinal(queued) || !settled->add(queued)) {
         tasks.push_back(std::move(queued));
     }
@@ -144,10 +146,10 @@ void SubmittedTasksQueue::close() {
     SettledTasks::Places droppedSettled(settled->rule);
     std::lock_guard<std::mutex> const lock(mutex);
     closed = true;
+    condition.notify_all();
     dropped.swap(tasks);
     gone = 0;
     droppedSettled = settled->takeAll();
-    condition.notify_all();
 }
 
 bool SubmittedTasksQueue::isEmpty() {

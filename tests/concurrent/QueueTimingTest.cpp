@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -726,6 +727,21 @@ std::size_t largestBlockOf(std::function<void()> const& action) {
     calls.install();
     action();
     return largest;
+}
+
+TEST_F(QueueTimingTest, TaskThatFindsNoPlaceDiesWithoutTheLock) {
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    bool died = false;
+    std::shared_ptr<void> guard(nullptr, [&](void*) { died = queue->isEmpty(); });
+    auto task = submission([guard] { return Executable::SUCCESS; });
+    guard.reset();
+    int allocations = 0;
+    test::ThreadCalls calls;
+    calls.onAllocate = [&](std::size_t) { return ++allocations == 2; };  // After the handle's.
+    calls.install();
+
+    EXPECT_THROW(queue->addTask(std::move(task)), std::bad_alloc);
+    EXPECT_TRUE(died);
 }
 
 void fillAndDrain(SubmittedTasksQueue& queue, int tasks) {

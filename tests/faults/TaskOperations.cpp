@@ -107,7 +107,7 @@ std::string addOne(SubmittedTasksQueue& queue, std::vector<std::shared_ptr<Submi
 }
 
 auto rankedAt(unsigned int rank) {
-    return [rank](SubmittedTask& task) { task.setRank(rank); };
+    return [rank](SubmittedTask& task, int) { task.setRank(rank); };
 }
 
 // From tasks of one priority that were changed after they had been added.
@@ -119,7 +119,7 @@ std::function<Action()> picking(bool starves, TaskPriority priority, Change chan
         for (int i = 0; i < 4; ++i) {
             tasks->push_back(submission(succeed, priority));
             queue->addTask(tasks->back());
-            change(*tasks->back());
+            change(*tasks->back(), i);
         }
         return Action([queue, tasks] {
             auto const drainAndRefill = [&] {
@@ -391,13 +391,21 @@ std::vector<Operation> handleOperations() {
     };
 }
 
+// The task's lock and the queue's are needed. The third is for the shortcut: without it, the task
+// is walked.
+std::vector<Rule> adding(Rule const& memory, char const* result) {
+    return {memory, nth(Call::LOCK, 1, SYSTEM_ERROR), nth(Call::LOCK, 2, SYSTEM_ERROR),
+            from(Call::LOCK, 3, result, DONE)};
+}
+
 std::vector<Operation> queueOperations() {
     Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
     Rule const lock = any(Call::LOCK, SYSTEM_ERROR);
     // The queue's lock comes first. Nothing is promised of the order, nor of what a closing queue
     // keeps, when a task cannot be locked after it.
-    std::vector<Rule> const pick = {nth(Call::LOCK, 1, SYSTEM_ERROR),
-                                    from(Call::LOCK, 2, SYSTEM_ERROR, PARTLY)};
+    std::vector<Rule> const pick = {
+        nth(Call::LOCK, 1, SYSTEM_ERROR),
+        from(Call::LOCK, 2, "std::system_error|oldest, then 3", PARTLY)};
     return {
         {"SubmittedTasksQueue(strategy)",
          "false",
@@ -409,9 +417,7 @@ std::vector<Operation> queueOperations() {
                  return shown(queue.isClosed());
              });
          }},
-        {"SubmittedTasksQueue::addTask",
-         "1",
-         {any(Call::NEW, "std::bad_alloc|1"), lock},
+        {"SubmittedTasksQueue::addTask", "1", adding(any(Call::NEW, "std::bad_alloc|1"), "1"),
          onQueue(true, addOne)},
         {"SubmittedTasksQueue::addTask, ageing", "1", {memory, lock}, onQueue(false, addOne)},
         {"SubmittedTasksQueue::getNextTask", "oldest, then 3", pick,
@@ -423,7 +429,22 @@ std::vector<Operation> queueOperations() {
         {"SubmittedTasksQueue::getNextTask, settling", "oldest, then 3", pick,
          picking(false, NORMAL, rankedAt(0x60000000))},
         {"SubmittedTasksQueue::getNextTask, ageing anew", "oldest, then 3", pick,
-         picking(false, HIGHEST, [](SubmittedTask& task) { task.setPriority(LOW); })},
+         picking(false, HIGHEST, [](SubmittedTask& task, int) { task.setPriority(LOW); })},
+        {"SubmittedTasksQueue::getNextTask, settling around one that stays", "oldest, then 3", pick,
+         picking(false, NORMAL,
+                 [](SubmittedTask& task, int i) {
+                     if (i != 1) {
+                         task.setRank(i == 0 ? 0x70000000 : 0x60000000);
+                     }
+                 })},
+        {"SubmittedTasksQueue::getNextTask, settled while others settle", "oldest, then 3", pick,
+         picking(false, HIGHEST,
+                 [](SubmittedTask& task, int i) {
+                     if (i != 0) {
+                         task.setPriority(NORMAL);
+                         task.setRank(0x60000000);
+                     }
+                 })},
         {"SubmittedTasksQueue::isEmpty",
          "true",
          {lock},
@@ -515,23 +536,17 @@ std::vector<Operation> executorOperations() {
          "started",
          {memory, thread, threadMemory},
          constructing(3)},
-        {"TaskExecutorImpl::submitTask(task)",
-         "result 2",
-         {submitMemory, lock},
+        {"TaskExecutorImpl::submitTask(task)", "result 2", adding(submitMemory, "result 2"),
          onExecutor(1,
                     [task = std::make_shared<PlainTask>()](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.submitTask(task, NORMAL, nullptr));
                     })},
-        {"TaskExecutorImpl::submitTask(function)",
-         "result 2",
-         {submitMemory, lock},
+        {"TaskExecutorImpl::submitTask(function)", "result 2", adding(submitMemory, "result 2"),
          onExecutor(1,
                     [](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.submitTask(succeed, NORMAL, nullptr, "a task"));
                     })},
-        {"TaskExecutorImpl::addSubmittedTaskToQueue",
-         "result 2",
-         {submitMemory, lock},
+        {"TaskExecutorImpl::addSubmittedTaskToQueue", "result 2", adding(submitMemory, "result 2"),
          onExecutor(1,
                     [](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.addSubmittedTaskToQueue(submission()));
