@@ -1,3 +1,5 @@
+#include <ovra/concurrent/SubmittedTask.h>
+
 #include <cxxabi.h>
 
 #include <algorithm>
@@ -6,10 +8,11 @@
 #include <thread>
 #include <utility>
 
-#include <ovra/concurrent/InitialRank.h>
-#include <ovra/concurrent/SettledTasks.h>
-#include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
+#include <ovra/concurrent/internal/InitialRank.h>
+#include <ovra/concurrent/internal/IsExactly.h>
+#include <ovra/concurrent/internal/RankedTasks.h>
+#include <ovra/concurrent/internal/WeakTask.h>
 #include <ovra/log/Log.h>
 
 namespace ovra::concurrent {
@@ -57,8 +60,7 @@ SubmittedTask::SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPri
     : task(std::move(work)),
       callback(std::move(onCompletion)),
       priority(initialPriority),
-      rank(submittedTaskPriorityToInitialRank(initialPriority)),
-      uniqueIndex(--s_uniqueIndexCounter) {
+      rank(initialRankOf(initialPriority), --s_uniqueIndexCounter) {
     if (!task) {
         log::log(log::WARNING, "SubmittedTask::SubmittedTask", "Given a null pointer for a task.");
     }
@@ -70,8 +72,7 @@ SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
                              char const* name)
     : callback(std::move(onCompletion)),
       priority(initialPriority),
-      rank(submittedTaskPriorityToInitialRank(initialPriority)),
-      uniqueIndex(--s_uniqueIndexCounter) {
+      rank(initialRankOf(initialPriority), --s_uniqueIndexCounter) {
     // After the index is taken, which is spent even if this throws.
     // cppcheck-suppress useInitializationList
     task = std::make_shared<LambdaFunctionTask>(work, name);
@@ -80,7 +81,8 @@ SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
 SubmittedTask::~SubmittedTask() = default;
 
 unsigned int SubmittedTask::getRank() const {
-    return rank;
+    unsigned int const stored = rank.rank;
+    return (stored & RankedEntry::COMPUTED) == 0 ? stored : rank.home->rankOf(rank);
 }
 
 TaskPriority SubmittedTask::getPriority() const {
@@ -104,26 +106,49 @@ void SubmittedTask::setResult(Executable::Result newResult) {
 }
 
 void SubmittedTask::setRank(unsigned int const& newRank) {
-    rank = clampedRank(newRank, getPriority());
-    if (settled != nullptr) {
-        std::lock_guard<std::mutex> const lock(mutex);
-        if (SettledTasks* const home = settled) {
-            home->noteNewRank(*this);
+    changeRank([this, wanted = newRank] { return clampedRank(wanted); });
+}
+
+void SubmittedTask::setPriority(TaskPriority newPriority) {
+    changeRank([this, newPriority] {
+        priority = newPriority;
+        return clampedRank(initialRankOf(newPriority));
+    });
+}
+
+unsigned int SubmittedTask::clampedRank(unsigned int newRank) const {
+    return std::max(std::min(newRank, HIGHEST_CURRENT_RANK_VALUE), initialRankOf(getPriority()));
+}
+
+// While a queue computes the rank, `newRank()` runs under the lock that the queue's picks take.
+template <typename NewRank>
+void SubmittedTask::changeRank(NewRank const& newRank) {
+    if (!isExactly<SubmittedTask>(*this)) {
+        rank.rank = newRank();
+        return;
+    }
+    for (;;) {
+        unsigned int stored = rank.rank;
+        if ((stored & RankedEntry::COMPUTED) != 0) {
+            if (rank.home->setRank(rank, newRank)) {
+                return;
+            }
+        } else if (rank.rank.compare_exchange_strong(stored, newRank())) {
+            return;
         }
     }
 }
 
-unsigned int SubmittedTask::clampedRank(unsigned int rank, TaskPriority priority) {
-    return std::max(std::min(rank, HIGHEST_CURRENT_RANK_VALUE), initialRankOf(priority));
-}
-
-void SubmittedTask::setPriority(TaskPriority newPriority) {
-    priority = newPriority;
-    setRank(submittedTaskPriorityToInitialRank(newPriority));
+bool SubmittedTask::isRankInRange() const {
+    return rank.given() >= initialRankOf(priority);
 }
 
 void SubmittedTask::updateTaskState(Executable::State newState) {
     setState(newState);
+    logState(newState);
+}
+
+void SubmittedTask::logState(Executable::State newState) const {
     log::log(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
              printable(taskName()), taskStateToName(newState));
 }
@@ -137,6 +162,10 @@ void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
     }
 }
 
+void SubmittedTask::setFirstHandle(std::shared_ptr<TaskHandle> const& firstHandle) {
+    handle = firstHandle;  // It starts with the state and result that every task starts with.
+}
+
 Executable::State SubmittedTask::getState() const {
     std::lock_guard<std::mutex> const lock(mutex);
     return state;
@@ -148,7 +177,7 @@ Executable::Result SubmittedTask::getResult() const {
 }
 
 std::int32_t SubmittedTask::getUniqueIndex() const {
-    return uniqueIndex;
+    return rank.index;
 }
 
 bool SubmittedTask::isCancelled() const {
@@ -192,13 +221,29 @@ __attribute__((no_sanitize("null"))) Executable::Result SubmittedTask::execute()
     }
 
     if (state != Executable::CANCELLED) {
-        setResult(outcome);
-        updateTaskState(Executable::DONE);
+        finish(outcome);
+        logState(Executable::DONE);
     } else {
         setResult(isFinishedResult(outcome) ? outcome : Executable::ABORTED);
     }
     setPromiseValue();
     return result;
+}
+
+// `setResult()` and then `setState(DONE)`, under one lock where nothing overrides them.
+void SubmittedTask::finish(Executable::Result outcome) {
+    if (!isExactly<SubmittedTask>(*this)) {
+        setResult(outcome);
+        setState(Executable::DONE);
+        return;
+    }
+    std::lock_guard<std::mutex> const lock(mutex);
+    result = outcome;
+    state = Executable::DONE;
+    if (auto const live = handle.lock()) {
+        live->setResult(outcome);
+        live->setState(Executable::DONE);
+    }
 }
 
 __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
@@ -218,61 +263,15 @@ __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
 }
 
 void SubmittedTask::setPromiseValue() {
-    std::unique_lock<std::mutex> lock(mutex);
-    if (fulfilled) {
-        throw std::future_error(std::future_errc::promise_already_satisfied);
-    }
-    fulfilled = true;
-    if (waiter != nullptr) {
-        sem_post(waiter);
-    }
-    bool const isAwaited = promise != nullptr;
-    lock.unlock();
-    if (isAwaited) {
-        promise->set_value(true);
-    }
+    end.fulfil();
 }
 
 std::future<bool> SubmittedTask::getFuture() {
-    std::lock_guard<std::mutex> const lock(mutex);
-    requireNotRetrieved();
-    promise = std::make_unique<std::promise<bool>>();
-    retrieved = true;
-    if (fulfilled) {
-        promise->set_value(true);
-    }
-    return promise->get_future();
+    return end.future();
 }
 
-// What `getFuture().get()` does, without a future.
-void SubmittedTask::awaitEnd() {
-    sem_t end;
-    {
-        std::lock_guard<std::mutex> const lock(mutex);
-        requireNotRetrieved();
-        retrieved = true;
-        if (fulfilled) {
-            return;
-        }
-        sem_init(&end, 0, 0);
-        waiter = &end;
-    }
-    try {
-        while (sem_wait(&end) != 0) {
-        }
-    } catch (...) {
-        // This thread is being cancelled, and its stack goes.
-        std::lock_guard<std::mutex> const lock(mutex);
-        waiter = nullptr;
-        throw;
-    }
-}
-
-// With `mutex` held.
-void SubmittedTask::requireNotRetrieved() const {
-    if (retrieved) {
-        throw std::future_error(std::future_errc::future_already_retrieved);
-    }
+void SubmittedTask::waitForEnd() {
+    end.wait();
 }
 
 void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle) {
@@ -301,38 +300,6 @@ std::shared_ptr<SubmittedTaskProxy> SubmittedTask::provideProxy(
     proxy->cancel = [task] { cancel(task); };
     proxy->waitForCompletion = [task] { waitForCompletion(task); };
     return proxy;
-}
-
-Executable::State SubmittedTask::stateOf(std::weak_ptr<SubmittedTask> const& task) {
-    auto const live = task.lock();
-    return live ? live->getState() : Executable::DONE;
-}
-
-Executable::Result SubmittedTask::resultOf(std::weak_ptr<SubmittedTask> const& task) {
-    auto const live = task.lock();
-    return live ? live->getResult() : Executable::SUCCESS;
-}
-
-void SubmittedTask::updatePriority(std::weak_ptr<SubmittedTask> const& task,
-                                   TaskPriority newPriority) {
-    if (auto const live = task.lock()) {
-        live->setPriority(newPriority);
-    }
-}
-
-void SubmittedTask::cancel(std::weak_ptr<SubmittedTask> const& task) {
-    if (auto const live = task.lock()) {
-        live->setState(Executable::CANCELLED);
-    }
-}
-
-void SubmittedTask::waitForCompletion(std::weak_ptr<SubmittedTask> const& task) {
-    if (auto const live = task.lock()) {
-        live->awaitEnd();
-    } else {
-        // The worker has let go of the task: see all it did before.
-        std::atomic_thread_fence(std::memory_order_acquire);
-    }
 }
 
 }  // namespace ovra::concurrent

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <semaphore.h>
-
 #include <atomic>
 #include <cstdint>
 #include <exception>
@@ -14,10 +12,11 @@
 #include <ovra/concurrent/Executable.h>
 #include <ovra/concurrent/Task.h>
 #include <ovra/concurrent/TaskPriority.h>
+#include <ovra/concurrent/internal/RankedEntry.h>
+#include <ovra/concurrent/internal/TaskEnd.h>
 
 namespace ovra::concurrent {
 
-class SettledTasks;
 class TaskHandle;
 struct SubmittedTaskProxy;
 
@@ -150,50 +149,36 @@ public:
     static std::shared_ptr<SubmittedTaskProxy> provideProxy(
         std::weak_ptr<SubmittedTask> const& task);
 
+    /// For the executor: `setHandle()` of the first handle of a task that nobody else can reach.
+    OVRA_LOCAL void setFirstHandle(std::shared_ptr<TaskHandle> const& firstHandle);
+    /// For the queue that holds the task.
+    RankedEntry& rankedEntry() { return rank; }
+    /// False if one thread set a rank while another raised the priority: the next update lifts it.
+    OVRA_LOCAL bool isRankInRange() const;
+    /// For the worker that runs the task: `isCancelled()` without the lock.
+    bool isCancelledNow() const { return state == Executable::CANCELLED; }
+    /// For the handle: waits as `getFuture().get()` does, without memory.
+    OVRA_LOCAL void waitForEnd();
+
 private:
-    friend class TaskHandle;
-    friend class RankRule;
-    friend class SettledTasks;
-    friend class SubmittedTasksQueue;
-
-    OVRA_LOCAL static unsigned int clampedRank(unsigned int rank, TaskPriority priority);
-    OVRA_LOCAL void requireNotRetrieved() const;
-    OVRA_LOCAL void awaitEnd();
-
-    // What a handle does, and finds when the task is gone.
-    OVRA_LOCAL static Executable::State stateOf(std::weak_ptr<SubmittedTask> const& task);
-    OVRA_LOCAL static Executable::Result resultOf(std::weak_ptr<SubmittedTask> const& task);
-    OVRA_LOCAL static void updatePriority(std::weak_ptr<SubmittedTask> const& task,
-                                          TaskPriority newPriority);
-    OVRA_LOCAL static void cancel(std::weak_ptr<SubmittedTask> const& task);
-    OVRA_LOCAL static void waitForCompletion(std::weak_ptr<SubmittedTask> const& task);
+    OVRA_LOCAL unsigned int clampedRank(unsigned int newRank) const;
+    template <typename NewRank>
+    OVRA_LOCAL void changeRank(NewRank const& newRank);
+    OVRA_LOCAL void logState(Executable::State newState) const;
+    OVRA_LOCAL void finish(Executable::Result outcome);
 
     std::shared_ptr<Task> task;
     std::weak_ptr<TaskHandle> handle;  // Set under `mutex`, before the task is queued.
     std::function<void(std::shared_ptr<Task>)> callback;
     mutable std::mutex mutex;
-    // Made by the first who asks for the future: few do, for a handle waits on `waiter`.
-    std::unique_ptr<std::promise<bool>> promise;  // Guarded by `mutex`.
-    sem_t* waiter = nullptr;  // Guarded by `mutex`: to post when the task has come to its end.
-
-    // Side by side, for the queue that walks many tasks.
-    std::atomic<SettledTasks*> settled{nullptr};  // Who relies on the rank. Changed under `mutex`.
+    TaskEnd end;
     std::atomic<TaskPriority> priority;
-    std::atomic<unsigned int> rank;
-    std::int32_t const uniqueIndex;
+    RankedEntry rank;
 
-    // Written under `mutex`, which the queries take as well, so that nobody sees what the handle
-    // has yet to be told. Only the worker, which acts on it anyway, reads without.
+    // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
+    // also reads them without.
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
-
-    bool fulfilled = false;             // Guarded by `mutex`.
-    bool retrieved = false;             // Guarded by `mutex`: the future was asked or waited for.
-    bool hasNewRank = false;            // Guarded by `mutex`: `settled` has yet to see the rank.
-    std::atomic<bool> wasAdded{false};  // The queue's: also to another queue.
-    std::uint8_t settledPlace = 0;  // The queue's: which line it stands in, or that it is a stray.
-    unsigned int settledRank = 0;   // The queue's: the rank it has noted.
-    SubmittedTask* nextChanged = nullptr;  // The queue's: see `SettledTasks::changed`.
 };
 
 }  // namespace ovra::concurrent

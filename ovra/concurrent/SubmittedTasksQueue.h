@@ -2,17 +2,16 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
+#include <forward_list>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include <ovra/Export.h>
 
 namespace ovra::concurrent {
 
-class SettledTasks;
+class RankedTasks;
 class SubmittedTask;
 class TaskHandle;
 class TaskRankingStrategy;
@@ -71,38 +70,31 @@ public:
     /// True from the first `close()` on. Takes no lock.
     bool isClosed() const;
 
+    /// For an executor: `addTask()` of a task that it has just made and that nobody else can reach.
+    OVRA_LOCAL std::shared_ptr<TaskHandle> addUnsharedTask(std::shared_ptr<SubmittedTask> task);
+
 private:
     friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
-    friend class RankRule;
-    friend class SettledTasks;
-    friend class TaskLine;
 
     struct QueuedTask {
         std::shared_ptr<SubmittedTask> task;
-        std::uint64_t order;   // Counts up as tasks are added.
-        std::int32_t index;    // The task's own.
-        bool isPlain;          // No subclass: nothing of its own answers for its rank.
-        bool isFinal = false;  // The strategy will not change its rank any more.
+        std::uint64_t order;
     };
 
-    struct Walk;
-
-    template <bool ranksDouble>
-    OVRA_LOCAL Walk walk();
+    OVRA_LOCAL void push(std::shared_ptr<SubmittedTask> task);
+    OVRA_LOCAL void drop();
     OVRA_LOCAL bool hasTasks() const;
-    OVRA_LOCAL void clearAway(std::shared_ptr<SubmittedTask> const& next);
 
-    // Guarded by `mutex`: the tasks that a pick walks, in the order in which they were added or
-    // ceased to be settled, and those that it need not.
-    std::vector<QueuedTask> tasks;
-    std::size_t gone = 0;     // How many of `tasks` have been taken and not yet cleared away.
-    bool hasRepeats = false;  // An object was added that may have been added before.
-    std::unique_ptr<SettledTasks> settled;
+    // Guarded by `mutex`: the tasks that a pick scans, newest first, and which those are that it
+    // need not scan.
+    std::forward_list<QueuedTask> tasks;
+    std::shared_ptr<RankedTasks> ranked;
     std::uint64_t addedSoFar = 0;
 
     std::mutex mutex;
     std::condition_variable condition;  // Something was queued, or the queue was closed.
     std::shared_ptr<TaskRankingStrategy> strategy;
+    bool computesRanks;  // The strategy is one of the library's own.
     std::atomic<bool> closed{false};
 };
 

@@ -41,7 +41,8 @@ std::shared_ptr<TaskHandle> TaskExecutorImpl::submitTask(
     if (!task && !callback) {
         return nullptr;
     }
-    return addSubmittedTaskToQueue(std::make_shared<SubmittedTask>(task, priority, callback));
+    return queue ? queue->addUnsharedTask(std::make_shared<SubmittedTask>(task, priority, callback))
+                 : nullptr;
 }
 
 std::shared_ptr<TaskHandle> TaskExecutorImpl::submitTask(
@@ -50,8 +51,9 @@ std::shared_ptr<TaskHandle> TaskExecutorImpl::submitTask(
     if (!function && !callback) {
         return nullptr;
     }
-    return addSubmittedTaskToQueue(
-        std::make_shared<SubmittedTask>(function, priority, callback, name));
+    return queue ? queue->addUnsharedTask(
+                       std::make_shared<SubmittedTask>(function, priority, callback, name))
+                 : nullptr;
 }
 
 bool TaskExecutorImpl::isIdle() {

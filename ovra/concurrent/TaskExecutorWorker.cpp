@@ -56,7 +56,7 @@ void TaskExecutorWorker::fetchTask() {
 }
 
 void TaskExecutorWorker::runTask() {
-    if (currentTask->isCancelled()) {
+    if (currentTask->isCancelledNow()) {
         currentTask->setResult(Executable::ABORTED);
         currentTask->setPromiseValue();
         return;  // The task is held until the next fetch replaces it.

@@ -1,5 +1,6 @@
-#include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
+
+#include <ovra/concurrent/internal/WeakTask.h>
 
 namespace ovra::concurrent {
 
@@ -11,19 +12,18 @@ TaskHandle::TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy)
       state(proxy && proxy->getState ? proxy->getState() : Executable::DONE),
       result(proxy && proxy->getResult ? proxy->getResult() : Executable::SUCCESS) {}
 
-TaskHandle::TaskHandle(std::weak_ptr<SubmittedTask> const& submittedTask)
-    : task(submittedTask), state(Executable::DONE), result(Executable::SUCCESS) {
-    if (auto const live = task.lock()) {
-        setState(live->state);
-        setResult(live->result);
-    }
+std::shared_ptr<TaskHandle> TaskHandle::of(std::weak_ptr<SubmittedTask> const& submitted) {
+    return std::make_shared<TaskHandle>(Private(), submitted);
 }
+
+TaskHandle::TaskHandle(Private, std::weak_ptr<SubmittedTask> const& submitted)
+    : task(submitted), state(Executable::UNSCHEDULED), result(Executable::NO_RESULT) {}
 
 TaskHandle::~TaskHandle() = default;
 
 void TaskHandle::cancel() {
     if (!proxy) {
-        SubmittedTask::cancel(task);
+        concurrent::cancel(task);
     } else if (proxy->cancel) {
         proxy->cancel();
     }
@@ -31,7 +31,7 @@ void TaskHandle::cancel() {
 
 void TaskHandle::updatePriority(TaskPriority priority) {
     if (!proxy) {
-        SubmittedTask::updatePriority(task, priority);
+        concurrent::updatePriority(task, priority);
     } else if (proxy->updatePriority) {
         proxy->updatePriority(priority);
     }
@@ -39,12 +39,12 @@ void TaskHandle::updatePriority(TaskPriority priority) {
 
 void TaskHandle::waitForCompletion() {
     if (!proxy) {
-        SubmittedTask::waitForCompletion(task);
+        concurrent::waitForCompletion(task);
     } else if (proxy->waitForCompletion) {
         proxy->waitForCompletion();
     }
-    // When the task is gone, nothing but its last push orders what it did before this thread:
-    // checkers that know no fences see it so too.
+    // If the task is gone, this acquire load synchronises with the worker's last setResult(). The
+    // fence would do, but ThreadSanitizer does not model fences.
     static_cast<void>(getResult());
 }
 

@@ -37,12 +37,11 @@ struct SubmittedTaskProxy {
 ///
 /// *Failure*: see `waitForCompletion()`. A null proxy counts as one whose members are empty.
 class OVRA_API TaskHandle {
+    struct Private {};
+
 public:
     /// Reaches the task through `taskProxy`, which is asked for state and result once, here.
     explicit TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy);
-    /// The same as on the proxy that `SubmittedTask::provideProxy` makes of `submittedTask`,
-    /// without the detour.
-    explicit TaskHandle(std::weak_ptr<SubmittedTask> const& submittedTask);
     TaskHandle(TaskHandle const&) = delete;
     TaskHandle& operator=(TaskHandle const&) = delete;
     virtual ~TaskHandle();
@@ -90,6 +89,11 @@ public:
     /// Read it after `waitForCompletion()` has returned or `getState()` has been seen `DONE`: until
     /// then the worker may be writing it.
     std::exception_ptr getException() const;
+
+    /// For the queue: a handle of a task, which reaches it without a proxy. It starts with the
+    /// state and result that every task starts with.
+    OVRA_LOCAL static std::shared_ptr<TaskHandle> of(std::weak_ptr<SubmittedTask> const& submitted);
+    OVRA_LOCAL TaskHandle(Private, std::weak_ptr<SubmittedTask> const& submitted);
 
     /// For the task, which pushes every change here.
     void setState(Executable::State newState);

@@ -1,5 +1,5 @@
-#include <ovra/concurrent/InitialRank.h>
 #include <ovra/concurrent/TaskPriority.h>
+#include <ovra/concurrent/internal/InitialRank.h>
 
 namespace ovra::concurrent {
 

@@ -451,20 +451,12 @@ TEST_F(SubmittedTasksQueueTest, StrategyDoublesTheRankOfEveryQueuedTaskAtAPick) 
     EXPECT_EQ(low->getRank(), 4u);
 }
 
-// Explicit instantiation may name a private member.
-template <std::atomic<unsigned int> SubmittedTask::*Rank>
-struct RankAccess {
-    friend std::atomic<unsigned int>& storedRank(SubmittedTask& task) { return task.*Rank; }
-};
-std::atomic<unsigned int>& storedRank(SubmittedTask& task);
-template struct RankAccess<&SubmittedTask::rank>;
-
 TEST_F(SubmittedTasksQueueTest, RankBelowThatOfThePriorityIsLiftedAtThePick) {
     // Two threads leave it so when the one sets a rank while the other raises the priority: the
     // first may look at the old priority and store its rank last.
     auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
     auto const task = submission(succeed(), HIGH);
-    storedRank(*task) = 5;
+    task->rankedEntry().rank = 5;
     queue->addTask(task);
     queue->addTask(submission(succeed(), HIGHEST));
 

@@ -304,6 +304,15 @@ struct Road {
     std::shared_ptr<TaskHandle> (*makeHandle)(std::shared_ptr<SubmittedTask> const&);
 };
 
+// Made by a queue, which has released the task again.
+std::shared_ptr<TaskHandle> unlinkedHandleOfAQueue(std::shared_ptr<SubmittedTask> const& task) {
+    SubmittedTasksQueue queue(nullptr);
+    auto handle = queue.addTask(task);
+    EXPECT_EQ(queue.getNextTask(), task);
+    task->setHandle(nullptr);
+    return handle;
+}
+
 void PrintTo(Road const& road, std::ostream* out) {
     *out << road.name;
 }
@@ -327,11 +336,7 @@ INSTANTIATE_TEST_SUITE_P(TaskHandleTest, LinkedHandleTest,
                                                     return std::make_shared<TaskHandle>(
                                                         SubmittedTask::provideProxy(task));
                                                 }},
-                                           Road{"Directly",
-                                                [](auto const& task) {
-                                                    return std::make_shared<TaskHandle>(
-                                                        std::weak_ptr<SubmittedTask>(task));
-                                                }}),
+                                           Road{"Directly", &unlinkedHandleOfAQueue}),
                          nameOfRoad);
 
 TEST_P(LinkedHandleTest, StartsWithTheStateAndResultOfItsTask) {

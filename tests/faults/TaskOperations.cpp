@@ -354,16 +354,6 @@ std::vector<Operation> handleOperations() {
                  return shown(handle.getState());
              });
          }},
-        {"TaskHandle(task)",
-         "1",
-         {lock},
-         [] {
-             auto const task = submission();
-             return Action([task] {
-                 TaskHandle const handle{std::weak_ptr<SubmittedTask>(task)};
-                 return shown(handle.getState());
-             });
-         }},
         {"TaskHandle::cancel", "true", {lock}, onTask([](Followed& followed) {
              followed.handle->cancel();
              return shown(followed.handle->isDone());
