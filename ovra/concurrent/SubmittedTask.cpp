@@ -12,6 +12,7 @@
 #include <ovra/concurrent/internal/InitialRank.h>
 #include <ovra/concurrent/internal/IsExactly.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
+#include <ovra/concurrent/internal/SubmissionMemory.h>
 #include <ovra/concurrent/internal/WeakTask.h>
 #include <ovra/log/Log.h>
 
@@ -59,8 +60,7 @@ SubmittedTask::SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPri
                              std::function<void(std::shared_ptr<Task>)> onCompletion)
     : task(std::move(work)),
       callback(std::move(onCompletion)),
-      priority(initialPriority),
-      rank(initialRankOf(initialPriority), --s_uniqueIndexCounter) {
+      rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
     if (!task) {
         log::log(log::WARNING, "SubmittedTask::SubmittedTask", "Given a null pointer for a task.");
     }
@@ -71,11 +71,22 @@ SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
                              std::function<void(std::shared_ptr<Task>)> onCompletion,
                              char const* name)
     : callback(std::move(onCompletion)),
-      priority(initialPriority),
-      rank(initialRankOf(initialPriority), --s_uniqueIndexCounter) {
+      rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
     // After the index is taken, which is spent even if this throws.
     // cppcheck-suppress useInitializationList
     task = std::make_shared<LambdaFunctionTask>(work, name);
+}
+
+SubmittedTask::SubmittedTask(SubmissionMemory* memory,
+                             std::function<Executable::Result()> const& work,
+                             TaskPriority initialPriority,
+                             std::function<void(std::shared_ptr<Task>)> onCompletion,
+                             char const* name)
+    : callback(std::move(onCompletion)),
+      rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
+    // cppcheck-suppress useInitializationList
+    task = std::allocate_shared<LambdaFunctionTask>(
+        SubmissionMemory::Allocator<LambdaFunctionTask>(memory), work, name);
 }
 
 SubmittedTask::~SubmittedTask() = default;
@@ -86,7 +97,7 @@ unsigned int SubmittedTask::getRank() const {
 }
 
 TaskPriority SubmittedTask::getPriority() const {
-    return priority;
+    return rank.priority;
 }
 
 void SubmittedTask::setState(Executable::State newState) {
@@ -111,7 +122,7 @@ void SubmittedTask::setRank(unsigned int const& newRank) {
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
     changeRank([this, newPriority] {
-        priority = newPriority;
+        rank.priority = newPriority;
         return clampedRank(initialRankOf(newPriority));
     });
 }
@@ -121,8 +132,7 @@ unsigned int SubmittedTask::clampedRank(unsigned int newRank) const {
 }
 
 // While a queue computes the rank, `newRank()` runs under the lock that the queue's picks take.
-template <typename NewRank>
-void SubmittedTask::changeRank(NewRank const& newRank) {
+void SubmittedTask::changeRank(std::function<unsigned int()> const& newRank) {
     if (!isExactly<SubmittedTask>(*this)) {
         rank.rank = newRank();
         return;
@@ -139,16 +149,15 @@ void SubmittedTask::changeRank(NewRank const& newRank) {
     }
 }
 
-bool SubmittedTask::isRankInRange() const {
-    return rank.given() >= initialRankOf(priority);
-}
-
 void SubmittedTask::updateTaskState(Executable::State newState) {
     setState(newState);
     logState(newState);
 }
 
 void SubmittedTask::logState(Executable::State newState) const {
+    if (log::getLogLevel() < log::INFO && task && isExactly<LambdaFunctionTask>(*task)) {
+        return;  // Nobody sees that the name is not asked for.
+    }
     log::log(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
              printable(taskName()), taskStateToName(newState));
 }

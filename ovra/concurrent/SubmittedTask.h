@@ -18,6 +18,7 @@
 namespace ovra::concurrent {
 
 class TaskHandle;
+class SubmissionMemory;
 struct SubmittedTaskProxy;
 
 /// The executor's own record of one submission: the work, its callback, its urgency, its state and
@@ -149,12 +150,16 @@ public:
     static std::shared_ptr<SubmittedTaskProxy> provideProxy(
         std::weak_ptr<SubmittedTask> const& task);
 
+    /// For the executor: a task in memory that holds its work as well.
+    OVRA_LOCAL SubmittedTask(SubmissionMemory* memory,
+                             std::function<Executable::Result()> const& work,
+                             TaskPriority initialPriority,
+                             std::function<void(std::shared_ptr<Task>)> onCompletion,
+                             char const* name);
     /// For the executor: `setHandle()` of the first handle of a task that nobody else can reach.
     OVRA_LOCAL void setFirstHandle(std::shared_ptr<TaskHandle> const& firstHandle);
     /// For the queue that holds the task.
     RankedEntry& rankedEntry() { return rank; }
-    /// False if one thread set a rank while another raised the priority: the next update lifts it.
-    OVRA_LOCAL bool isRankInRange() const;
     /// For the worker that runs the task: `isCancelled()` without the lock.
     bool isCancelledNow() const { return state == Executable::CANCELLED; }
     /// For the handle: waits as `getFuture().get()` does, without memory.
@@ -162,8 +167,7 @@ public:
 
 private:
     OVRA_LOCAL unsigned int clampedRank(unsigned int newRank) const;
-    template <typename NewRank>
-    OVRA_LOCAL void changeRank(NewRank const& newRank);
+    OVRA_LOCAL void changeRank(std::function<unsigned int()> const& newRank);
     OVRA_LOCAL void logState(Executable::State newState) const;
     OVRA_LOCAL void finish(Executable::Result outcome);
 
@@ -172,8 +176,7 @@ private:
     std::function<void(std::shared_ptr<Task>)> callback;
     mutable std::mutex mutex;
     TaskEnd end;
-    std::atomic<TaskPriority> priority;
-    RankedEntry rank;
+    RankedEntry rank;  // And the priority.
 
     // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
     // also reads them without.
