@@ -124,8 +124,8 @@ void SubmittedTask::setPriority(TaskPriority newPriority) {
 
 void SubmittedTask::updateTaskState(Executable::State newState) {
     setState(newState);
-    log::log(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
-             printable(taskName()), taskStateToName(newState));
+    log::logVerbatim(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
+                     printable(taskName()), taskStateToName(newState));
 }
 
 void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
@@ -212,8 +212,8 @@ __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
     } catch (std::exception const&) {
         handleAndLogUnknownException(std::current_exception(), false);
     } catch (...) {
-        log::log(log::WARNING, "SubmittedTask::performCallback()",
-                 "Caught unknown exception during running of '%s'.", printable(taskName()));
+        log::logVerbatim(log::WARNING, "SubmittedTask::performCallback()",
+                         "Caught unknown exception during running of '%s'.", printable(taskName()));
     }
 }
 
@@ -282,8 +282,8 @@ void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forw
     try {
         std::rethrow_exception(e);
     } catch (std::exception const& caught) {
-        log::log(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
-                 printable(taskName()), printable(caught.what()));
+        log::logVerbatim(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
+                         printable(taskName()), printable(caught.what()));
     }
     if (forwardToHandle) {
         if (auto const live = handle.lock()) {

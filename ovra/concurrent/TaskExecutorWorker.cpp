@@ -93,8 +93,8 @@ void TaskExecutorWorker::terminate() {
         thread.join();
     } catch (std::exception const& e) {
         // A `std::system_error`, or what comes in its place when there is no memory for one.
-        log::log(log::ERROR, "~TaskExecutorWorker()", "Worker thread join failed due to '%s'!\n",
-                 e.what());
+        log::logVerbatim(log::ERROR, "~TaskExecutorWorker()",
+                         "Worker thread join failed due to '%s'!\n", e.what());
     }
 }
 
