@@ -220,6 +220,9 @@ __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
 void SubmittedTask::setPromiseValue() {
     std::unique_lock<std::mutex> lock(mutex);
     if (fulfilled) {
+        lock.unlock();
+        log::log(log::ERROR, "SubmittedTask::setPromiseValue()",
+                 "A task has come to its end a second time: submit each SubmittedTask once.");
         throw std::future_error(std::future_errc::promise_already_satisfied);
     }
     fulfilled = true;
@@ -234,8 +237,8 @@ void SubmittedTask::setPromiseValue() {
 }
 
 std::future<bool> SubmittedTask::getFuture() {
-    std::lock_guard<std::mutex> const lock(mutex);
-    requireNotRetrieved();
+    std::unique_lock<std::mutex> lock(mutex);
+    requireNotRetrieved(lock);
     promise = std::make_unique<std::promise<bool>>();
     retrieved = true;
     if (fulfilled) {
@@ -248,8 +251,8 @@ std::future<bool> SubmittedTask::getFuture() {
 void SubmittedTask::awaitEnd() {
     sem_t end;
     {
-        std::lock_guard<std::mutex> const lock(mutex);
-        requireNotRetrieved();
+        std::unique_lock<std::mutex> lock(mutex);
+        requireNotRetrieved(lock);
         retrieved = true;
         if (fulfilled) {
             return;
@@ -268,9 +271,12 @@ void SubmittedTask::awaitEnd() {
     }
 }
 
-// With `mutex` held.
-void SubmittedTask::requireNotRetrieved() const {
+// Logs once `lock`, on `mutex`, is released.
+void SubmittedTask::requireNotRetrieved(std::unique_lock<std::mutex>& lock) const {
     if (retrieved) {
+        lock.unlock();
+        log::log(log::ERROR, "SubmittedTask::getFuture()",
+                 "A task was waited for, or its future was asked for, a second time: wait once.");
         throw std::future_error(std::future_errc::future_already_retrieved);
     }
 }
