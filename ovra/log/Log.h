@@ -5,6 +5,17 @@
 
 #include <ovra/Export.h>
 
+OVRA_NOT_A_MACRO(DISABLED);
+OVRA_NOT_A_MACRO(CRITICAL);
+OVRA_NOT_A_MACRO(ERROR);
+OVRA_NOT_A_MACRO(WARNING);
+OVRA_NOT_A_MACRO(INFO);
+OVRA_NOT_A_MACRO(DEBUG);
+OVRA_NOT_A_MACRO(VERBOSE);
+OVRA_NOT_A_MACRO(FILE_HANDLER);
+OVRA_NOT_A_MACRO(PLATFORM_HANDLER);
+OVRA_NOT_A_MACRO(STANDARD_STREAM_HANDLER);
+
 namespace ovra::log {
 
 /// How severe a message is; smaller is more severe. As the global level: deliver messages whose
