@@ -185,6 +185,8 @@ public:
     ///
     /// One directory, and so one file descriptor, is open per level. What lies deeper than the
     /// limits on descriptors and on the length of a path allow stays, and the result is `false`.
+    /// Each level also takes up to 1 KiB of the thread's stack: a small one may not do for a deep
+    /// tree, and a stack that overflows ends the process.
     bool RemoveDirectoryRecursive();
     /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
     /// a directory. The link's contents are this path as it stands, so a relative one is read

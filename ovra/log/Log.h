@@ -22,7 +22,7 @@ namespace ovra::log {
 /// level is at most this, `DISABLED` none at all.
 enum LogLevel : std::int32_t {
     DISABLED = 0,  ///< As the global level: none. As a message's: delivered under any other.
-    CRITICAL = 1,  ///< The host can hardly go on.
+    CRITICAL = 1,  ///< The application can hardly go on.
     ERROR = 2,     ///< Something failed. The global level at the start.
     WARNING = 3,   ///< Odd, and survived; the library's own word on exceptions out of tasks.
     INFO = 4,      ///< The ordinary course of things, such as the states of tasks.
@@ -126,7 +126,7 @@ OVRA_API std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char 
 /// the exception escapes and an existing sink stays.
 OVRA_API void addLogHandler(LogHandlerType type, char const* name);
 
-/// The same for a sink of the host's own. An empty `handler` changes nothing.
+/// The same for a sink of the application's own. An empty `handler` changes nothing.
 OVRA_API void addLogHandler(std::shared_ptr<LogHandler> handler, char const* name);
 
 }  // namespace ovra::log
