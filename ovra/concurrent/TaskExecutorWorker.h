@@ -34,8 +34,8 @@ public:
     virtual ~TaskExecutorWorker();
 
     /// Starts the thread. `std::system_error` escapes if none can be had. Ends the process, after a
-    /// line at `ERROR`, if the previous thread has not been joined. Start a worker once: a thread that is started after
-    /// `terminate()` is never joined, and the destructor ends the process.
+    /// line at `ERROR`, if the previous thread has not been joined. Start a worker once: a thread
+    /// that is started after `terminate()` is never joined, and the destructor ends the process.
     void start();
 
     /// The worker thread's loop; returns once the worker is terminated, or finds its queue closed.
