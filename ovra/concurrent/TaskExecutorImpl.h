@@ -23,9 +23,12 @@ class TaskExecutorWorker;
 ///   thread cannot join itself. Work and callbacks that own the executor may do so, and so does
 ///   `std::weak_ptr<TaskExecutor>::lock()` in them, or in the destructor of a `Task`, when the
 ///   owner releases its reference meanwhile.
-/// - A task that waits for another task of the same one-worker executor never returns.
+/// - A task that waits for another task of the same one-worker executor never returns. Two
+///   executors that are destroyed on each other's workers wait for each other for good.
 ///
-/// After `fork()` the child has no workers: what it submits is queued and never runs.
+/// After `fork()` the child has no workers: what it submits is queued and never runs. The child
+/// hangs when it submits to or destroys the executor while a lock is held that another thread held
+/// when the process forked.
 ///
 /// *Failure*: see the constructor and `TaskExecutor`.
 ///

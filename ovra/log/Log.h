@@ -73,8 +73,9 @@ public:
 /// for the other sinks, which get the line as it is. A conversion that is left ends the process, or
 /// worse: pass text that the application did not write to `logVerbatim` instead.
 ///
-/// *Threads*: Thread-safe but for `addLogHandler`. Takes no lock of its own, but each sink locks
-/// its mutex while it writes, the one to the system log included. Hence not for signal handlers,
+/// *Threads*: Thread-safe but for `addLogHandler`. Blocks for as long as a sink does, and as the
+/// system log takes no lines. Takes no lock of its own, but each sink locks its mutex while it
+/// writes, the one to the system log included. Hence not for signal handlers,
 /// nor for a child after `fork()`: it hangs there for good if a sink's mutex was held when the
 /// signal came or the process forked. Not to be called once static destruction has reached the
 /// library.
