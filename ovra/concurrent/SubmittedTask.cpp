@@ -158,8 +158,8 @@ void SubmittedTask::logState(Executable::State newState) const {
     if (log::getLogLevel() < log::INFO && task && isExactly<LambdaFunctionTask>(*task)) {
         return;  // Nobody sees that the name is not asked for.
     }
-    log::log(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
-             printable(taskName()), taskStateToName(newState));
+    log::logVerbatim(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
+                     printable(taskName()), taskStateToName(newState));
 }
 
 void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
@@ -266,8 +266,8 @@ __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
     } catch (std::exception const&) {
         handleAndLogUnknownException(std::current_exception(), false);
     } catch (...) {
-        log::log(log::WARNING, "SubmittedTask::performCallback()",
-                 "Caught unknown exception during running of '%s'.", printable(taskName()));
+        log::logVerbatim(log::WARNING, "SubmittedTask::performCallback()",
+                         "Caught unknown exception during running of '%s'.", printable(taskName()));
     }
 }
 
@@ -290,8 +290,8 @@ void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forw
     try {
         std::rethrow_exception(e);
     } catch (std::exception const& caught) {
-        log::log(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
-                 printable(taskName()), printable(caught.what()));
+        log::logVerbatim(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
+                         printable(taskName()), printable(caught.what()));
     }
     if (forwardToHandle) {
         if (auto const live = handle.lock()) {

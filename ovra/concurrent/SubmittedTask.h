@@ -136,10 +136,11 @@ public:
     /// Calls the callback, if there is one, with the task, which may be null. What it throws is
     /// logged and changes nothing. Runs after the promise was fulfilled.
     void performCallback();
-    /// Releases whoever waits. A second call throws `std::future_error`.
+    /// Releases whoever waits. A second call is logged at `ERROR` and throws `std::future_error`.
     void setPromiseValue();
     /// The future that becomes ready, always with `true`, when the task has come to its end. A
-    /// second call throws `std::future_error`. `std::bad_alloc` if memory is short.
+    /// second call, or one after a wait, is logged at `ERROR` and throws `std::future_error`.
+    /// `std::bad_alloc` if memory is short.
     std::future<bool> getFuture();
     /// Logs `e` (null: a `std::runtime_error` "Unknown exception", or `std::bad_alloc` if memory is
     /// short) and, if asked to, hands it to the handle. Anything but a `std::exception` leaves this

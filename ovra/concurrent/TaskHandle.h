@@ -72,7 +72,7 @@ public:
     /// it uses, and the borrowed task name, must stay valid beyond the wait.
     ///
     /// Needs no memory. Wait once: a second wait, or one from another thread, while the task still
-    /// exists throws `std::future_error`. A wait never ends
+    /// exists is logged at `ERROR` and throws `std::future_error`. A wait never ends
     /// - for a queued task of an executor that is destroyed, or whose queue is closed: the waiter
     ///   keeps the task, but no worker will ever reach it. Keep the executor alive while you wait,
     ///   or ask `isDone()` instead;

@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include <ovra/log/Log.h>
+
 namespace ovra::concurrent {
 
 struct TaskEnd::Waiter {
@@ -39,6 +41,8 @@ void TaskEnd::fulfil() {
     Waiter* waiter = waiting;
     do {
         if (waiter == &Waiter::fulfilled || waiter == &Waiter::over) {
+            log::log(log::ERROR, "SubmittedTask::setPromiseValue()",
+                     "A task has come to its end a second time: submit each SubmittedTask once.");
             throw std::future_error(std::future_errc::promise_already_satisfied);
         }
     } while (!waiting.compare_exchange_weak(
@@ -98,6 +102,8 @@ bool TaskEnd::retrieve(Waiter* waiter) {
     if (found == &Waiter::fulfilled && waiting.compare_exchange_strong(found, &Waiter::over)) {
         return false;
     }
+    log::log(log::ERROR, "SubmittedTask::getFuture()",
+             "A task was waited for, or its future was asked for, a second time: wait once.");
     throw std::future_error(std::future_errc::future_already_retrieved);
 }
 
