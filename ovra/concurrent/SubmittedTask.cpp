@@ -13,16 +13,17 @@
 #include <ovra/concurrent/internal/IsExactly.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
 #include <ovra/concurrent/internal/SubmissionMemory.h>
+#include <ovra/concurrent/internal/UniqueIndex.h>
 #include <ovra/concurrent/internal/WeakTask.h>
 #include <ovra/log/Log.h>
 
 namespace ovra::concurrent {
 
+std::atomic<std::int32_t> s_uniqueIndexCounter{0x7fffffff};
+
 namespace {
 
 char const EXECUTE_TAG[] = "SubmittedTask::execute()";
-
-std::atomic<std::int32_t> s_uniqueIndexCounter{0x7fffffff};
 
 static_assert(decltype(s_uniqueIndexCounter)::is_always_lock_free &&
               std::atomic<TaskPriority>::is_always_lock_free &&

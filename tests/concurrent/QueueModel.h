@@ -38,38 +38,9 @@ enum TaskKind {
     HUGE_RANK,        // Above the cap.
     COUNTING,         // Its rank, and one more at each question.
     RANDOM_PRIORITY,  // Any priority, another one each time.
+    LOOKING,          // The rank of another task.
+    MEDDLING,         // Changes the rank or the priority of another task whenever it is asked.
     TASK_KINDS
-};
-
-// How a subclass answers.
-class Answers {
-public:
-    Answers(TaskKind taskKind, std::uint64_t seed) : kind(taskKind), random(seed) {}
-
-    std::uint32_t rank(std::uint32_t stored, std::int32_t index) {
-        ++asked;
-        switch (kind) {
-            case RANDOM_RANK:
-                return random.word() >> random.below(32);
-            case NEAR_ZERO_SCORE:
-                return static_cast<std::uint32_t>(random.between(-3, 3)) -
-                       static_cast<std::uint32_t>(index);
-            case HUGE_RANK:
-                return 0x80000000u + (random.word() >> random.between(1, 31));
-            case COUNTING:
-                return stored + asked;
-            default:
-                return stored;
-        }
-    }
-    std::int32_t priority(std::int32_t stored) {
-        return kind == RANDOM_PRIORITY ? random.between(-1, 6) : stored;
-    }
-
-private:
-    TaskKind kind;
-    RandomSource random;
-    std::uint32_t asked = 0;
 };
 
 enum StrategyKind {
@@ -88,7 +59,7 @@ inline char const* nameOf(StrategyKind kind) {
     return NAMES[kind];
 }
 
-// What a scripted strategy can do, on either side.
+// What a scripted strategy or a subclass can do, on either side.
 class Hands {
 public:
     Hands() = default;
@@ -98,6 +69,9 @@ public:
     virtual void setRank(int task, std::uint32_t rank) = 0;
     virtual void setPriority(int task, std::int32_t priority) = 0;
     virtual std::uint32_t askRank(int task) = 0;
+
+    std::vector<int> present;  // All tasks that exist.
+    std::vector<int> plain;    // Those without a subclass.
 };
 
 template <typename Source>
@@ -122,12 +96,66 @@ std::int32_t anyPriority(Source& random) {
     return random.oneIn(8) ? ODD[random.below(7)] : random.between(1, 4);
 }
 
+// How a subclass answers.
+class Answers {
+public:
+    Answers(TaskKind taskKind, std::uint64_t seed) : kind(taskKind), random(seed) {}
+
+    std::uint32_t rank(std::uint32_t stored, std::int32_t index, Hands& hands) {
+        ++asked;
+        switch (kind) {
+            case RANDOM_RANK:
+                return random.word() >> random.below(32);
+            case NEAR_ZERO_SCORE:
+                return static_cast<std::uint32_t>(random.between(-3, 3)) -
+                       static_cast<std::uint32_t>(index);
+            case HUGE_RANK:
+                return 0x80000000u + (random.word() >> random.between(1, 31));
+            case COUNTING:
+                return stored + asked;
+            case LOOKING:
+                return hands.plain.empty() ? stored : hands.askRank(other(hands));
+            case MEDDLING:
+                meddle(hands);
+                return stored;
+            default:
+                return stored;
+        }
+    }
+    std::int32_t priority(std::int32_t stored, Hands& hands) {
+        if (kind == MEDDLING) {
+            meddle(hands);
+        }
+        return kind == RANDOM_PRIORITY ? random.between(-1, 6) : stored;
+    }
+
+private:
+    int other(Hands const& hands) {
+        return hands.plain[random.below(static_cast<std::uint32_t>(hands.plain.size()))];
+    }
+    void meddle(Hands& hands) {
+        if (hands.plain.empty() || random.oneIn(3)) {
+            return;
+        }
+        if (random.oneIn(2)) {
+            hands.setRank(other(hands), anyRank(random));
+        } else {
+            hands.setPriority(other(hands), anyPriority(random));
+        }
+    }
+
+    TaskKind kind;
+    RandomSource random;
+    std::uint32_t asked = 0;
+};
+
 class Script {
 public:
     explicit Script(std::uint64_t seed) : random(seed) {}
 
-    void update(int task, std::vector<int> const& present, Hands& hands) {
-        int const other = present[random.below(static_cast<std::uint32_t>(present.size()))];
+    void update(int task, Hands& hands) {
+        int const other =
+            hands.present[random.below(static_cast<std::uint32_t>(hands.present.size()))];
         switch (random.below(8)) {
             case 0:
                 hands.setRank(task, anyRank(random));
@@ -171,6 +199,12 @@ public:
         std::list<int> tasks;  // Newest first.
     };
 
+    // Also of a negative sum: indices are negative after 2^31 submissions.
+    static std::int64_t modulo32(std::int64_t sum) {
+        std::int64_t const remainder = sum % 4294967296;
+        return remainder < 0 ? remainder + 4294967296 : remainder;
+    }
+
     static std::int64_t initialRank(std::int32_t priority) {
         switch (priority) {
             case 2:
@@ -198,7 +232,7 @@ public:
             return stored;
         }
         events.push_back({Event::RANK_ASKED, id});
-        return task.answers.rank(stored, static_cast<std::int32_t>(task.index));
+        return task.answers.rank(stored, static_cast<std::int32_t>(task.index), *this);
     }
     std::int32_t askPriority(int id) {
         Task& task = tasks.at(id);
@@ -206,7 +240,7 @@ public:
             return task.priority;
         }
         events.push_back({Event::PRIORITY_ASKED, id});
-        return task.answers.priority(task.priority);
+        return task.answers.priority(task.priority, *this);
     }
     void setRank(int id, std::uint32_t newRank) override {
         std::int64_t rank = newRank;
@@ -241,13 +275,13 @@ public:
                 break;
             default:
                 events.push_back({Event::RANK_UPDATED, id});
-                queue.script.update(id, present, *this);
+                queue.script.update(id, *this);
                 break;
         }
     }
     void doubleRank(int id) {
         std::int64_t const rank = askRank(id);
-        std::int64_t const doubled = (rank * 2) % 4294967296;
+        std::int64_t const doubled = modulo32(rank * 2);
         setRank(id, static_cast<std::uint32_t>(rank > doubled ? rank : doubled));
     }
 
@@ -267,7 +301,7 @@ public:
         std::int64_t bestScore = 0;
         for (int const id : queue.tasks) {
             std::int64_t const rank = askRank(id);
-            std::int64_t const score = (rank + tasks.at(id).index) % 4294967296;
+            std::int64_t const score = modulo32(rank + tasks.at(id).index);
             if (score > bestScore) {
                 best = id;
                 bestScore = score;
@@ -283,7 +317,6 @@ public:
     }
 
     std::map<int, Task> tasks;
-    std::vector<int> present;  // All that exist, for scripts to choose from.
     std::vector<Event> events;
 };
 

@@ -1,20 +1,26 @@
-// A queue against a model of it, on long random traces.
+// A queue against a model of it, on long random traces, early and late in the life of a process.
 //
 // The queue must agree with the model on every pick, on the rank of every task after every
 // operation, and on every call of a strategy or an overridden operation, in order.
 //
 //   OVRA_TEST_SEED              another trace: a number, or "random"
-//   OVRA_TEST_MODEL_OPERATIONS  operations in all, over every kind of trace
+//   OVRA_TEST_MODEL_OPERATIONS  operations in all, over every kind of trace and every start
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <ovra/concurrent/internal/UniqueIndex.h>
 #include <tests/concurrent/QueueTrace.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/RandomSource.h>
+#include <tests/support/ThreadCalls.h>
 
 namespace ovra::concurrent::model {
 namespace {
@@ -31,12 +37,15 @@ std::vector<Profile> profiles() {
         {"DoublingLarge", {DOUBLING}, 0, 2000, true},
         {"DoublingOdd", {DOUBLING}, 3, 12, false},
         {"DoublingFewOdd", {DOUBLING}, 40, 60, true},
+        {"DoublingLargeFewOdd", {DOUBLING}, 100, 500, true},
         {"NoStrategy", {NO_STRATEGY}, 4, 12, false},
         {"DerivedKeeping", {DERIVED_KEEPING}, 4, 12, false},
         {"DerivedDoubling", {DERIVED_DOUBLING}, 4, 12, false},
         {"Scripted", {SCRIPTED}, 4, 12, false},
         {"ScriptedPlain", {SCRIPTED}, 0, 30, false},
         {"Shared", {KEEPING, DOUBLING}, 0, 12, false},
+        {"SharedByTwoThatDouble", {DOUBLING, DOUBLING}, 0, 12, false},
+        {"SharedOdd", {DOUBLING, KEEPING}, 4, 12, false},
         {"SharedSeldomRead", {DOUBLING, DOUBLING, KEEPING}, 10, 20, true},
         {"SharedByAll",
          {KEEPING, DOUBLING, NO_STRATEGY, DERIVED_KEEPING, DERIVED_DOUBLING, SCRIPTED},
@@ -48,26 +57,57 @@ std::vector<Profile> profiles() {
     return all;
 }
 
-class QueueModelTest : public test::BoundedTest, public ::testing::WithParamInterface<Profile> {};
+// The unique index before the first of a trace.
+struct Start {
+    char const* name;
+    std::int32_t index;
+};
+
+void PrintTo(Start const& start, std::ostream* out) {
+    *out << start.name;
+}
+
+constexpr Start STARTS[] = {
+    {"AtTheStart", 0x7fffffff}, {"AroundZero", 300},   {"WhereNormalRanksReachZero", -700},
+    {"Negative", -0x40000000},  {"Late", -0x7f000000}, {"AtTheWrap", INT32_MIN + 50},
+};
+
+class QueueModelTest : public ::testing::Test,
+                       public ::testing::WithParamInterface<std::tuple<Profile, Start>> {
+private:
+    test::Watchdog watchdog{test::deadlineSeconds() * 20};
+};
 
 TEST_P(QueueModelTest, AgreesOnEveryPickEveryRankAndEveryCall) {
-    auto const all = profiles();
+    auto const [profile, start] = GetParam();
     auto const operations = static_cast<int>(
-        test::environmentNumber("OVRA_TEST_MODEL_OPERATIONS", test::scaled(150000)));
-    int const share = std::max(operations / static_cast<int>(all.size()), 100);
+        test::environmentNumber("OVRA_TEST_MODEL_OPERATIONS", test::scaled(400000)));
+    auto const kinds = profiles().size() * std::size(STARTS);
+    int const share = std::max(operations / static_cast<int>(kinds), 100);
+
+    std::unique_ptr<test::ThreadCalls> calls;
+    auto const failAllocations = [&calls](int nth) {
+        calls.reset();
+        if (nth != 0) {
+            calls = std::make_unique<test::ThreadCalls>();
+            calls->onAllocate = [left = nth](std::size_t) mutable { return --left <= 0; };
+            calls->install();
+        }
+    };
 
     // Several short traces differ more than one long one.
-    std::uint64_t seed = test::runSeed();
-    for (char const* letter = GetParam().name; *letter != '\0'; ++letter) {
+    std::uint64_t seed = test::runSeed() + static_cast<std::uint32_t>(start.index);
+    for (char const* letter = profile.name; *letter != '\0'; ++letter) {
         seed = seed * 31 + static_cast<unsigned char>(*letter);
     }
     RandomSource seeds(seed);
-    int const traces = GetParam().usualSize >= 500 ? 1 : 10;
+    int const length = profile.usualSize >= 500 ? 20000 : 800;
     SCOPED_TRACE(test::seedNote());
-    for (int i = 0; i < traces && !HasFailure(); ++i) {
+    for (int done = 0; done < share && !HasFailure();) {
+        s_uniqueIndexCounter = start.index;
         RandomSource random(seeds.next());
-        Trace<RandomSource> trace(GetParam(), random);
-        for (int done = 0; done < share / traces && !HasFailure(); ++done) {
+        Trace<RandomSource> trace(profile, random, failAllocations);
+        for (int end = std::min(share, done + length); done < end && !HasFailure(); ++done) {
             trace.advance();
         }
         if (!HasFailure()) {
@@ -76,11 +116,15 @@ TEST_P(QueueModelTest, AgreesOnEveryPickEveryRankAndEveryCall) {
     }
 }
 
-std::string nameOfProfile(::testing::TestParamInfo<Profile> const& parameter) {
-    return parameter.param.name;
+std::string nameOf(::testing::TestParamInfo<std::tuple<Profile, Start>> const& parameter) {
+    return std::string(std::get<Profile>(parameter.param).name) +
+           std::get<Start>(parameter.param).name;
 }
 
-INSTANTIATE_TEST_SUITE_P(Traces, QueueModelTest, ::testing::ValuesIn(profiles()), nameOfProfile);
+INSTANTIATE_TEST_SUITE_P(Traces, QueueModelTest,
+                         ::testing::Combine(::testing::ValuesIn(profiles()),
+                                            ::testing::ValuesIn(STARTS)),
+                         nameOf);
 
 }  // namespace
 }  // namespace ovra::concurrent::model

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -20,28 +22,23 @@ namespace ovra::concurrent::model {
 
 // --- the real thing
 
+class Real;
+
 class OddTask : public SubmittedTask {
 public:
-    OddTask(TaskPriority initialPriority, int ownId, Answers ownAnswers,
-            std::vector<Event>& allEvents)
+    OddTask(TaskPriority initialPriority, int ownId, Answers ownAnswers, Real& allTasks)
         : SubmittedTask(succeed(), initialPriority, Callback(), "odd"),
           id(ownId),
           answers(ownAnswers),
-          events(&allEvents) {}
+          real(&allTasks) {}
 
-    unsigned int getRank() const override {
-        events->push_back({Event::RANK_ASKED, id});
-        return answers.rank(SubmittedTask::getRank(), getUniqueIndex());
-    }
-    TaskPriority getPriority() const override {
-        events->push_back({Event::PRIORITY_ASKED, id});
-        return static_cast<TaskPriority>(answers.priority(SubmittedTask::getPriority()));
-    }
+    unsigned int getRank() const override;
+    TaskPriority getPriority() const override;
 
 private:
     int const id;
     mutable Answers answers;
-    std::vector<Event>* const events;
+    Real* const real;
 };
 
 class Real : public Hands {
@@ -65,7 +62,7 @@ public:
         if (kind == PLAIN) {
             task = submission(succeed(), typed);
         } else {
-            task = std::make_shared<OddTask>(typed, id, Answers(kind, seed), events);
+            task = std::make_shared<OddTask>(typed, id, Answers(kind, seed), *this);
         }
         std::int32_t const index = task->getUniqueIndex();
         ids.emplace(task.get(), id);
@@ -82,9 +79,18 @@ public:
 
     std::map<int, Task> tasks;
     std::map<SubmittedTask*, int> ids;
-    std::vector<int> present;
     std::vector<Event> events;
 };
+
+inline unsigned int OddTask::getRank() const {
+    real->events.push_back({Event::RANK_ASKED, id});
+    return answers.rank(SubmittedTask::getRank(), getUniqueIndex(), *real);
+}
+
+inline TaskPriority OddTask::getPriority() const {
+    real->events.push_back({Event::PRIORITY_ASKED, id});
+    return static_cast<TaskPriority>(answers.priority(SubmittedTask::getPriority(), *real));
+}
 
 class DerivedKeeping : public HighestPriorityTaskRankingStrategy {
 public:
@@ -116,7 +122,7 @@ public:
     void updateRank(SubmittedTask* task) override {
         int const id = real->ids.at(task);
         real->events.push_back({Event::RANK_UPDATED, id});
-        script.update(id, real->present, *real);
+        script.update(id, *real);
     }
 
 private:
@@ -157,7 +163,18 @@ struct Profile {
     std::uint32_t oneOddTaskIn;            // 0: none.
     std::uint32_t usualSize;               // About how many tasks a queue holds.
     bool readsSeldom;                      // Ranks are compared now and then only.
+
+    // Whether no override or strategy of a host runs, whose own memory could be short.
+    bool isPlain() const {
+        return oneOddTaskIn == 0 &&
+               std::all_of(strategies.begin(), strategies.end(), [](StrategyKind kind) {
+                   return kind == NO_STRATEGY || kind == KEEPING || kind == DOUBLING;
+               });
+    }
 };
+
+// Lets all allocations of `operator new` fail from the nth on; none for 0.
+using FailAllocations = std::function<void(int nth)>;
 
 inline void PrintTo(Profile const& profile, std::ostream* out) {
     *out << profile.name;
@@ -168,7 +185,9 @@ inline void PrintTo(Profile const& profile, std::ostream* out) {
 template <typename Source>
 class Trace {
 public:
-    Trace(Profile const& traceProfile, Source& choices) : profile(traceProfile), random(choices) {
+    // Without `fail`, memory is never short.
+    Trace(Profile const& traceProfile, Source& choices, FailAllocations fail = {})
+        : profile(traceProfile), random(choices), failAllocations(std::move(fail)) {
         for (StrategyKind const kind : profile.strategies) {
             addQueue(kind);
         }
@@ -209,6 +228,33 @@ private:
         std::shared_ptr<SubmittedTasksQueue> real;
     };
 
+    // Now and then, and where only the library allocates: memory that ends with the nth block.
+    class ShortMemory {
+    public:
+        ShortMemory(Trace& trace, int nth)
+            : fail(trace.failAllocations && trace.profile.isPlain() && trace.random.oneIn(4)
+                       ? &trace.failAllocations
+                       : nullptr) {
+            if (fail != nullptr) {
+                (*fail)(nth);
+            }
+        }
+        ShortMemory(ShortMemory const&) = delete;
+        ShortMemory& operator=(ShortMemory const&) = delete;
+        ~ShortMemory() {
+            if (fail != nullptr) {
+                (*fail)(0);
+            }
+        }
+
+    private:
+        FailAllocations const* const fail;
+    };
+
+    void shareLists() {
+        real.present = model.present;
+        real.plain = model.plain;
+    }
     void addQueue(StrategyKind kind) {
         std::uint64_t const seed = random.next();
         queues.push_back({Model::Queue{kind, Script(seed), false, {}}, real.makeQueue(kind, seed)});
@@ -258,6 +304,8 @@ private:
             }
         } else if (dice < 98 && random.oneIn(profile.usualSize)) {
             replace(anyQueue());
+        } else if (dice < 98 && random.oneIn(profile.usualSize)) {
+            changeAll();
         } else {
             ask(anyQueue());
         }
@@ -275,19 +323,31 @@ private:
         std::uint64_t const seed = random.next();
         std::int32_t const index = real.make(id, priority, kind, seed);
         if (lastIndex != 0) {
-            EXPECT_LT(index, lastIndex);
+            // Smaller, modulo 2^32.
+            EXPECT_LT(static_cast<std::uint32_t>(lastIndex) - static_cast<std::uint32_t>(index) - 1,
+                      0x7fffffffu);
         }
         lastIndex = index;
         model.make(id, index, priority, kind, seed);
         model.present.push_back(id);
-        real.present = model.present;
+        if (kind == PLAIN) {
+            model.plain.push_back(id);
+        }
+        shareLists();
         return id;
     }
 
     void add(QueuePair& queue, int id) {
         auto& task = real.tasks.at(id);
         auto owned = task.owned ? task.owned : task.watched.lock();
-        auto handle = queue.real->addTask(std::move(owned));
+        std::shared_ptr<TaskHandle> handle;
+        try {
+            ShortMemory const memory(*this, random.between(1, 3));
+            handle = queue.real->addTask(std::move(owned));
+        } catch (std::bad_alloc const&) {
+            ASSERT_TRUE(failAllocations) << where();
+            return;
+        }
         bool const taken = model.add(queue.model, id);
         ASSERT_EQ(handle != nullptr, taken) << where() << " adding " << id;
         if (handle) {
@@ -300,7 +360,11 @@ private:
     }
 
     void pick(QueuePair& queue) {
-        std::shared_ptr<SubmittedTask> picked = queue.real->getNextTask();
+        std::shared_ptr<SubmittedTask> picked;
+        {
+            ShortMemory const memory(*this, 1);
+            picked = queue.real->getNextTask();
+        }
         int const expected = model.pick(queue.model);
         int const found = picked ? real.ids.at(picked.get()) : -1;
         ASSERT_EQ(found, expected)
@@ -310,9 +374,11 @@ private:
         }
     }
 
-    void changePriority(int id) {
-        std::int32_t const priority = anyPriority(random);
+    void changePriority(int id) { changePriority(id, anyPriority(random)); }
+
+    void changePriority(int id, std::int32_t priority) {
         auto const& task = real.tasks.at(id);
+        ShortMemory const memory(*this, 1);
         if (!task.handles.empty() && random.oneIn(2)) {
             auto const& handle =
                 task.handles[random.below(static_cast<std::uint32_t>(task.handles.size()))];
@@ -323,21 +389,52 @@ private:
         model.setPriority(id, priority);
     }
 
-    void changeRank(int id) {
-        std::uint32_t const rank = anyRank(random);
-        real.setRank(id, rank);
+    void changeRank(int id) { changeRank(id, anyRank(random)); }
+
+    void changeRank(int id, std::uint32_t rank) {
+        {
+            ShortMemory const memory(*this, 1);
+            real.setRank(id, rank);
+        }
         model.setRank(id, rank);
+    }
+
+    // Oldest first, newest first, or in no order.
+    void changeAll() {
+        std::vector<int> order = model.present;
+        std::uint32_t const kind = random.below(3);
+        if (kind == 1) {
+            std::reverse(order.begin(), order.end());
+        }
+        for (std::size_t i = order.size(); kind == 2 && i > 1; --i) {
+            std::swap(order[i - 1], order[random.below(static_cast<std::uint32_t>(i))]);
+        }
+        bool const toOne = random.oneIn(2);
+        std::int32_t const priority = anyPriority(random);
+        std::uint32_t const rank = anyRank(random);
+        bool const setsRanks = random.oneIn(3);
+        std::uint32_t const share = 1 + random.below(3);
+        for (int const id : order) {
+            if (!random.oneIn(share)) {
+                continue;
+            }
+            if (setsRanks) {
+                changeRank(id, toOne ? rank : anyRank(random));
+            } else {
+                changePriority(id, toOne ? priority : anyPriority(random));
+            }
+        }
     }
 
     // Two tasks with equal scores, or with neighbouring ones.
     void bringScoresTogether() {
         int const first = anyTask();
         int const second = anyTask();
-        std::int64_t const rank = model.tasks.at(first).rank + model.tasks.at(first).index -
-                                  model.tasks.at(second).index + random.between(-1, 1);
-        if (rank >= 0 && rank <= 0x7fffffff) {
-            real.setRank(second, static_cast<std::uint32_t>(rank));
-            model.setRank(second, static_cast<std::uint32_t>(rank));
+        std::int64_t const rank =
+            Model::modulo32(model.tasks.at(first).rank + model.tasks.at(first).index -
+                            model.tasks.at(second).index + random.between(-1, 1));
+        if (rank <= 0x7fffffff) {
+            changeRank(second, static_cast<std::uint32_t>(rank));
         }
     }
 
@@ -377,7 +474,10 @@ private:
         };
         model.present.erase(std::remove_if(model.present.begin(), model.present.end(), isForgotten),
                             model.present.end());
-        real.present = model.present;
+        model.plain.erase(std::remove_if(model.plain.begin(), model.plain.end(),
+                                         [&](int id) { return model.tasks.count(id) == 0; }),
+                          model.plain.end());
+        shareLists();
     }
 
     void replace(QueuePair& queue) {
@@ -435,6 +535,7 @@ private:
 
     Profile const profile;
     Source& random;
+    FailAllocations const failAllocations;
     bool growing = true;
     int done = 0;
     int nextId = 0;

@@ -43,7 +43,7 @@ std::shared_ptr<SubmittedTask> submission(Work const& work = succeed,
 // A submission with a live handle.
 struct Followed {
     explicit Followed(Work const& work = succeed) : task(submission(work)) {
-        handle = std::make_shared<TaskHandle>(std::weak_ptr<SubmittedTask>(task));
+        handle = std::make_shared<TaskHandle>(SubmittedTask::provideProxy(task));
         task->setHandle(handle);
     }
 
@@ -282,7 +282,7 @@ std::vector<Operation> submissionOperations() {
              followed.task->setRank(5000000);
              return shown(static_cast<int>(followed.task->getRank()));
          })},
-        {"SubmittedTask::setPriority, when settled",
+        {"SubmittedTask::setPriority, when queued",
          "1",
          {lock},
          [] {
@@ -294,16 +294,16 @@ std::vector<Operation> submissionOperations() {
                  return shown(static_cast<int>(task->getRank()));
              });
          }},
-        {"SubmittedTask::execute", "result 2", executing({2, 5}, 6), onTask(execute), {}, used},
+        {"SubmittedTask::execute", "result 2", executing({2}, 3), onTask(execute), {}, used},
         {"SubmittedTask::execute, an exception",
          "result 3 with an exception",
-         executing({2, 3, 6}, 7),
+         executing({2, 3}, 4),
          onTask(execute, []() -> Executable::Result { throw std::runtime_error("it is so"); }),
          {},
          used},
         {"SubmittedTask::execute, a number thrown",
          "result 3 with an exception",
-         executing({2, 3, 6}, 7),
+         executing({2, 3}, 4),
          onTask(execute, []() -> Executable::Result { throw 5; }),
          {},
          used},
@@ -413,21 +413,9 @@ std::vector<Operation> handleOperations() {
     };
 }
 
-// The task's lock and the queue's are needed. The third is for the shortcut: without it, the task
-// is walked.
-std::vector<Rule> adding(Rule const& memory, char const* result) {
-    return {memory, nth(Call::LOCK, 1, SYSTEM_ERROR), nth(Call::LOCK, 2, SYSTEM_ERROR),
-            from(Call::LOCK, 3, result, DONE)};
-}
-
 std::vector<Operation> queueOperations() {
     Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
     Rule const lock = any(Call::LOCK, SYSTEM_ERROR);
-    // The queue's lock comes first. Nothing is promised of the order, nor of what a closing queue
-    // keeps, when a task cannot be locked after it.
-    std::vector<Rule> const pick = {
-        nth(Call::LOCK, 1, SYSTEM_ERROR),
-        from(Call::LOCK, 2, "std::system_error|oldest, then 3", PARTLY)};
     return {
         {"SubmittedTasksQueue(strategy)",
          "false",
@@ -439,27 +427,40 @@ std::vector<Operation> queueOperations() {
                  return shown(queue.isClosed());
              });
          }},
-        {"SubmittedTasksQueue::addTask", "1", adding(any(Call::NEW, "std::bad_alloc|1"), "1"),
-         onQueue(true, addOne)},
+        {"SubmittedTasksQueue::addTask", "1", {memory, lock}, onQueue(true, addOne)},
         {"SubmittedTasksQueue::addTask, ageing", "1", {memory, lock}, onQueue(false, addOne)},
-        {"SubmittedTasksQueue::getNextTask", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask",
+         "oldest, then 3",
+         {lock},
          picking(true, NORMAL, rankedAt(1000))},
-        {"SubmittedTasksQueue::getNextTask, re-ranked", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask, re-ranked",
+         "oldest, then 3",
+         {lock},
          picking(true, NORMAL, rankedAt(5000))},
-        {"SubmittedTasksQueue::getNextTask, ageing", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask, ageing",
+         "oldest, then 3",
+         {lock},
          picking(false, NORMAL, rankedAt(1000))},
-        {"SubmittedTasksQueue::getNextTask, settling", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask, soon of the highest rank",
+         "oldest, then 3",
+         {lock},
          picking(false, NORMAL, rankedAt(0x60000000))},
-        {"SubmittedTasksQueue::getNextTask, ageing anew", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask, lowered",
+         "oldest, then 3",
+         {lock},
          picking(false, HIGHEST, [](SubmittedTask& task, int) { task.setPriority(LOW); })},
-        {"SubmittedTasksQueue::getNextTask, settling around one that stays", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask, around one that stays low",
+         "oldest, then 3",
+         {lock},
          picking(false, NORMAL,
                  [](SubmittedTask& task, int i) {
                      if (i != 1) {
                          task.setRank(i == 0 ? 0x70000000 : 0x60000000);
                      }
                  })},
-        {"SubmittedTasksQueue::getNextTask, settled while others settle", "oldest, then 3", pick,
+        {"SubmittedTasksQueue::getNextTask, the first of the highest rank",
+         "oldest, then 3",
+         {lock},
          picking(false, HIGHEST,
                  [](SubmittedTask& task, int i) {
                      if (i != 0) {
@@ -474,6 +475,7 @@ std::vector<Operation> queueOperations() {
         {"SubmittedTasksQueue::close",
          "closed",
          {nth(Call::LOCK, 1, SYSTEM_ERROR),
+          // Closed, but what it held dies with it.
           from(Call::LOCK, 2, "std::system_error|closed", PARTLY)},
          [] {
              auto const queue = queueUnder(false);
@@ -506,8 +508,6 @@ std::vector<Operation> executorOperations() {
     Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
     Rule const lock = any(Call::LOCK, SYSTEM_ERROR);
     Rule const thread = any(Call::THREAD, SYSTEM_ERROR);
-    // There is a second place for a task when memory for the first is short.
-    Rule const submitMemory = any(Call::NEW, "std::bad_alloc|result 2");
     // A thread can be had without some of the memory that is asked for.
     Rule const threadMemory = any(Call::MALLOC, "std::system_error|started");
     auto const constructing = [](unsigned int workers) {
@@ -558,17 +558,23 @@ std::vector<Operation> executorOperations() {
          "started",
          {memory, thread, threadMemory},
          constructing(3)},
-        {"TaskExecutorImpl::submitTask(task)", "result 2", adding(submitMemory, "result 2"),
+        {"TaskExecutorImpl::submitTask(task)",
+         "result 2",
+         {memory, lock},
          onExecutor(1,
                     [task = std::make_shared<PlainTask>()](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.submitTask(task, NORMAL, nullptr));
                     })},
-        {"TaskExecutorImpl::submitTask(function)", "result 2", adding(submitMemory, "result 2"),
+        {"TaskExecutorImpl::submitTask(function)",
+         "result 2",
+         {memory, lock},
          onExecutor(1,
                     [](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.submitTask(succeed, NORMAL, nullptr, "a task"));
                     })},
-        {"TaskExecutorImpl::addSubmittedTaskToQueue", "result 2", adding(submitMemory, "result 2"),
+        {"TaskExecutorImpl::addSubmittedTaskToQueue",
+         "result 2",
+         {memory, lock},
          onExecutor(1,
                     [](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.addSubmittedTaskToQueue(submission()));

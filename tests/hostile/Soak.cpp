@@ -19,6 +19,7 @@
 #include <vector>
 
 #include <ovra/ovra.h>
+#include <tests/stress/QueueRace.h>
 #include <tests/support/RandomSource.h>
 
 // The host's system log is no place for a soak.
@@ -78,6 +79,15 @@ void submitTasks(std::uint64_t seed) {
     }
     for (auto const& handle : underWay) {
         handle->waitForCompletion();
+    }
+}
+
+// Queues that several threads add to, pick from, re-rank and close at once.
+void raceQueues() {
+    RandomSource seeds(5);
+    while (!isOver) {
+        std::string const failure = stress::QueueRace(seeds.next()).run();
+        expect(failure.empty(), failure.c_str());
     }
 }
 
@@ -141,6 +151,7 @@ int main(int count, char** arguments) {
     std::vector<std::thread> threads;
     threads.emplace_back(submitTasks, 1);
     threads.emplace_back(submitTasks, 2);
+    threads.emplace_back(raceQueues);
     threads.emplace_back(writeLogs, directory);
     threads.emplace_back(workOnFiles, directory);
     for (long second = 0; second < std::atol(arguments[2]); ++second) {

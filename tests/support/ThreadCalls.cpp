@@ -73,6 +73,8 @@ Next<int(pthread_cond_t*, pthread_mutex_t*)> nextWait("pthread_cond_wait");
 Next<int(pthread_cond_t*)> nextSignal("pthread_cond_signal");
 Next<int(pthread_cond_t*)> nextBroadcast("pthread_cond_broadcast");
 Next<int()> nextYield("sched_yield");
+Next<int(sem_t*)> nextSemaphoreWait("sem_wait");
+Next<int(sem_t*)> nextSemaphorePost("sem_post");
 
 }  // namespace
 
@@ -145,6 +147,16 @@ INTERPOSED int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 INTERPOSED int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     ovra::test::ask(&ThreadCalls::onWait, condition, mutex);
     return ovra::test::nextWait(condition, mutex);
+}
+
+INTERPOSED int sem_wait(sem_t* semaphore) {
+    ovra::test::ask(&ThreadCalls::onSemaphoreWait, semaphore);
+    return ovra::test::nextSemaphoreWait(semaphore);
+}
+
+INTERPOSED int sem_post(sem_t* semaphore) noexcept {
+    ovra::test::ask(&ThreadCalls::onSemaphorePost, semaphore);
+    return ovra::test::nextSemaphorePost(semaphore);
 }
 
 INTERPOSED int pthread_cond_signal(pthread_cond_t* condition) noexcept {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <semaphore.h>
 
 #include <cstddef>
 #include <functional>
@@ -36,6 +37,8 @@ struct ThreadCalls {
     std::function<void(pthread_cond_t*)> onSignal;
     std::function<void(pthread_cond_t*)> onBroadcast;
     std::function<void()> onYield;
+    std::function<void(sem_t*)> onSemaphoreWait;
+    std::function<void(sem_t*)> onSemaphorePost;
 };
 
 /// The mutexes that this thread locks in the course of `action`, in order.

@@ -1,0 +1,86 @@
+// A container of tasks whose ranks are computed, for its tests.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <ovra/concurrent/internal/RankedTasks.h>
+#include <ovra/concurrent/internal/UniqueIndex.h>
+#include <tests/concurrent/Work.h>
+#include <tests/support/ThreadCalls.h>
+
+namespace ovra::concurrent {
+
+inline constexpr unsigned int HIGHEST_RANK = 0x7fffffff;
+inline constexpr bool DOUBLES = true;
+inline constexpr bool KEEPS = false;
+
+// A container whose tasks go by their unique index.
+class Ranked {
+public:
+    explicit Ranked(bool doublesRanks) : tasks(std::make_shared<RankedTasks>(doublesRanks)) {}
+
+    static std::shared_ptr<SubmittedTask> make(std::int32_t index, unsigned int rank) {
+        // The next one down is taken.
+        s_uniqueIndexCounter = static_cast<std::int32_t>(static_cast<std::uint32_t>(index) + 1);
+        auto task = submission(succeed(), LOW);
+        task->setRank(rank);
+        return task;
+    }
+    RankedEntry& insert(std::shared_ptr<SubmittedTask> const& task) {
+        tasks->insert(tasks, task->rankedEntry(), task, ++added);
+        return task->rankedEntry();
+    }
+    RankedEntry& add(std::int32_t index, unsigned int rank) {
+        owned.push_back(make(index, rank));
+        return insert(owned.back());
+    }
+    std::optional<std::int32_t> pick(SortKey const& scanned = SortKey()) {
+        auto const task = tasks->pick(scanned);
+        return task ? std::optional<std::int32_t>(task->getUniqueIndex()) : std::nullopt;
+    }
+    std::vector<std::int32_t> drain() {
+        std::vector<std::int32_t> picked;
+        while (auto const index = pick()) {
+            picked.push_back(*index);
+        }
+        return picked;
+    }
+    bool setRank(RankedEntry& entry, unsigned int rank) {
+        return tasks->setRank(entry, [rank] { return rank; });
+    }
+    RankedTasks* operator->() const { return tasks.get(); }
+
+    std::vector<std::shared_ptr<SubmittedTask>> owned;
+
+private:
+    std::shared_ptr<RankedTasks> const tasks;
+    std::uint64_t added = 0;
+};
+
+// How often memory is asked for in the course of `action`, and whether there is any.
+template <typename Action>
+int allocationsOf(Action const& action, bool isShort = false) {
+    int allocations = 0;
+    test::ThreadCalls calls;
+    calls.onAllocate = [&](std::size_t) {
+        ++allocations;
+        return isShort;
+    };
+    calls.install();
+    action();
+    return allocations;
+}
+
+// Each younger, and of a higher rank, than those before it: a list for each of four.
+inline void fillLists(Ranked& ranked) {
+    for (int i = 0; i < 4; ++i) {
+        ranked.add(1000 - i, 10u << i);
+    }
+}
+
+}  // namespace ovra::concurrent

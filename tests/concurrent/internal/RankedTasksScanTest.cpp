@@ -1,0 +1,95 @@
+// Ranks that change while a pick scans.
+
+#include <optional>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <tests/concurrent/internal/Ranked.h>
+
+namespace ovra::concurrent {
+namespace {
+
+TEST(RankedTasksScanTest, RankBehindTheScanHasBeenUpdated) {
+    Ranked ranked(DOUBLES);
+    auto const& older = ranked.add(20, 5);
+    auto const& newer = ranked.add(10, 5);
+    ranked->scanTo(1);  // The order of the older one.
+
+    EXPECT_EQ(ranked->rankOf(newer), 10u);
+    EXPECT_EQ(ranked->rankOf(older), 5u);
+    ranked.pick();
+    EXPECT_EQ(ranked->rankOf(newer), 10u) << "once";
+}
+
+TEST(RankedTasksScanTest, ChangeBehindTheScanIsNotComparedAndNotDoubled) {
+    Ranked ranked(DOUBLES);
+    ranked.add(20, 5);
+    auto& newer = ranked.add(10, 1000);
+    ranked->scanTo(1);
+    ranked.setRank(newer, 1);
+    EXPECT_EQ(ranked->rankOf(newer), 1u);
+
+    EXPECT_EQ(ranked.pick(), 10) << "it was compared before";
+    EXPECT_EQ(newer.rank, 1u);
+}
+
+TEST(RankedTasksScanTest, RaiseBehindTheScanComesTooLate) {
+    for (bool const doubles : {KEEPS, DOUBLES}) {
+        Ranked ranked(doubles);
+        ranked.add(20, 5000);
+        auto& newer = ranked.add(10, 1000);
+        ranked->scanTo(1);
+        ranked.setRank(newer, HIGHEST_RANK);
+        ranked.setRank(newer, 6000);
+
+        EXPECT_EQ(ranked.pick(), 20);
+        EXPECT_EQ(ranked->rankOf(newer), 6000u);
+        EXPECT_EQ(ranked.pick(), 10);
+    }
+}
+
+TEST(RankedTasksScanTest, BestOfThoseChangedBehindTheScanIsRemembered) {
+    Ranked ranked(KEEPS);
+    std::vector<RankedEntry*> entries;
+    ranked.add(50, 1);
+    for (unsigned int const rank : {10000u, 30000u, 20000u}) {
+        entries.push_back(&ranked.add(40 - static_cast<int>(rank / 10000), rank));
+    }
+    ranked->scanTo(1);
+    for (auto* const entry : entries) {
+        ranked.setRank(*entry, 1);
+    }
+    EXPECT_EQ(ranked.pick(), 37);
+    EXPECT_EQ(ranked.pick(), 50) << "and forgotten";
+}
+
+TEST(RankedTasksScanTest, ChangeAheadOfTheScanIsCompared) {
+    Ranked ranked(DOUBLES);
+    auto& older = ranked.add(20, 5);
+    ranked.add(10, 1000);
+    ranked->scanTo(1);
+    ranked.setRank(older, 5000);
+
+    EXPECT_EQ(ranked.pick(), 20);
+    EXPECT_EQ(older.rank, 10000u);
+}
+
+TEST(RankedTasksScanTest, PickTakesNothingUnlessItIsBetterThanWhatWasScanned) {
+    Ranked ranked(DOUBLES);
+    auto const& entry = ranked.add(10, 5);
+
+    SortKey scanned;
+    scanned.score = 15;
+    scanned.order = 1;
+    EXPECT_EQ(ranked.pick(scanned), std::nullopt);
+    EXPECT_EQ(ranked->rankOf(entry), 10u) << "it was a pick all the same";
+    scanned.score = 20;
+    scanned.order = 2;
+    EXPECT_EQ(ranked.pick(scanned), std::nullopt) << "equal, and later added";
+    scanned.score = 30;
+    scanned.order = 0;
+    EXPECT_EQ(ranked.pick(scanned), 10) << "equal, and earlier added";
+}
+
+}  // namespace
+}  // namespace ovra::concurrent
