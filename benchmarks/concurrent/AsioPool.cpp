@@ -2,6 +2,7 @@
 #include <boost/asio/thread_pool.hpp>
 
 #include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -27,7 +28,8 @@ private:
     boost::asio::thread_pool pool;
 };
 
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<AsioPool>::add("Boost.Asio", 100000);
+[[maybe_unused]] bool const isAdded =
+    PoolRuns<AsioPool>::add("Boost.Asio") && PoolBenchmarks<AsioPool>::add("Boost.Asio", 100000);
 
 }  // namespace
 

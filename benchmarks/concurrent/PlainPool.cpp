@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -113,6 +114,7 @@ private:
 };
 
 [[maybe_unused]] bool const isAdded =
+    PoolRuns<PlainPool>::add("std::priority_queue") &&
     PoolBenchmarks<PlainPool>::add("std::priority_queue", 100000) &&
     PoolBenchmarks<PlainPool>::addChanges("std::priority_queue");
 

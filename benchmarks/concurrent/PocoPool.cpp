@@ -5,6 +5,7 @@
 #include <Poco/PriorityNotificationQueue.h>
 
 #include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -70,6 +71,7 @@ private:
 };
 
 [[maybe_unused]] bool const isAdded =
+    PoolRuns<PocoPool>::add("Poco PriorityNotificationQueue") &&
     PoolBenchmarks<PocoPool>::add("Poco PriorityNotificationQueue", 100000);
 
 }  // namespace

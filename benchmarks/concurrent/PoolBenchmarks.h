@@ -15,7 +15,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "benchmarks/concurrent/Gate.h"
+#include "benchmarks/concurrent/ClosedGate.h"
 #include "benchmarks/concurrent/Job.h"
 #include "benchmarks/support/Affinity.h"
 #include "benchmarks/support/Clock.h"
@@ -85,30 +85,6 @@ private:
         Counter* counter;
     };
 
-    // Keeps every worker of a pool busy, so that what is submitted has to queue.
-    class ClosedGate {
-    public:
-        ClosedGate(Pool& pool, int workers) {
-            auto const pass = [this] { gate.pass(); };
-            for (int i = 0; i < workers; ++i) {
-                passing.push_back(pool.submit(pass, Urgency::HIGH, "gate"));
-            }
-            gate.awaitArrivals(workers);
-        }
-        ClosedGate(ClosedGate const&) = delete;
-        ClosedGate& operator=(ClosedGate const&) = delete;
-        ~ClosedGate() {
-            for (Ticket& ticket : passing) {
-                Pool::wait(ticket);
-            }
-        }
-        void open() { gate.open(); }
-
-    private:
-        Gate gate;
-        std::vector<Ticket> passing;
-    };
-
     // The three priorities in turn, the lowest last.
     static void submitMany(Pool& pool, std::vector<Ticket>& tickets, std::int64_t count,
                            Counter& counter) {
@@ -145,7 +121,7 @@ private:
         double all = 0;
         double processor = 0;
         for ([[maybe_unused]] auto _ : state) {
-            ClosedGate gate(pool, workers);
+            ClosedGate<Pool> gate(pool, workers);
             double const processorBefore = processorSeconds();
             auto const begin = Clock::now();
             submitMany(pool, tickets, count, counter);
@@ -198,10 +174,10 @@ private:
         Counter counter{0};
         std::vector<Ticket> tickets;
         tickets.reserve(COUNT);
-        HeapUse used = {0, 0};
+        HeapUse used = {0, 0, 0};
         Stopwatch watch;
         for ([[maybe_unused]] auto _ : state) {
-            ClosedGate gate(pool, 1);
+            ClosedGate<Pool> gate(pool, 1);
             HeapUse const before = heapUse();
             watch.start();
             submitMany(pool, tickets, COUNT, counter);
@@ -239,7 +215,7 @@ private:
         Stopwatch changing;
         double all = 0;
         for ([[maybe_unused]] auto _ : state) {
-            ClosedGate gate(pool, 1);
+            ClosedGate<Pool> gate(pool, 1);
             for (std::int64_t i = 0; i < MANY; ++i) {
                 tickets.push_back(pool.submit(Count{&counter}, Urgency::NORMAL, "task"));
             }

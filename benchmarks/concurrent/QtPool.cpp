@@ -2,6 +2,7 @@
 #include <QtCore/QThreadPool>
 
 #include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -55,7 +56,8 @@ private:
     QThreadPool pool;
 };
 
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<QtPool>::add("QThreadPool", 100000) &&
+[[maybe_unused]] bool const isAdded = PoolRuns<QtPool>::add("QThreadPool") &&
+                                      PoolBenchmarks<QtPool>::add("QThreadPool", 100000) &&
                                       PoolBenchmarks<QtPool>::addChanges("QThreadPool");
 
 }  // namespace

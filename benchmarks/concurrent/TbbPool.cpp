@@ -2,6 +2,7 @@
 #include <oneapi/tbb/task_arena.h>
 
 #include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -47,7 +48,8 @@ private:
     tbb::task_arena high;
 };
 
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<TbbPool>::add("oneTBB", 100000);
+[[maybe_unused]] bool const isAdded =
+    PoolRuns<TbbPool>::add("oneTBB") && PoolBenchmarks<TbbPool>::add("oneTBB", 100000);
 
 }  // namespace
 
