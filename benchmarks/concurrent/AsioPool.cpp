@@ -1,7 +1,6 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
 #include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
@@ -28,8 +27,7 @@ private:
     boost::asio::thread_pool pool;
 };
 
-[[maybe_unused]] bool const isAdded =
-    PoolRuns<AsioPool>::add("Boost.Asio") && PoolBenchmarks<AsioPool>::add("Boost.Asio", 100000);
+[[maybe_unused]] bool const isAdded = addPool<AsioPool>("Boost.Asio");
 
 }  // namespace
 

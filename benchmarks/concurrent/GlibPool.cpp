@@ -1,6 +1,5 @@
 #include <glib.h>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
 #include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
@@ -59,8 +58,7 @@ private:
 };
 
 // Every push walks a list: ten times more tasks, and a run would take minutes.
-[[maybe_unused]] bool const isAdded =
-    PoolRuns<GlibPool>::add("GThreadPool") && PoolBenchmarks<GlibPool>::add("GThreadPool", 10000);
+[[maybe_unused]] bool const isAdded = addPool<GlibPool>("GThreadPool");
 
 }  // namespace
 

@@ -4,7 +4,6 @@
 #include <queue>
 #include <thread>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
 #include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
@@ -113,10 +112,7 @@ private:
     std::vector<std::thread> threads;
 };
 
-[[maybe_unused]] bool const isAdded =
-    PoolRuns<PlainPool>::add("std::priority_queue") &&
-    PoolBenchmarks<PlainPool>::add("std::priority_queue", 100000) &&
-    PoolBenchmarks<PlainPool>::addChanges("std::priority_queue");
+[[maybe_unused]] bool const isAdded = addChangeablePool<PlainPool>("std::priority_queue");
 
 }  // namespace
 

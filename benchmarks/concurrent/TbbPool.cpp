@@ -1,7 +1,6 @@
 #include <oneapi/tbb/global_control.h>
 #include <oneapi/tbb/task_arena.h>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
 #include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
@@ -48,8 +47,7 @@ private:
     tbb::task_arena high;
 };
 
-[[maybe_unused]] bool const isAdded =
-    PoolRuns<TbbPool>::add("oneTBB") && PoolBenchmarks<TbbPool>::add("oneTBB", 100000);
+[[maybe_unused]] bool const isAdded = addPool<TbbPool>("oneTBB");
 
 }  // namespace
 
