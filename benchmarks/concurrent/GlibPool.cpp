@@ -57,7 +57,6 @@ private:
     GThreadPool* pool;
 };
 
-// Every push walks a list: ten times more tasks, and a run would take minutes.
 [[maybe_unused]] bool const isAdded = addPool<GlibPool>("GThreadPool");
 
 }  // namespace

@@ -1,8 +1,8 @@
 """Counts user-space instructions, which are the same on every machine of a kind.
 
 The whole process is counted at two sizes: at half and at three halves of the arguments that a row
-names as `counted`, or at none and all of them. The difference leaves out how the process starts and
-ends.
+names as `counted`, or at none and all of them; or at half and at three halves of `iterations`. The
+difference leaves out how the process starts and ends.
 """
 
 import concurrent.futures
@@ -10,7 +10,7 @@ import os
 import re
 import subprocess
 
-from measure import can_run, command_of, known, say
+from measure import can_run, command_of, known, plain_name, say
 
 SECONDS = 300  # A count that takes longer is given up.
 
@@ -72,24 +72,48 @@ def sizes(row, name):
                 given[row.counted[0]])
 
 
-def count_instructions(counter, specs, rows, measurements):
-    """Adds the counter's figure for all that its programs know of the rows."""
+def runs_alone(counter, specs, rows):
+    """What programs that measure one thing can count, as (name, operations, the two commands)."""
     wanted = {}
     for row in counter.rows(rows):
         if row.counted:
             for name in row.names():
                 wanted.setdefault((os.path.join(counter.here, row.program), name), row)
     programs = {program: known(counter.command([program])) for program, _ in wanted}
+    for (program, name), row in wanted.items():
+        if can_run(specs, programs[program], name):
+            both, operations = sizes(row, name)
+            yield name, operations, [counter.command(command_of(program, name, changed))
+                                     for changed in both]
+
+
+def runs_of_batches(counter, specs, rows):
+    """The same of Google Benchmark's programs, restricted to one benchmark."""
+    iterations = {row: row.iterations for row in counter.rows(rows) if row.iterations}
+    for program in specs.batches if iterations else []:
+        path = os.path.join(counter.here, program)
+        listed = known([path, "--benchmark_list_tests=true"])
+        names = {plain_name(name) for name in listed}
+        wanted = {row.name(of): count for row, count in iterations.items()
+                  for of in row.contestants_in(names)}
+        for name, count in wanted.items():
+            # Only the first part of the listed name: the number of iterations comes next.
+            pattern = f"^{re.sub('[^A-Za-z0-9_/:-]', '.', name)}/iterations:"
+            yield name, count, [
+                ["env", f"OVRA_BENCH_ITERATIONS={count * halves // 2}",
+                 *counter.command([path, f"--benchmark_filter={pattern}"])] for halves in (1, 3)]
+
+
+def count_instructions(counter, specs, rows, measurements):
+    """Adds the counter's figure for all that its programs can count of the rows."""
+    runs = [*runs_alone(counter, specs, rows), *runs_of_batches(counter, specs, rows)]
 
     def difference(run):
-        (program, name), row = run
-        (small, large), operations = sizes(row, name)
-        counts = [count(counter.command(command_of(program, name, changed)), counter.printed)
-                  for changed in (small, large)]
+        _, operations, commands = run
+        counts = [count(command, counter.printed) for command in commands]
         return None if None in counts else (counts[1] - counts[0]) / operations
 
-    runs = [run for run in wanted.items() if can_run(specs, programs[run[0][0]], run[0][1])]
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        for ((_, name), _), value in zip(runs, pool.map(difference, runs)):
+        for (name, *_), value in zip(runs, pool.map(difference, runs)):
             if value is not None:
                 measurements.add(name, counter.figure, value)

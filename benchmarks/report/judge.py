@@ -9,7 +9,7 @@ class Row:
     def __init__(self, spec, found):
         self.spec = spec
         self.value = self.figure_of(found, spec.ours)
-        peers = {peer: self.figure_of(found, peer) for peer in spec.peers}
+        peers = {peer: self.figure_of(found, peer) for peer in spec.peers_in(found)}
         # Best first.
         self.peers = sorted(((peer, value) for peer, value in peers.items() if value),
                             key=lambda item: item[1])
@@ -37,8 +37,8 @@ class Row:
 
     def judged(self):
         """The best of the peers that the row is held against, and the ratio to it."""
-        return next(((peer, ratio) for peer, ratio in self.ratios() if peer in self.spec.against),
-                    (None, None))
+        return next(((peer, ratio) for peer, ratio in self.ratios()
+                     if self.spec.against is None or peer in self.spec.against), (None, None))
 
     def is_met(self):
         """None where there is no goal, or nobody to compare with."""
@@ -51,7 +51,7 @@ class Row:
         return all(verdicts) if verdicts else None
 
     def key(self):
-        return self.spec.group, self.spec.what, tuple(self.spec.against)
+        return self.spec.group, self.spec.what, tuple(self.spec.against or ())
 
 
 def rows_of(specs, found):

@@ -18,6 +18,7 @@ LIBRARIES = {
     "spdlog": "libspdlog.so.1.10",
     "glog": "libglog.so.1",
 }
+LIBRARY_SHAPES = {"load", "relocations", "size"}
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 # What Google Benchmark says of every result. The rest are counters of the benchmark's own.
 STANDARD = {"name", "family_index", "per_family_instance_index", "run_name", "run_type",
@@ -79,6 +80,13 @@ def run_alone(here, specs, rows, repetitions, measurements):
                     measurements.add(name, figure, float(value))
 
 
+def plain_name(name):
+    """The name of a measurement, without what Google Benchmark adds to it."""
+    name = re.sub(r"/(manual_time|real_time|iterations:\d+|repeats:\d+)", "", name)
+    name = name.replace("/threads:1", "")
+    return re.sub(r"(/threads:\d+)\1$", r"\1", name)
+
+
 def run_batch(program, pattern, repetitions, seconds, measurements):
     """A program of Google Benchmark's; the repetitions are shuffled among one another."""
     with tempfile.NamedTemporaryFile(suffix=".json") as out:
@@ -91,16 +99,13 @@ def run_batch(program, pattern, repetitions, seconds, measurements):
         if done.returncode != 0:
             sys.exit(f"{program} failed:\n{done.stdout}")
         with open(out.name, encoding="utf-8") as kept:
-            results = json.load(kept)
+            results = json.loads(kept.read() or '{"benchmarks": []}')  # Nothing matched.
     for result in results["benchmarks"]:
         if result.get("error_occurred"):
             sys.exit(f"{result['name']}: {result['error_message']}")
         if result["run_type"] != "iteration":
             continue
-        name = re.sub(r"/(manual_time|real_time|iterations:\d+|repeats:\d+)", "",
-                      result["run_name"])
-        name = name.replace("/threads:1", "")
-        name = re.sub(r"(/threads:\d+)\1$", r"\1", name)
+        name = plain_name(result["run_name"])
         # What the benchmark itself counts goes before the times that Google Benchmark takes.
         found = {key: value for key, value in result.items() if key not in STANDARD}
         found.setdefault("ns", result["real_time"] * NANOSECONDS[result["time_unit"]])
@@ -136,6 +141,11 @@ def measure_library(build, repetitions, measurements):
             measurements.add(f"size/{name}", "bytes", os.path.getsize(stripped))
 
 
+def shapes_of(rows):
+    """What the batches and the library as a whole have to measure for the rows."""
+    return {shape for row in rows if not row.program for shape in row.shapes()}
+
+
 def measure(build, specs, rows, quick):
     """All times and bytes that the rows need. Instructions: see `instructions`."""
     found = Measurements()
@@ -143,10 +153,15 @@ def measure(build, specs, rows, quick):
     say("tasks ...")
     for is_slow, repetitions in ((False, 3 if quick else 9), (True, 3)):
         run_alone(here, specs, [row for row in rows if row.is_slow == is_slow], repetitions, found)
-    for program in specs.batches:
+    batched = shapes_of(rows) - LIBRARY_SHAPES
+    # A run of all rows also measures what no row names.
+    pattern = "." if batched == shapes_of(specs.rows) - LIBRARY_SHAPES else (
+        f"^({'|'.join(map(re.escape, sorted(batched)))})/")
+    for program in specs.batches if batched else []:
         say(f"{program} ...")
-        run_batch(os.path.join(here, program), ".", 3 if quick else 11, 0.02 if quick else 0.05,
-                  found)
-    say("the library ...")
-    measure_library(build, 7 if quick else 31, found)
+        run_batch(os.path.join(here, program), pattern, 3 if quick else 11,
+                  0.02 if quick else 0.05, found)
+    if shapes_of(rows) & LIBRARY_SHAPES:
+        say("the library ...")
+        measure_library(build, 7 if quick else 31, found)
     return found

@@ -2,6 +2,7 @@
 
 import itertools
 import os
+import re
 import tomllib
 
 
@@ -20,7 +21,7 @@ class Spec:
         self.group = entry["group"]
         self.what = f"{ours.split()[-1]}, {what}" if several else what
         self.ours = ours
-        self.peers = contestants(entry.get("peers", "everyone"))
+        self.peers = contestants(entry["peers"]) if "peers" in entry else None
         self.against = contestants(entry["against"]) if "against" in entry else self.peers
         self.figure = fill(entry.get("figure", "cpu_ns"))
         self.pattern = fill(entry["name"])
@@ -31,6 +32,7 @@ class Spec:
         self.program = entry.get("program")
         self.counted = entry.get("counted")
         self.counted_with = entry.get("with", "").split()
+        self.iterations = entry.get("iterations")
         self.is_counted_from_none = entry.get("counted_from_none", False)
         self.is_counted_on_arm = entry.get("arm", False)
         self.is_scheduled = entry.get("scheduler", False)
@@ -40,12 +42,30 @@ class Spec:
         pattern = self.pattern if contestant == self.ours else self.peer_pattern
         return pattern.format(of=contestant)
 
+    def contestants_in(self, names):
+        """Who made the row's measurement, of those that are named."""
+        found = set()
+        for pattern in {self.pattern, self.peer_pattern}:
+            expression = re.escape(pattern).replace(re.escape("{of}"), "([^/]+)")
+            found |= {match.group(1) for match in (re.fullmatch(expression, name)
+                                                   for name in names) if match}
+        return sorted(found)
+
+    def peers_in(self, found):
+        """Those compared with: if the row names none, whoever else was measured."""
+        if self.peers is not None:
+            return self.peers
+        return [of for of in self.contestants_in(found.names()) if of != self.ours]
+
     def names(self):
-        """All measurements that the row needs."""
+        """All measurements that a row with a program needs."""
         for contestant in [self.ours, *self.peers]:
             yield self.name(contestant)
             if self.over:
                 yield self.over.format(of=contestant)
+
+    def shapes(self):
+        return {pattern.split("/")[0] for pattern in (self.pattern, self.peer_pattern)}
 
 
 class Specs:
@@ -69,6 +89,3 @@ class Specs:
         _, contestant, *arguments = name.split("/")
         return any(key == "n" and int(value) > self.largest.get(contestant, 1e9)
                    for key, value in (argument.split(":") for argument in arguments))
-
-    def contestants(self):
-        return {contestant for row in self.rows for contestant in [row.ours, *row.peers]}

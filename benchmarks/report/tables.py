@@ -101,7 +101,7 @@ def other_rows(specs, found):
         for figure in found.figures(name):
             own = found.median(name, figure)
             peers = {peer: found.median("/".join([shape, peer, *arguments]), figure)
-                     for peer in specs.contestants() - ours}
+                     for peer in {other.split("/")[1] for other in found.names()} - ours}
             ratios = sorted(((peer, own / value) for peer, value in peers.items() if value),
                             key=lambda item: -item[1])
             lines.append(f"| {name}, {figure} | {figure_text(own, figure)} | " + " · ".join(
