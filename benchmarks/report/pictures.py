@@ -60,7 +60,7 @@ def draw_answer(found, directory, file, title, contestants, measured):
             axis.barh(i, value / operations, color=COLOURS[name], height=0.7)
             text = figure_text(value / operations, "cpu_ns")
             if instructions:
-                text += f"\n{figure_text(instructions, 'instructions')} instr."
+                text += f"\n{figure_text(instructions / operations, 'instructions')} instr."
             axis.annotate(text, (value / operations, i), xytext=(4, 0), fontsize=8,
                           textcoords="offset points", va="center")
         axis.set_yticks(range(len(bars)), [name for name, *_ in bars], fontsize=8)

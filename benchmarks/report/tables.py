@@ -4,10 +4,14 @@ UNITS = {"bytes": "bytes", "queued_bytes": "bytes", "kept_bytes": "bytes", "kib"
          "peak_kib": "KiB"}
 
 
+def is_time(figure):
+    return figure == "ns" or figure.endswith("_ns")
+
+
 def figure_text(value, figure, is_quotient=False):
     if is_quotient:
         return f"{value:.3g}"
-    if figure.endswith("ns") and not figure.endswith("instructions"):
+    if is_time(figure):
         for limit, name, scale in ((1e3, "ns", 1), (1e6, "µs", 1e3), (1e9, "ms", 1e6)):
             if value < limit:
                 return f"{value / scale:.3g} {name}"
@@ -49,8 +53,7 @@ def ratios_text(row):
 def goal_text(row):
     goals = []
     if row.spec.limit is not None:
-        goals.append(f"≤ {row.spec.limit:g}" if row.spec.over or not row.spec.figure.endswith("ns")
-                     else f"≤ {figure_text(row.spec.limit, row.spec.figure)}")
+        goals.append(f"≤ {figure_text(row.spec.limit, row.spec.figure, row.spec.over is not None)}")
     if row.spec.goal is not None:
         goals.append(f"ratio ≤ {row.spec.goal:g}")
     return ", ".join(goals)

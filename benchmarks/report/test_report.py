@@ -81,6 +81,15 @@ class JudgeTest(unittest.TestCase):
                                            measured(ovra=100, fast=100)))
 
 
+class TextTest(unittest.TestCase):
+    def test_figures_have_their_unit(self):
+        for value, figure, text in ((3.03, "allocations", "3.03"), (3529, "instructions", "3 529"),
+                                    (1530, "cpu_ns", "1.53 µs"), (380, "queued_bytes", "380 bytes"),
+                                    (20480, "bytes", "20 KiB"), (56, "kib", "56 KiB"),
+                                    (0.25, "switches", "0.25"), (12, "p99_ns", "12 ns")):
+            self.assertEqual(tables.figure_text(value, figure), text)
+
+
 class NamesTest(unittest.TestCase):
     def test_a_name_holds_the_arguments(self):
         self.assertEqual(command_of("program", "burst/a pool/n:10/workers:2", ["n=15"]),
