@@ -15,10 +15,10 @@ SETS = {"ovra": ["ovra"], "peers": ["fast", "slow"]}
 
 
 class Table:
-    """One row in the place of rows.toml."""
+    """One row in the place of those in rows.toml."""
 
     def __init__(self, **entry):
-        self.rows = [Spec({"group": "Group", "what": "a thing", "name": "thing/{of}",
+        self.rows = [Spec({"title": "Group", "what": "a thing", "name": "thing/{of}",
                            "peers": "peers", **entry}, SETS, "ovra", {})]
 
 
