@@ -80,7 +80,7 @@ def report(found, specs, others, directory):
             goals=tables.goals(judgement), summary=judgement.summary(),
             machines="; ".join(machines))
     os.makedirs(directory, exist_ok=True)
-    import pictures  # Not needed where only instructions are counted.
+    import pictures  # Takes a second, which only a report needs.
     pictures.draw_all(found, specs, judgement, directory)
     with open(os.path.join(directory, "README.md"), "w", encoding="utf-8") as out:
         out.write(text)
@@ -147,7 +147,8 @@ def main():
         found = measure(options.build, specs, rows, options.quick or options.check)
         count_all(options, specs, rows, found)
         found.about = about()
-    found.save(os.path.join(options.build, "measurements.json"))
+    if not options.kept:
+        found.save(os.path.join(options.build, "measurements.json"))
 
     records = recorded(options.records)
     if options.check:
