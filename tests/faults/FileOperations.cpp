@@ -490,7 +490,7 @@ std::vector<Operation> changeOperations() {
         {"FileHandle::RemoveDirectoryRecursive",
          "true",
          {memoryPartly, nth(Call::LSTAT, 1, "false"), any(Call::LSTAT, "false|true", PARTLY),
-          any(Call::REMOVE, "false", PARTLY), any(Call::OPENDIR, "false", PARTLY),
+          any(Call::STAT, "false|true", PARTLY), any(Call::REMOVE, "false", PARTLY), any(Call::OPENDIR, "false", PARTLY),
           any(Call::READDIR, "false|true", PARTLY), any(Call::MALLOC, "false", PARTLY)},
          on("directory",
             [](FileHandle& handle) { return shown(handle.RemoveDirectoryRecursive()); }),
