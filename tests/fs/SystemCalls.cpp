@@ -1,5 +1,6 @@
 #include "SystemCalls.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <sys/types.h>
 
@@ -94,6 +95,13 @@ bool admitOpening(char const* path, char const* mode) {
         [&](SystemCalls const& calls) { return "open " + calls.shorten(path) + " " + mode; });
 }
 
+struct dirent* disguise(struct dirent* entry) {
+    if (recorder != nullptr && entry != nullptr) {
+        entry->d_type = recorder->entryType.value_or(entry->d_type);
+    }
+    return entry;
+}
+
 bool admitName(char const* name) {
     return admit([&](SystemCalls const&) { return std::string(name); });
 }
@@ -152,6 +160,7 @@ using ovra::fs::test::admitOwner;
 using ovra::fs::test::admitPair;
 using ovra::fs::test::admitPath;
 using ovra::fs::test::admitPathBelow;
+using ovra::fs::test::disguise;
 using ovra::fs::test::original;
 
 #define OVRA_STATUS_CALL(symbol, name)                                             \
@@ -263,13 +272,14 @@ extern "C" void* ovraTest_opendir(char const* path) {
     return original<void*(char const*)>("opendir")(path);
 }
 
-#define OVRA_READ_CALL(symbol)                                     \
-    extern "C" void* ovraTest_##symbol(void* stream) asm(#symbol); \
-    extern "C" void* ovraTest_##symbol(void* stream) {             \
-        if (!admitName("readdir")) {                               \
-            return nullptr;                                        \
-        }                                                          \
-        return original<void*(void*)>(#symbol)(stream);            \
+// The record of each of the two is laid out as this file's own `struct dirent`, which has 64 bits.
+#define OVRA_READ_CALL(symbol)                                              \
+    extern "C" struct dirent* ovraTest_##symbol(void* stream) asm(#symbol); \
+    extern "C" struct dirent* ovraTest_##symbol(void* stream) {             \
+        if (!admitName("readdir")) {                                        \
+            return nullptr;                                                 \
+        }                                                                   \
+        return disguise(original<struct dirent*(void*)>(#symbol)(stream));  \
     }
 
 OVRA_READ_CALL(readdir)
