@@ -140,6 +140,7 @@ void FilePath::Cache() const {
         return;
     }
     fullPath.clear();
+    fileBaseName.clear();
     extension.clear();
     directoryPath.clear();
     absolute = startsAtRoot(path);
@@ -184,9 +185,9 @@ void FilePath::Cache() const {
 
     std::string_view const name = fileName;
     std::size_t const dot = name == ".." ? std::string_view::npos : name.find('.', 1);
-    fileBaseName = std::string(name.substr(0, dot));
+    fileBaseName.append(name, 0, dot);
     if (dot != std::string_view::npos) {
-        extension = std::string(name.substr(dot));
+        extension.append(name, dot);
     }
     cacheValid = true;
 }
@@ -205,7 +206,11 @@ bool FilePath::EndingSeparator() const {
 
 std::string const& FilePath::FullPath() const {
     Cache();
-    return fullPathIsPath ? path : fullPath;
+    if (fullPathIsPath) {
+        fullPath = path;
+        fullPathIsPath = false;
+    }
+    return fullPath;
 }
 
 std::string const& FilePath::FileName() const {

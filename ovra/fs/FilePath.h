@@ -93,7 +93,8 @@ public:
     /// "a/b/" -> true, with the file name "b".
     bool EndingSeparator() const;
 
-    // The references below stay valid until the path changes or the object is destroyed.
+    // The references below stay valid until the object is destroyed. Their text stays as it is
+    // until the first question after the path has changed.
 
     /// The directory path followed by the file name.
     std::string const& FullPath() const;
@@ -118,7 +119,7 @@ private:
 
     // All but `path` are computed from it by Cache(), and mean nothing until `cacheValid` is set.
     mutable bool cacheValid = false;
-    mutable bool fullPathIsPath = false;  // Of one size, they are the same: separators alone go.
+    mutable bool fullPathIsPath = false;  // The full path is `path`: copied when it is asked for.
     mutable std::string fullPath;
     mutable std::string fileName;
     mutable std::string fileBaseName;

@@ -210,6 +210,33 @@ TEST(FilePathTest, ReflectsEveryNewPath) {
     }
 }
 
+TEST(FilePathTest, KeepsTheTextOfAnAnswerUntilTheFirstQuestionAfterAChange) {
+    for (bool const isAssigned : {false, true}) {
+        FilePath path("/a directory of some length/a file.extension");
+        std::string const& full = path.FullPath();
+        std::string const& directory = path.DirectoryPath();
+        std::string const& name = path.FileName();
+        std::string const& base = path.FileBaseName();
+        std::string const& extension = path.Extension();
+        if (isAssigned) {
+            path = FilePath("other//x.y");
+        } else {
+            path.SetPath("other//x.y");
+        }
+        EXPECT_EQ(full, "/a directory of some length/a file.extension");
+        EXPECT_EQ(directory, "/a directory of some length/");
+        EXPECT_EQ(name, "a file.extension");
+        EXPECT_EQ(base, "a file");
+        EXPECT_EQ(extension, ".extension");
+        path.FullPath();
+        EXPECT_EQ(full, "other/x.y");
+        EXPECT_EQ(directory, "other/");
+        EXPECT_EQ(name, "x.y");
+        EXPECT_EQ(base, "x");
+        EXPECT_EQ(extension, ".y");
+    }
+}
+
 TEST(FilePathTest, CanBeSetToOneOfItsOwnComponents) {
     FilePath path("/a//b/a-name-that-is-too-long-to-be-kept-inside.the-string");
     path.SetPath(path.FileName());
