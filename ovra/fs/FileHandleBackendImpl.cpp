@@ -175,13 +175,13 @@ bool FileHandleBackendImpl::Copy(FileHandle const& target) {
     std::unique_ptr<char[]> const buffer(new char[static_cast<std::size_t>(bufferSize)]);
     std::filebuf input;
     input.pubsetbuf(buffer.get(), static_cast<std::streamsize>(bufferSize));
-    input.open(path, std::ios_base::in | std::ios_base::binary);
+    bool const isOpen = input.open(path, std::ios_base::in | std::ios_base::binary) != nullptr;
 
     std::ofstream output;
     output.rdbuf()->pubsetbuf(nullptr, 0);  // Pieces go from the one buffer to the file.
     output.open(destination.FullPath(), std::ios_base::out | std::ios_base::binary);
 
-    if (!input.is_open() || output.fail()) {
+    if (!isOpen || output.fail()) {
         return false;
     }
     output << &input;
