@@ -282,6 +282,23 @@ OVRA_OF_PATH(Call::MKDIR, mkdir, mode_t)
 OVRA_OF_PATH(Call::RENAME, rename, char const*)
 OVRA_OF_PATH(Call::SYMLINK, symlink, char const*)
 
+// The same, for a path below an open directory.
+#define OVRA_BELOW(call, function)                             \
+    OVRA_HAND_ON(call, return failed(verdict.error), function, \
+                 int(int, char const*, decltype(value), int), directory, path, value, flags)
+
+INTERPOSED int fstatat(int directory, char const* path, struct stat* value, int flags) noexcept {
+    OVRA_BELOW(Call::STAT, fstatat);
+}
+INTERPOSED int fstatat64(int directory, char const* path, struct stat64* value,
+                         int flags) noexcept {
+    OVRA_BELOW(Call::STAT, fstatat64);
+}
+INTERPOSED int __fstatat64_time64(int directory, char const* path, void* value,
+                                  int flags) noexcept {
+    OVRA_BELOW(Call::STAT, __fstatat64_time64);
+}
+
 INTERPOSED int chown(char const* path, uid_t user, gid_t group) noexcept {
     OVRA_HAND_ON(Call::CHOWN, return failed(verdict.error), chown, int(char const*, uid_t, gid_t),
                  path, user, group);
@@ -289,6 +306,11 @@ INTERPOSED int chown(char const* path, uid_t user, gid_t group) noexcept {
 
 INTERPOSED int remove(char const* path) noexcept {
     OVRA_HAND_ON(Call::REMOVE, return failed(verdict.error), remove, int(char const*), path);
+}
+
+INTERPOSED int unlinkat(int directory, char const* path, int flags) noexcept {
+    OVRA_HAND_ON(Call::REMOVE, return failed(verdict.error), unlinkat, int(int, char const*, int),
+                 directory, path, flags);
 }
 
 #define OVRA_OR_NULL()         \

@@ -14,11 +14,11 @@ enum class Call {
     MALLOC,  // malloc, calloc and realloc; not under a sanitizer, which owns them
     FORMAT,  // vasprintf, asprintf
     LSTAT,
-    STAT,
+    STAT,  // stat, fstatat
     CHMOD,
     CHOWN,
     MKDIR,
-    REMOVE,
+    REMOVE,  // remove, unlinkat
     RENAME,
     SYMLINK,
     OPENDIR,
