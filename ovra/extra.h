@@ -1,0 +1,4 @@
+#pragma once
+
+#include <ovra/extra/Export.h>
+#include <ovra/extra/Outcome.h>
