@@ -1,4 +1,8 @@
 #pragma once
 
 #include <ovra/extra/Export.h>
+#include <ovra/extra/LockFile.h>
 #include <ovra/extra/Outcome.h>
+#include <ovra/extra/RemoveTree.h>
+#include <ovra/extra/ReplaceFile.h>
+#include <ovra/extra/Space.h>

@@ -10,7 +10,7 @@ namespace ovra::extra {
 
 /// How an operation ended, and why it failed if it did.
 ///
-/// An enumerator stands for what the caller can do about a failure, not for one error of the system:
+/// An enumerator stands for what the caller can do about a failure, not for one error number:
 ///
 ///     0                             -> DONE
 ///     ENOENT, ENOTDIR               -> MISSING
