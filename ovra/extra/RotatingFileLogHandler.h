@@ -38,7 +38,8 @@ struct RotatingFileOptions {
 /// first.
 ///
 /// *The cap*: a line that would take the file over `maxBytes` first moves "x.1" to "x.2" and so on,
-/// then x to "x.1"; the oldest is dropped. The size counts what an earlier run left.
+/// then x to "x.1"; the oldest is dropped. The name after the last, "x.3" where two are kept, is
+/// used in passing: nothing stays there. The size counts what an earlier run left.
 ///
 ///     an empty file                       -> not moved: a longer line goes out alone
 ///     the file cannot be moved            -> goes on in the same file; the others keep their names

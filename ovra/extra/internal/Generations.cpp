@@ -33,8 +33,10 @@ bool Generations::moveUp() {
     }
     for (unsigned int to = free; to > 0; --to) {
         if (!move(to - 1, to)) {
-            for (unsigned int back = to; back < free; ++back) {
-                move(back + 1, back);
+            // Back, as far as that goes: over none that cannot get back itself.
+            unsigned int back = to;
+            while (back < free && move(back + 1, back)) {
+                ++back;
             }
             return false;
         }
