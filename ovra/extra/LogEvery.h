@@ -52,10 +52,10 @@ public:
         if (threshold == log::DISABLED || threshold < level) {
             return;
         }
-        if (std::optional<unsigned long> const held = begin(milliseconds)) {
+        if (std::optional<unsigned long> const count = begin(milliseconds)) {
             std::va_list arguments;
             va_start(arguments, format);
-            logFormatted(level, tag, *held, format, arguments);
+            logFormatted(level, tag, *count, format, arguments);
             va_end(arguments);
         }
     }
