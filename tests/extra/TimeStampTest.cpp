@@ -54,5 +54,21 @@ TEST(TimeStampTest, AgreesWithTheCLibraryOnEveryDay) {
     }
 }
 
+TEST(TimeStampTest, WritesOneAfterTheOther) {
+    test::RandomSource random(test::runSeed());
+    TimeStamps stamps;
+    std::int64_t seconds = 0;
+    for (int round = 0; round < 100000; ++round) {
+        if (random.oneIn(3)) {
+            seconds = random.oneIn(100) ? std::int64_t{1} << 32 : seconds + random.below(3) - 1;
+            seconds = seconds < 0 ? 0 : seconds;
+        }
+        unsigned int const milliseconds = random.below(1000);
+        std::string text(TIME_STAMP_LENGTH, '#');
+        stamps.write(&text[0], seconds, milliseconds);
+        ASSERT_EQ(text, stampOf(seconds, milliseconds));
+    }
+}
+
 }  // namespace
 }  // namespace ovra::extra

@@ -11,7 +11,6 @@
 #include <utility>
 
 #include <ovra/extra/internal/Descriptor.h>
-#include <ovra/extra/internal/TimeStamp.h>
 
 namespace ovra::extra {
 
@@ -96,8 +95,8 @@ bool RotatingFile::append(std::string_view line) {
     if (options.stampTimes) {
         timespec now = {};
         clock_gettime(CLOCK_REALTIME, &now);
-        writeTimeStamp(end, now.tv_sec,
-                       static_cast<unsigned int>(now.tv_nsec / NANOSECONDS_OF_A_MILLISECOND));
+        timeStamps.write(end, now.tv_sec,
+                         static_cast<unsigned int>(now.tv_nsec / NANOSECONDS_OF_A_MILLISECOND));
         end += TIME_STAMP_LENGTH;
     }
     auto const before = static_cast<std::size_t>(end - buffer);

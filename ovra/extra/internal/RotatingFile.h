@@ -10,6 +10,7 @@
 #include <ovra/extra/internal/ForkSafeLock.h>
 #include <ovra/extra/internal/Generations.h>
 #include <ovra/extra/internal/LogFile.h>
+#include <ovra/extra/internal/TimeStamp.h>
 #include <ovra/log/Log.h>
 
 namespace ovra::extra {
@@ -45,6 +46,7 @@ private:
     ForkSafeLock lock;
     Generations generations;
     LogFile file;
+    TimeStamps timeStamps;
     bool entryIsSynced = false;
     std::uint64_t lost = 0;
     std::uint64_t lostUnreported = 0;

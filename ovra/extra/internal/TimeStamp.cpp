@@ -1,5 +1,7 @@
 #include <ovra/extra/internal/TimeStamp.h>
 
+#include <cstring>
+
 namespace ovra::extra {
 
 namespace {
@@ -19,6 +21,12 @@ char* writeNumber(char* text, unsigned int number, int digits, char following) n
     }
     text[digits] = following;
     return text + digits + 1;
+}
+
+constexpr std::size_t MILLISECONDS_AT = 20;
+
+void writeMilliseconds(char* text, unsigned int milliseconds) noexcept {
+    *writeNumber(text, milliseconds, 3, 'Z') = ' ';
 }
 
 }  // namespace
@@ -45,8 +53,19 @@ void writeTimeStamp(char* text, std::int64_t seconds, unsigned int milliseconds)
     text = writeNumber(text, second / 3600, 2, ':');
     text = writeNumber(text, second / 60 % 60, 2, ':');
     text = writeNumber(text, second % 60, 2, '.');
-    text = writeNumber(text, milliseconds, 3, 'Z');
-    *text = ' ';
+    writeMilliseconds(text, milliseconds);
+}
+
+void TimeStamps::write(char* stamp, std::int64_t seconds, unsigned int milliseconds) noexcept {
+    auto const now = static_cast<std::uint32_t>(seconds);
+    if (now == 0 || now != second.load(std::memory_order_relaxed)) {
+        second.store(0, std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_release);
+        writeTimeStamp(text, seconds, milliseconds);
+        second.store(now, std::memory_order_release);
+    }
+    std::memcpy(stamp, text, TIME_STAMP_LENGTH);
+    writeMilliseconds(stamp + MILLISECONDS_AT, milliseconds);
 }
 
 }  // namespace ovra::extra
