@@ -147,6 +147,8 @@ def measure(build, quick):
     say("logging ...")
     run(os.path.join(here, "benchmark-log"), ".", 3 if quick else 11, 0.02 if quick else 0.05,
         measurements)
+    run(os.path.join(here, "extra/benchmark-extra"), "^(logfile|recent)/", 3 if quick else 11,
+        0.01 if quick else 0.02, measurements)
     say("paths and files ...")
     run(os.path.join(here, "benchmark-files"), ".", 3 if quick else 11, 0.02 if quick else 0.05,
         measurements)
@@ -282,6 +284,16 @@ def compare(found):
         add(title, "line to system log and flushed file, peers to the file only",
             f"file+syslog/ovra{suffix}", {p: f"file/{p}{suffix}" for p in logs}, figure=figure)
         title = "Logging from 4 threads, time"
+
+    title = "Log file for the field, processor time"
+    for kind, what, goal in (("plain", "line", 1.1), ("stamped", "line with its time", 0.8)):
+        add(title, f"{what}, no cap", f"logfile/{kind}/ovra", {"bare write": f"logfile/{kind}/write"},
+            figure="cpu_ns", goal=1.2 if kind == "plain" else None)
+        add(title, f"{what}, capped", f"logfile/{kind}/ovra capped",
+            {"spdlog": f"logfile/{kind}/spdlog capped", "bare write": f"logfile/{kind}/write"},
+            figure="cpu_ns", goal=goal, goal_peers=["spdlog"])
+    add(title, "line kept in memory", "recent/ovra", {"bare write": "logfile/plain/write"},
+        figure="cpu_ns")
 
     paths = ("std::filesystem", "Qt", "Poco")
     for group, what, goal in (("components", "all components of a path", 0.5),

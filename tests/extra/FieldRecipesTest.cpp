@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,8 @@
 #include <tests/examples/Process.h>
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
+
+#include "RotatingFileSupport.h"
 
 namespace ovra::test {
 namespace {
@@ -37,13 +38,11 @@ std::string recipe(std::string const& name) {
 
 // Without the time that each begins with.
 std::vector<std::string> messagesOf(std::string const& text) {
-    std::vector<std::string> lines = linesOf(text);
-    static std::regex const stamp(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )");
-    for (std::string& line : lines) {
-        EXPECT_TRUE(std::regex_search(line, stamp)) << line;
-        line = std::regex_replace(line, stamp, "");
+    std::vector<std::string> messages;
+    for (std::string const& line : linesOf(text)) {
+        messages.push_back(extra::withoutStamp(line));
     }
-    return lines;
+    return messages;
 }
 
 // A program whose standard input the test goes on writing.

@@ -237,6 +237,36 @@ TEST_F(RotatingFileProcessTest, AForkedChildLogsWhateverAnotherThreadWasDoing) {
     }
 }
 
+TEST_F(RotatingFileProcessTest, AChildThatWasForkedDuringAMoveDoesNotKeepTheLock) {
+    RotatingFileLogHandler sink(path, plain(12, KEPT));
+    put(sink, "line 1");
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    pid_t child = -1;
+    {
+        FileCalls calls;
+        calls.onCall = [&](FileCall call) {
+            if (call == FileCall::RENAME && child == -1) {
+                child = forked([&] {
+                    close(ends[1]);
+                    char byte = 0;
+                    [[maybe_unused]] auto const end = read(ends[0], &byte, 1);
+                });
+            }
+            return 0;
+        };
+        put(sink, "line 2");
+    }
+    ASSERT_GT(child, 0);
+    put(sink, "line 3");  // The child lives, with all descriptors of that moment.
+    EXPECT_EQ(contentOf(path + ".2"), "line 1\n");
+    EXPECT_EQ(contentOf(path + ".1"), "line 2\n");
+    EXPECT_EQ(contentOf(path), "line 3\n");
+    close(ends[0]);
+    close(ends[1]);
+    expectSuccess(child);
+}
+
 TEST_F(RotatingFileProcessTest, TheSinkOfAForkedChildDiesAlone) {
     auto sink = std::make_unique<RotatingFileLogHandler>(path, plain());
     put(*sink, "parent");

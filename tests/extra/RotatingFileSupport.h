@@ -31,6 +31,18 @@ inline void put(log::LogHandler& sink, std::string const& line, log::LogLevel le
     sink.handleLogMessage(line.c_str(), level);
 }
 
+/// The line without the time before it; empty if it does not begin with one.
+inline std::string withoutStamp(std::string const& line) {
+    std::string const shape = "dddd-dd-ddTdd:dd:dd.dddZ ";
+    for (std::size_t index = 0; index < shape.size(); ++index) {
+        char const found = index < line.size() ? line[index] : '\0';
+        if (shape[index] == 'd' ? found < '0' || found > '9' : found != shape[index]) {
+            return std::string();
+        }
+    }
+    return line.substr(shape.size());
+}
+
 inline bool exists(std::string const& path) {
     struct stat status;
     return lstat(path.c_str(), &status) == 0;
