@@ -139,19 +139,7 @@ public:
         return true;
     }
 
-    bool write(std::string_view contents) const {
-        while (!contents.empty()) {
-            ssize_t const written = ::write(file.get(), contents.data(), contents.size());
-            if (written > 0) {
-                contents.remove_prefix(static_cast<std::size_t>(written));
-            } else if (written == 0) {
-                return hasFailedWith(EIO);
-            } else if (errno != EINTR) {
-                return false;
-            }
-        }
-        return true;
-    }
+    bool write(std::string_view contents) const { return file.write(contents); }
 
     bool setMode(mode_t mode) const { return ::fchmod(file.get(), mode) == 0; }
 

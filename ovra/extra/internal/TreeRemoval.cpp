@@ -22,7 +22,7 @@ bool mayBeDirectory(unsigned char type) {
 }
 
 bool isGone(int error) {
-    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+    return error == ENOENT || error == ENOTDIR;
 }
 
 bool isNotEmpty(int error) {
@@ -97,7 +97,10 @@ int TreeRemoval::open(Level& level) const {
         return errno;
     }
     level.directory = openDirectory(parent.directory, parent.current());
-    if (!level.directory.isOpen() || !level.identity.read(level.directory)) {
+    if (!level.directory.isOpen()) {
+        return errno == ELOOP ? ENOTDIR : errno;  // A link.
+    }
+    if (!level.identity.read(level.directory)) {
         return errno;
     }
     bool const isForeign = !isRoot && (level.identity.isMountPoint ||
@@ -122,7 +125,7 @@ void TreeRemoval::enter() {
         }
     }
     Level& parent = levels.back();
-    if (error == ENOTDIR || error == ELOOP) {
+    if (error == ENOTDIR) {
         removeOther(parent.current());  // A directory again by now: the next scan finds it.
     } else if (error != ENOENT) {
         fail(error);
