@@ -114,8 +114,8 @@ Operation replacement(char const* name, std::string const& entry, std::string co
     return {name,
             "DONE new",
             {any(Call::NEW, OUT_OF_MEMORY), with(ENOENT, Call::STAT, unseen, PARTLY),
-             any(Call::STAT, failed), any(Call::READLINK, failed), any(Call::CHMOD, failed),
-             any(Call::RENAME, failed),
+             with(ENOTDIR, Call::STAT, failedOrDone, PARTLY), any(Call::STAT, failed),
+             any(Call::READLINK, failed), any(Call::CHMOD, failed), any(Call::RENAME, failed),
              // A directory that may not be read can be worked in, but not synced.
              with(EACCES, Call::OPEN, failedOrUnsynced, PARTLY),
              // Another name may be free, or short enough.

@@ -171,15 +171,22 @@ void TreeRemoval::leave() {
     }
     Level& level = levels.back();
     Level& parent = levels[outer];
-    if (::unlinkat(parent.directory.get(), parent.current(), AT_REMOVEDIR) != 0 && !isGone(errno)) {
-        // Others have put entries into it, or the file system left some out of the scan.
-        bool const isWorthAnother =
-            isNotEmpty(errno) && !level.hasFailed && level.scans < MOST_SCANS;
-        if (isWorthAnother && ::lseek(level.directory.get(), 0, SEEK_SET) == 0) {
-            scan();
-            return;
+    if (::unlinkat(parent.directory.get(), parent.current(), AT_REMOVEDIR) != 0) {
+        int error = errno;
+        if (isNotEmpty(error) && !level.hasFailed) {
+            bool const isStillThere =
+                openAgain(parent.directory, parent.current(), level.identity).isOpen();
+            // Others have put entries into it, or the file system left some out of the scan.
+            if (isStillThere && level.scans < MOST_SCANS &&
+                ::lseek(level.directory.get(), 0, SEEK_SET) == 0) {
+                scan();
+                return;
+            }
+            error = isStillThere ? error : ENOENT;
         }
-        fail(errno);
+        if (!isGone(error)) {
+            fail(error);
+        }
     }
     parent.hasFailed |= level.hasFailed;
     levels.pop_back();
