@@ -216,6 +216,12 @@ extern "C" int ovraTest_fchmod(int descriptor, mode_t mode) {
                     [=] { return original<int(int, mode_t)>("fchmod")(descriptor, mode); });
 }
 
+extern "C" int ovraTest_flock(int descriptor, int operation) asm("flock");
+extern "C" int ovraTest_flock(int descriptor, int operation) {
+    return observed(onPath("flock", descriptor, nullptr, operation),
+                    [=] { return original<int(int, int)>("flock")(descriptor, operation); });
+}
+
 #define OVRA_ON_DESCRIPTOR(symbol)                                                \
     extern "C" int ovraTest_##symbol(int descriptor) asm(#symbol);                \
     extern "C" int ovraTest_##symbol(int descriptor) {                            \
