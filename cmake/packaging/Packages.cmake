@@ -75,6 +75,7 @@ ${about}
 This package holds the shared object that such applications need to run.")
 
 set(EXTRA_LIBRARY libovra-extra)
+set(EXTRA_DEPENDS "${OVRA_RUNTIME_PACKAGE} (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_EXTRA_DESCRIPTION
 "files and logs that last in the field, for applications on embedded Linux
 Files that survive a power cut, log files that rotate and outlast a full disk,
@@ -83,9 +84,9 @@ ovra.
 
 This package holds the shared object that such applications need to run.")
 
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 # Where the packages of the target's libraries are not installed, nobody can be asked for the
 # versions: then they are Debian's names with the least versions that the symbols ask for.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 foreach(component IN LISTS runtimes)
   string(TOUPPER ${component} upper)
   set(library ${${upper}_LIBRARY})
@@ -95,12 +96,13 @@ foreach(component IN LISTS runtimes)
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION libs)
   set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA
     ${staging}/triggers ${staging}/${component}/shlibs)
+  set(depends ${${upper}_DEPENDS})
   if(CMAKE_CROSSCOMPILING)
-    set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS
-      "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+    list(PREPEND depends "libc6 (>= 2.34)" "libgcc-s1 (>= 3.5)" "libstdc++6 (>= 12)")
   else()
     set(CPACK_DEBIAN_${upper}_PACKAGE_SHLIBDEPS ON)
   endif()
+  list(JOIN depends ", " CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS)
   list(APPEND exactly "${package} (= ${full_version})")
 endforeach()
 list(JOIN exactly ", " exactly)

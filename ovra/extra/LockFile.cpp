@@ -1,6 +1,6 @@
 #include <ovra/extra/LockFile.h>
 
-#include <cstdio>
+#include <string>
 
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -44,11 +44,12 @@ bool isStillNamed(std::string const& path, struct stat const& locked) {
     return named.st_dev == locked.st_dev && named.st_ino == locked.st_ino;
 }
 
+// For people to read: whether it can be written makes no difference.
 void writeId(Descriptor const& file, int id) {
-    char text[16];
-    int const length = std::snprintf(text, sizeof text, "%d\n", id);
-    if (::pwrite(file.get(), text, static_cast<std::size_t>(length), 0) == length) {
-        [[maybe_unused]] int const ignored = ::ftruncate(file.get(), length);
+    std::string const text = std::to_string(id) + "\n";
+    if (file.write(text)) {
+        [[maybe_unused]] int const ignored =
+            ::ftruncate(file.get(), static_cast<off_t>(text.size()));
     }
 }
 

@@ -63,7 +63,7 @@ bool readLink(Place const& place, std::string& contents) {
 bool mayFollow(Place const& place) {
     struct stat target;
     if (::fstatat(place.directory.get(), place.name.c_str(), &target, 0) != 0) {
-        return errno == ENOENT;
+        return errno == ENOENT || errno == ENOTDIR;  // What there is of the way is taken below.
     }
     return S_ISREG(target.st_mode) || hasFailedWith(EINVAL);
 }
@@ -105,10 +105,8 @@ public:
     Temporary(Temporary const&) = delete;
     Temporary& operator=(Temporary const&) = delete;
     ~Temporary() {
-        if (isThere) {
-            KeptErrno const kept;
-            ::unlinkat(place.directory.get(), name.c_str(), 0);
-        }
+        KeptErrno const kept;
+        remove();
     }
 
     bool make(mode_t mode) {
@@ -130,6 +128,11 @@ public:
         return false;
     }
 
+    bool remove() {
+        return !std::exchange(isThere, false) ||
+               ::unlinkat(place.directory.get(), name.c_str(), 0) == 0;
+    }
+
     bool readMode(mode_t& mode) const {
         struct stat status;
         if (::fstat(file.get(), &status) != 0) {
@@ -139,19 +142,7 @@ public:
         return true;
     }
 
-    bool write(std::string_view contents) const {
-        while (!contents.empty()) {
-            ssize_t const written = ::write(file.get(), contents.data(), contents.size());
-            if (written > 0) {
-                contents.remove_prefix(static_cast<std::size_t>(written));
-            } else if (written == 0) {
-                return hasFailedWith(EIO);
-            } else if (errno != EINTR) {
-                return false;
-            }
-        }
-        return true;
-    }
+    bool write(std::string_view contents) const { return file.write(contents); }
 
     bool setMode(mode_t mode) const { return ::fchmod(file.get(), mode) == 0; }
 
@@ -211,7 +202,7 @@ private:
 // other threads would see, and the directory may have an access control list for new files.
 bool readNewFileMode(Place const& place, mode_t& mode) {
     Temporary sample(place);
-    return sample.make(NEW_FILE_MODE) && sample.readMode(mode);
+    return sample.make(NEW_FILE_MODE) && sample.readMode(mode) && sample.remove();
 }
 
 bool replace(Place const& place, std::string_view contents) {

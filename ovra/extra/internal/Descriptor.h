@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include <ovra/extra/internal/KeptErrno.h>
@@ -33,6 +34,22 @@ public:
     /// Whether nothing failed. The descriptor is gone in any case, also when a signal interrupts.
     bool close() { return !isOpen() || ::close(release()) == 0 || errno == EINTR; }
 
+    /// Writes all of it, however many calls that takes. Says why it failed in `errno`.
+    bool write(std::string_view bytes) const {
+        while (!bytes.empty()) {
+            ssize_t const written = ::write(number, bytes.data(), bytes.size());
+            if (written > 0) {
+                bytes.remove_prefix(static_cast<std::size_t>(written));
+            } else if (written == 0) {
+                errno = EIO;
+                return false;
+            } else if (errno != EINTR) {
+                return false;
+            }
+        }
+        return true;
+    }
+
 private:
     int number = -1;
 };
@@ -40,10 +57,14 @@ private:
 /// Opens `path`, below `directory` unless it is absolute. Close-on-exec. Says why it failed in
 /// `errno`.
 inline Descriptor openBelow(int directory, char const* path, int flags, mode_t mode = 0) {
-    int opened;
-    do {
+    constexpr int MOST_INTERRUPTIONS = 100;
+    int opened = -1;
+    for (int tries = 0; tries < MOST_INTERRUPTIONS; ++tries) {
         opened = ::openat(directory, path, flags | O_CLOEXEC | O_NOCTTY, mode);
-    } while (opened < 0 && errno == EINTR);
+        if (opened >= 0 || errno != EINTR) {
+            break;
+        }
+    }
     return Descriptor(opened);
 }
 

@@ -22,7 +22,7 @@ bool mayBeDirectory(unsigned char type) {
 }
 
 bool isGone(int error) {
-    return error == ENOENT || error == ENOTDIR || error == ELOOP;
+    return error == ENOENT || error == ENOTDIR;
 }
 
 bool isNotEmpty(int error) {
@@ -97,7 +97,10 @@ int TreeRemoval::open(Level& level) const {
         return errno;
     }
     level.directory = openDirectory(parent.directory, parent.current());
-    if (!level.directory.isOpen() || !level.identity.read(level.directory)) {
+    if (!level.directory.isOpen()) {
+        return errno == ELOOP ? ENOTDIR : errno;  // A link.
+    }
+    if (!level.identity.read(level.directory)) {
         return errno;
     }
     bool const isForeign = !isRoot && (level.identity.isMountPoint ||
@@ -122,7 +125,7 @@ void TreeRemoval::enter() {
         }
     }
     Level& parent = levels.back();
-    if (error == ENOTDIR || error == ELOOP) {
+    if (error == ENOTDIR) {
         removeOther(parent.current());  // A directory again by now: the next scan finds it.
     } else if (error != ENOENT) {
         fail(error);
@@ -168,15 +171,22 @@ void TreeRemoval::leave() {
     }
     Level& level = levels.back();
     Level& parent = levels[outer];
-    if (::unlinkat(parent.directory.get(), parent.current(), AT_REMOVEDIR) != 0 && !isGone(errno)) {
-        // Others have put entries into it, or the file system left some out of the scan.
-        bool const isWorthAnother =
-            isNotEmpty(errno) && !level.hasFailed && level.scans < MOST_SCANS;
-        if (isWorthAnother && ::lseek(level.directory.get(), 0, SEEK_SET) == 0) {
-            scan();
-            return;
+    if (::unlinkat(parent.directory.get(), parent.current(), AT_REMOVEDIR) != 0) {
+        int error = errno;
+        if (isNotEmpty(error) && !level.hasFailed) {
+            bool const isStillThere =
+                openAgain(parent.directory, parent.current(), level.identity).isOpen();
+            // Others have put entries into it, or the file system left some out of the scan.
+            if (isStillThere && level.scans < MOST_SCANS &&
+                ::lseek(level.directory.get(), 0, SEEK_SET) == 0) {
+                scan();
+                return;
+            }
+            error = isStillThere ? error : ENOENT;
         }
-        fail(errno);
+        if (!isGone(error)) {
+            fail(error);
+        }
     }
     parent.hasFailed |= level.hasFailed;
     levels.pop_back();
