@@ -1,9 +1,11 @@
 #include <ovra/log/LogHandlers.h>
 
+#include <syslog.h>
+
 #include <iostream>
 #include <string>
 
-#include <syslog.h>
+#include <ovra/log/internal/VerbatimScope.h>
 
 namespace ovra::log {
 
