@@ -159,10 +159,7 @@ void FilePath::Cache() const {
             fileName += SEPARATOR;
             directoryPath = fileName;
         }
-        fullPathIsPath = fileName.size() == path.size();
-        if (!fullPathIsPath) {
-            fullPath = fileName;
-        }
+        fullPath = fileName;
     } else {
         directoryPath = std::string(text.substr(0, lastSeparator + 1));
         if (hasDoubledSeparator(directoryPath)) {
@@ -174,13 +171,9 @@ void FilePath::Cache() const {
                 directoryPath.end());
         }
         fileName = std::string(text.substr(lastSeparator + 1));
-        std::size_t const fullSize = directoryPath.size() + fileName.size();
-        fullPathIsPath = fullSize == path.size();
-        if (!fullPathIsPath) {
-            fullPath.reserve(fullSize);
-            fullPath += directoryPath;
-            fullPath += fileName;
-        }
+        fullPath.reserve(directoryPath.size() + fileName.size());
+        fullPath += directoryPath;
+        fullPath += fileName;
     }
 
     std::string_view const name = fileName;
@@ -206,10 +199,6 @@ bool FilePath::EndingSeparator() const {
 
 std::string const& FilePath::FullPath() const {
     Cache();
-    if (fullPathIsPath) {
-        fullPath = path;
-        fullPathIsPath = false;
-    }
     return fullPath;
 }
 
