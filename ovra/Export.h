@@ -10,3 +10,13 @@
 /// format, `firstArgument` that of the first argument it formats.
 #define OVRA_PRINTF(formatIndex, firstArgument) \
     __attribute__((format(printf, formatIndex, firstArgument)))
+
+/// The text of what its argument expands to.
+#define OVRA_TEXT_OF(...) #__VA_ARGS__
+
+/// Stops the compilation where a macro would take the place of one of the library's names, and says
+/// which. A macro with arguments does no harm: no name of the library is followed by a parenthesis.
+#define OVRA_NOT_A_MACRO(name)                                                           \
+    static_assert(__builtin_strcmp(#name, OVRA_TEXT_OF(name)) == 0,                      \
+                  "the macro " #name " takes the place of a name of ovra: #undef " #name \
+                  " before the first #include of ovra, or compile without -D" #name)

@@ -12,6 +12,7 @@
 #include <ovra/concurrent/internal/InitialRank.h>
 #include <ovra/concurrent/internal/IsExactly.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
+#include <ovra/concurrent/internal/SubmissionMemory.h>
 #include <ovra/concurrent/internal/UniqueIndex.h>
 #include <ovra/concurrent/internal/WeakTask.h>
 #include <ovra/log/Log.h>
@@ -60,8 +61,7 @@ SubmittedTask::SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPri
                              std::function<void(std::shared_ptr<Task>)> onCompletion)
     : task(std::move(work)),
       callback(std::move(onCompletion)),
-      priority(initialPriority),
-      rank(initialRankOf(initialPriority), --s_uniqueIndexCounter) {
+      rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
     if (!task) {
         log::log(log::WARNING, "SubmittedTask::SubmittedTask", "Given a null pointer for a task.");
     }
@@ -72,11 +72,22 @@ SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
                              std::function<void(std::shared_ptr<Task>)> onCompletion,
                              char const* name)
     : callback(std::move(onCompletion)),
-      priority(initialPriority),
-      rank(initialRankOf(initialPriority), --s_uniqueIndexCounter) {
+      rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
     // After the index is taken, which is spent even if this throws.
     // cppcheck-suppress useInitializationList
     task = std::make_shared<LambdaFunctionTask>(work, name);
+}
+
+SubmittedTask::SubmittedTask(SubmissionMemory* memory,
+                             std::function<Executable::Result()> const& work,
+                             TaskPriority initialPriority,
+                             std::function<void(std::shared_ptr<Task>)> onCompletion,
+                             char const* name)
+    : callback(std::move(onCompletion)),
+      rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
+    // cppcheck-suppress useInitializationList
+    task = std::allocate_shared<LambdaFunctionTask>(
+        SubmissionMemory::Allocator<LambdaFunctionTask>(memory), work, name);
 }
 
 SubmittedTask::~SubmittedTask() = default;
@@ -87,7 +98,7 @@ unsigned int SubmittedTask::getRank() const {
 }
 
 TaskPriority SubmittedTask::getPriority() const {
-    return priority;
+    return rank.priority;
 }
 
 void SubmittedTask::setState(Executable::State newState) {
@@ -112,7 +123,7 @@ void SubmittedTask::setRank(unsigned int const& newRank) {
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
     changeRank([this, newPriority] {
-        priority = newPriority;
+        rank.priority = newPriority;
         return clampedRank(initialRankOf(newPriority));
     });
 }
@@ -122,8 +133,7 @@ unsigned int SubmittedTask::clampedRank(unsigned int newRank) const {
 }
 
 // While a queue computes the rank, `newRank()` runs under the lock that the queue's picks take.
-template <typename NewRank>
-void SubmittedTask::changeRank(NewRank const& newRank) {
+void SubmittedTask::changeRank(std::function<unsigned int()> const& newRank) {
     if (!isExactly<SubmittedTask>(*this)) {
         rank.rank = newRank();
         return;
@@ -140,18 +150,17 @@ void SubmittedTask::changeRank(NewRank const& newRank) {
     }
 }
 
-bool SubmittedTask::isRankInRange() const {
-    return rank.given() >= initialRankOf(priority);
-}
-
 void SubmittedTask::updateTaskState(Executable::State newState) {
     setState(newState);
     logState(newState);
 }
 
 void SubmittedTask::logState(Executable::State newState) const {
-    log::log(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
-             printable(taskName()), taskStateToName(newState));
+    if (log::getLogLevel() < log::INFO && task && isExactly<LambdaFunctionTask>(*task)) {
+        return;  // Nobody sees that the name is not asked for.
+    }
+    log::logVerbatim(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
+                     printable(taskName()), taskStateToName(newState));
 }
 
 void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
@@ -258,8 +267,8 @@ __attribute__((no_sanitize("null"))) void SubmittedTask::performCallback() {
     } catch (std::exception const&) {
         handleAndLogUnknownException(std::current_exception(), false);
     } catch (...) {
-        log::log(log::WARNING, "SubmittedTask::performCallback()",
-                 "Caught unknown exception during running of '%s'.", printable(taskName()));
+        log::logVerbatim(log::WARNING, "SubmittedTask::performCallback()",
+                         "Caught unknown exception during running of '%s'.", printable(taskName()));
     }
 }
 
@@ -282,8 +291,8 @@ void SubmittedTask::handleAndLogUnknownException(std::exception_ptr e, bool forw
     try {
         std::rethrow_exception(e);
     } catch (std::exception const& caught) {
-        log::log(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
-                 printable(taskName()), printable(caught.what()));
+        log::logVerbatim(log::WARNING, EXECUTE_TAG, "Caught exception during running of '%s'. (%s)",
+                         printable(taskName()), printable(caught.what()));
     }
     if (forwardToHandle) {
         if (auto const live = handle.lock()) {

@@ -18,6 +18,7 @@
 namespace ovra::concurrent {
 
 class TaskHandle;
+class SubmissionMemory;
 struct SubmittedTaskProxy;
 
 /// The executor's own record of one submission: the work, its callback, its urgency, its state and
@@ -135,10 +136,11 @@ public:
     /// Calls the callback, if there is one, with the task, which may be null. What it throws is
     /// logged and changes nothing. Runs after the promise was fulfilled.
     void performCallback();
-    /// Releases whoever waits. A second call throws `std::future_error`.
+    /// Releases whoever waits. A second call is logged at `ERROR` and throws `std::future_error`.
     void setPromiseValue();
     /// The future that becomes ready, always with `true`, when the task has come to its end. A
-    /// second call throws `std::future_error`. `std::bad_alloc` if memory is short.
+    /// second call, or one after a wait, is logged at `ERROR` and throws `std::future_error`.
+    /// `std::bad_alloc` if memory is short.
     std::future<bool> getFuture();
     /// Logs `e` (null: a `std::runtime_error` "Unknown exception", or `std::bad_alloc` if memory is
     /// short) and, if asked to, hands it to the handle. Anything but a `std::exception` leaves this
@@ -149,12 +151,16 @@ public:
     static std::shared_ptr<SubmittedTaskProxy> provideProxy(
         std::weak_ptr<SubmittedTask> const& task);
 
+    /// For the executor: a task in memory that holds its work as well.
+    OVRA_LOCAL SubmittedTask(SubmissionMemory* memory,
+                             std::function<Executable::Result()> const& work,
+                             TaskPriority initialPriority,
+                             std::function<void(std::shared_ptr<Task>)> onCompletion,
+                             char const* name);
     /// For the executor: `setHandle()` of the first handle of a task that nobody else can reach.
     OVRA_LOCAL void setFirstHandle(std::shared_ptr<TaskHandle> const& firstHandle);
     /// For the queue that holds the task.
     RankedEntry& rankedEntry() { return rank; }
-    /// False if one thread set a rank while another raised the priority: the next update lifts it.
-    OVRA_LOCAL bool isRankInRange() const;
     /// For the worker that runs the task: `isCancelled()` without the lock.
     bool isCancelledNow() const { return state == Executable::CANCELLED; }
     /// For the handle: waits as `getFuture().get()` does, without memory.
@@ -162,8 +168,7 @@ public:
 
 private:
     OVRA_LOCAL unsigned int clampedRank(unsigned int newRank) const;
-    template <typename NewRank>
-    OVRA_LOCAL void changeRank(NewRank const& newRank);
+    OVRA_LOCAL void changeRank(std::function<unsigned int()> const& newRank);
     OVRA_LOCAL void logState(Executable::State newState) const;
     OVRA_LOCAL void finish(Executable::Result outcome);
 
@@ -172,8 +177,7 @@ private:
     std::function<void(std::shared_ptr<Task>)> callback;
     mutable std::mutex mutex;
     TaskEnd end;
-    std::atomic<TaskPriority> priority;
-    RankedEntry rank;
+    RankedEntry rank;  // And the priority.
 
     // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
     // also reads them without.

@@ -1,54 +1,40 @@
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 
-#include <utility>
-
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
+#include <ovra/concurrent/internal/InitialRank.h>
 #include <ovra/concurrent/internal/IsExactly.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
 
 namespace ovra::concurrent {
 
-static_assert(std::atomic<bool>::is_always_lock_free);
-
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
     : strategy(std::move(rankingStrategy)) {
-    bool const doubles = strategy && isExactly<NoStarveTaskRankingStrategy>(*strategy);
-    computesRanks =
-        doubles || !strategy || isExactly<HighestPriorityTaskRankingStrategy>(*strategy);
-    ranked = std::make_shared<RankedTasks>(doubles);
+    bool const keeps = !strategy || isExactly<HighestPriorityTaskRankingStrategy>(*strategy);
+    computesRanks = keeps || isExactly<NoStarveTaskRankingStrategy>(*strategy);
+    ranked = new RankedTasks(!keeps);
 }
 
 SubmittedTasksQueue::~SubmittedTasksQueue() {
     drop();  // Also what was added while another thread closed the queue.
+    ranked->release();
 }
 
 std::shared_ptr<TaskHandle> SubmittedTasksQueue::addTask(std::shared_ptr<SubmittedTask> task) {
+    return add(std::move(task), nullptr);
+}
+
+std::shared_ptr<TaskHandle> SubmittedTasksQueue::add(std::shared_ptr<SubmittedTask> task,
+                                                     SubmissionMemory* memory) {
     if (isClosed() || !task) {
         return nullptr;
     }
-    auto handle = TaskHandle::of(task);
-    task->setHandle(handle);
-    push(std::move(task));
-    return handle;
-}
-
-std::shared_ptr<TaskHandle> SubmittedTasksQueue::addUnsharedTask(
-    std::shared_ptr<SubmittedTask> task) {
-    if (isClosed()) {
-        return nullptr;
-    }
-    auto handle = TaskHandle::of(task);
-    task->setFirstHandle(handle);
-    push(std::move(task));
-    return handle;
-}
-
-void SubmittedTasksQueue::push(std::shared_ptr<SubmittedTask> task) {
+    auto handle = TaskHandle::of(task, memory);
     RankedEntry& entry = task->rankedEntry();
     bool const isRanked = computesRanks && isExactly<SubmittedTask>(*task) &&
-                          !entry.wasAdded.exchange(true) && task->isRankInRange();
+                          !entry.wasAdded.exchange(true) &&
+                          entry.given() >= initialRankOf(entry.priority);
     std::forward_list<QueuedTask> added;  // Made ahead of the lock, and released after it.
     if (!isRanked) {
         added.push_front({std::move(task), 0});
@@ -56,12 +42,13 @@ void SubmittedTasksQueue::push(std::shared_ptr<SubmittedTask> task) {
     std::lock_guard<std::mutex> const lock(mutex);
     ++addedSoFar;
     if (isRanked) {
-        ranked->insert(ranked, entry, task, addedSoFar);
+        ranked->insert(entry, task, addedSoFar);
     } else {
-        added.front().order = addedSoFar;
+        added.front().second = addedSoFar;
         tasks.splice_after(tasks.before_begin(), added);
     }
     condition.notify_one();
+    return handle;
 }
 
 // The rule: each task's score is compared, newest first, and its rank updated; the best is taken.
@@ -72,26 +59,23 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     std::lock_guard<std::mutex> const lock(mutex);
     SortKey best;
     std::shared_ptr<SubmittedTask> found;
-    for (QueuedTask const& queued : tasks) {
-        SubmittedTask& task = *queued.task;
-        ranked->scanTo(queued.order);
+    for (auto const& [task, order] : tasks) {
+        ranked->scanTo(order);
         unsigned int const score =
-            task.getRank() + static_cast<unsigned int>(task.getUniqueIndex());
-        if (SortKey const key{score, queued.order, &task.rankedEntry()}; key > best) {
+            task->getRank() + static_cast<unsigned int>(task->getUniqueIndex());
+        if (SortKey const key{score, order, &task->rankedEntry()}; best < key) {
             best = key;
-            found = queued.task;
+            found = task;
         }
         if (strategy) {
-            strategy->updateRank(&task);
+            strategy->updateRank(task.get());
         }
     }
     // The shortcut: the same for the tasks whose ranks are computed.
     if (auto next = ranked->pick(best)) {
         found = std::move(next);
-    } else if (found && ranked->holds(*best.entry)) {
-        ranked->erase(*best.entry);
     }
-    tasks.remove_if([&](QueuedTask const& queued) { return queued.task == found; });
+    tasks.remove_if([&](QueuedTask const& queued) { return queued.first == found; });
     return found;
 }
 
@@ -103,14 +87,12 @@ void SubmittedTasksQueue::close() {
 
 void SubmittedTasksQueue::drop() {
     std::forward_list<QueuedTask> dropped;  // Dies when no lock is held.
-    RankedEntry* entry = nullptr;
-    {
-        std::lock_guard<std::mutex> const lock(mutex);
-        closed = true;
-        condition.notify_all();
-        dropped.swap(tasks);
-        entry = ranked->eraseAll();
-    }
+    std::unique_lock<std::mutex> lock(mutex);
+    closed = true;
+    condition.notify_all();
+    dropped.swap(tasks);
+    RankedEntry* entry = ranked->eraseAll();
+    lock.unlock();
     while (entry != nullptr) {
         auto const task = std::move(entry->task);
         entry = entry->next;

@@ -6,12 +6,14 @@
 #include <forward_list>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include <ovra/Export.h>
 
 namespace ovra::concurrent {
 
 class RankedTasks;
+class SubmissionMemory;
 class SubmittedTask;
 class TaskHandle;
 class TaskRankingStrategy;
@@ -34,8 +36,7 @@ class TaskRankingStrategy;
 ///
 /// *Failure*: refusals are empty pointers. `std::system_error` escapes from what cannot lock.
 ///
-/// *Limits*: as many tasks as memory holds. What a burst took is given back when the queue has
-/// become empty, but for at most 20 KiB.
+/// *Limits*: as many tasks as memory holds.
 class OVRA_API SubmittedTasksQueue {
 public:
     /// A null `rankingStrategy` leaves the ranks as they are.
@@ -70,25 +71,22 @@ public:
     /// True from the first `close()` on. Takes no lock.
     bool isClosed() const;
 
-    /// For an executor: `addTask()` of a task that it has just made and that nobody else can reach.
-    OVRA_LOCAL std::shared_ptr<TaskHandle> addUnsharedTask(std::shared_ptr<SubmittedTask> task);
+    /// `addTask()`, for an executor, of a task that it has made in `memory` and shown to nobody.
+    OVRA_LOCAL std::shared_ptr<TaskHandle> add(std::shared_ptr<SubmittedTask> task,
+                                               SubmissionMemory* memory);
 
 private:
     friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
 
-    struct QueuedTask {
-        std::shared_ptr<SubmittedTask> task;
-        std::uint64_t order;
-    };
+    // A task, and a number that counts up as tasks are added.
+    using QueuedTask = std::pair<std::shared_ptr<SubmittedTask>, std::uint64_t>;
 
-    OVRA_LOCAL void push(std::shared_ptr<SubmittedTask> task);
     OVRA_LOCAL void drop();
     OVRA_LOCAL bool hasTasks() const;
 
-    // Guarded by `mutex`: the tasks that a pick scans, newest first, and which those are that it
-    // need not scan.
-    std::forward_list<QueuedTask> tasks;
-    std::shared_ptr<RankedTasks> ranked;
+    // Guarded by `mutex`.
+    std::forward_list<QueuedTask> tasks;  // What a pick scans, newest first.
+    RankedTasks* ranked;                  // What it need not scan.
     std::uint64_t addedSoFar = 0;
 
     std::mutex mutex;

@@ -8,7 +8,8 @@ namespace ovra::concurrent {
 /// A named piece of work, the base class of what a host submits to a `TaskExecutor`.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the executor and handed to the completion
-/// callback.
+/// callback. Destroyed on the thread that releases it last, often a worker: a destructor that
+/// submits must not become the last owner of the executor there (see `TaskExecutorImpl`).
 class OVRA_API Task : public Executable {
 public:
     Task() = default;

@@ -17,8 +17,9 @@ namespace ovra::concurrent {
 /// run.
 ///
 /// *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock held.
-/// They are destroyed on the thread that lets go of them last: a worker, a waiter, or whoever
-/// closes the queue.
+/// They are destroyed on the thread that releases them last: a worker, a waiter, or whoever closes
+/// the queue. Work that ends its thread (`pthread_exit()`, `pthread_cancel()`) takes the worker
+/// with it: nobody who waits for that task is released, and no task runs in that worker's place.
 ///
 /// *Failure*: refusals are empty handle pointers. `std::bad_alloc`, `std::system_error` and
 /// whatever copying a function throws escape from `submitTask()`, and nothing is queued then.

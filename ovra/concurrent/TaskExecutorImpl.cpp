@@ -4,12 +4,22 @@
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutorWorker.h>
+#include <ovra/concurrent/internal/SubmissionMemory.h>
 
 namespace ovra::concurrent {
 
 namespace {
 
 constexpr unsigned int MAX_WORKERS = 12;
+
+// Makes a task in `memory` and queues it.
+template <typename... Parts>
+std::shared_ptr<TaskHandle> submit(SubmittedTasksQueue* queue, SubmissionMemory* memory,
+                                   Parts const&... parts) {
+    auto task = std::allocate_shared<SubmittedTask>(
+        SubmissionMemory::Allocator<SubmittedTask>(memory), parts...);
+    return queue != nullptr ? queue->add(std::move(task), memory) : nullptr;
+}
 
 }  // namespace
 
@@ -41,8 +51,7 @@ std::shared_ptr<TaskHandle> TaskExecutorImpl::submitTask(
     if (!task && !callback) {
         return nullptr;
     }
-    return queue ? queue->addUnsharedTask(std::make_shared<SubmittedTask>(task, priority, callback))
-                 : nullptr;
+    return submit(queue.get(), SubmissionMemory::make(false), task, priority, callback);
 }
 
 std::shared_ptr<TaskHandle> TaskExecutorImpl::submitTask(
@@ -51,9 +60,8 @@ std::shared_ptr<TaskHandle> TaskExecutorImpl::submitTask(
     if (!function && !callback) {
         return nullptr;
     }
-    return queue ? queue->addUnsharedTask(
-                       std::make_shared<SubmittedTask>(function, priority, callback, name))
-                 : nullptr;
+    auto* const memory = SubmissionMemory::make(true);
+    return submit(queue.get(), memory, memory, function, priority, callback, name);
 }
 
 bool TaskExecutorImpl::isIdle() {

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <mutex>
+#include <utility>
 
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
@@ -13,6 +14,7 @@ namespace ovra::concurrent {
 namespace {
 
 char const RUN_TAG[] = "TaskExecutorWorker::run()";
+char const END_TAG[] = "~TaskExecutorWorker()";
 
 void nameThisThread(char const* name) {
     pthread_setname_np(pthread_self(), name != nullptr ? name : "unnamed");
@@ -26,12 +28,23 @@ TaskExecutorWorker::TaskExecutorWorker(std::shared_ptr<SubmittedTasksQueue> cons
 TaskExecutorWorker::~TaskExecutorWorker() {
     terminate();
     if (thread.joinable()) {
+        log::log(log::ERROR, END_TAG,
+                 "The process ends, as the worker's thread cannot be joined: the executor's last "
+                 "reference was released on its own worker, or the worker was started after "
+                 "terminate().");
         std::terminate();  // Now, before anything is freed under the running thread.
     }
 }
 
 void TaskExecutorWorker::start() {
-    thread = std::thread(&TaskExecutorWorker::run, this);
+    std::thread started(&TaskExecutorWorker::run, this);
+    if (thread.joinable()) {
+        log::log(
+            log::ERROR, "TaskExecutorWorker::start()",
+            "The process ends, as the worker's last thread has not been joined: start a worker "
+            "once.");
+    }
+    thread = std::move(started);
 }
 
 void TaskExecutorWorker::run() {
@@ -93,8 +106,7 @@ void TaskExecutorWorker::terminate() {
         thread.join();
     } catch (std::exception const& e) {
         // A `std::system_error`, or what comes in its place when there is no memory for one.
-        log::log(log::ERROR, "~TaskExecutorWorker()", "Worker thread join failed due to '%s'!\n",
-                 e.what());
+        log::logVerbatim(log::ERROR, END_TAG, "Worker thread join failed due to '%s'!\n", e.what());
     }
 }
 

@@ -29,13 +29,13 @@ public:
     explicit TaskExecutorWorker(std::shared_ptr<SubmittedTasksQueue> const& source);
     TaskExecutorWorker(TaskExecutorWorker const&) = delete;
     TaskExecutorWorker& operator=(TaskExecutorWorker const&) = delete;
-    /// Terminates the worker. Ends the process if the thread cannot be joined, as on the worker's
-    /// own thread.
+    /// Terminates the worker. Ends the process, after a line at `ERROR`, if the thread cannot be
+    /// joined, as on the worker's own thread.
     virtual ~TaskExecutorWorker();
 
-    /// Starts the thread. `std::system_error` escapes if none can be had. Ends the process if the
-    /// previous thread has not been joined. Start a worker once: a thread that is started after
-    /// `terminate()` is never joined, and the destructor ends the process.
+    /// Starts the thread. `std::system_error` escapes if none can be had. Ends the process, after a
+    /// line at `ERROR`, if the previous thread has not been joined. Start a worker once: a thread
+    /// that is started after `terminate()` is never joined, and the destructor ends the process.
     void start();
 
     /// The worker thread's loop; returns once the worker is terminated, or finds its queue closed.

@@ -18,7 +18,10 @@ extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 /// reference keeps the executor beyond that point. Exit handlers and statics that are younger than
 /// the first call, such as those that a task's own libraries register, are run before that, while
 /// the worker may still be running tasks. `exit()` on its own worker ends the process abnormally.
-/// Not to be called after that release, as from the destructor of an older static.
+/// Not to be called after that release, as from the destructor of an older static. Unloading the
+/// library releases the executor with the loader's lock held, so a task that loads a library
+/// meanwhile never ends, nor does `dlclose()`; and an executor that somebody else keeps would run
+/// code that is gone.
 ///
 /// *Threads*: Thread-safe, concurrent first calls included.
 ///

@@ -1,5 +1,6 @@
 #include <ovra/concurrent/TaskHandle.h>
 
+#include <ovra/concurrent/internal/SubmissionMemory.h>
 #include <ovra/concurrent/internal/WeakTask.h>
 
 namespace ovra::concurrent {
@@ -8,39 +9,50 @@ static_assert(std::atomic<Executable::State>::is_always_lock_free &&
               std::atomic<Executable::Result>::is_always_lock_free);
 
 TaskHandle::TaskHandle(std::shared_ptr<SubmittedTaskProxy> const& taskProxy)
-    : proxy(taskProxy),
-      state(proxy && proxy->getState ? proxy->getState() : Executable::DONE),
-      result(proxy && proxy->getResult ? proxy->getResult() : Executable::SUCCESS) {}
+    : link(taskProxy),
+      state(taskProxy && taskProxy->getState ? taskProxy->getState() : Executable::DONE),
+      result(taskProxy && taskProxy->getResult ? taskProxy->getResult() : Executable::SUCCESS) {}
 
-std::shared_ptr<TaskHandle> TaskHandle::of(std::weak_ptr<SubmittedTask> const& submitted) {
-    return std::make_shared<TaskHandle>(Private(), submitted);
+std::shared_ptr<TaskHandle> TaskHandle::of(std::shared_ptr<SubmittedTask> const& submitted,
+                                           SubmissionMemory* memory) {
+    if (memory == nullptr) {
+        auto handle = std::make_shared<TaskHandle>(Private(), submitted);
+        submitted->setHandle(handle);
+        return handle;
+    }
+    auto handle = std::allocate_shared<TaskHandle>(SubmissionMemory::Allocator<TaskHandle>(memory),
+                                                   Private(), submitted);
+    submitted->setFirstHandle(handle);
+    return handle;
 }
 
-TaskHandle::TaskHandle(Private, std::weak_ptr<SubmittedTask> const& submitted)
-    : task(submitted), state(Executable::UNSCHEDULED), result(Executable::NO_RESULT) {}
+TaskHandle::TaskHandle(Private, std::shared_ptr<SubmittedTask> const& submitted)
+    : link(std::weak_ptr<SubmittedTask>(submitted)),
+      state(Executable::UNSCHEDULED),
+      result(Executable::NO_RESULT) {}
 
 TaskHandle::~TaskHandle() = default;
 
 void TaskHandle::cancel() {
-    if (!proxy) {
-        concurrent::cancel(task);
-    } else if (proxy->cancel) {
+    if (auto const* const task = std::get_if<WeakTask>(&link)) {
+        concurrent::cancel(*task);
+    } else if (auto const& proxy = std::get<Proxy>(link); proxy && proxy->cancel) {
         proxy->cancel();
     }
 }
 
 void TaskHandle::updatePriority(TaskPriority priority) {
-    if (!proxy) {
-        concurrent::updatePriority(task, priority);
-    } else if (proxy->updatePriority) {
+    if (auto const* const task = std::get_if<WeakTask>(&link)) {
+        concurrent::updatePriority(*task, priority);
+    } else if (auto const& proxy = std::get<Proxy>(link); proxy && proxy->updatePriority) {
         proxy->updatePriority(priority);
     }
 }
 
 void TaskHandle::waitForCompletion() {
-    if (!proxy) {
-        concurrent::waitForCompletion(task);
-    } else if (proxy->waitForCompletion) {
+    if (auto const* const task = std::get_if<WeakTask>(&link)) {
+        concurrent::waitForCompletion(*task);
+    } else if (auto const& proxy = std::get<Proxy>(link); proxy && proxy->waitForCompletion) {
         proxy->waitForCompletion();
     }
     // If the task is gone, this acquire load synchronises with the worker's last setResult(). The

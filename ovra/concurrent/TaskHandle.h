@@ -4,6 +4,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <variant>
 
 #include <ovra/Export.h>
 #include <ovra/concurrent/Executable.h>
@@ -11,6 +12,7 @@
 
 namespace ovra::concurrent {
 
+class SubmissionMemory;
 class SubmittedTask;
 
 /// The road from a `TaskHandle` to its `SubmittedTask`: five functions over a weak reference.
@@ -38,6 +40,8 @@ struct SubmittedTaskProxy {
 /// *Failure*: see `waitForCompletion()`. A null proxy counts as one whose members are empty.
 class OVRA_API TaskHandle {
     struct Private {};
+    using WeakTask = std::weak_ptr<SubmittedTask>;
+    using Proxy = std::shared_ptr<SubmittedTaskProxy>;
 
 public:
     /// Reaches the task through `taskProxy`, which is asked for state and result once, here.
@@ -68,7 +72,7 @@ public:
     /// it uses, and the borrowed task name, must stay valid beyond the wait.
     ///
     /// Needs no memory. Wait once: a second wait, or one from another thread, while the task still
-    /// exists throws `std::future_error`. A wait never ends
+    /// exists is logged at `ERROR` and throws `std::future_error`. A wait never ends
     /// - for a queued task of an executor that is destroyed, or whose queue is closed: the waiter
     ///   keeps the task, but no worker will ever reach it. Keep the executor alive while you wait,
     ///   or ask `isDone()` instead;
@@ -90,10 +94,11 @@ public:
     /// then the worker may be writing it.
     std::exception_ptr getException() const;
 
-    /// For the queue: a handle of a task, which reaches it without a proxy. It starts with the
-    /// state and result that every task starts with.
-    OVRA_LOCAL static std::shared_ptr<TaskHandle> of(std::weak_ptr<SubmittedTask> const& submitted);
-    OVRA_LOCAL TaskHandle(Private, std::weak_ptr<SubmittedTask> const& submitted);
+    /// For the queue: a new handle, linked to a task. `memory`: where an executor made the task,
+    /// and has shown it to nobody; or null.
+    OVRA_LOCAL static std::shared_ptr<TaskHandle> of(
+        std::shared_ptr<SubmittedTask> const& submitted, SubmissionMemory* memory);
+    OVRA_LOCAL TaskHandle(Private, std::shared_ptr<SubmittedTask> const& submitted);
 
     /// For the task, which pushes every change here.
     void setState(Executable::State newState);
@@ -103,8 +108,7 @@ public:
     void setException(std::exception_ptr const& newException);
 
 private:
-    std::shared_ptr<SubmittedTaskProxy> const proxy;
-    std::weak_ptr<SubmittedTask> const task;  // Asked when there is no proxy.
+    std::variant<WeakTask, Proxy> const link;
     std::atomic<Executable::State> state;
     std::atomic<Executable::Result> result;
     std::exception_ptr exception;  // Written by the worker before the state that ends the task.

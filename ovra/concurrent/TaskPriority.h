@@ -4,6 +4,11 @@
 
 #include <ovra/Export.h>
 
+OVRA_NOT_A_MACRO(LOW);
+OVRA_NOT_A_MACRO(NORMAL);
+OVRA_NOT_A_MACRO(HIGH);
+OVRA_NOT_A_MACRO(HIGHEST);
+
 namespace ovra::concurrent {
 
 /// How urgent a task is. Any value outside 2..4 counts as `LOW`.

@@ -167,46 +167,56 @@ public:
     /// link itself). `true` also when nothing can be seen here: the entry is missing, is a dangling
     /// link (which stays), or lies in a directory that may not be searched.
     bool RemoveDirectory();
-    /// Removes the directory with everything in it.
+    /// Removes the directory with everything in it, **and empties every directory that a link in it
+    /// leads to**, wherever that lies.
     ///
-    /// **Links to directories are followed:** the contents of a link's target are deleted wherever
-    /// it lies, then the link; the target itself stays, empty. Only the link goes when it leads to
-    /// a file, or back to a directory that is being emptied already.
+    /// Of a link to a directory, the target's contents go, then the link; the target itself stays,
+    /// empty. Only the link goes when it leads to a file, or back to a directory that is being
+    /// emptied already.
     ///
     /// Dangling links, pipes, sockets, devices and links to these stay, and with them the
     /// directories above. The result is then `false`; what could be removed is gone. `false` too,
     /// and nothing touched, if this is not a directory.
     ///
+    /// That a directory is not entered again while it is being emptied keeps links that lead back
+    /// up from multiplying the work. In rare trees with such links it changes what is left: more
+    /// goes, and the result is `true` where it would not be, or a directory or a link that has come
+    /// to dangle stays.
+    ///
     /// One directory, and so one file descriptor, is open per level. What lies deeper than the
     /// limits on descriptors and on the length of a path allow stays, and the result is `false`.
+    /// Each level also takes up to 1 KiB of the thread's stack: a small one may not do for a deep
+    /// tree, and a stack that overflows ends the process.
     bool RemoveDirectoryRecursive();
     /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
     /// a directory. The link's contents are this path as it stands, so a relative one is read
     /// relative to the directory of the link, not to the current directory. `false` if this entry
     /// does not exist or the place is taken.
     bool CreateSymbolicLink(FileHandle& target);
-    /// Copies the bytes of a regular file (or of a link's target, if that is one) to `target`, or
-    /// into it under this name if `target` is a directory. An existing file is overwritten in place
-    /// and keeps its mode and owner; a new one gets neither from the source.
+    /// Copies a regular file, **with `true` also when bytes are missing at the end**, as after a
+    /// short write or on a full disk: `true` says that both files were opened.
     ///
-    /// **`true` says that both files were opened, not that all bytes arrived:** a short write or a
-    /// full disk gives `true` too.
+    /// The bytes (those of a link's target, if that is a regular file) go to `target`, or into it
+    /// under this name if `target` is a directory. An existing file is overwritten in place and
+    /// keeps its mode and owner; a new one gets neither from the source.
     ///
     /// **Copied onto itself, onto a link to itself or into its own directory, the file ends up
     /// empty, with `true`.** When the source cannot be read, `target` may have been emptied as
     /// well.
     ///
-    /// Blocks while `target` is a named pipe that nobody reads.
+    /// Blocks while `target` is a named pipe that nobody reads. One whose reader has gone raises
+    /// `SIGPIPE`.
     bool Copy(FileHandle& target);
     /// Moves the entry to `target`, replacing a file there, or into it under this name if `target`
     /// is a directory. Nothing is moved across file systems. This handle still names the old place.
     ///
     /// Onto another hard link of the same file nothing moves, and the result is `true`.
     ///
-    /// **The name in a target directory is this path's FileName(), resolved against the target:** a
-    /// last component like "C:" counts as a root, so the entry goes to "C:" in the current
-    /// directory; one that is empty, as in "/a/sub//", names the target directory itself. The same
-    /// holds for Copy() and CreateSymbolicLink().
+    /// **The name in a target directory is this path's FileName(), resolved against the target.** A
+    /// last component like "C:" counts as a root there and means "C:/" in the current directory: a
+    /// directory is moved to that place, of a file the result is `false`. One that is empty, as in
+    /// "/a/sub//", names the target directory itself. The name is the same for Copy() and
+    /// CreateSymbolicLink(), which give `false` for one like "C:".
     bool Move(FileHandle& target);
     /// Gives the entry another name in its directory, replacing a file of that name; this handle
     /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, ".."
@@ -239,11 +249,15 @@ public:
     void SetPermissions(unsigned long permissions);
 
     /// A file stream on the entry, opened with `mode | in`; never null, with failbit set when it
-    /// could not be opened. Opening a named pipe blocks until somebody writes to it.
+    /// could not be opened. Opening a named pipe blocks until somebody writes to it, or a signal
+    /// handler without `SA_RESTART` makes it fail. The descriptor passes to programs that are
+    /// executed.
     std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const;
     /// A file stream on the entry, opened with `mode | out`; never null, with failbit set when it
     /// could not be opened. A mode of 0 or of binary alone creates the file or empties it. Opening
-    /// a named pipe blocks until somebody reads from it.
+    /// a named pipe blocks until somebody reads from it, or a signal handler without `SA_RESTART`
+    /// makes it fail; writing to one whose reader has gone raises `SIGPIPE`. The descriptor passes
+    /// to programs that are executed.
     std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const;
 
     /// Drops the back end's cached status. Queries read anew without it.

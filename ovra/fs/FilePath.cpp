@@ -141,10 +141,7 @@ void FilePath::Cache() const {
             fileName += SEPARATOR;
             directoryPath = fileName;
         }
-        fullPathIsPath = fileName.size() == path.size();
-        if (!fullPathIsPath) {
-            fullPath = fileName;
-        }
+        fullPath = fileName;
     } else {
         directoryPath = std::string(text.substr(0, lastSeparator + 1));
         auto const bothSeparators = [](char left, char right) {
@@ -153,13 +150,9 @@ void FilePath::Cache() const {
         directoryPath.erase(std::unique(directoryPath.begin(), directoryPath.end(), bothSeparators),
                             directoryPath.end());
         fileName = std::string(text.substr(lastSeparator + 1));
-        std::size_t const fullSize = directoryPath.size() + fileName.size();
-        fullPathIsPath = fullSize == path.size();
-        if (!fullPathIsPath) {
-            fullPath.reserve(fullSize);
-            fullPath += directoryPath;
-            fullPath += fileName;
-        }
+        fullPath.reserve(directoryPath.size() + fileName.size());
+        fullPath += directoryPath;
+        fullPath += fileName;
     }
 
     std::string_view const name = fileName;
@@ -185,7 +178,7 @@ bool FilePath::EndingSeparator() const {
 
 std::string const& FilePath::FullPath() const {
     Cache();
-    return fullPathIsPath ? path : fullPath;
+    return fullPath;
 }
 
 std::string const& FilePath::FileName() const {

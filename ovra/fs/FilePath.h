@@ -47,11 +47,12 @@ public:
 
     /// The same path; the two share nothing.
     FilePath(FilePath const& other);
-    /// Takes over the path of `other`, as with SetPath().
+    /// Takes over the path of `other`. References returned earlier change at once.
     FilePath& operator=(FilePath const& other);
     ~FilePath();
 
-    /// Replaces the path. References to components returned earlier change with the next question.
+    /// Replaces the path. A reference returned by Path() changes at once; one to a component, the
+    /// full path included, holds its text until the next question about a component.
     void SetPath(std::string const& newPath);
 
     /// `other` below this path, or `other` itself if it is absolute. Nothing is normalised and the
@@ -93,7 +94,7 @@ public:
     /// "a/b/" -> true, with the file name "b".
     bool EndingSeparator() const;
 
-    // The references below stay valid until the path changes or the object is destroyed.
+    // The references below are valid as long as the object; see SetPath() for when they change.
 
     /// The directory path followed by the file name.
     std::string const& FullPath() const;
@@ -118,7 +119,6 @@ private:
 
     // All but `path` are computed from it by Cache(), and mean nothing until `cacheValid` is set.
     mutable bool cacheValid = false;
-    mutable bool fullPathIsPath = false;  // Of one size, they are the same: separators alone go.
     mutable std::string fullPath;
     mutable std::string fileName;
     mutable std::string fileBaseName;

@@ -12,6 +12,7 @@
 
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
+#include <ovra/log/internal/VerbatimScope.h>
 
 namespace ovra::log {
 
@@ -68,11 +69,16 @@ private:
     int const kept = errno;
 };
 
-// Apart from `log`, so that a message that is not delivered costs no more than the look at its
-// level.
+bool isDelivered(LogLevel level) {
+    LogLevel const threshold = globalLevel.load(std::memory_order_relaxed);
+    return threshold != DISABLED && threshold >= level;
+}
+
+// Apart from its callers, so that a message that is not delivered costs no more than the look at
+// its level.
 __attribute__((noinline))
 OVRA_PRINTF(3, 0) void logFormatted(LogLevel level, char const* tag, char const* format,
-                                    std::va_list arguments) {
+                                    std::va_list arguments, bool isVerbatim) {
     ErrnoKeeper const errnoKeeper;
     CText message = formatMessage(format, arguments);
     if (!message) {
@@ -81,6 +87,7 @@ OVRA_PRINTF(3, 0) void logFormatted(LogLevel level, char const* tag, char const*
     CText const line = formatLine(tag != nullptr ? tag : "(null)", level, message.get());
     message.reset();
     if (line) {
+        VerbatimScope const scope(isVerbatim);
         deliver(line.get(), level);
     }
 }
@@ -90,13 +97,22 @@ OVRA_PRINTF(3, 0) void logFormatted(LogLevel level, char const* tag, char const*
 LogHandler::~LogHandler() = default;
 
 void log(LogLevel level, char const* tag, char const* format, ...) {
-    LogLevel const threshold = globalLevel.load(std::memory_order_relaxed);
-    if (threshold == DISABLED || threshold < level) {
+    if (!isDelivered(level)) {
         return;
     }
     std::va_list arguments;
     va_start(arguments, format);
-    logFormatted(level, tag, format, arguments);
+    logFormatted(level, tag, format, arguments, false);
+    va_end(arguments);
+}
+
+void logVerbatim(LogLevel level, char const* tag, char const* format, ...) {
+    if (!isDelivered(level)) {
+        return;
+    }
+    std::va_list arguments;
+    va_start(arguments, format);
+    logFormatted(level, tag, format, arguments, true);
     va_end(arguments);
 }
 

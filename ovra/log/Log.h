@@ -5,13 +5,24 @@
 
 #include <ovra/Export.h>
 
+OVRA_NOT_A_MACRO(DISABLED);
+OVRA_NOT_A_MACRO(CRITICAL);
+OVRA_NOT_A_MACRO(ERROR);
+OVRA_NOT_A_MACRO(WARNING);
+OVRA_NOT_A_MACRO(INFO);
+OVRA_NOT_A_MACRO(DEBUG);
+OVRA_NOT_A_MACRO(VERBOSE);
+OVRA_NOT_A_MACRO(FILE_HANDLER);
+OVRA_NOT_A_MACRO(PLATFORM_HANDLER);
+OVRA_NOT_A_MACRO(STANDARD_STREAM_HANDLER);
+
 namespace ovra::log {
 
 /// How severe a message is; smaller is more severe. As the global level: deliver messages whose
 /// level is at most this, `DISABLED` none at all.
 enum LogLevel : std::int32_t {
     DISABLED = 0,  ///< As the global level: none. As a message's: delivered under any other.
-    CRITICAL = 1,  ///< The host can hardly go on.
+    CRITICAL = 1,  ///< The application can hardly go on.
     ERROR = 2,     ///< Something failed. The global level at the start.
     WARNING = 3,   ///< Odd, and survived; the library's own word on exceptions out of tasks.
     INFO = 4,      ///< The ordinary course of things, such as the states of tasks.
@@ -35,7 +46,8 @@ enum LogHandlerType : std::int32_t {
 /// writes. A sink that itself logs is called again, and one that does so under its own lock
 /// deadlocks. A sink must not call `addLogHandler`, and its destructor must not log.
 ///
-/// *Failure*: what a sink throws is discarded, and the sinks not yet called miss that message.
+/// *Failure*: what a sink throws is discarded, and the sinks not yet called miss that message. A
+/// sink that never returns holds whoever logs.
 class OVRA_API LogHandler {
 public:
     LogHandler() = default;
@@ -58,15 +70,33 @@ public:
 ///
 /// *The system log takes the line as its own format*: whatever percent sign is left after
 /// formatting is interpreted there once more. Double it twice in a format ("%%%%"), once more than
-/// for the other sinks, which get the line as it is; and never pass untrusted text, as the format
-/// or as an argument, without doubling its percent signs.
+/// for the other sinks, which get the line as it is. A conversion that is left ends the process, or
+/// worse: pass text that the application did not write to `logVerbatim` instead.
 ///
-/// *Threads*: Thread-safe but for `addLogHandler`. Takes no lock; each sink has its own. Not to be
-/// called once static destruction has reached the library.
+/// *Threads*: Thread-safe but for `addLogHandler`. Blocks for as long as a sink does, and as the
+/// system log takes no lines. Takes no lock of its own, but each sink locks its mutex while it
+/// writes, the one to the system log included. Hence not for signal handlers,
+/// nor for a child after `fork()`: it hangs there for good if a sink's mutex was held when the
+/// signal came or the process forked. Not to be called once static destruction has reached the
+/// library.
 ///
 /// *Failure*: a message that cannot be formatted, a null `format` included, is dropped in silence.
 /// A null `tag` reads "(null)". Leaves `errno` as it was.
 OVRA_API void log(LogLevel level, char const* tag, char const* format, ...) OVRA_PRINTF(3, 4);
+
+/// As `log` in every respect, but the line is text to every sink: no percent sign in it is a
+/// conversion to the system log. For text that the application did not write, such as file names
+/// and messages of exceptions.
+///
+///     logVerbatim(WARNING, "load()", "Cannot read '%s'.", name);
+///
+/// The rule holds for whatever this thread writes to the system log during the call: through the
+/// sink that is always there, through registered ones and those derived from `PlatformLogHandler`,
+/// and through one that another sink calls. A `log` inside a sink keeps its own rule. A sink that
+/// passes lines to another thread, which then writes them to the system log, sends them as `log`
+/// would.
+OVRA_API void logVerbatim(LogLevel level, char const* tag, char const* format, ...)
+    OVRA_PRINTF(3, 4);
 
 /// The enumerator's name, or "UNKNOWN" for any other value. A static string, never null.
 OVRA_API char const* logLevelToName(LogLevel level);
@@ -97,7 +127,7 @@ OVRA_API std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char 
 /// the exception escapes and an existing sink stays.
 OVRA_API void addLogHandler(LogHandlerType type, char const* name);
 
-/// The same for a sink of the host's own. An empty `handler` changes nothing.
+/// The same for a sink of the application's own. An empty `handler` changes nothing.
 OVRA_API void addLogHandler(std::shared_ptr<LogHandler> handler, char const* name);
 
 }  // namespace ovra::log

@@ -4,6 +4,7 @@
 #include <string>
 
 #include <ovra/log/LogHandlers.h>
+#include <ovra/log/internal/VerbatimScope.h>
 
 namespace ovra::log {
 
@@ -13,6 +14,10 @@ void handleLogMessageEInkOrLinux(char const* line, LogLevel level, std::mutex& m
     int const priority = index <= 4 ? PRIORITIES[index] : LOG_INFO;
 
     std::lock_guard<std::mutex> const lock(mutex);
+    if (VerbatimScope::isVerbatim()) {
+        syslog(priority, "%s", line);
+        return;
+    }
     // Callers rely on the system log's own formatting of what is left in the line.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"

@@ -1152,12 +1152,18 @@ TEST_F(SubmittedTaskTest, PromiseCanBeFulfilledOnce) {
     auto future = task->getFuture();
     task->setPromiseValue();
 
+    test::LogRecorder recorder(log::ERROR);
+    // With no lock held: a sink may ask for what it likes.
+    recorder.onLine([&](test::LogLine const&) { task->getState(); });
     try {
         task->setPromiseValue();
         ADD_FAILURE() << "fulfilled twice";
     } catch (std::future_error const& e) {
         EXPECT_EQ(e.code(), std::future_errc::promise_already_satisfied);
     }
+    EXPECT_THAT(recorder.texts(),
+                ElementsAre("[SubmittedTask::setPromiseValue():ERROR] A task has come to its end a "
+                            "second time: submit each SubmittedTask once."));
     EXPECT_TRUE(future.get());
 }
 

@@ -266,27 +266,43 @@ TEST_F(TaskExecutorWorkerTest, TerminatedBeforeItRunsTakesNothing) {
     EXPECT_EQ(handle->getState(), Executable::UNSCHEDULED);
 }
 
+// What is logged at `ERROR`, on the standard error stream.
+class PrintedErrors {
+public:
+    PrintedErrors() {
+        recorder.onLine(
+            [](test::LogLine const& line) { std::fputs((line.text + "\n").c_str(), stderr); });
+    }
+
+private:
+    test::LogRecorder recorder{log::ERROR};
+};
+
 TEST_F(TaskExecutorWorkerTest, StartingASecondTimeEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
+            PrintedErrors const errors;
             start();
             worker->start();
         },
-        ::testing::KilledBySignal(SIGABRT), "");
+        ::testing::KilledBySignal(SIGABRT),
+        "TaskExecutorWorker::start\\(\\):ERROR\\] The process ends, as the worker's last thread");
 }
 
 TEST_F(TaskExecutorWorkerTest, StartingAfterTheEndThenDestroyingEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
+            PrintedErrors const errors;
             start();
             queue->close();
             worker->terminate();
             worker->start();  // Never joined: the worker has been terminated before.
             worker.reset();
         },
-        ::testing::KilledBySignal(SIGABRT), "");
+        ::testing::KilledBySignal(SIGABRT),
+        "~TaskExecutorWorker\\(\\):ERROR\\] The process ends, as the worker's thread cannot");
 }
 
 TEST_F(TaskExecutorWorkerTest, DestructionOnItsOwnThreadEndsTheProcess) {
@@ -1015,13 +1031,15 @@ TEST_F(TaskExecutorWorkerTest, RunningOneSubmissionTwiceEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
+            PrintedErrors const errors;
             start();
             auto const task = submission();
             queue->addTask(task)->waitForCompletion();
             queue->addTask(task);
             test::Gate().wait();
         },
-        ::testing::KilledBySignal(SIGABRT), "[Pp]romise already satisfied");
+        ::testing::KilledBySignal(SIGABRT),
+        "SubmittedTask::setPromiseValue\\(\\):ERROR\\] (.|\n)*[Pp]romise already satisfied");
 }
 
 TEST_F(TaskExecutorWorkerTest, OnlyItsDestructorIsVirtual) {

@@ -167,6 +167,17 @@ bool Process::readSome() {
     return true;
 }
 
+bool hasTerminals() {
+    try {
+        auto const [screen, terminal] = makeTerminal();
+        close(terminal);
+        close(screen);
+        return true;
+    } catch (std::runtime_error const&) {
+        return false;
+    }
+}
+
 Outcome run(Command const& command) {
     return Process(command).finish();
 }

@@ -57,6 +57,9 @@ private:
     Outcome outcome;
 };
 
+/// Whether this machine gives out terminals: not without /dev/pts.
+bool hasTerminals();
+
 /// Starts a program and waits for its end.
 Outcome run(Command const& command);
 

@@ -84,16 +84,18 @@ std::string lineCount(int before, CountingSink const& sink, int sinkBefore) {
            std::to_string(sink.lines - sinkBefore);
 }
 
-Operation logging(char const* name, log::LogLevel level, std::string const& result,
+using Log = void (*)(log::LogLevel, char const*, char const*, ...);
+
+Operation logging(char const* name, Log log, log::LogLevel level, std::string const& result,
                   std::vector<Rule> const& rules) {
-    return {name, result, rules, [level] {
+    return {name, result, rules, [log, level] {
                 auto const sink = std::make_shared<CountingSink>();
                 auto const registered = std::make_shared<Registered>(sink);
-                return Action([sink, registered, level] {
+                return Action([sink, registered, log, level] {
                     int const systemBefore = systemLogLines();
                     int const sinkBefore = sink->lines;
                     errno = EXDEV;
-                    log::log(level, "tag", "a message that is not short, and a number: %d", 5);
+                    log(level, "tag", "a message that is not short, and a number: %d", 5);
                     if (errno != EXDEV) {
                         return shown("errno has changed");
                     }
@@ -106,12 +108,15 @@ Operation logging(char const* name, log::LogLevel level, std::string const& resu
 
 std::vector<Operation> logOperations() {
     Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
+    std::vector<Rule> const whenDelivered = {any(Call::FORMAT, "0 0"), any(Call::MALLOC, "0 0|1 1"),
+                                             any(Call::LOCK, "0 0")};
     return {
-        logging("log, filtered", log::INFO, "0 0", {}),
+        logging("log, filtered", log::log, log::INFO, "0 0", {}),
+        logging("logVerbatim, filtered", log::logVerbatim, log::INFO, "0 0", {}),
         // The C library may do without some of the memory it asks for. A sink that throws ends the
         // round of the sinks.
-        logging("log", log::WARNING, "1 1",
-                {any(Call::FORMAT, "0 0"), any(Call::MALLOC, "0 0|1 1"), any(Call::LOCK, "0 0")}),
+        logging("log", log::log, log::WARNING, "1 1", whenDelivered),
+        logging("logVerbatim", log::logVerbatim, log::WARNING, "1 1", whenDelivered),
         {"log, to a file",
          "logged",
          {any(Call::WRITE, "logged", PARTLY), any(Call::FORMAT, "logged", UNCHANGED),

@@ -332,6 +332,26 @@ std::vector<Operation> submissionOperations() {
          onTask([](Followed& followed) { return shown(followed.task->getFuture().valid()); }),
          {},
          used},
+        // What is logged of the mistake, or is not, makes no difference.
+        {"SubmittedTask::setPromiseValue, again",
+         used,
+         {nth(Call::LOCK, 1, SYSTEM_ERROR), memory},
+         [] {
+             auto const followed = std::make_shared<Followed>();
+             followed->task->setPromiseValue();
+             return Action([followed] {
+                 followed->task->setPromiseValue();
+                 return shown("set");
+             });
+         }},
+        {"SubmittedTask::getFuture, again",
+         used,
+         {nth(Call::LOCK, 1, SYSTEM_ERROR), memory},
+         [] {
+             auto const followed = std::make_shared<Followed>();
+             followed->task->getFuture();
+             return Action([followed] { return shown(followed->task->getFuture().valid()); });
+         }},
         {"SubmittedTask::provideProxy", "true", {memory}, onTask([](Followed& followed) {
              auto const proxy = SubmittedTask::provideProxy(followed.task);
              return shown(proxy != nullptr);
@@ -375,6 +395,18 @@ std::vector<Operation> handleOperations() {
          },
          {},
          used},
+        {"TaskHandle::waitForCompletion, again",
+         used,
+         {nth(Call::LOCK, 1, SYSTEM_ERROR), any(Call::NEW, OUT_OF_MEMORY)},
+         [] {
+             auto const followed = std::make_shared<Followed>();
+             followed->task->execute();
+             followed->handle->waitForCompletion();
+             return Action([followed] {
+                 followed->handle->waitForCompletion();
+                 return shown("waited");
+             });
+         }},
         {"TaskHandle::getException", "true", {}, onTask([](Followed& followed) {
              return shown(followed.handle->getException() == nullptr);
          })},

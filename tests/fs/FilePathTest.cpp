@@ -450,6 +450,29 @@ TEST(FilePathTest, FoldsDotsAway) {
     }
 }
 
+TEST(FilePathTest, ReferencesHoldTheirTextUntilTheNextQuestionAfterAChange) {
+    for (char const* text : {"/a/b.c", "b.c", "/", "C:", "a//b.c/", ""}) {
+        FilePath path{std::string(text)};
+        std::string const* const references[] = {&path.FullPath(), &path.FileName(),
+                                                 &path.FileBaseName(), &path.Extension(),
+                                                 &path.DirectoryPath()};
+        auto const texts = [&references] {
+            std::vector<std::string> result;
+            for (std::string const* reference : references) {
+                result.push_back(*reference);
+            }
+            return result;
+        };
+        std::vector<std::string> const old = texts();
+        path.SetPath("/quite/another/path.txt");
+        EXPECT_EQ(texts(), old) << text;
+        path.IsAbsolute();
+        EXPECT_EQ(texts(), (std::vector<std::string>{"/quite/another/path.txt", "path.txt", "path",
+                                                     ".txt", "/quite/another/"}))
+            << text;
+    }
+}
+
 TEST(FilePathTest, FoldsVeryLongPaths) {
     constexpr int DEPTH = 100000;
     std::string down;

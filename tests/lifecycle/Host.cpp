@@ -12,6 +12,7 @@
 #include <map>
 
 #include <tests/lifecycle/Scene.h>
+#include <tests/support/Deadline.h>
 
 namespace ovra::test {
 namespace {
@@ -20,8 +21,6 @@ using concurrent::Executable;
 using concurrent::getNoStarveTaskExecutor;
 using concurrent::TaskExecutor;
 using concurrent::TaskExecutorImpl;
-
-constexpr unsigned int HUNG_AFTER_SECONDS = 60;
 
 std::shared_ptr<TaskExecutor> makeExecutor(unsigned int workers = 1) {
     return std::make_shared<TaskExecutorImpl>(
@@ -173,7 +172,7 @@ void forkAndGoOn(std::string const& situation) {
     bool const wasIdle = executor->isIdle();
     pid_t const child = fork();
     if (child == 0) {
-        alarm(HUNG_AFTER_SECONDS);  // The parent's does not count here.
+        alarm(deadlineSeconds());  // The parent's does not count here.
         auto const handle = executor->submitTask(
             [] {
                 say("ran in the child");
@@ -205,7 +204,7 @@ void forkAndExit(std::string const& situation) {
     makeSharedScene(situation);
     pid_t const child = fork();
     if (child == 0) {
-        alarm(HUNG_AFTER_SECONDS);
+        alarm(deadlineSeconds());
         std::exit(7);
     }
     sayHowItEnded(statusOf(child));
@@ -267,7 +266,7 @@ void staticLooksWeakly(std::string const& situation) {
 }
 
 int run(int argc, char** argv) {
-    alarm(HUNG_AFTER_SECONDS);
+    alarm(deadlineSeconds());
     log::addLogHandler(log::STANDARD_STREAM_HANDLER, "standard streams");
     std::map<std::string, void (*)(std::string const&)> const ends = {
         {"destroyed", destroyed},

@@ -21,6 +21,7 @@
 namespace ovra::test {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -305,7 +306,9 @@ TEST_P(FatalEndTest, SaysWhyAndTerminates) {
         "avoided'!\n";
     EXPECT_THAT(ending.errors, HasSubstr(logged));
     EXPECT_THAT(ending.errors.substr(std::min(ending.errors.find(logged), ending.errors.size())),
-                HasSubstr("terminate called without an active exception"));
+                AllOf(HasSubstr("[~TaskExecutorWorker():ERROR] The process ends, as the worker's "
+                                "thread cannot be joined"),
+                      HasSubstr("terminate called without an active exception")));
 }
 
 INSTANTIATE_TEST_SUITE_P(ReleasedOnItsOwnWorker, FatalEndTest,

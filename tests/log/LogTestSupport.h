@@ -22,6 +22,8 @@
 
 #include <ovra/log/Log.h>
 
+#include "tests/support/Deadline.h"
+
 namespace ovra::log::test {
 
 constexpr LogLevel levelOf(long long value) {
@@ -52,7 +54,8 @@ public:
 
     bool wait() {
         std::unique_lock<std::mutex> lock(mutex);
-        auto const deadline = std::chrono::system_clock::now() + std::chrono::seconds(60);
+        auto const deadline =
+            std::chrono::system_clock::now() + std::chrono::seconds(ovra::test::deadlineSeconds());
         return condition.wait_until(lock, deadline, [this] { return isOpen; });
     }
 

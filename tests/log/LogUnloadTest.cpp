@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <ovra/log/Log.h>
 
@@ -17,6 +19,7 @@ using ::testing::ElementsAre;
 
 using test::CLibraryProbe;
 using test::contentOf;
+using test::Gate;
 using test::openDescriptors;
 using test::TemporaryDirectory;
 
@@ -27,6 +30,7 @@ public:
         EXPECT_NE(handle, nullptr) << dlerror();
         find(addHandler, "_ZN4ovra3log13addLogHandlerENS0_14LogHandlerTypeEPKc");
         find(logLine, "_ZN4ovra3log3logENS0_8LogLevelEPKcS3_z");
+        find(logVerbatimLine, "_ZN4ovra3log11logVerbatimENS0_8LogLevelEPKcS3_z");
         find(setLevel, "_ZN4ovra3log11setLogLevelENS0_8LogLevelE");
         find(getLevel, "_ZN4ovra3log11getLogLevelEv");
     }
@@ -43,6 +47,7 @@ public:
 
     void (*addHandler)(LogHandlerType, char const*) = nullptr;
     void (*logLine)(LogLevel, char const*, char const*, ...) = nullptr;
+    void (*logVerbatimLine)(LogLevel, char const*, char const*, ...) = nullptr;
     void (*setLevel)(LogLevel) = nullptr;
     LogLevel (*getLevel)() = nullptr;
 
@@ -99,6 +104,38 @@ TEST(LogUnloadTest, LoadingAgainStartsAfresh) {
     library.logLine(ERROR, "tag", "text");
     EXPECT_THAT(probe.systemLogLines(), ElementsAre("[tag:ERROR] text"));
     EXPECT_EQ(contentOf(path), "");
+}
+
+// The threads of a plug-in host are older than the library.
+TEST(LogUnloadTest, ThreadThatIsOlderThanTheLibraryLogsVerbatim) {
+    Gate isLoaded;
+    LoadedLibrary* library = nullptr;
+    std::vector<std::string> lines;
+    std::thread older([&] {
+        EXPECT_TRUE(isLoaded.wait());
+        CLibraryProbe probe;
+        library->logVerbatimLine(ERROR, "tag", "%s", "100%n");
+        library->logLine(ERROR, "tag", "%s", "100%%");
+        lines = probe.systemLogLines();
+    });
+    LoadedLibrary loaded;
+    library = &loaded;
+    isLoaded.open();
+    older.join();
+    EXPECT_THAT(lines, ElementsAre("[tag:ERROR] 100%n", "[tag:ERROR] 100%"));
+}
+
+// More often than there are bytes in the blocks of the threads for libraries loaded later (1664).
+TEST(LogUnloadTest, WhatItTakesOfEachThreadsBlockIsGivenBack) {
+    for (int round = 0; round < 2000; ++round) {
+        LoadedLibrary library;
+        ASSERT_FALSE(HasFailure()) << "in round " << round;
+        CLibraryProbe probe;
+        library.logVerbatimLine(ERROR, "tag", "%s", "100%n");
+        ASSERT_THAT(probe.systemLogLines(), ElementsAre("[tag:ERROR] 100%n"));
+        library.unload();
+        ASSERT_FALSE(isLoaded());
+    }
 }
 
 }  // namespace

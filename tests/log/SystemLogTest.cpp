@@ -12,11 +12,16 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <ovra/concurrent/SubmittedTask.h>
+#include <ovra/concurrent/TaskExecutor.h>
+#include <ovra/concurrent/TaskExecutors.h>
+#include <ovra/concurrent/TaskHandle.h>
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
@@ -91,7 +96,7 @@ protected:
         std::strcpy(address.sun_path, "/dev/log");
         ASSERT_EQ(bind(systemLog, reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
             << strerror(errno);
-        timeval const deadline = {20, 0};
+        timeval const deadline = {ovra::test::deadlineSeconds(), 0};
         ASSERT_EQ(setsockopt(systemLog, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline), 0);
     }
 
@@ -155,6 +160,42 @@ TEST_F(SystemLogTest, PercentSignsLeftInTheLineAreInterpreted) {
     errno = ENOTDIR;
     log(ERROR, "tag", "%%m");
     EXPECT_THAT(receive(), AllOf(HasSubstr(": [tag:ERROR] "), Not(EndsWith("%m"))));
+}
+
+// Text that nobody could double the percent signs of: the application did not write it.
+TEST_F(SystemLogTest, TextOfAnExceptionOutOfATaskArrivesAsItIs) {
+    LevelKeeper const levelKeeper(WARNING);
+    char const path[] = "/nowhere/100%s%s%s%s%s%n full";
+    std::string what;
+    auto const work = [&] {
+        try {
+            static_cast<void>(std::filesystem::file_size(path));
+        } catch (std::exception const& e) {
+            what = e.what();
+            throw;
+        }
+        return concurrent::Executable::SUCCESS;
+    };
+    concurrent::getHighestPriorityTaskExecutor()
+        ->submitTask(work, concurrent::NORMAL, nullptr, "size of %s%n%m")
+        ->waitForCompletion();
+    EXPECT_THAT(what, HasSubstr(path));
+    EXPECT_THAT(receive(), EndsWith(": [SubmittedTask::execute():WARNING] Caught exception during "
+                                    "running of 'size of %s%n%m'. (" +
+                                    what + ")"));
+}
+
+TEST_F(SystemLogTest, NameOfATaskArrivesAsItIs) {
+    LevelKeeper const levelKeeper(INFO);
+    concurrent::SubmittedTask task([] { return concurrent::Executable::SUCCESS; },
+                                   concurrent::NORMAL, nullptr, "%s%s%s%s%n%%%m%");
+    task.execute();
+    for (char const* state : {"EXECUTING", "DONE"}) {
+        EXPECT_THAT(receive(), EndsWith(": [SubmittedTask::execute():INFO] Moving current task "
+                                        "'%s%s%s%s%n%%%m%' into " +
+                                        std::string(state) + " state."));
+    }
+    EXPECT_TRUE(isEmpty());
 }
 
 TEST_F(SystemLogTest, FilteredLineDoesNotArrive) {

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Deadline.h"
+
 namespace ovra::test {
 
 /// Whether a sanitizer slows everything down.
@@ -23,18 +25,6 @@ inline constexpr bool SANITIZED = false;
 #else
 inline constexpr bool SANITIZED = false;
 #endif
-
-/// The value of an environment variable as a number, or `otherwise` when it is not set.
-inline double environmentNumber(char const* variable, double otherwise) {
-    char const* const text = std::getenv(variable);
-    return text != nullptr && *text != '\0' ? std::strtod(text, nullptr) : otherwise;
-}
-
-/// Seconds after which a test that is still waiting counts as hung: OVRA_TEST_DEADLINE_SECONDS,
-/// by default 60. Raise it under emulation.
-inline unsigned int deadlineSeconds() {
-    return static_cast<unsigned int>(environmentNumber("OVRA_TEST_DEADLINE_SECONDS", 60));
-}
 
 /// The number of rounds for a test whose worth grows with them: `rounds` times OVRA_TEST_SCALE, by
 /// default 1, or a tenth under a sanitizer; at least 1.

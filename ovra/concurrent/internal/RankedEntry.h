@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <memory>
 
+#include <ovra/Export.h>
+#include <ovra/concurrent/TaskPriority.h>
+
 namespace ovra::concurrent {
 
 class RankedTasks;
@@ -16,21 +19,23 @@ struct RankedEntry {
     /// Set in `rank` while the rank is computed from the other bits, the rank given at `since`.
     static constexpr unsigned int COMPUTED = 0x80000000u;
 
-    RankedEntry(unsigned int initialRank, std::int32_t uniqueIndex)
-        : rank(initialRank), index(uniqueIndex) {}
+    RankedEntry(TaskPriority initialPriority, unsigned int initialRank, std::int32_t uniqueIndex)
+        : rank(initialRank), priority(initialPriority), index(uniqueIndex) {}
+    OVRA_LOCAL ~RankedEntry();
 
     bool isComputed() const { return (rank & COMPUTED) != 0; }
     unsigned int given() const { return rank & ~COMPUTED; }
 
     std::atomic<unsigned int> rank;
+    std::atomic<TaskPriority> priority;
     std::int32_t const index;
-    std::atomic<bool> wasAdded{false};  // To any queue.
-
-    // Set once, before the rank is computed for the first time.
-    std::shared_ptr<RankedTasks> home;
-
-    // Guarded by the lock of `home`.
+    std::atomic<bool> wasAdded{false};  // To a queue that computes ranks.
     std::uint8_t list = 0;
+
+    // Set once, before COMPUTED. Owned in part.
+    RankedTasks* home = nullptr;
+
+    // Guarded by the lock of `home`, as is `list`.
     std::uint64_t since = 0;  // The number of picks when the rank was given.
     std::uint64_t order = 0;  // Counts up as tasks are added.
     RankedEntry* previous = nullptr;

@@ -8,33 +8,17 @@ namespace ovra::concurrent {
 
 namespace {
 
-constexpr std::uint64_t HIGHEST_RANK = 0x7fffffff;
+constexpr std::uint64_t MAX_DOUBLINGS = 31;  // They take the least rank to the highest.
 
-// As many doublings take the least rank to the highest.
-constexpr std::uint64_t MAX_DOUBLINGS = 31;
-
-// How many tasks at the end of a list are compared by age. Threads that submit at the same time may
-// add their tasks in another order than they made them.
+// Threads that submit at the same time may add tasks in another order than they made them.
 constexpr int LOOK_BACK = 8;
 
 }  // namespace
 
-void RankedTasks::insert(std::shared_ptr<RankedTasks> const& self, RankedEntry& entry,
-                         std::shared_ptr<SubmittedTask> task, std::uint64_t order) {
-    std::lock_guard<std::mutex> const lock(mutex);
-    entry.home = self;
-    entry.task = std::move(task);
-    entry.order = order;
-    entry.since = picks;
-    entry.rank |= RankedEntry::COMPUTED;
-    place(entry);
-    ++size;
-}
-
-unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
-    std::lock_guard<std::mutex> const lock(mutex);
-    return entry.isComputed() ? rankAt(entry, isUpdated(entry) ? picks + 1 : picks)
-                              : entry.rank.load();
+RankedEntry::~RankedEntry() {
+    if (home != nullptr) {
+        home->release();
+    }
 }
 
 // The formula.
@@ -44,54 +28,64 @@ unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCou
         return given;
     }
     std::uint64_t const doublings = std::min(pickCount - entry.since, MAX_DOUBLINGS);
-    return static_cast<unsigned int>(std::min(std::uint64_t{given} << doublings, HIGHEST_RANK));
+    return static_cast<unsigned int>(
+        std::min<std::uint64_t>(std::uint64_t{given} << doublings, HIGHEST_RANK));
 }
 
-std::int64_t RankedTasks::sumAt(RankedEntry const& entry, std::uint64_t pickCount) const {
-    return std::int64_t{rankAt(entry, pickCount)} + entry.index;
+unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
+    std::lock_guard<std::mutex> const lock(mutex);
+    return entry.isComputed() ? rankAt(entry, isUpdated(entry) ? picks + 1 : picks) : entry.given();
 }
 
-SortKey RankedTasks::keyOf(RankedEntry& entry) const {
-    return {static_cast<unsigned int>(sumAt(entry, picks)), entry.order, &entry};
+void RankedTasks::insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task,
+                         std::uint64_t order) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    ++owners;
+    entry.home = this;
+    entry.task = std::move(task);
+    entry.since = picks;
+    entry.order = order;
+    entry.rank |= RankedEntry::COMPUTED;
+    place(entry);
+    ++size;
 }
 
-bool RankedTasks::isFinal(RankedEntry const& entry) const {
-    return !doubles || rankAt(entry, picks) == HIGHEST_RANK;
-}
-
-void RankedTasks::change(RankedEntry& entry, unsigned int rank) {
+bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> const& newRank) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (!entry.isComputed()) {
+        return false;
+    }
     bool const updated = isUpdated(entry);
     if (updated && entry.since <= picks) {
-        // This pick compares the rank that the scan found, and does not double the new one.
-        passed =
-            std::max(passed, keyOf(entry), [](auto& left, auto& right) { return right > left; });
+        passed = std::max(passed, keyOf(entry));  // What this pick compares.
     }
     unlink(entry);
-    entry.rank = rank | RankedEntry::COMPUTED;
+    entry.rank = newRank() | RankedEntry::COMPUTED;
     entry.since = updated ? picks + 1 : picks;
-    if (updated) {
-        link(entry, UNORDERED, nullptr);
-    } else {
-        place(entry);
-    }
+    updated ? link(entry, UNORDERED, nullptr) : place(entry);
+    return true;
 }
 
-// Of the chains that the task fits into, takes the one where it follows the least rank: so tasks of
+// Of the chains that the task fits into, takes the one where it follows the least rank. So tasks of
 // one rank share a chain, and there is a chain for each priority.
 void RankedTasks::place(RankedEntry& entry) {
-    std::size_t chosen = UNORDERED;
-    RankedEntry* ahead = nullptr;
-    std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
-    for (std::size_t chain = 0; chain < CHAINS; ++chain) {
-        RankedEntry* candidate = nullptr;
-        if (findPlace(lists[chain], entry, candidate)) {
-            std::uint64_t const rank =
-                candidate != nullptr ? rankAt(*candidate, picks) : HIGHEST_RANK + 1;
-            if (rank < least) {
-                chosen = chain;
-                ahead = candidate;
-                least = rank;
-            }
+    unsigned int const rank = rankAt(entry, picks);
+    std::uint8_t chosen = UNORDERED;
+    RankedEntry* chosenAhead = nullptr;
+    unsigned int least = std::numeric_limits<unsigned int>::max();
+    for (std::uint8_t chain = 0; chain < UNORDERED && least != rank; ++chain) {
+        RankedEntry* ahead = lists[chain].last;
+        for (int steps = 0; ahead != nullptr && ahead->index <= entry.index; ++steps) {
+            ahead = steps < LOOK_BACK ? ahead->previous : nullptr;
+        }
+        RankedEntry const* const behind = ahead != nullptr ? ahead->next : lists[chain].first;
+        unsigned int const rankAhead = ahead != nullptr ? rankAt(*ahead, picks) : HIGHEST_RANK + 1;
+        if (rankAhead >= rank && rankAhead < least &&
+            (behind == nullptr ||
+             (behind->index < entry.index && rankAt(*behind, picks) <= rank))) {
+            chosen = chain;
+            chosenAhead = ahead;
+            least = rankAhead;
         }
     }
     if (chosen == UNORDERED && isFinal(entry)) {
@@ -99,38 +93,21 @@ void RankedTasks::place(RankedEntry& entry) {
             finals.insert(keyOf(entry));
             entry.list = FINAL;
             return;
-        } catch (std::bad_alloc const&) {
-            // Compared at each pick, and tried again.
+        } catch (std::bad_alloc const&) {  // The next pick tries again.
         }
     }
-    link(entry, chosen, ahead);
+    link(entry, chosen, chosenAhead);
 }
 
-// Whether the task can stand in the chain: behind `ahead`, or first.
-bool RankedTasks::findPlace(List const& chain, RankedEntry const& entry,
-                            RankedEntry*& ahead) const {
-    ahead = chain.last;
-    for (int steps = 0; ahead != nullptr && ahead->index <= entry.index; ahead = ahead->previous) {
-        if (++steps > LOOK_BACK) {
-            ahead = nullptr;
-            break;
-        }
-    }
-    RankedEntry const* const behind = ahead != nullptr ? ahead->next : chain.first;
-    unsigned int const rank = rankAt(entry, picks);
-    return (ahead == nullptr || rankAt(*ahead, picks) >= rank) &&
-           (behind == nullptr || (behind->index < entry.index && rankAt(*behind, picks) <= rank));
-}
-
-void RankedTasks::link(RankedEntry& entry, std::size_t place, RankedEntry* ahead) {
+void RankedTasks::link(RankedEntry& entry, std::uint8_t place, RankedEntry* ahead) {
     List& list = lists[place];
-    entry.list = static_cast<std::uint8_t>(place);
+    entry.list = place;
     entry.previous = ahead;
     entry.next = ahead != nullptr ? ahead->next : list.first;
-    (entry.previous != nullptr ? entry.previous->next : list.first) = &entry;
+    (ahead != nullptr ? ahead->next : list.first) = &entry;
     (entry.next != nullptr ? entry.next->previous : list.last) = &entry;
     skipNonNegative(list);
-    if (entry.next == list.negative && sumAt(entry, picks) < 0) {
+    if (entry.next == list.negative && sumOf(entry) < 0) {
         list.negative = &entry;
     }
 }
@@ -149,7 +126,7 @@ void RankedTasks::unlink(RankedEntry& entry) {
 }
 
 void RankedTasks::skipNonNegative(List& chain) const {
-    while (chain.negative != nullptr && sumAt(*chain.negative, picks) >= 0) {
+    while (chain.negative != nullptr && sumOf(*chain.negative) >= 0) {
         chain.negative = chain.negative->next;
     }
 }
@@ -161,80 +138,60 @@ void RankedTasks::scanTo(std::uint64_t order) {
     }
 }
 
-// Along a chain, rank plus index falls. A score is this sum modulo 2^32: largest for the first task
-// whose sum is negative, or else for the first task.
+// The sums fall along a chain. So its largest score is that of the first negative sum, which wraps,
+// or else that of the first task.
 SortKey RankedTasks::best() {
     SortKey best = std::exchange(passed, SortKey());
-    auto const consider = [&](RankedEntry* entry) {
-        if (entry != nullptr) {
-            if (SortKey const key = keyOf(*entry); key > best) {
-                best = key;
-            }
+    for (RankedEntry* entry = lists[UNORDERED].first; entry != nullptr;) {
+        RankedEntry& current = *std::exchange(entry, entry->next);
+        if (current.since > picks) {
+            continue;  // Its rank was changed behind the scan.
         }
-    };
-    RankedEntry* next = nullptr;
-    for (RankedEntry* entry = lists[UNORDERED].first; entry != nullptr; entry = next) {
-        next = entry->next;
-        if (entry->since > picks) {
-            continue;  // Was compared before its rank was changed.
+        best = std::max(best, keyOf(current));
+        if (isFinal(current)) {
+            unlink(current);
+            place(current);
         }
-        if (isFinal(*entry)) {
-            unlink(*entry);
-            place(*entry);
-        }
-        consider(entry);
     }
-    for (std::size_t chain = 0; chain < CHAINS; ++chain) {
+    for (std::uint8_t chain = 0; chain < UNORDERED; ++chain) {
         skipNonNegative(lists[chain]);
-        consider(lists[chain].first);
-        consider(lists[chain].negative);
+        for (RankedEntry* const entry : {lists[chain].first, lists[chain].negative}) {
+            best = entry != nullptr ? std::max(best, keyOf(*entry)) : best;
+        }
     }
-    if (!finals.empty()) {
-        consider(finals.begin()->entry);
-    }
-    return best;
+    return finals.empty() ? best : std::max(best, *finals.rbegin());
 }
 
 std::shared_ptr<SubmittedTask> RankedTasks::pick(SortKey const& scanned) {
     std::lock_guard<std::mutex> const lock(mutex);
-    SortKey const chosen = best();
+    SortKey const chosen = std::max(scanned, best());
     ++picks;
     scannedTo = std::numeric_limits<std::uint64_t>::max();
-    if (!(chosen > scanned)) {
+    RankedEntry* const entry = chosen.entry;
+    if (entry == nullptr || !entry->isComputed() || entry->home != this) {
         return nullptr;
     }
-    return take(*chosen.entry);
-}
-
-void RankedTasks::erase(RankedEntry& entry) {
-    std::lock_guard<std::mutex> const lock(mutex);
-    take(entry).reset();
-}
-
-std::shared_ptr<SubmittedTask> RankedTasks::take(RankedEntry& entry) {
-    unlink(entry);
-    entry.rank = rankAt(entry, picks);
+    unlink(*entry);
+    entry->rank = rankAt(*entry, picks);
     --size;
-    return std::move(entry.task);
+    return std::move(entry->task);
 }
 
 RankedEntry* RankedTasks::eraseAll() {
     std::lock_guard<std::mutex> const lock(mutex);
+    for (SortKey const& key : finals) {
+        link(*key.entry, UNORDERED, nullptr);
+    }
+    finals.clear();
     RankedEntry* all = nullptr;
-    auto const release = [&](RankedEntry& entry) {
-        entry.rank = rankAt(entry, picks);
-        entry.next = std::exchange(all, &entry);
-    };
-    for (List const& list : lists) {
+    for (List const& list : std::exchange(lists, {})) {
         for (RankedEntry* entry = list.first; entry != nullptr;) {
-            release(*std::exchange(entry, entry->next));
+            RankedEntry& current = *std::exchange(entry, entry->next);
+            current.rank = rankAt(current, picks);
+            current.next = std::exchange(all, &current);
         }
     }
-    for (SortKey const& key : finals) {
-        release(*key.entry);
-    }
-    lists = {};
-    finals.clear();
+    passed = SortKey();
     size = 0;
     return all;
 }

@@ -5,16 +5,23 @@
 
 #include <memory>
 
+#include <ovra/log/Log.h>
+
 namespace ovra::concurrent {
 
 struct TaskEnd::Waiter {
     sem_t semaphore;  // Of a thread that waits, on its stack.
     bool isPromise;   // Of a future, on the heap.
 
-    static Waiter fulfilled;
+    // Marks in the place of a waiter, beside null: nobody has come yet.
+    static Waiter left;       // A thread came, and was cancelled.
+    static Waiter fulfilled;  // Nobody came before the end.
+    static Waiter over;       // Somebody came, and the end did.
 };
 
+TaskEnd::Waiter TaskEnd::Waiter::left = {};
 TaskEnd::Waiter TaskEnd::Waiter::fulfilled = {};
+TaskEnd::Waiter TaskEnd::Waiter::over = {};
 
 struct TaskEnd::Promise : Waiter {
     std::promise<bool> promise;
@@ -23,43 +30,48 @@ struct TaskEnd::Promise : Waiter {
 static_assert(std::atomic<void*>::is_always_lock_free);
 
 TaskEnd::~TaskEnd() {
-    if (Waiter* const last = waiter; last != &Waiter::fulfilled) {
-        delete static_cast<Promise*>(last);  // A thread that waits keeps the task alive.
+    // A thread that waits keeps the task alive: who is left is a promise.
+    Waiter* const last = waiting;
+    if (last != nullptr && last->isPromise) {
+        delete static_cast<Promise*>(last);
     }
 }
 
 void TaskEnd::fulfil() {
-    Waiter* const waiting = waiter.exchange(&Waiter::fulfilled);
-    if (waiting == &Waiter::fulfilled) {
-        throw std::future_error(std::future_errc::promise_already_satisfied);
-    }
-    if (waiting == nullptr) {
+    Waiter* waiter = waiting;
+    do {
+        if (waiter == &Waiter::fulfilled || waiter == &Waiter::over) {
+            log::log(log::ERROR, "SubmittedTask::setPromiseValue()",
+                     "A task has come to its end a second time: submit each SubmittedTask once.");
+            throw std::future_error(std::future_errc::promise_already_satisfied);
+        }
+    } while (!waiting.compare_exchange_weak(
+        waiter, waiter == nullptr ? &Waiter::fulfilled : &Waiter::over));
+    if (waiter == nullptr || waiter == &Waiter::left) {
         return;
     }
-    if (!waiting->isPromise) {
-        sem_post(&waiting->semaphore);
-        return;
+    if (waiter->isPromise) {
+        std::unique_ptr<Promise> const owned(static_cast<Promise*>(waiter));
+        owned->promise.set_value(true);
+    } else {
+        sem_post(&waiter->semaphore);
     }
-    std::unique_ptr<Promise> const owned(static_cast<Promise*>(waiting));
-    owned->promise.set_value(true);
 }
 
 void TaskEnd::wait() {
-    retrieve();
     Waiter self = {};
     sem_init(&self.semaphore, 0, 0);
-    Waiter* expected = nullptr;
-    if (!waiter.compare_exchange_strong(expected, &self)) {
+    if (!retrieve(&self)) {
         return;
     }
     try {
         while (sem_wait(&self.semaphore) != 0) {
         }
     } catch (...) {
-        // This thread is being cancelled, and its stack goes: not before the semaphore was posted,
-        // if whoever fulfils the promise has its address.
-        expected = &self;
-        if (!waiter.compare_exchange_strong(expected, nullptr)) {
+        // This thread is being cancelled, and its stack goes. If whoever fulfils the promise has
+        // the address of the semaphore already, the post comes first.
+        Waiter* waiter = &self;
+        if (!waiting.compare_exchange_strong(waiter, &Waiter::left)) {
             int previous = 0;
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
             while (sem_wait(&self.semaphore) != 0) {
@@ -73,9 +85,7 @@ std::future<bool> TaskEnd::future() {
     auto owned = std::make_unique<Promise>();
     owned->isPromise = true;
     auto result = owned->promise.get_future();
-    retrieve();
-    Waiter* expected = nullptr;
-    if (waiter.compare_exchange_strong(expected, owned.get())) {
+    if (retrieve(owned.get())) {
         static_cast<void>(owned.release());
     } else {
         owned->promise.set_value(true);
@@ -83,10 +93,18 @@ std::future<bool> TaskEnd::future() {
     return result;
 }
 
-void TaskEnd::retrieve() {
-    if (retrieved.exchange(true)) {
-        throw std::future_error(std::future_errc::future_already_retrieved);
+// Lets the first who comes wait. False if the end has come before.
+bool TaskEnd::retrieve(Waiter* waiter) {
+    Waiter* found = nullptr;
+    if (waiting.compare_exchange_strong(found, waiter)) {
+        return true;
     }
+    if (found == &Waiter::fulfilled && waiting.compare_exchange_strong(found, &Waiter::over)) {
+        return false;
+    }
+    log::log(log::ERROR, "SubmittedTask::getFuture()",
+             "A task was waited for, or its future was asked for, a second time: wait once.");
+    throw std::future_error(std::future_errc::future_already_retrieved);
 }
 
 }  // namespace ovra::concurrent

@@ -34,10 +34,10 @@ private:
     struct Waiter;
     struct Promise;
 
-    void retrieve();
+    bool retrieve(Waiter* waiter);
 
-    std::atomic<Waiter*> waiter{nullptr};  // Who waits, if anybody, or `fulfilled`.
-    std::atomic<bool> retrieved{false};
+    // Who waits, or one of the marks: nobody has come, the one who came has left, ...
+    std::atomic<Waiter*> waiting{nullptr};
 };
 
 }  // namespace ovra::concurrent

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <new>
+#include <type_traits>
+
+#include <ovra/concurrent/SubmittedTask.h>
+#include <ovra/concurrent/TaskHandle.h>
+
+namespace ovra::concurrent {
+
+/// The memory of one submission: of the task, its handle and, where a function was submitted, its
+/// work. Taken in one piece and given back with the last of them.
+///
+/// Private to the library.
+class SubmissionMemory {
+public:
+    /// For `std::allocate_shared` of one part, a `Part`.
+    template <typename Part, typename Block = Part>
+    class Allocator {
+    public:
+        using value_type = Block;
+        template <typename Other>
+        struct rebind {
+            using other = Allocator<Part, Other>;
+        };
+
+        explicit Allocator(SubmissionMemory* submissionMemory) : memory(submissionMemory) {}
+        template <typename Other>
+        explicit Allocator(Allocator<Part, Other> const& other) : memory(other.memory) {}
+
+        Block* allocate(std::size_t) {
+            static_assert(sizeof(Block) <= sizeOf<Part>() && alignof(Block) <= alignof(Part));
+            ++memory->parts;
+            void* const place = reinterpret_cast<char*>(memory) + offsetOf<Part>();
+            return static_cast<Block*>(place);
+        }
+        void deallocate(Block*, std::size_t) {
+            if (--memory->parts == 0) {
+                ::operator delete(memory);
+            }
+        }
+
+        SubmissionMemory* memory;
+    };
+
+    /// Belongs to the first part that is allocated in it.
+    static SubmissionMemory* make(bool hasWork) {
+        return new (::operator new(hasWork ? offsetOf<void>() : offsetOf<Work>())) SubmissionMemory;
+    }
+
+private:
+    using Work = SubmittedTask::LambdaFunctionTask;
+
+    // With what `std::shared_ptr` counts by: a table, two counters, and an allocator.
+    template <typename Part>
+    static constexpr std::size_t sizeOf() {
+        return 2 * sizeof(void*) + 2 * sizeof(int) + sizeof(Part);
+    }
+    template <typename Part>
+    static constexpr std::size_t offsetOf() {
+        if constexpr (std::is_same_v<Part, SubmittedTask>) {
+            return alignof(SubmittedTask);
+        } else if constexpr (std::is_same_v<Part, TaskHandle>) {
+            return offsetOf<SubmittedTask>() + sizeOf<SubmittedTask>();
+        } else if constexpr (std::is_same_v<Part, Work>) {
+            return offsetOf<TaskHandle>() + sizeOf<TaskHandle>();
+        } else {
+            return offsetOf<Work>() + sizeOf<Work>();
+        }
+    }
+
+    std::atomic<int> parts{0};
+};
+
+}  // namespace ovra::concurrent

@@ -1,0 +1,1 @@
+// Nothing but what the compiler is told to include.
