@@ -11,15 +11,16 @@
  * Checked in every reachable state:
  *   - while a worker sleeps, no more tasks are queued than workers are on their way to the queue
  *     (so no wake-up is lost and no task waits beside an idle worker), until the queue is closed;
- *   - a promise is fulfilled once, with the outcome settled, and before the callback;
+ *   - a promise is fulfilled once, with the result set, and before the callback;
  *   - a task is taken at most once, and is never touched when nobody holds it;
  * and when nothing can move any more:
  *   - every worker has ended and been joined, if the executor was shut down;
  *   - every task that was accepted has been fulfilled, and no waiter is left, but for tasks that
  *     were queued when the queue was closed, or added behind it;
- *   - every task is let go of, but by those waiters and the queue.
+ *   - nobody holds a task but those waiters and the queue.
  *
- * A waiting thread may be cancelled, and then leaves its stack.
+ * A waiting thread may be cancelled, and then leaves its stack: once it has taken the address of its
+ * semaphore back, or the semaphore was posted.
  *
  * Sizes (-D): WORKERS, TASKS, SUBMITTERS, WAITERS, CANCELLERS, SPURIOUS (how many wake-ups may come
  * from nowhere: a bound, so that they cannot make up for lost ones), SHUTDOWN (0 or 1),
@@ -64,11 +65,15 @@ bool queued[TASKS];
 mtype = { UNSCHEDULED, EXECUTING, CANCELLED, DONE };
 mtype state[TASKS] = UNSCHEDULED;
 bool hasResult[TASKS];
-bool hasWaiter[TASKS];
-bool fulfilled[TASKS];
 bool posted[TASKS];  /* The waiter's semaphore, on its stack. */
 bool hasStack[TASKS];
 byte cancelledThreads = CANCELLED_THREADS;
+
+/* TaskEnd: the one word that says who waits. */
+#define NOBODY 0
+#define WAITER 1
+#define FULFILLED 2
+byte end[TASKS];
 
 /* TaskExecutorWorker */
 bool terminated[WORKERS];
@@ -190,7 +195,7 @@ proctype canceller(byte t) {
     }
 }
 
-/* TaskHandle::waitForCompletion, over SubmittedTask::awaitEnd */
+/* TaskHandle::waitForCompletion, over TaskEnd::wait */
 proctype waiter(byte t) {
     atomic {
         answered[t] ->
@@ -199,12 +204,18 @@ proctype waiter(byte t) {
         :: else -> goto done
         fi
     }
+#ifdef WAIT_WITHOUT_EXCHANGE
+    if
+    :: end[t] == FULFILLED -> holders[t]--; goto done
+    :: end[t] != FULFILLED
+    fi;
+#endif
     atomic {
         if
-#ifndef LATE_WAITER_NOT_RELEASED
-        :: fulfilled[t] -> assert(hasResult[t]); holders[t]--; goto done
+#if !defined(LATE_WAITER_NOT_RELEASED) && !defined(WAIT_WITHOUT_EXCHANGE)
+        :: end[t] == FULFILLED -> assert(hasResult[t]); holders[t]--; goto done
 #endif
-        :: else -> hasWaiter[t] = true; hasStack[t] = true; waiting[t] = true
+        :: else -> end[t] = WAITER; hasStack[t] = true; waiting[t] = true
         fi
     }
 end_wait:
@@ -212,7 +223,20 @@ end_wait:
     :: atomic { posted[t] -> assert(hasResult[t]) }
     :: atomic { cancelledThreads > 0 -> cancelledThreads--; waiting[t] = false };
 #ifndef CANCELLED_WAIT_LEFT_BEHIND
-        hasWaiter[t] = false
+#ifdef TAKEN_BACK_WITHOUT_EXCHANGE
+        if
+        :: end[t] == WAITER -> end[t] = NOBODY
+        :: end[t] != WAITER -> posted[t]
+        fi
+#else
+        if
+        :: atomic { end[t] == WAITER -> end[t] = NOBODY }
+        :: atomic { end[t] != WAITER };
+#ifndef CANCELLED_WAITER_LEAVES_BEFORE_POST
+            posted[t]
+#endif
+        fi
+#endif
 #endif
     fi;
     atomic { waiting[t] = false; hasStack[t] = false; holders[t]-- }
@@ -220,50 +244,45 @@ done:
     skip
 }
 
-/* SubmittedTask::setPromiseValue, without a promise that a host has asked for */
+/* TaskEnd::fulfil, without a promise that the application has asked for */
 inline setPromiseValue(t) {
-#ifdef FULFILLED_OUTSIDE_LOCK
-    isAwaited = hasWaiter[t];
-#endif
     atomic {
         assert(holders[t] > 0);
         assert(hasResult[t]);
-        assert(!fulfilled[t]);
-        fulfilled[t] = true;
-#ifndef FULFILLED_OUTSIDE_LOCK
-        isAwaited = hasWaiter[t];
-#endif
-#ifdef POST_OUTSIDE_LOCK
+        assert(end[t] != FULFILLED);
+        isAwaited = end[t] == WAITER;
+#ifdef FULFILLED_WITHOUT_EXCHANGE
     };
     atomic {
 #endif
-        if
-        :: isAwaited -> assert(hasStack[t]); posted[t] = true; isAwaited = false
-        :: else
-        fi
-    }
+        end[t] = FULFILLED
+    };
+    if
+    :: atomic { isAwaited -> assert(hasStack[t]); posted[t] = true; isAwaited = false }
+    :: else
+    fi
 }
 
 /* SubmittedTask::performCallback */
 inline performCallback(t) {
-    assert(fulfilled[t] && (!waiting[t] || posted[t]))
+    assert(end[t] == FULFILLED && (!waiting[t] || posted[t]))
 }
 
-inline letGo(self) {
+inline release(self) {
     if
     :: currentTask[self] != NONE -> holders[currentTask[self]]--; currentTask[self] = NONE
     :: else
     fi
 }
 
-/* SubmittedTasksQueue::getNextTask, and the assignment in TaskExecutorWorker::fetchTask that lets
-   go of a cancelled task that was skipped. */
+/* SubmittedTasksQueue::getNextTask, and the assignment in TaskExecutorWorker::fetchTask that
+   releases a cancelled task that was skipped. */
 inline fetchTask(self) {
     if
 #ifdef SKIPPED_TASK_KEPT
     :: closed
 #else
-    :: atomic { closed -> letGo(self) }
+    :: atomic { closed -> release(self) }
 #endif
     :: !closed ->
         atomic {
@@ -287,11 +306,11 @@ inline fetchTask(self) {
                 assert(!taken[next]);
                 taken[next] = true;
                 busy[self] = true;
-                letGo(self);
+                release(self);
                 currentTask[self] = next
             :: else ->
 #ifndef SKIPPED_TASK_KEPT
-                letGo(self)
+                release(self)
 #endif
             fi;
             next = NONE;
@@ -335,14 +354,14 @@ inline runTask(self) {
 #ifndef CALLBACK_BEFORE_PROMISE
             performCallback(currentTask[self]);
 #endif
-            letGo(self);
+            release(self);
             busy[self] = false
         }
     fi
 }
 
-/* condition.wait: lets go of the lock and falls asleep in one step; wakes when notified, or from
-   nowhere. To take the lock again only to let go of it is no step of its own. */
+/* condition.wait: frees the lock and falls asleep in one step; wakes when notified, or from
+   nowhere. To take the lock again only to free it is no step of its own. */
 inline conditionWait(self) {
     atomic {
         asleep[self] = true;
@@ -395,7 +414,7 @@ proctype worker(byte self) {
             fi
         fi
     od;
-    atomic { ended[self] = true; letGo(self) }
+    atomic { ended[self] = true; release(self) }
 }
 
 inline dropAll() {
@@ -464,7 +483,7 @@ end_judge:
     :: t < TASKS ->
         assert(answered[t]);
         assert(!waiting[t] || dropped[t]);
-        assert(!submitted[t] || dropped[t] || fulfilled[t]);
+        assert(!submitted[t] || dropped[t] || end[t] == FULFILLED);
         assert(holders[t] == waiting[t] + queued[t]);
         t++
     :: else -> break
