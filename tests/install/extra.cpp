@@ -19,10 +19,9 @@ int main() {
     bool works;
     {
         LockFile lock(file);
-        works = replaceFile(file, "contents") == Outcome::DONE &&
-                syncFile(file) == Outcome::DONE && lock.tryLock() == Outcome::DONE &&
-                readSpace(file, space) == Outcome::DONE && space.totalBytes > 0 &&
-                removeTree(std::string()) == Outcome::MISSING &&
+        works = replaceFile(file, "contents") == Outcome::DONE && syncFile(file) == Outcome::DONE &&
+                lock.tryLock() == Outcome::DONE && readSpace(file, space) == Outcome::DONE &&
+                space.totalBytes > 0 && removeTree(std::string()) == Outcome::MISSING &&
                 attempt([] { return false; }) == Outcome::REFUSED;
     }
     unlink(file.c_str());
