@@ -108,7 +108,9 @@ TEST_F(RecentLinesLogHandlerTest, TakesAllMemoryWhenItIsMade) {
     close(null);
     constexpr std::size_t MOST = std::numeric_limits<std::size_t>::max();
     EXPECT_THROW(RecentLinesLogHandler(MOST, 160), std::bad_alloc);
-    EXPECT_THROW(RecentLinesLogHandler(MOST / 2, 1), std::bad_alloc);
+    if (!test::SANITIZED) {  // A sanitizer takes such a wish for a mistake.
+        EXPECT_THROW(RecentLinesLogHandler(MOST / 2, 1), std::bad_alloc);
+    }
     EXPECT_THROW(RecentLinesLogHandler(1, MOST), std::bad_alloc);
     EXPECT_THROW(RecentLinesLogHandler(2, MOST / 2), std::bad_alloc);
 }

@@ -212,18 +212,21 @@ TEST_F(RotatingFileLogHandlerTest, AllocatesNothingForALine) {
 
 TEST_F(RotatingFileLogHandlerTest, StampsEachLineWithTheTimeInUtc) {
     ASSERT_EQ(setenv("TZ", "Asia/Kathmandu", 1), 0);
-    auto const stampOf = [](std::time_t time) {
+    // Not by `time`, which may lag behind the clock.
+    auto const secondsNow = [] {
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
         std::tm parts = {};
-        gmtime_r(&time, &parts);
+        gmtime_r(&now.tv_sec, &parts);
         char text[32];
         std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
         return std::string(text);
     };
-    std::string const before = stampOf(std::time(nullptr));
+    std::string const before = secondsNow();
     RotatingFileLogHandler sink{fs::FilePath(path)};
     put(sink, "a line");
     put(sink, "another");
-    std::string const after = stampOf(std::time(nullptr));
+    std::string const after = secondsNow();
     unsetenv("TZ");
     std::string last = before;
     std::vector<std::string> messages;
