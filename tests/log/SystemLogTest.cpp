@@ -96,7 +96,7 @@ protected:
         std::strcpy(address.sun_path, "/dev/log");
         ASSERT_EQ(bind(systemLog, reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
             << strerror(errno);
-        timeval const deadline = {ovra::test::deadlineSeconds(), 0};
+        timeval const deadline = {static_cast<time_t>(ovra::test::deadlineSeconds()), 0};
         ASSERT_EQ(setsockopt(systemLog, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline), 0);
     }
 
