@@ -20,5 +20,5 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-/// Does nothing. Lets a host's build refer to the library by one plain C name.
+/// Does nothing. Lets an application's build refer to the library by one plain C name.
 extern "C" OVRA_API void ovra_xcode_target_object_glue();

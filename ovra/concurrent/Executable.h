@@ -31,7 +31,7 @@ public:
         READY = 2,        ///< Named for completeness: the executor moves no task into it.
         EXECUTING = 3,    ///< A worker has started the task.
         CANCELLED = 4,    ///< Cancellation was requested; running work may still be under way.
-        DONE = 5,         ///< Ended normally; also what a handle reports for a task that is gone.
+        DONE = 5,  ///< Ended normally; also what a handle reports for a task that no longer exists.
     };
 
     /// What became of the work.

@@ -21,14 +21,14 @@ class TaskHandle;
 class SubmissionMemory;
 struct SubmittedTaskProxy;
 
-/// The executor's own record of one submission: the work, its callback, its urgency, its state and
+/// The executor's own record of one submission: the work, its callback, its rank, its state and
 /// result, and the promise that tells waiters of its end.
 ///
-/// Hosts usually meet it only through `TaskHandle`; they may construct one, or derive from it to
-/// see every change of state and result.
+/// Applications usually meet it only through `TaskHandle`. They may construct one, or derive from
+/// it to see every change of state and result.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
-/// by a waiting client. It refers to its handle weakly. Queue one object once: a second submission
+/// by a waiting caller. It refers to its handle weakly. Queue one object once: a second submission
 /// of the same object is dropped with the first, or run a second time, which ends the process
 /// because its promise cannot be fulfilled again.
 ///
@@ -38,9 +38,12 @@ struct SubmittedTaskProxy;
 /// where both are taken, comes first. `getRank()` and `getPriority()` are called with the queue's
 /// lock held: an override must not call the queue or its executor.
 ///
+/// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
+/// that queue for a moment. It is a leaf: they never wait for a pick, and a pick may call them.
+///
 /// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
 /// of an overridden virtual operation ends the process when it happens on a worker.
-/// `std::system_error` escapes from what cannot lock the mutex.
+/// `std::system_error` escapes from what cannot take a lock.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to
 /// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
@@ -102,7 +105,7 @@ public:
     /// Stores the priority and resets the rank to its initial rank, also when the task had aged
     /// above it. The queue sees the new rank at its next pick.
     void setPriority(TaskPriority newPriority);
-    /// `setState`, then a line at `INFO` that tells of it.
+    /// `setState`, then a line at `INFO` that says so.
     void updateTaskState(Executable::State newState);
     /// Links the handle, weakly, and pushes the current state and result to it.
     void setHandle(std::shared_ptr<TaskHandle> const& newHandle);
@@ -122,7 +125,7 @@ public:
     /// The handle linked last; empty before the task is queued.
     std::weak_ptr<TaskHandle> getHandle() const;
 
-    /// Runs the work, again for as long as it returns `REPEAT` and is not cancelled, settles state
+    /// Runs the work, again for as long as it returns `REPEAT` and is not cancelled, decides state
     /// and result, fulfils the promise and returns the result.
     ///
     ///     work ends, not cancelled           -> DONE, result as returned, FAILURE if it threw

@@ -62,7 +62,7 @@ public:
 
     /// Closes the queue for good and drops every queued task: no state or result is set, no
     /// callback runs, no waiter is released. Wakes all workers. The dropped tasks are destroyed
-    /// after the lock is released, so a host object's destructor may call the executor. Needs no
+    /// after the lock is released, so their destructors may call the executor. Needs no
     /// memory. A second call does nothing.
     void close();
 

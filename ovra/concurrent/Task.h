@@ -5,7 +5,7 @@
 
 namespace ovra::concurrent {
 
-/// A named piece of work, the base class of what a host submits to a `TaskExecutor`.
+/// A named piece of work, the base class of what an application submits to a `TaskExecutor`.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the executor and handed to the completion
 /// callback. Destroyed on the thread that releases it last, often a worker: a destructor that

@@ -56,7 +56,7 @@ public:
         std::function<void(std::shared_ptr<Task>)> const& callback, char const* name) override;
     bool isIdle() override;
 
-    /// Queues a task that the host has made itself. An empty handle if the queue refuses it.
+    /// Queues a task that the application has made itself. An empty handle if the queue refuses it.
     std::shared_ptr<TaskHandle> addSubmittedTaskToQueue(std::shared_ptr<SubmittedTask> const& task);
 
 private:

@@ -14,9 +14,10 @@ class SubmittedTasksQueue;
 
 /// One thread that takes tasks from a queue and runs them, one after the other.
 ///
-/// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly; once the
-/// queue is gone it only waits to be terminated, and keeps a processor busy meanwhile. A worker
-/// that sleeps holds its queue: close that, letting go of it is not enough.
+/// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly. Once the
+/// queue no longer exists, the worker only waits to be terminated, and keeps a processor busy
+/// meanwhile. A waiting worker holds a strong reference to its queue: call `close()`; dropping your
+/// reference does not wake it.
 ///
 /// *Threads*: `start()`, `terminate()` and the destructor belong to the owner, never to the
 /// worker's own thread; `run()` to the worker's. Work and callbacks run with no lock held.

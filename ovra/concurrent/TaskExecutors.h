@@ -16,12 +16,11 @@ extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 /// released with the library's statics at process exit or unload, where the last reference closes
 /// its queue and joins its worker: a task that never ends holds the exit. A caller that keeps its
 /// reference keeps the executor beyond that point. Exit handlers and statics that are younger than
-/// the first call, such as those that a task's own libraries register, are run before that, while
-/// the worker may still be running tasks. `exit()` on its own worker ends the process abnormally.
-/// Not to be called after that release, as from the destructor of an older static. Unloading the
-/// library releases the executor with the loader's lock held, so a task that loads a library
-/// meanwhile never ends, nor does `dlclose()`; and an executor that somebody else keeps would run
-/// code that is gone.
+/// the first call run before the release, while the worker may still be running tasks. Older ones
+/// run after it, and must not call this function. `exit()` on its own worker ends the process
+/// abnormally. Unloading the library releases the executor with the loader's lock held, so a task
+/// that loads a library meanwhile never ends, nor does `dlclose()`; and an executor that somebody
+/// else keeps would run unmapped code.
 ///
 /// *Threads*: Thread-safe, concurrent first calls included.
 ///

@@ -15,16 +15,16 @@ namespace ovra::concurrent {
 class SubmissionMemory;
 class SubmittedTask;
 
-/// The road from a `TaskHandle` to its `SubmittedTask`: five functions over a weak reference.
+/// How a `TaskHandle` reaches its `SubmittedTask`: five functions over a weak reference.
 ///
 /// Made by `SubmittedTask::provideProxy`. Any member may be empty; a handle then uses the value
-/// that a task which is gone would give.
+/// that a task which no longer exists would give.
 struct SubmittedTaskProxy {
-    std::function<Executable::State()> getState;       ///< `DONE` when the task is gone.
-    std::function<Executable::Result()> getResult;     ///< `SUCCESS` when the task is gone.
-    std::function<void(TaskPriority)> updatePriority;  ///< Nothing when the task is gone.
-    std::function<void()> cancel;                      ///< Nothing when the task is gone.
-    std::function<void()> waitForCompletion;           ///< At once when the task is gone.
+    std::function<Executable::State()> getState;       ///< `DONE` without a task.
+    std::function<Executable::Result()> getResult;     ///< `SUCCESS` without a task.
+    std::function<void(TaskPriority)> updatePriority;  ///< Nothing without a task.
+    std::function<void()> cancel;                      ///< Nothing without a task.
+    std::function<void()> waitForCompletion;           ///< At once without a task.
 };
 
 /// What a caller holds of a task it has submitted: to wait for it, cancel it, change its priority
@@ -62,11 +62,12 @@ public:
 
     /// Gives a queued task a new priority and resets its rank to that priority's initial rank, also
     /// when it had aged above it. Has no effect on a task that has started. `std::system_error` if
-    /// the queue that holds the task cannot be told of it.
+    /// a lock of the queue that holds the task cannot be taken.
     void updatePriority(TaskPriority priority);
 
     /// Blocks until the task has come to an end, whatever its outcome; returns at once when the
-    /// task is gone. Afterwards the result, the exception and the work's own effects can be read.
+    /// task no longer exists. Afterwards the result, the exception and the work's own effects can
+    /// be read.
     ///
     /// The completion callback may still be running, or not have started, when this returns: what
     /// it uses, and the borrowed task name, must stay valid beyond the wait.

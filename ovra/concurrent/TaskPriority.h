@@ -11,7 +11,7 @@ OVRA_NOT_A_MACRO(HIGHEST);
 
 namespace ovra::concurrent {
 
-/// How urgent a task is. Any value outside 2..4 counts as `LOW`.
+/// The priority of a task. `LOW` is also the meaning of every value outside the enumeration.
 enum TaskPriority : std::int32_t {
     LOW = 1,      ///< Initial rank 1.
     NORMAL = 2,   ///< Initial rank 1000.

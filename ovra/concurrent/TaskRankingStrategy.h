@@ -34,7 +34,7 @@ public:
 };
 
 /// Leaves every rank as it is: strict order of priority. Low-priority work can wait for ever while
-/// more urgent work keeps arriving.
+/// work of higher priority keeps arriving.
 class OVRA_API HighestPriorityTaskRankingStrategy : public TaskRankingStrategy {
 public:
     HighestPriorityTaskRankingStrategy() = default;

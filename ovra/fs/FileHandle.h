@@ -175,8 +175,8 @@ public:
     /// emptied already.
     ///
     /// Dangling links, pipes, sockets, devices and links to these stay, and with them the
-    /// directories above. The result is then `false`; what could be removed is gone. `false` too,
-    /// and nothing touched, if this is not a directory.
+    /// directories above. The result is then `false`; what could be removed has been removed.
+    /// `false` too, and nothing touched, if this is not a directory.
     ///
     /// That a directory is not entered again while it is being emptied keeps links that lead back
     /// up from multiplying the work. In rare trees with such links it changes what is left: more
@@ -233,9 +233,8 @@ public:
 
     /// The owner; 0, as for root, when the entry does not exist.
     unsigned int UserId() const;
-    /// Follows a link to its target. Passes the group that a query gives, and that is 0 for an
-    /// entry that cannot be read: should it have appeared by the time of the change, its group
-    /// becomes 0.
+    /// Follows a link to its target. Keeps the group that GroupId() reports, which is 0 for an
+    /// entry that cannot be read. If the entry appears in between, its group becomes 0.
     void SetUserId(unsigned int userId);
     /// The group; 0, as for root, when the entry does not exist.
     unsigned int GroupId() const;

@@ -7,7 +7,7 @@
 
 namespace ovra::concurrent {
 
-// What a handle and a proxy do to a task, and what they find when the task is gone.
+// What a handle and a proxy do to a task, and what they find without one.
 //
 // Private to the library.
 

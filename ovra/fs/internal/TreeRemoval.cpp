@@ -50,7 +50,7 @@ void removeEntries(std::string& path, OpenDirectory const* directory) {
         if (pathSize + 1 + std::strlen(name) >= PATH_MAX) {
             continue;  // No path can name it.
         }
-        // The one query: d_type neither follows links nor tells directories apart, and is older.
+        // The one query: d_type neither follows links nor distinguishes directories, and is older.
         struct stat status;
         if (::fstatat(descriptor, name, &status, 0) != 0) {
             continue;
