@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes the layout of the public types as text: sizes, bases, members, virtual tables, values.
 
-    describe.py <dump of gcc's -fdump-lang-class> <dump of abidw>
+    describe.py <dump of gcc's -fdump-lang-class> <dump of abidw> <namespace>
 
 The virtual tables are those the compiler makes of the headers; the members come from the debug
 information of the built object.
@@ -12,12 +12,12 @@ import sys
 import xml.etree.ElementTree as ElementTree
 
 
-def read_tables(path):
-    """Sizes and tables by class, in the form {name: (size line, [slot, ...])}."""
+def read_tables(path, namespace):
+    """Sizes and tables of the namespace by class, in the form {name: (size line, [slot, ...])}."""
     sizes, tables = {}, {}
     for block in open(path, encoding="utf-8").read().split("\n\n"):
         lines = block.strip().split("\n")
-        heading = re.fullmatch(r"(Class|Vtable for) (ovra::[\w:]+)", lines[0])
+        heading = re.fullmatch(rf"(Class|Vtable for) ({namespace}::[\w:]+)", lines[0])
         if not heading:
             continue
         kind, name = heading.groups()
@@ -109,11 +109,11 @@ class Dump:
                 operations[int(member.get("vtable-offset"))] = text
         return operations
 
-    def enumerations(self):
+    def enumerations(self, namespace):
         """The values by the name of the enumeration."""
         found = {}
         for node, name in self.types.values():
-            if node.tag == "enum-decl" and name.startswith("ovra::"):
+            if node.tag == "enum-decl" and name.startswith(f"{namespace}::"):
                 found[name] = [
                     f"  {value.get('value'):>4}  {value.get('name')}"
                     for value in node.findall("enumerator")
@@ -122,8 +122,9 @@ class Dump:
 
 
 def main():
-    sizes, tables = read_tables(sys.argv[1])
-    dump = Dump(sys.argv[2])
+    classes, types, namespace = sys.argv[1:]
+    sizes, tables = read_tables(classes, namespace)
+    dump = Dump(types)
     for name in sorted(sizes):
         print(f"{name}: {sizes[name]}")
         for line in dump.describe(name):
@@ -136,7 +137,7 @@ def main():
                 entry = f"{entry.rpartition('::')[0]}::{operations[slot]}"
             print(f"  slot {slot}: {entry}")
         print()
-    for name, values in sorted(dump.enumerations().items()):
+    for name, values in sorted(dump.enumerations(namespace).items()):
         scope = name.rpartition("::")[0]
         if scope not in sizes and scope not in dump.namespaces:
             continue  # Of a private class.

@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -32,7 +33,8 @@ void syslog(int, char const* format, ...) {
     va_end(arguments);
     ASSERT_GE(length, 0);
     ASSERT_LT(length, static_cast<int>(text.size()));
-    s_systemLog += text.c_str() + std::string("\n");
+    text.resize(static_cast<std::size_t>(length));
+    s_systemLog += text + "\n";
 }
 
 namespace ovra::log {

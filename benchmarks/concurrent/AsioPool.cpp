@@ -1,7 +1,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -27,7 +27,7 @@ private:
     boost::asio::thread_pool pool;
 };
 
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<AsioPool>::add("Boost.Asio", 100000);
+[[maybe_unused]] bool const isAdded = addPool<AsioPool>("Boost.Asio");
 
 }  // namespace
 

@@ -1,6 +1,6 @@
 #include <glib.h>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -57,8 +57,7 @@ private:
     GThreadPool* pool;
 };
 
-// Every push walks a list: ten times more tasks, and a run would take minutes.
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<GlibPool>::add("GThreadPool", 10000);
+[[maybe_unused]] bool const isAdded = addPool<GlibPool>("GThreadPool");
 
 }  // namespace
 

@@ -4,7 +4,7 @@
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -54,11 +54,8 @@ private:
 using HighestPriority = OvraPool<concurrent::HighestPriorityTaskRankingStrategy>;
 using NoStarve = OvraPool<concurrent::NoStarveTaskRankingStrategy>;
 
-[[maybe_unused]] bool const isAdded =
-    PoolBenchmarks<HighestPriority>::add("ovra HighestPriority", 100000) &&
-    PoolBenchmarks<HighestPriority>::addChanges("ovra HighestPriority") &&
-    PoolBenchmarks<NoStarve>::add("ovra NoStarve", 100000) &&
-    PoolBenchmarks<NoStarve>::addChanges("ovra NoStarve");
+[[maybe_unused]] bool const isAdded = addChangeablePool<HighestPriority>("ovra HighestPriority") &&
+                                      addChangeablePool<NoStarve>("ovra NoStarve");
 
 }  // namespace
 

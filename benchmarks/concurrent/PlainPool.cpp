@@ -4,7 +4,7 @@
 #include <queue>
 #include <thread>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -112,9 +112,7 @@ private:
     std::vector<std::thread> threads;
 };
 
-[[maybe_unused]] bool const isAdded =
-    PoolBenchmarks<PlainPool>::add("std::priority_queue", 100000) &&
-    PoolBenchmarks<PlainPool>::addChanges("std::priority_queue");
+[[maybe_unused]] bool const isAdded = addChangeablePool<PlainPool>("std::priority_queue");
 
 }  // namespace
 

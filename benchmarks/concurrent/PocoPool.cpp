@@ -4,7 +4,7 @@
 #include <Poco/Notification.h>
 #include <Poco/PriorityNotificationQueue.h>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -69,8 +69,7 @@ private:
     std::vector<std::thread> threads;
 };
 
-[[maybe_unused]] bool const isAdded =
-    PoolBenchmarks<PocoPool>::add("Poco PriorityNotificationQueue", 100000);
+[[maybe_unused]] bool const isAdded = addPool<PocoPool>("Poco PriorityNotificationQueue");
 
 }  // namespace
 

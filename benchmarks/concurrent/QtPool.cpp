@@ -1,7 +1,7 @@
 #include <QtCore/QRunnable>
 #include <QtCore/QThreadPool>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -55,8 +55,7 @@ private:
     QThreadPool pool;
 };
 
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<QtPool>::add("QThreadPool", 100000) &&
-                                      PoolBenchmarks<QtPool>::addChanges("QThreadPool");
+[[maybe_unused]] bool const isAdded = addChangeablePool<QtPool>("QThreadPool");
 
 }  // namespace
 

@@ -1,7 +1,7 @@
 #include <oneapi/tbb/global_control.h>
 #include <oneapi/tbb/task_arena.h>
 
-#include "benchmarks/concurrent/PoolBenchmarks.h"
+#include "benchmarks/concurrent/PoolRuns.h"
 
 namespace ovra::bench {
 
@@ -47,7 +47,7 @@ private:
     tbb::task_arena high;
 };
 
-[[maybe_unused]] bool const isAdded = PoolBenchmarks<TbbPool>::add("oneTBB", 100000);
+[[maybe_unused]] bool const isAdded = addPool<TbbPool>("oneTBB");
 
 }  // namespace
 

@@ -8,6 +8,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "benchmarks/support/AddBenchmark.h"
 #include "benchmarks/support/Clock.h"
 #include "benchmarks/support/TemporaryDirectory.h"
 
@@ -34,20 +35,20 @@ inline void makeFiles(std::string const& directory, int count, std::size_t bytes
 template <typename Paths>
 bool addPathBenchmarks(std::string const& peer) {
     using Text = typename Paths::Text;
-    benchmark::RegisterBenchmark(("components/" + peer).c_str(), [](benchmark::State& state) {
+    addBenchmark("components/" + peer, [](benchmark::State& state) {
         Text const text = Paths::text("/usr/share/example-device/music/Artist - Title.tar.gz");
         for ([[maybe_unused]] auto _ : state) {
             benchmark::DoNotOptimize(Paths::components(text));
         }
     });
-    benchmark::RegisterBenchmark(("resolve/" + peer).c_str(), [](benchmark::State& state) {
+    addBenchmark("resolve/" + peer, [](benchmark::State& state) {
         Text const base = Paths::text("/usr/share/example-device/music");
         Text const relative = Paths::text("albums/cover.jpeg");
         for ([[maybe_unused]] auto _ : state) {
             benchmark::DoNotOptimize(Paths::resolve(base, relative));
         }
     });
-    benchmark::RegisterBenchmark(("resolved/" + peer).c_str(), [](benchmark::State& state) {
+    addBenchmark("resolved/" + peer, [](benchmark::State& state) {
         typename Paths::Path const path(
             Paths::text("/usr/share/example-device/../other/./music/../video/a.mkv"));
         for ([[maybe_unused]] auto _ : state) {
@@ -62,11 +63,11 @@ template <typename Files>
 class FileBenchmarks {
 public:
     static bool add(std::string const& peer) {
-        benchmark::RegisterBenchmark(("status/" + peer).c_str(), status);
-        benchmark::RegisterBenchmark(("list/" + peer).c_str(), list);
-        benchmark::RegisterBenchmark(("remove/" + peer).c_str(), removeTree)->UseManualTime();
-        benchmark::RegisterBenchmark(("copy-large/" + peer).c_str(), copyLarge)->UseManualTime();
-        benchmark::RegisterBenchmark(("copy-small/" + peer).c_str(), copySmall)->UseManualTime();
+        addBenchmark("status/" + peer, status);
+        addBenchmark("list/" + peer, list);
+        addBenchmark("remove/" + peer, removeTree)->UseManualTime();
+        addBenchmark("copy-large/" + peer, copyLarge)->UseManualTime();
+        addBenchmark("copy-small/" + peer, copySmall)->UseManualTime();
         return true;
     }
 

@@ -4,6 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "benchmarks/support/AddBenchmark.h"
 #include "benchmarks/support/TemporaryDirectory.h"
 
 namespace ovra::bench {
@@ -22,13 +23,13 @@ inline std::string logFile() {
 template <typename Write>
 void addLogBenchmark(std::string const& name, int threads, void (*open)(benchmark::State const&),
                      Write write, void (*close)(benchmark::State const&)) {
-    benchmark::RegisterBenchmark(name.c_str(),
-                                 [write](benchmark::State& state) {
-                                     int number = 0;
-                                     for ([[maybe_unused]] auto _ : state) {
-                                         write(++number, "EXECUTING");
-                                     }
-                                 })
+    addBenchmark(name,
+                 [write](benchmark::State& state) {
+                     int number = 0;
+                     for ([[maybe_unused]] auto _ : state) {
+                         write(++number, "EXECUTING");
+                     }
+                 })
         ->Threads(threads)
         ->UseRealTime()
         ->Setup(open)

@@ -31,9 +31,13 @@ bool drainSystemLog() {
         bind(systemLog, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         return false;
     }
+    pid_t const parent = getpid();
     pid_t const reader = fork();
     if (reader == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            _exit(0);  // It ended before it could be followed.
+        }
         char line[4096];
         while (recv(systemLog, line, sizeof line, 0) >= 0) {
         }

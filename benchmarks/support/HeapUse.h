@@ -8,6 +8,7 @@ namespace ovra::bench {
 struct HeapUse {
     std::size_t allocations;
     std::size_t bytes;
+    std::size_t held;  ///< What all threads together have not freed, rounded up as the heap does.
 };
 
 /// What the calling thread has asked for since it began. Zeros in a program that does not count.

@@ -3,7 +3,7 @@
 namespace ovra::bench {
 
 HeapUse heapUse() {
-    return {0, 0};
+    return {0, 0, 0};
 }
 
 bool isHeapCounted() {

@@ -9,7 +9,12 @@ else()
     OUTPUT_VARIABLE OVRA_DEBIAN_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 endif()
 set(OVRA_RUNTIME_PACKAGE lib${PROJECT_NAME}${PROJECT_VERSION_MAJOR})
+set(OVRA_EXTRA_PACKAGE lib${PROJECT_NAME}-extra${PROJECT_VERSION_MAJOR})
 set(OVRA_DEVELOPMENT_PACKAGE lib${PROJECT_NAME}-dev)
+set(runtimes runtime) # What a device needs.
+if(OVRA_BUILD_EXTRA)
+  list(APPEND runtimes extra)
+endif()
 
 # --- what Debian wants to find beside the files themselves
 
@@ -19,9 +24,8 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${staging}/changelog COPYONLY
 execute_process(COMMAND ${OVRA_GZIP} --best --no-name --stdout ${staging}/changelog
   OUTPUT_FILE ${staging}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
 file(WRITE ${staging}/triggers "activate-noawait ldconfig\n")
-configure_file(${CMAKE_CURRENT_LIST_DIR}/shlibs.in ${staging}/shlibs @ONLY)
 
-foreach(component IN ITEMS runtime development)
+foreach(component IN LISTS runtimes ITEMS development)
   string(TOUPPER ${component} upper)
   set(package ${OVRA_${upper}_PACKAGE})
   set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package})
@@ -35,6 +39,7 @@ foreach(component IN ITEMS runtime development)
   endif()
   set(CPACK_COMPONENT_${upper}_GROUP ${component})
   set(CPACK_COMPONENT_${upper}_DOCUMENTS_GROUP ${component})
+  list(APPEND components ${component} ${component}_documents)
 endforeach()
 
 # --- the packages
@@ -48,7 +53,7 @@ set(CPACK_PACKAGE_CONTACT "the ovra maintainers <maintainers@ovra.invalid>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_COMPONENTS_ALL runtime runtime_documents development development_documents)
+set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_STRIP_FILES ON)
@@ -60,33 +65,55 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(full_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${OVRA_RUNTIME_PACKAGE})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${staging}/triggers ${staging}/shlibs)
+set(about "A prioritised task executor, levelled logging and a file-system layer for
+applications in C++17, on nothing but the standard library and the C library.")
+set(RUNTIME_LIBRARY libovra)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 "support library for applications on embedded Linux
-A prioritised task executor, levelled logging and a file-system layer for
-applications in C++17, on nothing but the standard library and the C library.
+${about}
 
 This package holds the shared object that such applications need to run.")
 
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${OVRA_DEVELOPMENT_PACKAGE})
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${OVRA_RUNTIME_PACKAGE} (= ${full_version})")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-"support library for applications on embedded Linux: development files
-A prioritised task executor, levelled logging and a file-system layer for
-applications in C++17, on nothing but the standard library and the C library.
+set(EXTRA_LIBRARY libovra-extra)
+set(EXTRA_DEPENDS "${OVRA_RUNTIME_PACKAGE} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_EXTRA_DESCRIPTION
+"files and logs that last in the field, for applications on embedded Linux
+Files that survive a power cut, log files that rotate and outlast a full disk,
+and why an operation on a file failed. For applications in C++17, on top of
+ovra.
 
-This package holds the headers and what CMake and pkg-config need to find them.")
+This package holds the shared object that such applications need to run.")
 
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 # Where the packages of the target's libraries are not installed, nobody can be asked for the
 # versions: then they are Debian's names with the least versions that the symbols ask for.
-if(CMAKE_CROSSCOMPILING)
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
-else()
-  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-endif()
+foreach(component IN LISTS runtimes)
+  string(TOUPPER ${component} upper)
+  set(library ${${upper}_LIBRARY})
+  set(package ${OVRA_${upper}_PACKAGE})
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/shlibs.in ${staging}/${component}/shlibs @ONLY)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package})
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION libs)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA
+    ${staging}/triggers ${staging}/${component}/shlibs)
+  set(depends ${${upper}_DEPENDS})
+  if(CMAKE_CROSSCOMPILING)
+    list(PREPEND depends "libc6 (>= 2.34)" "libgcc-s1 (>= 3.5)" "libstdc++6 (>= 12)")
+  else()
+    set(CPACK_DEBIAN_${upper}_PACKAGE_SHLIBDEPS ON)
+  endif()
+  list(JOIN depends ", " CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS)
+  list(APPEND exactly "${package} (= ${full_version})")
+endforeach()
+list(JOIN exactly ", " exactly)
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${OVRA_DEVELOPMENT_PACKAGE})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${exactly}")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+"support library for applications on embedded Linux: development files
+${about}
+
+This package holds the headers and what CMake and pkg-config need to find them.")
 
 include(CPack)

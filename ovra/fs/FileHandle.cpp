@@ -1,59 +1,9 @@
 #include <ovra/fs/FileHandle.h>
 
-#include <sys/stat.h>
-
 #include <ovra/fs/FileHandleBackendImpl.h>
+#include <ovra/fs/internal/TreeRemoval.h>
 
 namespace ovra::fs {
-
-namespace {
-
-// The directories that a recursive removal is in the middle of, from the innermost outwards.
-struct OpenDirectory {
-    OpenDirectory const* outer;
-    bool known;
-    dev_t device;
-    ino_t inode;
-};
-
-OpenDirectory identify(std::string const& path, OpenDirectory const* outer) {
-    struct stat status = {};
-    bool const known = ::stat(path.c_str(), &status) == 0;
-    return {outer, known, status.st_dev, status.st_ino};
-}
-
-bool isOpen(OpenDirectory const& directory) {
-    for (OpenDirectory const* open = directory.outer; open != nullptr; open = open->outer) {
-        if (directory.known && open->known && open->device == directory.device &&
-            open->inode == directory.inode) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool removeTree(FileHandle& root, OpenDirectory const* outer) {
-    if (!root.IsDirectory()) {
-        return false;
-    }
-    OpenDirectory const directory = identify(root.Path().Path(), outer);
-    // Links may lead back up. Emptying a directory once is enough, and two links to an ancestor
-    // would otherwise double the work at each level until the system refuses to follow more links.
-    if (!isOpen(directory)) {
-        FileIterator const end = root.End();
-        for (FileIterator entry = root.Begin(); entry != end; ++entry) {
-            FileHandle child((*entry).Path());
-            if (child.IsDirectory()) {
-                removeTree(child, &directory);
-            } else if (child.IsFile()) {
-                child.Remove();
-            }
-        }
-    }
-    return root.RemoveDirectory();
-}
-
-}  // namespace
 
 FileHandleBackend::~FileHandleBackend() = default;
 
@@ -146,7 +96,11 @@ bool FileHandle::RemoveDirectory() {
 }
 
 bool FileHandle::RemoveDirectoryRecursive() {
-    return removeTree(*this, nullptr);
+    if (!IsDirectory()) {
+        return false;
+    }
+    internal::emptyDirectory(backend->Path());
+    return RemoveDirectory();
 }
 
 bool FileHandle::CreateSymbolicLink(FileHandle& target) {

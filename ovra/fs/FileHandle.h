@@ -83,7 +83,7 @@ public:
 
 /// Names one file, directory or symbolic link by its path, and works on it.
 ///
-/// The entry need not exist: it is looked at only when an operation runs, and anew for every query.
+/// The entry need not exist: it is looked at only when an operation runs, and again for each query.
 /// Queries follow symbolic links. A dangling link, or a loop of links, does not exist and is not
 /// reported as a link either.
 ///
@@ -141,7 +141,7 @@ public:
     /// The first entry of this directory; equal to End() when there is none or the directory cannot
     /// be read.
     FileIterator Begin() const;
-    /// The iterator that every walk ends at, whatever its directory.
+    /// The iterator that every scan ends at, whatever its directory.
     FileIterator End();
 
     /// Whether the entry, or the target of a link, can be seen.
@@ -260,7 +260,7 @@ public:
     /// to programs that are executed.
     std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const;
 
-    /// Drops the back end's cached status. Queries read anew without it.
+    /// Drops the back end's cached status. Queries read it again anyway.
     void UpdateFileStatus();
 
 private:

@@ -18,17 +18,17 @@ namespace {
 
 constexpr unsigned long PERMISSION_BITS = 0777;
 constexpr mode_t NEW_DIRECTORY_MODE = 0775;
-constexpr std::int64_t SMALLEST_COPY_BUFFER = 4096;
-constexpr std::int64_t LARGEST_COPY_BUFFER = 65536;
+constexpr std::int64_t SMALLEST_PIECE = 4096;  // of a copy, in bytes
+constexpr std::int64_t LARGEST_PIECE = 65536;
 
 // Where an entry lands: inside `target` under its own last component if `target` is a directory,
 // and at `target` itself otherwise.
 FilePath destinationOf(std::string const& path, FileHandle const& target) {
-    FilePath const targetPath = target.Path();
+    FilePath destination = target.Path();
     if (target.IsDirectory()) {
-        return targetPath.Resolve(FilePath(path).FileName());
+        destination = destination.Resolve(FilePath(path).FileName());
     }
-    return targetPath;
+    return destination;
 }
 
 }  // namespace
@@ -168,18 +168,23 @@ bool FileHandleBackendImpl::Copy(FileHandle const& target) {
         return false;
     }
     std::int64_t const sizeBytes = status != nullptr ? status->st_size : 0;
-    std::vector<char> buffer(static_cast<std::size_t>(
-        std::clamp(sizeBytes, SMALLEST_COPY_BUFFER - 1, LARGEST_COPY_BUFFER - 1) + 1));
     FilePath const destination = destinationOf(path, target);
 
-    std::ifstream input;
-    input.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-    input.open(path, std::ios_base::in | std::ios_base::binary);
-    std::ofstream output(destination.FullPath(), std::ios_base::out | std::ios_base::binary);
-    if (input.fail() || output.fail()) {
+    // The stream buffer reads one byte less than it is given.
+    std::int64_t const bufferSize = std::clamp(sizeBytes, SMALLEST_PIECE, LARGEST_PIECE) + 1;
+    std::unique_ptr<char[]> const buffer(new char[static_cast<std::size_t>(bufferSize)]);
+    std::filebuf input;
+    input.pubsetbuf(buffer.get(), static_cast<std::streamsize>(bufferSize));
+    bool const isOpen = input.open(path, std::ios_base::in | std::ios_base::binary) != nullptr;
+
+    std::ofstream output;
+    output.rdbuf()->pubsetbuf(nullptr, 0);  // Pieces go from the one buffer to the file.
+    output.open(destination.FullPath(), std::ios_base::out | std::ios_base::binary);
+
+    if (!isOpen || output.fail()) {
         return false;
     }
-    output << input.rdbuf();
+    output << &input;
     return true;
 }
 

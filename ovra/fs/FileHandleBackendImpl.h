@@ -17,9 +17,9 @@ namespace ovra::fs {
 
 /// One file-system entry, reached through the operating system's calls.
 ///
-/// Every query asks the file system anew with one `lstat`, and one `stat` more when the path is a
-/// symbolic link. What each operation means to a
-/// caller stands at FileHandle; here stands what a derived back end has to know.
+/// Every query asks the file system, with one `lstat`, and with one `stat` more when the path is a
+/// symbolic link. FileHandle says what each operation means to a caller. This class says what a
+/// derived back end has to know.
 ///
 /// Ownership: owned by one FileHandle, or made directly. Neither copied nor moved.
 ///

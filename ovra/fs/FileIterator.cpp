@@ -1,9 +1,10 @@
 #include <ovra/fs/FileIterator.h>
 
-#include <string_view>
 #include <utility>
 
 #include <dirent.h>
+
+#include <ovra/fs/internal/DirectoryStream.h>
 
 namespace ovra::fs {
 
@@ -21,7 +22,7 @@ FileIteratorBackendImpl::FileIteratorBackendImpl(std::string const& path) : dire
 FileIteratorBackendImpl::~FileIteratorBackendImpl() = default;
 
 bool FileIteratorBackendImpl::Valid() const {
-    return stream != nullptr && entry != nullptr;
+    return entry != nullptr;  // Without a stream there never is one.
 }
 
 std::string FileIteratorBackendImpl::Path() const {
@@ -33,10 +34,7 @@ int FileIteratorBackendImpl::Index() const {
 }
 
 std::string FileIteratorBackendImpl::Name() const {
-    if (stream == nullptr || entry == nullptr) {
-        return std::string();
-    }
-    return entry->d_name;
+    return entry != nullptr ? std::string(entry->d_name) : std::string();
 }
 
 void FileIteratorBackendImpl::Next() {
@@ -48,11 +46,7 @@ void FileIteratorBackendImpl::Next() {
     if (exhausted) {
         return;
     }
-    auto const isDotOrDotDot = [](std::string_view name) { return name == "." || name == ".."; };
-    do {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this object's own.
-        entry = ::readdir(static_cast<DIR*>(stream.get()));
-    } while (entry != nullptr && isDotOrDotDot(entry->d_name));
+    entry = internal::readEntry(static_cast<DIR*>(stream.get()));
 }
 
 FileIterator::FileIterator() = default;

@@ -72,12 +72,12 @@ private:
     int index = -1;
 };
 
-/// Walks the entries of one directory.
+/// Scans the entries of one directory.
 ///
 /// An iterator stands on an entry, or it is at the end. Exhausted, unable to open its directory and
 /// default-constructed are all the same end, and compare equal.
 ///
-/// **Copying starts over.** A copy opens the directory part of the source's current entry anew and
+/// **Copying starts over.** A copy opens the directory part of the source's current entry and
 /// stands on its first entry, whatever the position of the source. So:
 ///
 ///     source                             -> copy
@@ -100,7 +100,7 @@ private:
 /// Failure: a directory that cannot be opened looks like an empty one. Only exhausted memory is
 /// reported, as `std::bad_alloc`; an assignment that throws changes nothing.
 ///
-/// Entries may be added and removed during the walk; whether these are seen is up to the system.
+/// Entries may be added and removed during the scan; whether these are seen is up to the system.
 ///
 /// Example:
 ///
@@ -115,7 +115,7 @@ public:
     /// Stands on the first entry of the directory.
     FileIterator(std::string const& directoryPath);  // NOLINT(google-explicit-constructor)
 
-    /// Opens the source's directory anew: see the class comment.
+    /// Opens the source's directory once more: see the class comment.
     FileIterator(FileIterator const& other);
     /// As copy construction, but a source without a directory makes this the end. Assigned to
     /// itself, an iterator starts over by the same rule.

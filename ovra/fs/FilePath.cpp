@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 namespace ovra::fs {
@@ -21,6 +22,23 @@ bool startsAtRoot(std::string_view path) {
     return path.size() >= 2 && path[1] == ':' && (path.size() == 2 || path[2] == SEPARATOR);
 }
 
+// As rfind(), which looks at one character at a time.
+std::size_t findLastSeparator(std::string_view text) {
+    void const* const found = ::memrchr(text.data(), SEPARATOR, text.size());
+    return found != nullptr
+               ? static_cast<std::size_t>(static_cast<char const*>(found) - text.data())
+               : std::string_view::npos;
+}
+
+// Looks at all of the text, so that the compiler may take many characters in one step.
+bool hasDoubledSeparator(std::string_view text) {
+    int doubled = 0;
+    for (std::size_t i = 1; i < text.size(); ++i) {
+        doubled |= (text[i - 1] == SEPARATOR ? 1 : 0) & (text[i] == SEPARATOR ? 1 : 0);
+    }
+    return doubled != 0;
+}
+
 }  // namespace
 
 FilePath::FilePath() = default;
@@ -31,11 +49,6 @@ FilePath::FilePath(FilePath const& other) = default;
 
 FilePath& FilePath::operator=(FilePath const& other) {
     SetPath(other.path);
-    fullPath.clear();
-    fileName.clear();
-    fileBaseName.clear();
-    extension.clear();
-    directoryPath.clear();
     return *this;
 }
 
@@ -44,7 +57,6 @@ FilePath::~FilePath() = default;
 void FilePath::SetPath(std::string const& newPath) {
     path = newPath;
     cacheValid = false;
-    absolute = false;
 }
 
 FilePath FilePath::Resolve(std::string const& other) const {
@@ -74,47 +86,52 @@ FilePath FilePath::Join(std::string const& other) const {
 
 std::string FilePath::Resolved() const {
     bool const rooted = startsAtRoot(path);
-    std::string resolved;
-    resolved.reserve(path.size());
+    char const* const textEnd = path.data() + path.size();
+    // Never longer than the path, but for one character: "." for nothing, "/" after a lone root.
+    std::string resolved(path.size() + 1, SEPARATOR);
+    char* const first = resolved.data();
+    char* out = first;
     std::size_t components = 0;
     std::size_t foldable = 0;  // how many of the last components a ".." may still take away
 
-    std::size_t next = 0;
-    while (next < path.size()) {
-        std::size_t const begin = next;
-        std::size_t end = begin;  // Components are short: looking is quicker than calling for it.
-        while (end < path.size() && path[end] != SEPARATOR) {
-            ++end;
+    for (char const* next = path.data(); next < textEnd;) {
+        char const* const begin = next;
+        // Components are short: looking is quicker than calling for it.
+        while (next < textEnd && *next != SEPARATOR) {
+            ++next;
         }
-        next = end + 1;
-        std::string_view const component(path.data() + begin, end - begin);
+        std::string_view const component(begin, static_cast<std::size_t>(next - begin));
+        ++next;
 
         if (component == ".") {
             continue;
         }
-        if (component == ".." && foldable > 0) {
+        bool const isParent = component == "..";
+        if (isParent && foldable > 0) {
             --foldable;
             --components;
-            resolved.resize(components == 0 ? 0 : resolved.rfind(SEPARATOR));
+            while (out > first && *--out != SEPARATOR) {
+            }
             continue;
         }
         if (components > 0) {
-            resolved += SEPARATOR;
+            *out++ = SEPARATOR;
         }
-        resolved += component;
+        out = std::copy(component.begin(), component.end(), out);
         ++components;
-        bool const isRoot = rooted && begin == 0;
-        if (component != ".." && !isRoot) {
+        bool const isRoot = rooted && begin == path.data();
+        if (!isParent && !isRoot) {
             ++foldable;
         }
     }
 
     if (rooted && components == 1) {
-        resolved += SEPARATOR;
+        *out++ = SEPARATOR;
     }
-    if (resolved.empty()) {
-        resolved += '.';
+    if (out == first) {
+        *out++ = '.';
     }
+    resolved.resize(static_cast<std::size_t>(out - first));
     return resolved;
 }
 
@@ -123,6 +140,7 @@ void FilePath::Cache() const {
         return;
     }
     fullPath.clear();
+    fileBaseName.clear();
     extension.clear();
     directoryPath.clear();
     absolute = startsAtRoot(path);
@@ -134,7 +152,7 @@ void FilePath::Cache() const {
     if (EndingSeparator()) {
         text.remove_suffix(1);
     }
-    std::size_t const lastSeparator = text.rfind(SEPARATOR);
+    std::size_t const lastSeparator = findLastSeparator(text);
     if (lastSeparator == std::string_view::npos) {
         fileName = text;
         if (absolute) {
@@ -144,11 +162,14 @@ void FilePath::Cache() const {
         fullPath = fileName;
     } else {
         directoryPath = std::string(text.substr(0, lastSeparator + 1));
-        auto const bothSeparators = [](char left, char right) {
-            return left == SEPARATOR && right == SEPARATOR;
-        };
-        directoryPath.erase(std::unique(directoryPath.begin(), directoryPath.end(), bothSeparators),
-                            directoryPath.end());
+        if (hasDoubledSeparator(directoryPath)) {
+            auto const bothSeparators = [](char left, char right) {
+                return left == SEPARATOR && right == SEPARATOR;
+            };
+            directoryPath.erase(
+                std::unique(directoryPath.begin(), directoryPath.end(), bothSeparators),
+                directoryPath.end());
+        }
         fileName = std::string(text.substr(lastSeparator + 1));
         fullPath.reserve(directoryPath.size() + fileName.size());
         fullPath += directoryPath;
@@ -157,9 +178,9 @@ void FilePath::Cache() const {
 
     std::string_view const name = fileName;
     std::size_t const dot = name == ".." ? std::string_view::npos : name.find('.', 1);
-    fileBaseName = std::string(name.substr(0, dot));
+    fileBaseName.append(name, 0, dot);
     if (dot != std::string_view::npos) {
-        extension = std::string(name.substr(dot));
+        extension.append(name, dot);
     }
     cacheValid = true;
 }

@@ -1,4 +1,4 @@
-#include <cxxabi.h>
+#include <ovra/log/Log.h>
 
 #include <atomic>
 #include <cerrno>
@@ -10,7 +10,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include <ovra/log/Log.h>
+#include <cxxabi.h>
+
 #include <ovra/log/LogHandlers.h>
 #include <ovra/log/internal/VerbatimScope.h>
 

@@ -1,28 +1,46 @@
+#include <ovra/log/LogHandlers.h>
+
 #include <syslog.h>
 
 #include <iostream>
 #include <string>
 
-#include <ovra/log/LogHandlers.h>
 #include <ovra/log/internal/VerbatimScope.h>
 
 namespace ovra::log {
 
-void handleLogMessageEInkOrLinux(char const* line, LogLevel level, std::mutex& mutex) {
-    static constexpr int PRIORITIES[] = {LOG_CRIT, LOG_ERR, LOG_INFO, LOG_INFO, LOG_DEBUG};
-    unsigned int const index = static_cast<unsigned int>(level) - CRITICAL;
-    int const priority = index <= 4 ? PRIORITIES[index] : LOG_INFO;
+namespace {
 
+int systemLogPriority(LogLevel level) {
+    switch (level) {
+        case CRITICAL:
+            return LOG_CRIT;
+        case ERROR:
+            return LOG_ERR;
+        case DEBUG:
+            return LOG_DEBUG;
+        case DISABLED:
+        case WARNING:
+        case INFO:
+        case VERBOSE:
+            break;
+    }
+    return LOG_INFO;
+}
+
+}  // namespace
+
+void handleLogMessageEInkOrLinux(char const* line, LogLevel level, std::mutex& mutex) {
     std::lock_guard<std::mutex> const lock(mutex);
     if (VerbatimScope::isVerbatim()) {
-        syslog(priority, "%s", line);
+        syslog(systemLogPriority(level), "%s", line);
         return;
     }
     // Callers rely on the system log's own formatting of what is left in the line.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    syslog(priority, line);
+    syslog(systemLogPriority(level), line);
 #pragma GCC diagnostic pop
 }
 

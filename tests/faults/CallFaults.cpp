@@ -17,9 +17,7 @@
 #include <cstdlib>
 #include <new>
 
-// The runtime of a sanitizer makes some of these calls before it can be told of accesses.
-#define UNWATCHED __attribute__((no_sanitize("thread"), no_sanitize("address")))
-#define INTERPOSED extern "C" __attribute__((visibility("default"))) UNWATCHED
+#include "Interposed.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OVRA_SANITIZER_OWNS_MALLOC 1
@@ -60,12 +58,7 @@ std::atomic<long> startedThreads{0};
 std::atomic<long> joinedThreads{0};
 std::atomic<int> loggedLines{0};
 
-struct Verdict {
-    Effect effect = Effect::FAIL;
-    int error = 0;
-
-    bool fails() const { return error != 0; }
-};
+}  // namespace
 
 // Counts the call, and says what is to become of it.
 UNWATCHED Verdict judge(Call call) {
@@ -97,36 +90,6 @@ UNWATCHED Verdict judge(Call call) {
     return {here.fault.effect, here.fault.error};
 }
 
-// The definition that this file's own one hides.
-template <typename Function>
-class Next {
-public:
-    constexpr explicit Next(char const* functionName) : name(functionName) {}
-
-    UNWATCHED Function* get() {
-        auto* function = found.load(std::memory_order_relaxed);
-        if (function == nullptr) {
-            function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-            if (function == nullptr) {
-                std::abort();
-            }
-            found.store(function, std::memory_order_relaxed);
-        }
-        return function;
-    }
-
-private:
-    char const* const name;
-    std::atomic<Function*> found{nullptr};
-};
-
-UNWATCHED int failed(int error) {
-    errno = error;
-    return -1;
-}
-
-}  // namespace
-
 char const* nameOf(Call call) {
     static char const* const names[CALLS] = {"operator new",
                                              "malloc",
@@ -150,7 +113,12 @@ char const* nameOf(Call call) {
                                              "pthread_create",
                                              "pthread_setname_np",
                                              "pthread_mutex_lock",
-                                             "pthread_cond_wait"};
+                                             "pthread_cond_wait",
+                                             "readlinkat",
+                                             "fsync",
+                                             "ftruncate",
+                                             "flock",
+                                             "statvfs"};
     return names[static_cast<std::size_t>(call)];
 }
 
@@ -193,7 +161,13 @@ std::vector<int> const& errorsOf(Call call) {
         /* THREAD   */ {EAGAIN, EINVAL, EPERM},
         /* NAME     */ {ERANGE, ENOENT, EACCES},
         /* LOCK     */ {EAGAIN, EDEADLK, EINVAL, ENOTRECOVERABLE},
-        /* WAIT     */ {EINVAL, EPERM}};
+        /* WAIT     */ {EINVAL, EPERM},
+        /* READLINK */ {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR},
+        /* SYNC     */ {EBADF, EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS},
+        /* TRUNCATE */ {EBADF, EFBIG, EINVAL, EIO, EPERM, EROFS},
+        /* FLOCK    */ {EBADF, EINTR, EINVAL, ENOLCK, EWOULDBLOCK},
+        /* SPACE    */
+        {EACCES, EFAULT, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOSYS, ENOTDIR, EOVERFLOW}};
     return errors[static_cast<std::size_t>(call)];
 }
 
@@ -256,14 +230,6 @@ int systemLogLines() {
 
 using namespace ovra::faults;
 
-// Fails, or hands the call on to the hidden definition.
-#define OVRA_HAND_ON(call, onFailure, function, type, ...)      \
-    if (Verdict const verdict = judge(call); verdict.fails()) { \
-        onFailure;                                              \
-    }                                                           \
-    static Next<type> next(#function);                          \
-    return next.get()(__VA_ARGS__)
-
 // A function of a path that gives -1 and sets errno when it fails.
 #define OVRA_OF_PATH(call, function, second)                                                       \
     INTERPOSED int function(char const* path, second value) noexcept {                             \
@@ -282,6 +248,23 @@ OVRA_OF_PATH(Call::MKDIR, mkdir, mode_t)
 OVRA_OF_PATH(Call::RENAME, rename, char const*)
 OVRA_OF_PATH(Call::SYMLINK, symlink, char const*)
 
+// The same, for a path below an open directory.
+#define OVRA_BELOW(call, function)                             \
+    OVRA_HAND_ON(call, return failed(verdict.error), function, \
+                 int(int, char const*, decltype(value), int), directory, path, value, flags)
+
+INTERPOSED int fstatat(int directory, char const* path, struct stat* value, int flags) noexcept {
+    OVRA_BELOW(Call::STAT, fstatat);
+}
+INTERPOSED int fstatat64(int directory, char const* path, struct stat64* value,
+                         int flags) noexcept {
+    OVRA_BELOW(Call::STAT, fstatat64);
+}
+INTERPOSED int __fstatat64_time64(int directory, char const* path, void* value,
+                                  int flags) noexcept {
+    OVRA_BELOW(Call::STAT, __fstatat64_time64);
+}
+
 INTERPOSED int chown(char const* path, uid_t user, gid_t group) noexcept {
     OVRA_HAND_ON(Call::CHOWN, return failed(verdict.error), chown, int(char const*, uid_t, gid_t),
                  path, user, group);
@@ -289,6 +272,11 @@ INTERPOSED int chown(char const* path, uid_t user, gid_t group) noexcept {
 
 INTERPOSED int remove(char const* path) noexcept {
     OVRA_HAND_ON(Call::REMOVE, return failed(verdict.error), remove, int(char const*), path);
+}
+
+INTERPOSED int unlinkat(int directory, char const* path, int flags) noexcept {
+    OVRA_HAND_ON(Call::REMOVE, return failed(verdict.error), unlinkat, int(int, char const*, int),
+                 directory, path, flags);
 }
 
 #define OVRA_OR_NULL()         \

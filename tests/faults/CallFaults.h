@@ -14,27 +14,32 @@ enum class Call {
     MALLOC,  // malloc, calloc and realloc; not under a sanitizer, which owns them
     FORMAT,  // vasprintf, asprintf
     LSTAT,
-    STAT,
-    CHMOD,
-    CHOWN,
+    STAT,   // stat, fstatat, fstat, statx
+    CHMOD,  // chmod, fchmod
+    CHOWN,  // chown, fchown
     MKDIR,
-    REMOVE,
-    RENAME,
+    REMOVE,  // remove, unlinkat
+    RENAME,  // rename, renameat
     SYMLINK,
     OPENDIR,
-    READDIR,
+    READDIR,  // readdir, getdents64
     CLOSEDIR,
-    OPEN,  // fopen, open, and a stream's way to them
+    OPEN,  // fopen, open, openat, and a stream's way to them
     READ,
-    WRITE,  // write, writev
+    WRITE,  // write, writev, pwrite
     SEEK,
     CLOSE,   // fclose, close
     THREAD,  // pthread_create
     NAME,    // pthread_setname_np
     LOCK,    // pthread_mutex_lock
     WAIT,    // pthread_cond_wait
+    READLINK,
+    SYNC,  // fsync
+    TRUNCATE,
+    FLOCK,
+    SPACE,  // statvfs
 };
-constexpr std::size_t CALLS = static_cast<std::size_t>(Call::WAIT) + 1;
+constexpr std::size_t CALLS = static_cast<std::size_t>(Call::SPACE) + 1;
 
 char const* nameOf(Call call);
 

@@ -23,6 +23,8 @@ using Snapshot = std::map<std::string, std::string>;
 
 constexpr int MOST_SHOWN = 12;
 
+char const* (*errorName)(int) = nullptr;
+
 std::string resultOf(Action const& action) {
     try {
         std::string result = action();
@@ -75,13 +77,24 @@ struct Expected {
     Left left;
 };
 
+std::string withErrorNamed(std::string text, int error) {
+    for (std::size_t at = 0; (at = text.find('@', at)) != std::string::npos;) {
+        text.replace(at, 1, errorName(error));
+    }
+    return text;
+}
+
 Expected expectedOf(Operation const& operation, Fault const* fault) {
     if (fault != nullptr && fault->effect == Effect::FAIL) {
         for (Hit const& hit : hits()) {
+            if (operation.opensAgain && hit.call == Call::OPEN && fault->error == EINTR &&
+                !fault->lasting) {
+                continue;
+            }
             for (Rule const& rule : operation.rules) {
                 if (rule.call == hit.call && rule.first <= hit.ordinal &&
-                    hit.ordinal <= rule.last) {
-                    return {rule.result, rule.left};
+                    hit.ordinal <= rule.last && (rule.error == 0 || rule.error == fault->error)) {
+                    return {withErrorNamed(rule.result, fault->error), rule.left};
                 }
             }
         }
@@ -120,7 +133,8 @@ std::string perform(Operation const& operation, Fault const* fault, Snapshot& do
     // The trouble is over: the same objects do what they are for.
     std::string const again = resultOf(action);
     bool const isRepeated = expected.left == DONE && operation.again != nullptr;
-    if (expected.left != PARTLY && again != (isRepeated ? operation.again : operation.result)) {
+    if (expected.left != PARTLY &&
+        !isOneOf(again, isRepeated ? operation.again : operation.result)) {
         return "is of no use afterwards, and gives " + again;
     }
     return std::string();
@@ -303,7 +317,9 @@ Tree& tree() {
     return theTree;
 }
 
-bool sweep(std::vector<Operation> const& operations, std::string const& only) {
+bool sweep(std::vector<Operation> const& operations, std::string const& only,
+           char const* (*nameOfError)(int)) {
+    errorName = nameOfError;
     tree();
     std::setvbuf(stdout, nullptr, _IOLBF, 0);  // Nothing is lost if an operation ends the process.
     std::printf("%-46s %6s %7s  %s\n", "operation", "calls", "faults", "all as documented");

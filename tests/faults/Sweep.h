@@ -23,24 +23,32 @@ struct Rule {
     Call call;
     int first;  // of its kind, from 1
     int last;
-    char const* result;  // Several, where the order of a directory's entries decides: "0|1".
+    // Several, where the order of a directory's entries decides: "0|1". A "@" stands for what the
+    // error is called.
+    char const* result;
     Left left;
+    int error = 0;  // With this one only; 0: whatever the error.
 };
 
 /// Whichever call of the kind fails.
 inline Rule any(Call call, char const* result, Left left = UNCHANGED) {
-    return {call, 1, 1 << 20, result, left};
+    return {call, 1, 1 << 20, result, left, 0};
 }
 /// When the call of that ordinal among its kind fails.
 inline Rule nth(Call call, int ordinal, char const* result, Left left = UNCHANGED) {
-    return {call, ordinal, ordinal, result, left};
+    return {call, ordinal, ordinal, result, left, 0};
 }
 inline Rule from(Call call, int ordinal, char const* result, Left left = UNCHANGED) {
-    return {call, ordinal, 1 << 20, result, left};
+    return {call, ordinal, 1 << 20, result, left, 0};
 }
 
 inline constexpr char const* OUT_OF_MEMORY = "std::bad_alloc";
 inline constexpr char const* SYSTEM_ERROR = "std::system_error";
+
+/// When any call of the kind fails with that error.
+inline Rule with(int error, Call call, char const* result, Left left = UNCHANGED) {
+    return {call, 1, 1 << 20, result, left, error};
+}
 
 using Action = std::function<std::string()>;
 
@@ -58,12 +66,15 @@ struct Operation {
     std::function<Action()> make;
     /// The entries it may change; a name stands for all below it.
     std::vector<std::string> mayChange = {};
-    /// The result of the second call, when the first one was done.
+    /// The result of the second call, when the first one was done; or several, as above.
     char const* again = nullptr;
     /// Each try in a process of its own, for what happens once in the life of a process.
     bool inChild = false;
     /// Calls whose failure nobody could be told of: a destructor that cannot lock ends the process.
     std::vector<Call> spared = {};
+    /// Whether it opens again what a signal has interrupted, so that one interruption makes no
+    /// difference.
+    bool opensAgain = false;
 };
 
 /// Ends the watch, so that the text is made undisturbed.
@@ -95,6 +106,8 @@ std::vector<Operation> taskOperations();
 
 /// Lets every call of every operation fail with every error, once and from then on. Prints a table,
 /// and what is not as documented. Whether all is. Only operations whose names contain `only`.
-bool sweep(std::vector<Operation> const& operations, std::string const& only);
+/// `nameOfError` is what a "@" in a result stands for.
+bool sweep(std::vector<Operation> const& operations, std::string const& only,
+           char const* (*nameOfError)(int) = nullptr);
 
 }  // namespace ovra::faults

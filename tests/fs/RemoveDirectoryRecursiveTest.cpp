@@ -1,4 +1,6 @@
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -10,8 +12,10 @@
 #include <gtest/gtest.h>
 
 #include <ovra/fs/FileHandle.h>
+#include <ovra/fs/FileHandleBackendImpl.h>
 
 #include "TemporaryDirectory.h"
+#include "TestPeers.h"
 
 namespace ovra::fs {
 namespace {
@@ -331,6 +335,52 @@ TEST_F(RemoveDirectoryRecursiveTest, RemovesTenThousandEntriesOfOneDirectory) {
     }
     EXPECT_TRUE(removeRecursively(at("d")));
     EXPECT_THAT(namesIn(root), ElementsAre("file"));
+}
+
+/// Records what it is asked for.
+class AskedBackend : public FileHandleBackendImpl {
+public:
+    AskedBackend(std::string const& entryPath, std::vector<std::string>& record)
+        : FileHandleBackendImpl(entryPath), asked(record) {}
+
+    std::string Path() const override { return note("Path", FileHandleBackendImpl::Path()); }
+    bool Exists() const override { return note("Exists", FileHandleBackendImpl::Exists()); }
+    bool IsFile() const override { return note("IsFile", FileHandleBackendImpl::IsFile()); }
+    bool IsDirectory() const override { return note("IsDirectory", isDirectory); }
+    bool Remove() override { return note("Remove", FileHandleBackendImpl::Remove()); }
+    bool RemoveDirectory() override { return note("RemoveDirectory", false); }
+
+    bool isDirectory = true;
+
+private:
+    template <typename Answer>
+    Answer note(char const* question, Answer answer) const {
+        asked.push_back(question);
+        return answer;
+    }
+
+    std::vector<std::string>& asked;
+};
+
+TEST_F(RemoveDirectoryRecursiveTest, AsksADerivedBackEndForTheTreeItself) {
+    makeDirectory(at("d"));
+    makeDirectory(at("d/sub"));
+    writeFile(at("d/file"));
+    for (bool const isDirectory : {false, true}) {
+        std::vector<std::string> asked;
+        auto backend = std::make_unique<AskedBackend>(at("d"), asked);
+        backend->isDirectory = isDirectory;
+        FileHandle handle("unused");
+        FileHandleTestPeer::install(handle, std::move(backend));
+        EXPECT_FALSE(handle.RemoveDirectoryRecursive()) << "what the back end says";
+        if (!isDirectory) {
+            EXPECT_THAT(asked, ElementsAre("IsDirectory"));
+            EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("sub", "file"));
+        } else {
+            EXPECT_THAT(asked, ElementsAre("IsDirectory", "Path", "RemoveDirectory"));
+            EXPECT_THAT(namesIn(at("d")), IsEmpty());
+        }
+    }
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
 #include "SystemCalls.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <sys/types.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace ovra::fs::test {
@@ -37,6 +40,13 @@ std::string octal(unsigned int mode) {
     return text;
 }
 
+/// The path that an open directory has now.
+std::string pathOf(int directory) {
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory), error)
+        .string();
+}
+
 /// Whether the call may happen. `describe` says what to record for it.
 template <typename Describe>
 bool admit(Describe describe) {
@@ -53,6 +63,12 @@ bool admit(Describe describe) {
 
 bool admitPath(char const* name, char const* path) {
     return admit([&](SystemCalls const& calls) { return name + (" " + calls.shorten(path)); });
+}
+
+bool admitPathBelow(char const* name, int directory, char const* path) {
+    return admit([&](SystemCalls const& calls) {
+        return name + (" " + calls.shorten((pathOf(directory) + "/" + path).c_str()));
+    });
 }
 
 bool admitPair(char const* name, char const* from, char const* to) {
@@ -77,6 +93,13 @@ bool admitMode(char const* name, char const* path, mode_t mode) {
 bool admitOpening(char const* path, char const* mode) {
     return admit(
         [&](SystemCalls const& calls) { return "open " + calls.shorten(path) + " " + mode; });
+}
+
+struct dirent* disguise(struct dirent* entry) {
+    if (recorder != nullptr && entry != nullptr) {
+        entry->d_type = recorder->entryType.value_or(entry->d_type);
+    }
+    return entry;
 }
 
 bool admitName(char const* name) {
@@ -136,6 +159,8 @@ using ovra::fs::test::admitOpening;
 using ovra::fs::test::admitOwner;
 using ovra::fs::test::admitPair;
 using ovra::fs::test::admitPath;
+using ovra::fs::test::admitPathBelow;
+using ovra::fs::test::disguise;
 using ovra::fs::test::original;
 
 #define OVRA_STATUS_CALL(symbol, name)                                             \
@@ -153,6 +178,29 @@ OVRA_STATUS_CALL(__lstat64_time64, "lstat")
 OVRA_STATUS_CALL(stat, "stat")
 OVRA_STATUS_CALL(stat64, "stat")
 OVRA_STATUS_CALL(__stat64_time64, "stat")
+
+#define OVRA_STATUS_BELOW_CALL(symbol)                                                           \
+    extern "C" int ovraTest_##symbol(int directory, char const* path, void* status,              \
+                                     int flags) asm(#symbol);                                    \
+    extern "C" int ovraTest_##symbol(int directory, char const* path, void* status, int flags) { \
+        if (!admitPathBelow("fstatat", directory, path)) {                                       \
+            return -1;                                                                           \
+        }                                                                                        \
+        return original<int(int, char const*, void*, int)>(#symbol)(directory, path, status,     \
+                                                                    flags);                      \
+    }
+
+OVRA_STATUS_BELOW_CALL(fstatat)
+OVRA_STATUS_BELOW_CALL(fstatat64)
+OVRA_STATUS_BELOW_CALL(__fstatat64_time64)
+
+extern "C" int ovraTest_unlinkat(int directory, char const* path, int flags) asm("unlinkat");
+extern "C" int ovraTest_unlinkat(int directory, char const* path, int flags) {
+    if (!admitPathBelow("unlinkat", directory, path)) {
+        return -1;
+    }
+    return original<int(int, char const*, int)>("unlinkat")(directory, path, flags);
+}
 
 #define OVRA_PATH_CALL(symbol)                                       \
     extern "C" int ovraTest_##symbol(char const* path) asm(#symbol); \
@@ -224,13 +272,14 @@ extern "C" void* ovraTest_opendir(char const* path) {
     return original<void*(char const*)>("opendir")(path);
 }
 
-#define OVRA_READ_CALL(symbol)                                     \
-    extern "C" void* ovraTest_##symbol(void* stream) asm(#symbol); \
-    extern "C" void* ovraTest_##symbol(void* stream) {             \
-        if (!admitName("readdir")) {                               \
-            return nullptr;                                        \
-        }                                                          \
-        return original<void*(void*)>(#symbol)(stream);            \
+// The record of each of the two is laid out as this file's own `struct dirent`, which has 64 bits.
+#define OVRA_READ_CALL(symbol)                                              \
+    extern "C" struct dirent* ovraTest_##symbol(void* stream) asm(#symbol); \
+    extern "C" struct dirent* ovraTest_##symbol(void* stream) {             \
+        if (!admitName("readdir")) {                                        \
+            return nullptr;                                                 \
+        }                                                                   \
+        return disguise(original<struct dirent*(void*)>(#symbol)(stream));  \
     }
 
 OVRA_READ_CALL(readdir)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,9 @@ public:
     /// Called before each call, with what is recorded for it and without recording what it does
     /// itself. An error number that it returns is what the call fails with; 0 lets it happen.
     std::function<int(std::string const&)> intercept;
+
+    /// What readdir() gives as the type of each entry, such as DT_UNKNOWN, instead of the true one.
+    std::optional<unsigned char> entryType;
 
     /// For the definitions of the calls.
     int enter(std::string const& call);

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <typeinfo>
 #include <utility>
 
 #include <ovra/fs/FileHandle.h>
+#include <ovra/fs/FileHandleBackendImpl.h>
 #include <ovra/fs/FileIterator.h>
 
 namespace ovra::fs {
@@ -16,6 +18,11 @@ struct FileHandleTestPeer {
     static FileHandleBackend* backendOf(FileHandle const& handle) { return handle.backend.get(); }
 };
 
+inline bool hasPosixBackend(FileHandle const& handle) {
+    FileHandleBackend const* const backend = FileHandleTestPeer::backendOf(handle);
+    return backend != nullptr && typeid(*backend) == typeid(FileHandleBackendImpl);
+}
+
 /// The same for an iterator.
 struct FileIteratorTestPeer {
     static void install(FileIterator& iterator, std::unique_ptr<FileIteratorBackend> backend) {
@@ -25,5 +32,14 @@ struct FileIteratorTestPeer {
         return iterator.backend.get();
     }
 };
+
+inline FileIteratorBackend const& backendOf(FileIterator const& iterator) {
+    return *FileIteratorTestPeer::backendOf(iterator);
+}
+
+inline bool hasPosixBackend(FileIterator const& iterator) {
+    FileIteratorBackend const& backend = backendOf(iterator);
+    return typeid(backend) == typeid(FileIteratorBackendImpl);
+}
 
 }  // namespace ovra::fs

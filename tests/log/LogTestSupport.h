@@ -22,6 +22,7 @@
 
 #include <ovra/log/Log.h>
 
+#include "tests/log/CLibraryProbe.h"
 #include "tests/support/Deadline.h"
 
 namespace ovra::log::test {
@@ -239,5 +240,27 @@ private:
     std::ios_base::fmtflags const flags;
     std::ostream* const tied;
 };
+
+/// Large enough to tell one that is kept from whatever else changes.
+inline std::string const& largeText() {
+    static std::string const text(1 << 20, 'x');
+    return text;
+}
+
+inline void logLargeText() {
+    log(ERROR, "tag", "%s", largeText().c_str());
+}
+
+/// What `work`, done again and again, adds to the heap, in large texts.
+template <typename Work>
+double largeTextsKeptBy(Work const& work) {
+    work();  // What is allocated once and for all.
+    std::size_t const before = heapInUse();
+    for (int i = 0; i < 8; ++i) {
+        work();
+    }
+    return (static_cast<double>(heapInUse()) - static_cast<double>(before)) /
+           static_cast<double>(largeText().size());
+}
 
 }  // namespace ovra::log::test

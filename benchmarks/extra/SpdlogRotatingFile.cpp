@@ -1,0 +1,32 @@
+// The same line to the peer's sink, which is told to hand each line to the system, as ovra's does.
+
+#include <memory>
+
+#include <benchmark/benchmark.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+
+#include "RotatingFile.h"
+
+namespace ovra::bench {
+
+namespace {
+
+void writeLines(benchmark::State& state, char const* pattern) {
+    TemporaryDirectory const directory;
+    spdlog::sinks::rotating_file_sink_mt sink(directory / "log", MAX_BYTES, 1);
+    sink.set_formatter(
+        std::make_unique<spdlog::pattern_formatter>(pattern, spdlog::pattern_time_type::utc));
+    for (auto _ : state) {
+        sink.log(spdlog::details::log_msg("bench", spdlog::level::info, LINE));
+        sink.flush();
+    }
+}
+
+BENCHMARK_CAPTURE(writeLines, plain, "%v")->Name("logfile/plain/spdlog capped");
+BENCHMARK_CAPTURE(writeLines, stamped, "%Y-%m-%dT%H:%M:%S.%eZ %v")
+    ->Name("logfile/stamped/spdlog capped");
+
+}  // namespace
+
+}  // namespace ovra::bench

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <optional>
+
+#include <ovra/Export.h>
+#include <ovra/log/Log.h>
+
+/// Logs as `ovra::log::log(level, tag, format, ...)` does, but from this place in the source at
+/// most once in `milliseconds`, for what would otherwise flood the log.
+///
+/// The first line goes out at once. Those that follow within `milliseconds` are held back, and the
+/// next one after that says how many: it ends in " (and N more like it)". Nothing is said of lines
+/// held back if none follows. Lines that the global level drops neither count nor begin a period.
+/// `milliseconds` of 0 or less hold nothing back. The arguments are evaluated in any case.
+///
+///     OVRA_LOG_EVERY(10000, ovra::log::WARNING, "net", "Cannot reach %s.", server);
+///
+/// *Place*: in a template or an inline function each instantiation counts by itself, unless the
+/// linker makes one of several.
+///
+/// *Threads*: Thread-safe, takes no lock of its own. Of lines at the same moment one goes out.
+#define OVRA_LOG_EVERY(milliseconds, level, tag, /* format, */...)     \
+    do {                                                               \
+        static ::ovra::extra::LogEvery ovraLogEvery;                   \
+        ovraLogEvery.log((milliseconds), (level), (tag), __VA_ARGS__); \
+    } while (false)
+
+namespace ovra::extra {
+
+/// What `OVRA_LOG_EVERY` keeps for each place that uses it.
+///
+/// *Threads*: Thread-safe. *Failure*: as `ovra::log::log`: a message that cannot be formatted is
+/// dropped in silence. `errno` is kept.
+class LogEvery {
+public:
+    constexpr LogEvery() = default;
+
+    /// Logs, unless the last line went out less than `milliseconds` ago.
+    OVRA_PRINTF(5, 6)
+    void log(std::int64_t milliseconds, log::LogLevel level, char const* tag, char const* format,
+             ...) {
+        log::LogLevel const threshold = log::getLogLevel();
+        if (threshold == log::DISABLED || threshold < level) {
+            return;
+        }
+        if (std::optional<unsigned long> const count = begin(milliseconds)) {
+            std::va_list arguments;
+            va_start(arguments, format);
+            logFormatted(level, tag, *count, format, arguments);
+            va_end(arguments);
+        }
+    }
+
+private:
+    static std::int64_t now() {
+        using std::chrono::milliseconds;
+        auto const time = std::chrono::steady_clock::now().time_since_epoch();
+        return std::chrono::duration_cast<milliseconds>(time).count();
+    }
+
+    // Begins a period and returns how many lines the last one held back; or counts one more of
+    // them.
+    std::optional<unsigned long> begin(std::int64_t milliseconds) {
+        constexpr std::int64_t NEVER = std::numeric_limits<std::int64_t>::max() / 2;
+        std::int64_t const time = now();
+        std::int64_t const end = milliseconds < NEVER - time ? time + milliseconds : NEVER;
+        std::int64_t seen = period.load();
+        while (milliseconds <= 0 || time >= seen >> 1) {
+            std::int64_t const next = end * 2 + (~seen & 1);
+            if (period.compare_exchange_weak(seen, next)) {
+                return held[seen & 1].exchange(0);
+            }
+        }
+        held[seen & 1].fetch_add(1);
+        return std::nullopt;
+    }
+
+    static OVRA_PRINTF(4, 0) void logFormatted(log::LogLevel level, char const* tag,
+                                               unsigned long heldBack, char const* format,
+                                               std::va_list arguments) {
+        struct Free {
+            void operator()(char* text) const { std::free(text); }
+        };
+        int const error = errno;
+        char* formatted = nullptr;
+        bool const isFormatted = vasprintf(&formatted, format, arguments) != -1;
+        std::unique_ptr<char, Free> const message(isFormatted ? formatted : nullptr);
+        if (message && heldBack > 0) {
+            log::log(level, tag, "%s (and %lu more like it)", message.get(), heldBack);
+        } else if (message) {
+            log::log(level, tag, "%s", message.get());
+        }
+        errno = error;
+    }
+
+    // When the present period ends, twice, plus 0 or 1 in turn: which counter is that period's.
+    std::atomic<std::int64_t> period{std::numeric_limits<std::int64_t>::min()};
+    std::atomic<unsigned long> held[2] = {};
+};
+
+}  // namespace ovra::extra

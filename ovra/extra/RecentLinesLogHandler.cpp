@@ -1,0 +1,212 @@
+#include <ovra/extra/RecentLinesLogHandler.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include <ovra/extra/internal/ForkCount.h>
+#include <ovra/extra/internal/KeptErrno.h>
+
+namespace ovra::extra {
+
+namespace {
+
+// How a place stands, in one word, so that it changes hands in one step:
+//
+//     0 ............ nothing in it
+//     ticket | readers | 0 ... the line with that ticket, and how many are writing it out
+//     fork count | 1 ......... somebody, in the process with that count, is putting a line in
+//
+// Tickets begin at 1.
+using Word = std::size_t;
+static_assert(std::atomic<Word>::is_always_lock_free);  // In a signal handler.
+
+constexpr Word EMPTY = 0;
+constexpr Word BEING_FILLED = 1;
+constexpr Word ONE_READER = 2;
+constexpr Word ALL_READERS = 15 * ONE_READER;
+constexpr Word ONE_TICKET = ALL_READERS + ONE_READER;
+constexpr Word MOST_TICKETS = std::numeric_limits<Word>::max() / ONE_TICKET;
+
+Word beingFilled() {
+    return Word{forkCount()} << 1 | BEING_FILLED;
+}
+
+bool writeWhole(int descriptor, char const* bytes, std::size_t count) {
+    while (count > 0) {
+        ssize_t const written = ::write(descriptor, bytes, count);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        bytes += written;
+        count -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+}  // namespace
+
+class RecentLinesLogHandler::Ring {
+public:
+    Ring(std::size_t lines, std::size_t bytesEach)
+        : count(lines),
+          most(bytesEach),
+          bytes(new char[bytesOf(lines, bytesEach)]()),
+          places(new Place[lines]) {
+        countForks();
+        for (std::size_t index = 0; index < count; ++index) {
+            places[index].text = &bytes[index * (most + 1)];
+        }
+    }
+
+    void keep(char const* line) {
+        for (std::size_t attempt = 0; attempt < count; ++attempt) {
+            Word const ticket = takeTicket();
+            Place& place = placeOf(ticket);
+            switch (claim(place, ticket)) {
+                case Claim::TAKEN:
+                    place.fill(line, most);
+                    place.word.store(ticket * ONE_TICKET, std::memory_order_release);
+                    return;
+                case Claim::TOO_LATE:
+                    return;
+                case Claim::IN_USE:
+                    break;
+            }
+        }
+    }
+
+    bool writeTo(int descriptor) const {
+        if (count == 0) {
+            return true;
+        }
+        Word const last = lastTicket.load(std::memory_order_acquire);
+        Word ticket = last >= count ? last - count : last + tickets() - count;
+        for (std::size_t step = 0; step < count; ++step) {
+            ticket = after(ticket);
+            Place& place = placeOf(ticket);
+            Reader const reader(place.word, ticket);
+            if (reader.isHolding && !writeWhole(descriptor, place.text, place.length)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    struct Place {
+        std::atomic<Word> word{EMPTY};
+        // Belong to who fills the place, or to its readers.
+        std::size_t length = 0;
+        char* text = nullptr;
+
+        void fill(char const* line, std::size_t most) {
+            length = strnlen(line, most);
+            std::memcpy(text, line, length);
+            text[length++] = '\n';
+        }
+    };
+
+    // Keeps the line with this ticket, if it is there, from being overwritten.
+    class Reader {
+    public:
+        Reader(std::atomic<Word>& readWord, Word ticket) : word(readWord) {
+            Word seen = word.load(std::memory_order_relaxed);
+            while ((seen & ~ALL_READERS) == ticket * ONE_TICKET &&
+                   seen % ONE_TICKET < ALL_READERS && !isHolding) {
+                isHolding = word.compare_exchange_weak(
+                    seen, seen + ONE_READER, std::memory_order_acquire, std::memory_order_relaxed);
+            }
+        }
+        Reader(Reader const&) = delete;
+        Reader& operator=(Reader const&) = delete;
+        ~Reader() {
+            if (isHolding) {
+                word.fetch_sub(ONE_READER, std::memory_order_release);
+            }
+        }
+
+        bool isHolding = false;
+
+    private:
+        std::atomic<Word>& word;
+    };
+
+    enum class Claim { TAKEN, TOO_LATE, IN_USE };
+
+    static std::size_t bytesOf(std::size_t lines, std::size_t bytesEach) {
+        std::size_t result = 0;
+        if (bytesEach == std::numeric_limits<std::size_t>::max() ||
+            __builtin_mul_overflow(lines, bytesEach + 1, &result)) {
+            throw std::bad_alloc();
+        }
+        return result;
+    }
+
+    // Tickets begin again after so many, and then go to the same places as before.
+    Word tickets() const { return MOST_TICKETS / count * count; }
+    Word after(Word ticket) const { return ticket == tickets() ? 1 : ticket + 1; }
+    Place& placeOf(Word ticket) const { return places[(ticket - 1) % count]; }
+
+    Word takeTicket() {
+        Word before = lastTicket.load(std::memory_order_relaxed);
+        while (!lastTicket.compare_exchange_weak(before, after(before), std::memory_order_acq_rel,
+                                                 std::memory_order_relaxed)) {
+        }
+        return after(before);
+    }
+
+    // Whether the first ticket was handed out after the second; both within half of all.
+    bool isLater(Word first, Word second) const {
+        Word const ahead = first >= second ? first - second : tickets() - second + first;
+        return ahead != 0 && ahead < tickets() / 2;
+    }
+
+    Claim claim(Place& place, Word ticket) const {
+        Word seen = place.word.load(std::memory_order_relaxed);
+        do {
+            bool const isLeftBehind = (seen & BEING_FILLED) != 0 && seen != beingFilled();
+            if (!isLeftBehind && (seen & (BEING_FILLED | ALL_READERS)) != 0) {
+                return Claim::IN_USE;
+            }
+            if (!isLeftBehind && seen != EMPTY && isLater(seen / ONE_TICKET, ticket)) {
+                return Claim::TOO_LATE;
+            }
+        } while (!place.word.compare_exchange_weak(seen, beingFilled(), std::memory_order_acquire,
+                                                   std::memory_order_relaxed));
+        return Claim::TAKEN;
+    }
+
+    std::size_t const count;
+    std::size_t const most;
+    std::unique_ptr<char[]> const bytes;
+    std::unique_ptr<Place[]> const places;
+    std::atomic<Word> lastTicket{0};
+};
+
+RecentLinesLogHandler::RecentLinesLogHandler(std::size_t lines, std::size_t bytesEach)
+    : ring(std::make_unique<Ring>(lines, bytesEach)) {}
+
+RecentLinesLogHandler::~RecentLinesLogHandler() = default;
+
+void RecentLinesLogHandler::handleLogMessage(char const* line, log::LogLevel) {
+    if (line != nullptr) {
+        ring->keep(line);
+    }
+}
+
+bool RecentLinesLogHandler::writeTo(int descriptor) const {
+    KeptErrno const keptErrno;
+    return ring->writeTo(descriptor);
+}
+
+}  // namespace ovra::extra

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <ovra/extra/Export.h>
+#include <ovra/extra/Outcome.h>
+#include <ovra/fs/FilePath.h>
+
+namespace ovra::extra {
+
+/// Removes `root` and, if it is a directory, all that is below it, also while others write to it.
+///
+///     a directory                  -> removed with every kind of entry in it
+///     anything else                -> removed
+///     a link                       -> removed; what it leads to is spared, in the tree as well
+///     "name/"                      -> as "name", also where that is a link
+///     nothing                      -> MISSING
+///     ".", "a/..", "/"             -> REFUSED
+///     ""                           -> MISSING
+///     a path with a NUL byte       -> REFUSED
+///
+/// Links on the way to `root` are followed; `root` itself and what is below it are reached without
+/// following any. No link that is put in the place of a directory leads the removal out of the
+/// tree, and no directory that is moved does: what is moved out while it is being emptied may be
+/// emptied further, and nothing around its new place is touched.
+///
+/// Mount points below `root` are not crossed: they stay, and with them the directories that they
+/// are in (`BUSY`). A directory on another device counts as one. A mount point at `root` itself is
+/// emptied, and stays (`BUSY`).
+///
+/// Limits: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree is;
+/// the heap holds the names of the directories that are still to be removed. Longer paths than the
+/// system accepts are no obstacle. A directory that others keep adding entries to is given up after
+/// ten scans (`EXISTS`).
+///
+/// Threads: Thread-safe. Two that remove one tree at the same time help each other.
+///
+/// Failure: goes on with the rest, and returns the first failure. An entry that vanished meanwhile
+/// is none. A directory for whose names there is no memory stays (`NO_MEMORY`). Throws
+/// `std::bad_alloc` before it begins, and then nothing has changed.
+OVRA_EXTRA_API Outcome removeTree(fs::FilePath const& root);
+
+}  // namespace ovra::extra

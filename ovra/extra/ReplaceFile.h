@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string_view>
+
+#include <ovra/extra/Export.h>
+#include <ovra/extra/Outcome.h>
+#include <ovra/fs/FilePath.h>
+
+namespace ovra::extra {
+
+/// Gives `file` the contents `contents`, so that at any moment, also after a loss of power, the
+/// file has its old contents or the new ones, whole. Blocks until they are on the medium.
+///
+/// The new contents are written beside the file, as ".NAME.XXXXXX", where NAME is cut if the whole
+/// would be too long. That file is made exclusively and has the mode 0600 until it is complete. It
+/// is synced, renamed over `file`, and the directory is synced. A process that ends in the middle
+/// can leave it behind; nothing else does.
+///
+///     a regular file             -> replaced; its mode and owner are kept, see below
+///     nothing                    -> made, with the mode 0666 less the umask
+///     a link                     -> its target is replaced, or made if it dangles; the link stays
+///     a link that the system does not let the process follow -> DENIED
+///     a directory, a pipe, ...   -> WRONG_KIND, before anything is made
+///     "name/", with a separator at the end -> WRONG_KIND
+///     in a directory that does not exist   -> MISSING
+///     ""                         -> MISSING
+///     a path with a NUL byte     -> REFUSED
+///     empty contents             -> an empty file
+///
+/// Other hard links to the old file keep the old contents. Access control lists and extended
+/// attributes of the old file are not kept. The owner and the group are kept as far as the process
+/// is allowed to give a file away; where they are not, the set-user-id and set-group-id bits go.
+///
+/// Threads: Thread-safe. Two that replace one file at the same time leave the contents of one.
+///
+/// Failure: the old file is untouched and the file beside it is gone. `DONE_NOT_SYNCED`: the new
+/// contents stand, but the directory could not be synced, or not be opened for it, so that a loss
+/// of power may bring the old ones back. A sync that fails is not tried again. Throws
+/// `std::bad_alloc`, and then nothing has changed.
+OVRA_EXTRA_API Outcome replaceFile(fs::FilePath const& file, std::string_view contents);
+
+/// Blocks until the contents of a file, or the entries of a directory, are on the medium.
+///
+///     a link                            -> what it leads to is synced
+///     anything but a file or directory  -> WRONG_KIND, without blocking
+///     a path with a NUL byte            -> REFUSED
+///
+/// Threads: Thread-safe.
+///
+/// Failure: a sync that fails is not tried again, because the system may report the loss of data
+/// only once.
+OVRA_EXTRA_API Outcome syncFile(fs::FilePath const& entry);
+
+}  // namespace ovra::extra

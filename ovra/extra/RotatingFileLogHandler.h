@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <ovra/extra/Export.h>
+#include <ovra/fs/FilePath.h>
+#include <ovra/log/Log.h>
+
+namespace ovra::extra {
+
+class RotatingFile;
+
+/// What a `RotatingFileLogHandler` does besides writing lines to a file.
+struct RotatingFileOptions {
+    /// The most bytes in the file before it is moved away; 0: no cap.
+    std::uint64_t maxBytes = 0;
+    /// How many moved files are kept: "x.1" is the youngest. 0: the full file is removed.
+    unsigned int generations = 1;
+    /// Whether each line begins with the time, as "2026-11-21T16:32:37.236Z " (UTC).
+    bool stampTimes = true;
+    /// Lines at least as severe are on the disk when the call returns; `DISABLED`: none are waited
+    /// for.
+    log::LogLevel syncLevel = log::DISABLED;
+};
+
+/// A log file for a device in the field: it is never emptied, keeps to a size if asked to, survives
+/// full disks and says how many lines it lost to them, and follows a rename on request.
+///
+/// Lines are appended (`O_APPEND`), each with one `write`, so that threads, processes and programs
+/// that share the file never mix lines. Nothing is allocated for a line.
+///
+/// *The file*: made with mode 0640 less the umask, if it does not exist; its directory must. A
+/// directory -> "ovra.log" inside it. A link -> its target, as found when the sink is made.
+/// Anything but a regular file is refused without blocking, and its lines count as lost; so is a
+/// path with a NUL byte. A relative path is taken from the directory that is the current one
+/// whenever the file is opened. A last line that an earlier run left without its newline is ended
+/// first.
+///
+/// *The cap*: a line that would take the file over `maxBytes` first moves "x.1" to "x.2" and so on,
+/// then x to "x.1"; the oldest is dropped. The name after the last, "x.3" where two are kept, is
+/// used in passing: nothing stays there. The size counts what an earlier run left.
+///
+///     an empty file                       -> not moved: a longer line goes out alone
+///     the file cannot be moved            -> goes on in the same file; the others keep their names
+///     it was moved, a new one cannot open -> goes on in the moved file
+///     generations 0                       -> the file is removed and made again
+///     another process has moved it        -> the path is opened again
+///     somebody has removed it             -> the path is opened again
+///
+/// Several processes may share a capped file. What others write is noticed with the next tick of
+/// the system's clock (10 ms at most), or earlier where space is short; until then the file may
+/// grow over `maxBytes` by what they write at that very moment.
+///
+/// *Ownership*: the destructor closes the file and waits for nothing; what was written stays with
+/// the system, which puts it on the disk in its own time unless `syncLevel` or `sync` asks for
+/// more.
+///
+/// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
+/// After `fork` parent and child may both log, also when another thread was inside a line at that
+/// moment. (Not in a child of `vfork` or of the system's bare `clone`.)
+///
+/// *Failure*: a line that cannot be written whole (full disk, no such directory, a bad medium)
+/// counts as lost. The first line after that which can be written is preceded by
+/// "[ovra:WARNING] N lines lost", with N since the last such line. A file that cannot be opened is
+/// tried again with each line. A limit on the size of files (`RLIMIT_FSIZE`) raises SIGXFSZ, as for
+/// any writer: ignore that signal, and the lines count as lost. `errno` is kept. Only
+/// `std::bad_alloc` is thrown, and by the constructor alone.
+class OVRA_EXTRA_API RotatingFileLogHandler : public log::LogHandler {
+public:
+    explicit RotatingFileLogHandler(fs::FilePath const& file,
+                                    RotatingFileOptions const& options = {});
+    ~RotatingFileLogHandler() override;
+
+    /// Writes the line, whatever its level. A null line -> nothing. Waits for the disk only as
+    /// `syncLevel` says.
+    void handleLogMessage(char const* line, log::LogLevel level) override;
+
+    /// Opens the path again, such as after a rename. On failure false, and the open file is kept.
+    bool reopen();
+    /// The same with the next line, and with each line after that until it has succeeded. For a
+    /// handler of SIGHUP: async-signal-safe.
+    void requestReopen();
+
+    /// Returns once every line written here is on the disk, and the file's name if it is new. False
+    /// where that failed, and without an open file. Other lines wait meanwhile.
+    bool sync();
+
+    /// Lines that could not be written, since construction.
+    std::uint64_t lostLines() const;
+
+private:
+    std::unique_ptr<RotatingFile> file;  // Never changes while the sink lives.
+};
+
+}  // namespace ovra::extra

@@ -1,0 +1,67 @@
+#include <ovra/extra/SwitchLogHandler.h>
+
+#include <atomic>
+#include <mutex>
+#include <utility>
+
+#include <ovra/extra/internal/ForkSafeLock.h>
+
+namespace ovra::extra {
+
+class SwitchLogHandler::State {
+public:
+    State(std::shared_ptr<log::LogHandler> first, log::LogLevel most) : level(most) {
+        targets[0] = std::move(first);
+    }
+
+    std::shared_ptr<log::LogHandler> target() {
+        std::lock_guard<ForkSafeLock> const guard(lock);
+        return targets[current.load(std::memory_order_relaxed)];
+    }
+
+    // At every moment `current` says which target is whole: the process may be forked here. What is
+    // replaced leaves by the result, or by `next`, and so dies without the lock.
+    std::shared_ptr<log::LogHandler> exchange(std::shared_ptr<log::LogHandler> next) {
+        std::lock_guard<ForkSafeLock> const guard(lock);
+        unsigned int const before = current.load(std::memory_order_relaxed);
+        targets[1 - before].swap(next);
+        current.store(1 - before, std::memory_order_release);
+        return std::move(targets[before]);
+    }
+
+    std::atomic<log::LogLevel> level;
+
+private:
+    ForkSafeLock lock;
+    std::shared_ptr<log::LogHandler> targets[2];  // But during an exchange one is empty.
+    std::atomic<unsigned int> current{0};
+};
+
+SwitchLogHandler::SwitchLogHandler(std::shared_ptr<log::LogHandler> target, log::LogLevel level)
+    : state(std::make_unique<State>(std::move(target), level)) {}
+
+SwitchLogHandler::~SwitchLogHandler() = default;
+
+void SwitchLogHandler::handleLogMessage(char const* line, log::LogLevel level) {
+    if (level > log::DISABLED && level > getLevel()) {
+        return;
+    }
+    if (auto const target = state->target()) {
+        target->handleLogMessage(line, level);
+    }
+}
+
+std::shared_ptr<log::LogHandler> SwitchLogHandler::exchange(
+    std::shared_ptr<log::LogHandler> target) {
+    return state->exchange(std::move(target));
+}
+
+void SwitchLogHandler::setLevel(log::LogLevel level) {
+    state->level.store(level, std::memory_order_relaxed);
+}
+
+log::LogLevel SwitchLogHandler::getLevel() const {
+    return state->level.load(std::memory_order_relaxed);
+}
+
+}  // namespace ovra::extra

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+
+#include <ovra/extra/Export.h>
+#include <ovra/log/Log.h>
+
+namespace ovra::extra {
+
+/// A sink that passes lines on to another, which can be replaced, muted and filtered while other
+/// threads log. The registry of `ovra::log` allows none of that: register a switch at start-up, and
+/// change its target whenever that is wanted.
+///
+/// *Ownership*: shares the target. A replaced target is released by `exchange`'s caller, or by the
+/// thread whose line is the last under way in it, whichever is later; no lock is held then.
+///
+/// *Threads*: Thread-safe. The target is called with no lock held, by several threads at once: it
+/// serialises its own writes, and may call the switch. A line that began before an `exchange` may
+/// still reach the old target after it. After `fork` parent and child go on each with their own
+/// switch, also when another thread was inside a line at that moment. A switch that leads back to
+/// itself never returns.
+///
+/// *Failure*: what the target throws is passed on, to be discarded by `log`. Only `std::bad_alloc`
+/// is thrown by the switch itself, and by the constructor alone. `errno` is kept, as far as the
+/// target does.
+class OVRA_EXTRA_API SwitchLogHandler : public log::LogHandler {
+public:
+    /// An empty target mutes. Lines of `level` and of those more severe are passed on; see
+    /// `setLevel`.
+    explicit SwitchLogHandler(std::shared_ptr<log::LogHandler> target = nullptr,
+                              log::LogLevel level = log::VERBOSE);
+    ~SwitchLogHandler() override;
+
+    /// Passes the line on as it is, a null line too.
+    void handleLogMessage(char const* line, log::LogLevel level) override;
+
+    /// From now on lines go to `target`; an empty one mutes. Returns the target so far.
+    std::shared_ptr<log::LogHandler> exchange(std::shared_ptr<log::LogHandler> target);
+
+    /// Passes on what is at most `level`, unchecked; `DISABLED` and below always. Other threads see
+    /// the change without any order guaranteed.
+    void setLevel(log::LogLevel level);
+    log::LogLevel getLevel() const;
+
+private:
+    class State;
+    std::unique_ptr<State> const state;
+};
+
+}  // namespace ovra::extra

@@ -1,0 +1,190 @@
+#include <ovra/extra/internal/RotatingFile.h>
+
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include <ovra/extra/internal/Descriptor.h>
+
+namespace ovra::extra {
+
+namespace {
+
+constexpr std::int64_t NANOSECONDS_OF_A_MILLISECOND = 1000 * 1000;
+constexpr std::int64_t NANOSECONDS_OF_A_SECOND = 1000 * NANOSECONDS_OF_A_MILLISECOND;
+
+std::string directoryOf(std::string const& path) {
+    std::size_t const separator = path.rfind('/');
+    return separator == std::string::npos ? "." : path.substr(0, separator + 1);
+}
+
+// In steps of some milliseconds, and cheap.
+std::int64_t coarseTime() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec * NANOSECONDS_OF_A_SECOND + now.tv_nsec;
+}
+
+}  // namespace
+
+RotatingFile::RotatingFile(std::string logPath, RotatingFileOptions const& chosen)
+    : options(chosen),
+      path(std::move(logPath)),
+      directory(directoryOf(path)),
+      generations(path, options.generations) {
+    open();
+}
+
+void RotatingFile::write(std::string_view line, log::LogLevel level) {
+    std::lock_guard<ForkSafeLock> const guard(lock);
+    if (reopenIsRequested.load() && reopenIsRequested.exchange(false) && !open()) {
+        reopenIsRequested = true;
+    }
+    bool const isReady = file.isOpen() || open();
+    if (!isReady || (lostUnreported > 0 && !reportLost()) || !append(line)) {
+        ++lost;
+        ++lostUnreported;
+    } else if (options.syncLevel != log::DISABLED && level <= options.syncLevel) {
+        syncAll();
+    }
+}
+
+bool RotatingFile::reopen() {
+    std::lock_guard<ForkSafeLock> const guard(lock);
+    return open();
+}
+
+bool RotatingFile::sync() {
+    std::lock_guard<ForkSafeLock> const guard(lock);
+    return file.isOpen() && syncAll();
+}
+
+std::uint64_t RotatingFile::lostLines() {
+    std::lock_guard<ForkSafeLock> const guard(lock);
+    return lost;
+}
+
+bool RotatingFile::open() {
+    LogFile opened = LogFile::open(path.c_str());
+    if (!opened.isOpen()) {
+        return false;
+    }
+    file = std::move(opened);
+    entryIsSynced = false;
+    lookedAt = -1;
+    return true;
+}
+
+bool RotatingFile::append(std::string_view line) {
+    std::size_t const length =
+        (options.stampTimes ? TIME_STAMP_LENGTH : 0) + line.size() + std::strlen("\n");
+    if (options.maxBytes > 0) {
+        makeRoom(length);
+    }
+    char buffer[1024];
+    char* end = buffer;
+    if (file.isTorn()) {
+        *end++ = '\n';
+    }
+    if (options.stampTimes) {
+        timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        timeStamps.write(end, now.tv_sec,
+                         static_cast<unsigned int>(now.tv_nsec / NANOSECONDS_OF_A_MILLISECOND));
+        end += TIME_STAMP_LENGTH;
+    }
+    auto const before = static_cast<std::size_t>(end - buffer);
+    if (before + line.size() < sizeof buffer) {
+        // A copy takes less time than pieces do in the system.
+        std::memcpy(end, line.data(), line.size());
+        end[line.size()] = '\n';
+        iovec whole = {buffer, before + line.size() + 1};
+        return file.append(&whole, 1);
+    }
+    char newline = '\n';
+    iovec pieces[] = {
+        {buffer, before}, {const_cast<char*>(line.data()), line.size()}, {&newline, 1}};
+    return file.append(pieces, 3);
+}
+
+bool RotatingFile::reportLost() {
+    char text[64] = "[ovra:WARNING] ";
+    char* end = std::to_chars(text + std::strlen(text), text + sizeof text, lostUnreported).ptr;
+    constexpr std::string_view REST = " lines lost";
+    std::memcpy(end, REST.data(), REST.size());
+    end += REST.size();
+    if (!append(std::string_view(text, static_cast<std::size_t>(end - text)))) {
+        return false;
+    }
+    lostUnreported = 0;
+    return true;
+}
+
+// Sees to it that `length` bytes more fit under the cap. Where that cannot be done, the open file
+// is kept.
+//
+// To ask for the size costs half as much as to write a line. So the size is taken for what it was,
+// plus what was written here, until the clock moves on or a quarter of the space that was left is
+// used: others may write to the file, move it or empty it.
+void RotatingFile::makeRoom(std::size_t length) {
+    constexpr int MOST_FILES = 8;  // That others fill and move away meanwhile.
+    std::int64_t const now = coarseTime();
+    if (now == lookedAt && file.size() + length <= trustedSize) {
+        return;
+    }
+    for (int files = 0; files < MOST_FILES; ++files) {
+        bool const hasName = file.look();
+        bool const fits = file.size() == 0 || file.size() + length <= options.maxBytes;
+        if (hasName && fits) {
+            break;
+        }
+        if (!(hasName ? moveAway() : open())) {
+            break;
+        }
+    }
+    lookedAt = now;
+    trustedSize = file.size();
+    if (trustedSize < options.maxBytes) {
+        trustedSize += (options.maxBytes - trustedSize) / 4;
+    }
+}
+
+// Whether `file` is another file now.
+bool RotatingFile::moveAway() {
+    // A file of its own to lock: the open one may be shared with a forked process, and its lock
+    // too.
+    LogFile named = LogFile::open(path.c_str());
+    if (!named.isOpen()) {
+        return false;
+    }
+    if (!named.isSameAs(file)) {
+        file = std::move(named);  // Another process has moved it.
+        entryIsSynced = false;
+        return true;
+    }
+    if (!named.tryLock()) {
+        return false;  // Another process is about to.
+    }
+    bool const isMoved = !named.isAt(path.c_str()) || generations.moveUp();
+    named.unlock();  // By itself a lock would last as long as a forked process has the file.
+    return isMoved && open();
+}
+
+bool RotatingFile::syncAll() {
+    if (!file.sync()) {
+        return false;
+    }
+    if (!entryIsSynced) {
+        Descriptor const opened = openBelow(AT_FDCWD, directory.c_str(), O_RDONLY | O_DIRECTORY);
+        entryIsSynced = ::fsync(opened.get()) == 0;
+    }
+    return entryIsSynced;
+}
+
+}  // namespace ovra::extra

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include <ovra/extra/RotatingFileLogHandler.h>
+#include <ovra/extra/internal/ForkSafeLock.h>
+#include <ovra/extra/internal/Generations.h>
+#include <ovra/extra/internal/LogFile.h>
+#include <ovra/extra/internal/TimeStamp.h>
+#include <ovra/log/Log.h>
+
+namespace ovra::extra {
+
+/// What stands behind `RotatingFileLogHandler`, which see.
+///
+/// A process that is forked finds the lock open, whatever another thread was doing, and so every
+/// member is usable at each moment in between.
+class RotatingFile {
+public:
+    RotatingFile(std::string path, RotatingFileOptions const& options);
+
+    void write(std::string_view line, log::LogLevel level);
+    bool reopen();
+    void requestReopen() { reopenIsRequested = true; }
+    bool sync();
+    std::uint64_t lostLines();
+
+private:
+    // All of these are called with `lock` held.
+    bool open();
+    bool append(std::string_view line);
+    bool reportLost();
+    void makeRoom(std::size_t length);
+    bool moveAway();
+    bool syncAll();
+
+    RotatingFileOptions const options;
+    std::string const path;
+    std::string const directory;
+    std::atomic<bool> reopenIsRequested{false};
+
+    ForkSafeLock lock;
+    Generations generations;
+    LogFile file;
+    TimeStamps timeStamps;
+    bool entryIsSynced = false;
+    std::uint64_t lost = 0;
+    std::uint64_t lostUnreported = 0;
+    // Until this time, and up to this size, the file is taken for what it was at the last look.
+    std::int64_t lookedAt = -1;
+    std::uint64_t trustedSize = 0;
+};
+
+}  // namespace ovra::extra

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <ovra/extra/Outcome.h>
+#include <ovra/extra/internal/Descriptor.h>
+
+namespace ovra::extra {
+
+/// Removes one directory with all that is in it: the work behind removeTree().
+///
+/// Each directory is scanned once, by one buffer for all of them: what is no directory goes at
+/// once, the names of directories are kept and entered one after the other. No position in a
+/// directory has to be kept, so only the innermost levels stay open. The way back up to a level
+/// that was closed is
+/// "..", and counts only if it leads to the very directory that was closed.
+class TreeRemoval {
+public:
+    /// `name` is a directory in `parent`.
+    TreeRemoval(Descriptor parent, std::string const& name);
+
+    /// Keeps `errno`, and throws nothing. To be called once.
+    Outcome run();
+
+private:
+    /// Two are equal only for one and the same directory. The time of birth tells a directory from
+    /// an earlier one with the same number.
+    struct Identity {
+        std::uint64_t device = 0;
+        std::uint64_t number = 0;
+        std::int64_t birthSeconds = 0;
+        std::uint32_t birthNanoseconds = 0;
+        bool isMountPoint = false;
+
+        bool read(Descriptor const& directory);
+        bool operator==(Identity const& other) const;
+    };
+
+    struct Level {
+        Descriptor directory;
+        Identity identity;
+        /// Names of directories still to be removed, each ended by a NUL. The last is at work.
+        std::string waiting;
+        int scans = 0;
+        bool hasFailed = false;  ///< Something in it, or below, stays.
+
+        char const* current() const;
+        void dropCurrent();
+    };
+
+    void enter();
+    int open(Level& level) const;
+    void scan();
+    void leave();
+    bool removeOther(char const* name);
+    bool reopen(std::size_t index);
+    static Descriptor openAgain(Descriptor const& from, char const* name, Identity const& expected);
+    void fail(int error);
+
+    /// From the parent of the root, which holds the root's name only, to the innermost one.
+    std::vector<Level> levels;
+    std::unique_ptr<std::uint64_t[]> const buffer;
+    Outcome outcome = Outcome::DONE;
+};
+
+}  // namespace ovra::extra

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+namespace ovra::test {
+
+enum class FileCall { OPEN, READ, WRITE, STAT, LSTAT, FSTAT, RENAME, UNLINK, LOCK, SYNC };
+inline constexpr int FILE_CALLS = 10;
+
+char const* nameOf(FileCall call);
+
+/// While it lives, sees the calls that the calling thread makes of the system's functions on files,
+/// before they are made, and can let them fail. Link FileCalls.cpp into the test.
+///
+/// Calls made from within a hook are not seen. Syncs are not made in earnest.
+class FileCalls {
+public:
+    FileCalls();
+    FileCalls(FileCalls const&) = delete;
+    FileCalls& operator=(FileCalls const&) = delete;
+    ~FileCalls();
+
+    /// An error number to fail with, or 0 to go on.
+    std::function<int(FileCall)> onCall;
+    /// How many bytes of so many a write is to come to.
+    std::function<std::size_t(std::size_t)> onWrite;
+
+    std::vector<FileCall> made;
+
+    int count(FileCall call) const;
+};
+
+/// Blocks of memory that the calling thread has asked for so far. Always 0 where a sanitizer has
+/// the heap.
+long allocations();
+
+}  // namespace ovra::test

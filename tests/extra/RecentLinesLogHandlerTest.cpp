@@ -1,0 +1,316 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <new>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <ovra/extra/RecentLinesLogHandler.h>
+#include <tests/log/LogTestSupport.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/Gate.h>
+
+#include "FileCalls.h"
+
+namespace ovra::extra {
+namespace {
+
+using log::test::linesOf;
+using test::FileCall;
+using test::FileCalls;
+using test::Gate;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class RecentLinesLogHandlerTest : public test::BoundedTest {};
+
+void put(RecentLinesLogHandler& sink, std::string const& line) {
+    sink.handleLogMessage(line.c_str(), log::INFO);
+}
+
+std::string dumpOf(RecentLinesLogHandler const& sink) {
+    std::FILE* const file = std::tmpfile();
+    EXPECT_TRUE(sink.writeTo(fileno(file)));
+    std::string text;
+    std::rewind(file);
+    for (int character = std::fgetc(file); character != EOF; character = std::fgetc(file)) {
+        text += static_cast<char>(character);
+    }
+    std::fclose(file);
+    return text;
+}
+
+TEST_F(RecentLinesLogHandlerTest, WritesTheLastLinesOldestFirst) {
+    RecentLinesLogHandler sink(3);
+    EXPECT_EQ(dumpOf(sink), "");
+    put(sink, "1");
+    EXPECT_EQ(dumpOf(sink), "1\n");
+    put(sink, "2");
+    put(sink, "");
+    EXPECT_EQ(dumpOf(sink), "1\n2\n\n");
+    put(sink, "4");
+    EXPECT_EQ(dumpOf(sink), "2\n\n4\n");
+    EXPECT_EQ(dumpOf(sink), "2\n\n4\n");
+    for (int line = 5; line <= 100; ++line) {
+        put(sink, std::to_string(line));
+    }
+    EXPECT_EQ(dumpOf(sink), "98\n99\n100\n");
+}
+
+TEST_F(RecentLinesLogHandlerTest, CutsLongLines) {
+    struct Row {
+        std::size_t bytesEach;
+        char const* line;
+        char const* kept;
+    };
+    for (Row const& row : {Row{4, "123", "123\n"}, Row{4, "1234", "1234\n"},
+                           Row{4, "12345", "1234\n"}, Row{0, "12345", "\n"}, Row{1, "12", "1\n"}}) {
+        RecentLinesLogHandler sink(2, row.bytesEach);
+        put(sink, row.line);
+        EXPECT_EQ(dumpOf(sink), row.kept);
+    }
+    RecentLinesLogHandler sink(2);
+    put(sink, std::string(1000, 'x'));
+    EXPECT_EQ(dumpOf(sink), std::string(160, 'x') + "\n");
+}
+
+TEST_F(RecentLinesLogHandlerTest, KeepsNothingOfNullLinesAndInNoPlace) {
+    RecentLinesLogHandler none(0);
+    put(none, "a line");
+    none.handleLogMessage(nullptr, log::INFO);
+    EXPECT_EQ(dumpOf(none), "");
+    RecentLinesLogHandler sink(2);
+    put(sink, "a line");
+    sink.handleLogMessage(nullptr, log::INFO);
+    EXPECT_EQ(dumpOf(sink), "a line\n");
+}
+
+TEST_F(RecentLinesLogHandlerTest, TakesAllMemoryWhenItIsMade) {
+    RecentLinesLogHandler sink(100);
+    long const before = test::allocations();
+    for (int line = 0; line < 1000; ++line) {
+        sink.handleLogMessage("a line", log::INFO);
+    }
+    int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    EXPECT_TRUE(sink.writeTo(null));
+    EXPECT_EQ(test::allocations(), before);
+    close(null);
+    constexpr std::size_t MOST = std::numeric_limits<std::size_t>::max();
+    EXPECT_THROW(RecentLinesLogHandler(MOST, 160), std::bad_alloc);
+    if (!test::SANITIZED) {  // A sanitizer takes such a wish for a mistake.
+        EXPECT_THROW(RecentLinesLogHandler(MOST / 2, 1), std::bad_alloc);
+    }
+    EXPECT_THROW(RecentLinesLogHandler(1, MOST), std::bad_alloc);
+    EXPECT_THROW(RecentLinesLogHandler(2, MOST / 2), std::bad_alloc);
+}
+
+TEST_F(RecentLinesLogHandlerTest, SaysWhenItCannotBeWrittenAndKeepsErrno) {
+    RecentLinesLogHandler sink(2);
+    put(sink, "first");
+    put(sink, "second");
+    errno = EXDEV;
+    EXPECT_FALSE(sink.writeTo(-1));
+    EXPECT_EQ(errno, EXDEV);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    {
+        FileCalls calls;
+        int writes = 0;
+        calls.onCall = [&](FileCall) { return ++writes == 2 ? EINTR : 0; };
+        calls.onWrite = [](std::size_t count) { return (count + 1) / 2; };
+        EXPECT_TRUE(sink.writeTo(ends[1]));
+    }
+    char text[100];
+    EXPECT_EQ(std::string(text, static_cast<std::size_t>(read(ends[0], text, sizeof text))),
+              "first\nsecond\n");
+    for (int const failing : {1, 2}) {
+        FileCalls calls;
+        int writes = 0;
+        calls.onCall = [&](FileCall) { return ++writes == failing ? EIO : 0; };
+        EXPECT_FALSE(sink.writeTo(ends[1]));
+        EXPECT_EQ(writes, failing);
+    }
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_EQ(dumpOf(sink), "first\nsecond\n");
+}
+
+// --- while it is being written out
+
+TEST_F(RecentLinesLogHandlerTest, LeavesOutWhatIsOverwrittenBeforeItsTurn) {
+    RecentLinesLogHandler sink(4);
+    for (char const* line : {"1", "2", "3", "4"}) {
+        put(sink, line);
+    }
+    std::string written;
+    FileCalls calls;
+    calls.onCall = [&](FileCall) {
+        if (calls.made.size() == 1) {  // "1" is on its way out.
+            put(sink, "5");            // Its place is taken, so this overwrites "2".
+            put(sink, "6");
+        }
+        return 0;
+    };
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_TRUE(sink.writeTo(ends[1]));
+    char text[100];
+    EXPECT_EQ(std::string(text, static_cast<std::size_t>(read(ends[0], text, sizeof text))),
+              "1\n4\n");
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_EQ(dumpOf(sink), "4\n5\n6\n");
+    put(sink, "7");
+    put(sink, "8");
+    EXPECT_EQ(dumpOf(sink), "5\n6\n7\n8\n");
+}
+
+TEST_F(RecentLinesLogHandlerTest, DropsNewLinesOnlyWhileEveryPlaceIsBeingWrittenOut) {
+    RecentLinesLogHandler sink(1);
+    put(sink, "1");
+    FileCalls calls;
+    calls.onCall = [&](FileCall) {
+        put(sink, "2");
+        return 0;
+    };
+    int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    EXPECT_TRUE(sink.writeTo(null));
+    close(null);
+    calls.onCall = nullptr;
+    EXPECT_EQ(dumpOf(sink), "");  // "2" was dropped, and "1" is no longer among the last.
+    put(sink, "3");
+    EXPECT_EQ(dumpOf(sink), "3\n");
+}
+
+TEST_F(RecentLinesLogHandlerTest, TwoCanWriteItOutAtOnce) {
+    RecentLinesLogHandler sink(3);
+    for (char const* line : {"1", "2", "3"}) {
+        put(sink, line);
+    }
+    std::string inner;
+    FileCalls calls;
+    calls.onCall = [&](FileCall) {
+        inner = dumpOf(sink);
+        return 0;
+    };
+    int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    EXPECT_TRUE(sink.writeTo(null));
+    close(null);
+    EXPECT_EQ(inner, "1\n2\n3\n");
+    for (char const* line : {"4", "5", "6"}) {
+        put(sink, line);
+    }
+    calls.onCall = nullptr;
+    EXPECT_EQ(dumpOf(sink), "4\n5\n6\n");
+}
+
+// --- several threads
+
+// "thread T line N xxxx...": each whole, and the numbers of each thread rising.
+void expectWholeAndOrdered(std::string const& dump) {
+    std::map<int, long> last;
+    for (std::string const& line : linesOf(dump)) {
+        int thread = 0;
+        long number = 0;
+        int end = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "thread %d line %ld %n", &thread, &number, &end), 2)
+            << line;
+        char const expected = static_cast<char>('a' + number % 26);
+        std::size_t const length = static_cast<std::size_t>(number % 50);
+        ASSERT_EQ(line.substr(static_cast<std::size_t>(end)), std::string(length, expected));
+        auto const [entry, isNew] = last.emplace(thread, number);
+        ASSERT_TRUE(isNew || entry->second < number) << line;
+        entry->second = number;
+    }
+}
+
+std::string numberedLine(int thread, long number) {
+    return "thread " + std::to_string(thread) + " line " + std::to_string(number) + " " +
+           std::string(static_cast<std::size_t>(number % 50), static_cast<char>('a' + number % 26));
+}
+
+TEST_F(RecentLinesLogHandlerTest, ShowsNoLineMixedWhileFourThreadsLog) {
+    for (std::size_t const places : {1u, 2u, 5u, 64u}) {
+        RecentLinesLogHandler sink(places, 100);
+        std::atomic<bool> isDone{false};
+        Gate areLogging(4);
+        std::vector<std::thread> loggers;
+        for (int thread = 0; thread < 4; ++thread) {
+            loggers.emplace_back([&, thread] {
+                long number = 0;
+                do {
+                    put(sink, numberedLine(thread, number++));
+                    areLogging.open();
+                } while (!isDone);
+            });
+        }
+        areLogging.wait();
+        for (int round = 0; round < test::scaled(500); ++round) {
+            expectWholeAndOrdered(dumpOf(sink));
+        }
+        isDone = true;
+        for (std::thread& logger : loggers) {
+            logger.join();
+        }
+        for (std::size_t line = 0; line < places; ++line) {
+            put(sink, numberedLine(4, static_cast<long>(line)));
+        }
+        std::string const last = dumpOf(sink);
+        expectWholeAndOrdered(last);
+        EXPECT_EQ(linesOf(last).size(), places);
+    }
+}
+
+TEST_F(RecentLinesLogHandlerTest, AForkedChildKeepsLinesWhileOtherThreadsDo) {
+    RecentLinesLogHandler sink(2, 100);
+    std::atomic<bool> isDone{false};
+    Gate isLogging;
+    std::thread logger([&] {
+        std::string const line = numberedLine(0, 0);
+        isLogging.open();
+        while (!isDone) {
+            sink.handleLogMessage(line.c_str(), log::INFO);
+        }
+    });
+    isLogging.wait();
+    for (int round = 0; round < test::scaled(200); ++round) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        pid_t const child = fork();
+        if (child == 0) {
+            alarm(test::deadlineSeconds());
+            sink.handleLogMessage("first", log::INFO);
+            sink.handleLogMessage("second", log::INFO);
+            _exit(sink.writeTo(ends[1]) ? 0 : 1);
+        }
+        close(ends[1]);
+        char text[1000];
+        auto const length = read(ends[0], text, sizeof text);
+        std::string dump;
+        dump.assign(text, static_cast<std::size_t>(length > 0 ? length : 0));
+        for (ssize_t more; (more = read(ends[0], text, sizeof text)) > 0;) {
+            dump.append(text, static_cast<std::size_t>(more));
+        }
+        close(ends[0]);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0);
+        ASSERT_EQ(dump, "first\nsecond\n");
+    }
+    isDone = true;
+    logger.join();
+}
+
+}  // namespace
+}  // namespace ovra::extra

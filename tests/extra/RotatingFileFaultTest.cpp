@@ -1,0 +1,405 @@
+// What becomes of lines when the system fails: each kind of call, each time it is made, with each
+// error, once and from then on.
+
+#include <cerrno>
+#include <cstring>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tests/support/Bounded.h>
+
+#include "FileCalls.h"
+#include "RotatingFileSupport.h"
+
+namespace ovra::extra {
+namespace {
+
+using test::FileCall;
+using test::FileCalls;
+using ::testing::ElementsAre;
+
+class RotatingFileFaultTest : public test::BoundedTest {
+protected:
+    TemporaryDirectory directory;
+    std::string const path = directory.path("x");
+};
+
+// --- single lines
+
+TEST_F(RotatingFileFaultTest, ContinuesAShortWrite) {
+    RotatingFileOptions options;
+    RotatingFileLogHandler sink(path, plain());
+    for (std::size_t const length : {5u, 5000u}) {
+        FileCalls calls;
+        calls.onWrite = [](std::size_t count) { return (count + 1) / 2; };
+        put(sink, std::string(length, 'x'));
+        EXPECT_GT(calls.count(FileCall::WRITE), 2);
+    }
+    EXPECT_EQ(contentOf(path), std::string(5, 'x') + "\n" + std::string(5000, 'x') + "\n");
+    EXPECT_EQ(sink.lostLines(), 0u);
+}
+
+TEST_F(RotatingFileFaultTest, CountsALineThatNothingWasWrittenOf) {
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "first");
+    {
+        FileCalls calls;
+        calls.onCall = [](FileCall) { return ENOSPC; };
+        put(sink, "second");
+        put(sink, "third");
+    }
+    EXPECT_EQ(sink.lostLines(), 2u);
+    put(sink, "fourth");
+    put(sink, "fifth");
+    EXPECT_EQ(contentOf(path), "first\n[ovra:WARNING] 2 lines lost\nfourth\nfifth\n");
+    EXPECT_EQ(sink.lostLines(), 2u);
+}
+
+TEST_F(RotatingFileFaultTest, EndsATornLineBeforeTheNext) {
+    RotatingFileLogHandler sink(path, plain());
+    {
+        FileCalls calls;
+        int writes = 0;
+        calls.onCall = [&](FileCall) { return ++writes > 1 ? EIO : 0; };
+        calls.onWrite = [](std::size_t) { return std::size_t{3}; };
+        put(sink, "second");
+        put(sink, "third");
+    }
+    put(sink, "fourth");
+    EXPECT_EQ(contentOf(path), "sec\n[ovra:WARNING] 2 lines lost\nfourth\n");
+    EXPECT_EQ(sink.lostLines(), 2u);
+}
+
+TEST_F(RotatingFileFaultTest, AsksAgainOnlyForWhatIsStillTorn) {
+    RotatingFileLogHandler sink(path, plain());
+    int writes = 0;
+    auto const failAfterFirst = [&](FileCall) { return ++writes > 1 ? EIO : 0; };
+    {
+        FileCalls calls;
+        calls.onCall = failAfterFirst;
+        calls.onWrite = [](std::size_t) { return std::size_t{3}; };
+        put(sink, "torn");
+    }
+    {
+        FileCalls calls;  // The newline alone gets out.
+        writes = 0;
+        calls.onCall = failAfterFirst;
+        calls.onWrite = [](std::size_t) { return std::size_t{1}; };
+        put(sink, "lost");
+    }
+    put(sink, "whole");
+    EXPECT_EQ(contentOf(path), "tor\n[ovra:WARNING] 2 lines lost\nwhole\n");
+}
+
+TEST_F(RotatingFileFaultTest, CountsTheLineWhoseReportCannotBeWritten) {
+    RotatingFileLogHandler sink(path, plain());
+    for (int round = 0; round < 2; ++round) {
+        FileCalls calls;
+        calls.onCall = [](FileCall) { return ENOSPC; };
+        put(sink, "lost");
+    }
+    {
+        FileCalls calls;  // There is space for the report, and then no more.
+        int writes = 0;
+        calls.onCall = [&](FileCall) { return ++writes > 1 ? ENOSPC : 0; };
+        put(sink, "lost too");
+    }
+    put(sink, "whole");
+    EXPECT_EQ(contentOf(path), "[ovra:WARNING] 2 lines lost\n[ovra:WARNING] 1 lines lost\nwhole\n");
+    EXPECT_EQ(sink.lostLines(), 3u);
+}
+
+TEST_F(RotatingFileFaultTest, StampsTheReport) {
+    RotatingFileLogHandler sink{fs::FilePath(path)};
+    {
+        FileCalls calls;
+        calls.onCall = [](FileCall) { return ENOSPC; };
+        put(sink, "lost");
+    }
+    put(sink, "whole");
+    EXPECT_THAT(linesOf(contentOf(path)),
+                ElementsAre(::testing::MatchesRegex("[0-9:.T-]{23}Z .ovra:WARNING. 1 lines lost"),
+                            ::testing::MatchesRegex("[0-9:.T-]{23}Z whole")));
+}
+
+TEST_F(RotatingFileFaultTest, TakesAWriteOfNothingForAFailure) {
+    RotatingFileLogHandler sink(path, plain());
+    FileCalls calls;
+    calls.onWrite = [](std::size_t) { return std::size_t{0}; };
+    put(sink, "lost");
+    EXPECT_EQ(sink.lostLines(), 1u);
+    EXPECT_EQ(calls.count(FileCall::WRITE), 1);
+}
+
+TEST_F(RotatingFileFaultTest, AppendsWithoutReadingWhereItMayNotRead) {
+    writeFile(path, "earlier\n");
+    FileCalls calls;
+    int opens = 0;
+    calls.onCall = [&](FileCall call) {
+        return call == FileCall::OPEN && ++opens == 1 ? EACCES : 0;
+    };
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "a line");
+    EXPECT_EQ(contentOf(path), "earlier\na line\n");
+}
+
+// --- moving
+
+TEST_F(RotatingFileFaultTest, MovesNoneIfOneCannotBeMoved) {
+    // Each rename of a move in turn: those of the others as well as that of the log.
+    for (unsigned int const generations : {1u, 2u, 3u, 4u}) {
+        for (int const failing : {1, 2, 3, 4}) {
+            for (std::string const& file : filesOf(path)) {
+                std::filesystem::remove(file);
+            }
+            int const others = std::min(3, static_cast<int>(generations));
+            for (int generation = 0; generation <= others; ++generation) {
+                std::string const suffix = generation == 0 ? "" : "." + std::to_string(generation);
+                writeFile(path + suffix, std::to_string(generation) + "234567\n");
+            }
+            RotatingFileLogHandler sink(path, plain(12, generations));
+            FileCalls calls;
+            int renames = 0;
+            calls.onCall = [&](FileCall call) {
+                return call == FileCall::RENAME && ++renames == failing ? EBUSY : 0;
+            };
+            put(sink, "a line");
+            if (renames < failing) {
+                continue;  // There were not so many.
+            }
+            EXPECT_EQ(contentOf(path), "0234567\na line\n");
+            for (int generation = 1; generation <= 4; ++generation) {
+                EXPECT_EQ(contentOf(path + "." + std::to_string(generation)),
+                          generation <= others ? std::to_string(generation) + "234567\n" : "")
+                    << generations << " " << failing;
+            }
+            put(sink, "another");  // The trouble is over.
+            EXPECT_EQ(contentOf(path), "another\n");
+            EXPECT_EQ(contentOf(path + ".1"), "0234567\na line\n");
+            EXPECT_EQ(sink.lostLines(), 0u);
+            EXPECT_EQ(calls.count(FileCall::UNLINK), generations == 2 || generations == 3 ? 1 : 0);
+        }
+    }
+}
+
+TEST_F(RotatingFileFaultTest, GoesOnInTheMovedFileUntilANewOneCanBeOpened) {
+    for (unsigned int const generations : {1u, 0u}) {
+        std::filesystem::remove(path + ".1");
+        writeFile(path, "");
+        RotatingFileLogHandler sink(path, plain(12, generations));
+        put(sink, "line 1");
+        {
+            FileCalls calls;
+            bool isMoved = false;
+            calls.onCall = [&](FileCall call) {
+                isMoved = isMoved || call == FileCall::RENAME || call == FileCall::UNLINK;
+                return isMoved && call == FileCall::OPEN ? EMFILE : 0;
+            };
+            put(sink, "line 2");
+            EXPECT_TRUE(isMoved);
+        }
+        EXPECT_FALSE(exists(path));
+        EXPECT_EQ(sink.lostLines(), 0u);
+        put(sink, "line 3");
+        EXPECT_EQ(contentOf(path), "line 3\n");
+        EXPECT_EQ(contentOf(path + ".1"), generations == 1 ? "line 1\nline 2\n" : "");
+    }
+}
+
+TEST_F(RotatingFileFaultTest, GoesOnInTheSameFileWhileAnotherHasTheLock) {
+    RotatingFileLogHandler sink(path, plain(12));
+    put(sink, "line 1");
+    {
+        FileCalls calls;
+        calls.onCall = [](FileCall call) { return call == FileCall::LOCK ? EWOULDBLOCK : 0; };
+        put(sink, "line 2");
+    }
+    EXPECT_EQ(contentOf(path), "line 1\nline 2\n");
+    put(sink, "line 3");
+    EXPECT_EQ(contentOf(path + ".1"), "line 1\nline 2\n");
+    EXPECT_EQ(contentOf(path), "line 3\n");
+}
+
+TEST_F(RotatingFileFaultTest, MovesNothingThatAnotherHasMovedJustBefore) {
+    RotatingFileLogHandler sink(path, plain(13, 5));
+    put(sink, "line 1");
+    FileCalls calls;
+    // After the path has been opened and found to be the file at hand, before the lock.
+    calls.onCall = [&](FileCall call) {
+        if (call == FileCall::LOCK && exists(path) && !exists(path + ".1")) {
+            std::filesystem::rename(path, path + ".1");
+            writeFile(path, "other\n");
+        }
+        return 0;
+    };
+    put(sink, "line 2");
+    EXPECT_EQ(contentOf(path + ".1"), "line 1\n");
+    EXPECT_EQ(contentOf(path), "other\nline 2\n");
+    EXPECT_FALSE(exists(path + ".2"));
+}
+
+// --- syncing
+
+TEST_F(RotatingFileFaultTest, SaysThatASyncFailed) {
+    for (int const failing : {1, 2}) {  // The file, and its directory.
+        std::filesystem::remove(path);
+        RotatingFileLogHandler sink(path, plain());
+        FileCalls calls;
+        int syncs = 0;
+        calls.onCall = [&](FileCall call) {
+            return call == FileCall::SYNC && ++syncs == failing ? EIO : 0;
+        };
+        EXPECT_FALSE(sink.sync());
+        EXPECT_EQ(syncs, failing);
+        EXPECT_TRUE(sink.sync());
+        EXPECT_EQ(sink.lostLines(), 0u);
+    }
+}
+
+TEST_F(RotatingFileFaultTest, LosesNoLineToASyncThatFails) {
+    RotatingFileOptions options = plain();
+    options.syncLevel = log::VERBOSE;
+    RotatingFileLogHandler sink(path, options);
+    FileCalls calls;
+    calls.onCall = [](FileCall call) { return call == FileCall::SYNC ? EIO : 0; };
+    put(sink, "a line");
+    put(sink, "another");
+    EXPECT_EQ(contentOf(path), "a line\nanother\n");
+    EXPECT_EQ(sink.lostLines(), 0u);
+}
+
+// --- every call, in turn
+
+struct Fault {
+    int position;  // Of all calls, from 1.
+    int error;     // 0: a short write.
+    bool isLasting;
+};
+
+std::vector<int> const& errorsOf(FileCall call) {
+    static std::vector<int> const ofWrite = {0, EINTR, ENOSPC, EDQUOT, EIO, EFBIG, EBADF};
+    static std::vector<int> const ofLook = {EINTR, EIO, EACCES, ENOMEM};  // ENOENT is an answer.
+    static std::vector<int> const ofOthers = {EINTR,  EIO,    EACCES, ENOSPC, EMFILE,
+                                              ENOMEM, ENOENT, EROFS,  EEXIST};
+    return call == FileCall::WRITE ? ofWrite : call == FileCall::LSTAT ? ofLook : ofOthers;
+}
+
+// Writes lines into a capped file, under the fault, and then some without it. Returns how many
+// calls there were. What must hold whatever fails: each line is whole and at its place, or counted.
+int run(std::string const& path, Fault const* fault, std::vector<FileCall>& calls) {
+    constexpr int LINES = 12;
+    for (std::string const& file : filesOf(path)) {
+        std::filesystem::remove(file);
+    }
+    writeFile(path, "earlier\n");
+    RotatingFileOptions options = plain(24, 20);
+    options.syncLevel = log::ERROR;
+    std::uint64_t lost = 0;
+    std::string const what =
+        fault == nullptr
+            ? "no fault"
+            : std::string(nameOf(calls[static_cast<std::size_t>(fault->position - 1)])) +
+                  ", call " + std::to_string(fault->position) +
+                  (fault->isLasting ? " and on: " : ": ") + std::strerror(fault->error);
+    {
+        FileCalls watched;
+        FileCall struck = FileCall::OPEN;
+        bool isStruck = false;
+        int interruptions = 3;
+        if (fault != nullptr) {
+            watched.onCall = [&](FileCall call) {
+                if (static_cast<int>(watched.made.size()) == fault->position) {
+                    isStruck = true;
+                    struck = call;
+                } else if (!isStruck || !fault->isLasting || call != struck) {
+                    return 0;
+                }
+                return fault->error != EINTR || interruptions-- > 0 ? fault->error : 0;
+            };
+            watched.onWrite = [&](std::size_t count) {
+                bool const isHit =
+                    fault->error == 0 && isStruck && struck == FileCall::WRITE &&
+                    (fault->isLasting || static_cast<int>(watched.made.size()) == fault->position);
+                return isHit && count > 1 ? count - 1 : count;
+            };
+        }
+        RotatingFileLogHandler sink(path, options);
+        for (int line = 0; line < LINES; ++line) {
+            put(sink, "line " + std::to_string(line), line % 4 == 0 ? log::ERROR : log::INFO);
+            if (line == LINES / 2) {
+                sink.requestReopen();
+            }
+        }
+        if (fault == nullptr) {
+            calls = watched.made;
+        }
+        watched.onCall = nullptr;
+        watched.onWrite = nullptr;
+        put(sink, "after");
+        lost = sink.lostLines();
+    }
+    std::vector<std::string> const lines = allLinesOf(path);
+    EXPECT_FALSE(lines.empty()) << what;
+    int next = 0;
+    std::uint64_t reported = 0;
+    std::uint64_t missing = 0;
+    bool isAfterSeen = false;
+    for (std::string const& line : lines) {
+        unsigned long count = 0;
+        int number = 0;
+        int end = 0;
+        if (line == "earlier") {
+            EXPECT_EQ(next, 0) << what;
+        } else if (line == "after") {
+            isAfterSeen = true;
+        } else if (std::sscanf(line.c_str(), "[ovra:WARNING] %lu lines lost%n", &count, &end) ==
+                       1 &&
+                   end == static_cast<int>(line.size())) {
+            reported += count;
+        } else if (std::sscanf(line.c_str(), "line %d%n", &number, &end) == 1 &&
+                   end == static_cast<int>(line.size())) {
+            EXPECT_GE(number, next) << what;
+            missing += static_cast<std::uint64_t>(number - next);
+            next = number + 1;
+        } else {
+            ADD_FAILURE() << what << ": a line that nobody wrote: '" << line << "'";
+        }
+    }
+    missing += static_cast<std::uint64_t>(LINES - next);
+    EXPECT_TRUE(isAfterSeen) << what;
+    EXPECT_EQ(missing, lost) << what;
+    EXPECT_EQ(reported, lost) << what;
+    FileCall const failing =
+        fault == nullptr ? FileCall::READ : calls[static_cast<std::size_t>(fault->position - 1)];
+    bool const isPassing = fault == nullptr || fault->error == EINTR || fault->error == 0;
+    bool const mayLose = failing == FileCall::FSTAT ||
+                         (!isPassing && (failing == FileCall::WRITE || failing == FileCall::OPEN));
+    EXPECT_TRUE(lost == 0 || mayLose) << what << " loses " << lost;
+    return static_cast<int>(calls.size());
+}
+
+TEST_F(RotatingFileFaultTest, EachLineIsThereOrCountedWhicheverCallFails) {
+    std::vector<FileCall> calls;
+    run(path, nullptr, calls);
+    ASSERT_EQ(allLinesOf(path).size(), 14u);
+    for (FileCall const call :
+         {FileCall::OPEN, FileCall::READ, FileCall::WRITE, FileCall::STAT, FileCall::LSTAT,
+          FileCall::FSTAT, FileCall::RENAME, FileCall::LOCK, FileCall::SYNC}) {
+        EXPECT_GT(std::count(calls.begin(), calls.end(), call), 0) << nameOf(call);
+    }
+    std::vector<FileCall> const undisturbed = calls;
+    for (std::size_t position = 1; position <= undisturbed.size(); ++position) {
+        for (int const error : errorsOf(undisturbed[position - 1])) {
+            for (bool const isLasting : {false, true}) {
+                Fault const fault = {static_cast<int>(position), error, isLasting};
+                run(path, &fault, calls);
+            }
+        }
+        if (HasFailure()) {
+            break;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace ovra::extra
