@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -16,11 +17,14 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <ovra/concurrent/internal/UniqueIndex.h>
 #include <tests/concurrent/QueueTrace.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/RandomSource.h>
+
+#ifdef OVRA_TEST_PRIVATE_OBJECTS
+#include <ovra/concurrent/internal/UniqueIndex.h>
 #include <tests/support/ThreadCalls.h>
+#endif
 
 namespace ovra::concurrent::model {
 namespace {
@@ -67,10 +71,35 @@ void PrintTo(Start const& start, std::ostream* out) {
     *out << start.name;
 }
 
+#ifdef OVRA_TEST_PRIVATE_OBJECTS
 constexpr Start STARTS[] = {
     {"AtTheStart", 0x7fffffff}, {"AroundZero", 300},   {"WhereNormalRanksReachZero", -700},
     {"Negative", -0x40000000},  {"Late", -0x7f000000}, {"AtTheWrap", INT32_MIN + 50},
 };
+
+void startAt(std::int32_t index) {
+    s_uniqueIndexCounter = index;
+}
+
+// All allocations from the nth on.
+void failAllocations(int nth) {
+    static std::unique_ptr<test::ThreadCalls> calls;
+    calls.reset();
+    if (nth != 0) {
+        calls = std::make_unique<test::ThreadCalls>();
+        calls->onAllocate = [left = nth](std::size_t) mutable { return --left <= 0; };
+        calls->install();
+    }
+}
+FailAllocations const memory = failAllocations;
+#else
+// The shared object hides its counter.
+constexpr Start STARTS[] = {{"AsItComes", 0}};
+
+void startAt(std::int32_t) {}
+
+FailAllocations const memory;
+#endif
 
 class QueueModelTest : public ::testing::Test,
                        public ::testing::WithParamInterface<std::tuple<Profile, Start>> {
@@ -80,20 +109,10 @@ private:
 
 TEST_P(QueueModelTest, AgreesOnEveryPickEveryRankAndEveryCall) {
     auto const [profile, start] = GetParam();
-    auto const operations = static_cast<int>(
-        test::environmentNumber("OVRA_TEST_MODEL_OPERATIONS", test::scaled(400000)));
+    auto const operations = static_cast<int>(test::environmentNumber(
+        "OVRA_TEST_MODEL_OPERATIONS", test::scaled(70000 * static_cast<int>(std::size(STARTS)))));
     auto const kinds = profiles().size() * std::size(STARTS);
     int const share = std::max(operations / static_cast<int>(kinds), 100);
-
-    std::unique_ptr<test::ThreadCalls> calls;
-    auto const failAllocations = [&calls](int nth) {
-        calls.reset();
-        if (nth != 0) {
-            calls = std::make_unique<test::ThreadCalls>();
-            calls->onAllocate = [left = nth](std::size_t) mutable { return --left <= 0; };
-            calls->install();
-        }
-    };
 
     // Several short traces differ more than one long one.
     std::uint64_t seed = test::runSeed() + static_cast<std::uint32_t>(start.index);
@@ -104,9 +123,9 @@ TEST_P(QueueModelTest, AgreesOnEveryPickEveryRankAndEveryCall) {
     int const length = profile.usualSize >= 500 ? 20000 : 800;
     SCOPED_TRACE(test::seedNote());
     for (int done = 0; done < share && !HasFailure();) {
-        s_uniqueIndexCounter = start.index;
+        startAt(start.index);
         RandomSource random(seeds.next());
-        Trace<RandomSource> trace(profile, random, failAllocations);
+        Trace<RandomSource> trace(profile, random, memory);
         for (int end = std::min(share, done + length); done < end && !HasFailure(); ++done) {
             trace.advance();
         }

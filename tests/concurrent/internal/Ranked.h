@@ -22,7 +22,8 @@ inline constexpr bool KEEPS = false;
 // A container whose tasks go by their unique index.
 class Ranked {
 public:
-    explicit Ranked(bool doublesRanks) : tasks(std::make_shared<RankedTasks>(doublesRanks)) {}
+    explicit Ranked(bool doublesRanks)
+        : tasks(new RankedTasks(doublesRanks), [](RankedTasks* made) { made->release(); }) {}
 
     static std::shared_ptr<SubmittedTask> make(std::int32_t index, unsigned int rank) {
         // The next one down is taken.
@@ -32,7 +33,8 @@ public:
         return task;
     }
     RankedEntry& insert(std::shared_ptr<SubmittedTask> const& task) {
-        tasks->insert(tasks, task->rankedEntry(), task, ++added);
+        auto reference = task;
+        tasks->insert(task->rankedEntry(), reference, ++added);
         return task->rankedEntry();
     }
     RankedEntry& add(std::int32_t index, unsigned int rank) {
@@ -42,6 +44,13 @@ public:
     std::optional<std::int32_t> pick(SortKey const& scanned = SortKey()) {
         auto const task = tasks->pick(scanned);
         return task ? std::optional<std::int32_t>(task->getUniqueIndex()) : std::nullopt;
+    }
+    // A pick whose scan has found the task, with the best score there is.
+    std::optional<std::int32_t> take(RankedEntry& entry) {
+        SortKey scanned;
+        scanned.score = UINT32_MAX;
+        scanned.entry = &entry;
+        return pick(scanned);
     }
     std::vector<std::int32_t> drain() {
         std::vector<std::int32_t> picked;

@@ -142,7 +142,7 @@ TEST(RankedTasksTest, FirstNegativeSumMayBePutInOrTakenOut) {
     ranked.add(-25, 20);  // Out of order, before the first that is negative.
 
     EXPECT_EQ(ranked.pick(), -25);
-    ranked->erase(first);
+    EXPECT_EQ(ranked.take(first), -30);
     EXPECT_THAT(ranked.drain(), ElementsAre(-50, -10));
 }
 
@@ -245,7 +245,7 @@ TEST(RankedTasksTest, PickedTaskKeepsTheRankThatThePickGaveIt) {
 
     EXPECT_EQ(entry.rank, 14u);
     EXPECT_EQ(ranked->rankOf(entry), 14u);
-    EXPECT_FALSE(ranked->holds(entry));
+    EXPECT_FALSE(entry.isComputed());
     EXPECT_EQ(entry.task, nullptr);
 }
 
@@ -306,7 +306,7 @@ TEST(RankedTasksTest, TaskThatIsNotHereGetsNoRank) {
 
 // --- out
 
-TEST(RankedTasksTest, ErasedTaskIsGoneWithItsRank) {
+TEST(RankedTasksTest, TaskThatTheScanFoundIsTakenWhereverItStands) {
     for (bool const doubles : {KEEPS, DOUBLES}) {
         for (std::size_t i = 0; i < 6; ++i) {
             Ranked ranked(doubles);
@@ -314,24 +314,27 @@ TEST(RankedTasksTest, ErasedTaskIsGoneWithItsRank) {
             ranked.add(900, 100000);
             ranked.add(800, HIGHEST_RANK);
             auto const task = ranked.owned[i];
-            unsigned int const rank = task->getRank();
-            EXPECT_TRUE(ranked->holds(task->rankedEntry()));
+            std::uint64_t const rank = std::uint64_t{task->getRank()} << (doubles ? 1 : 0);
 
-            ranked->erase(task->rankedEntry());
+            EXPECT_EQ(ranked.take(task->rankedEntry()), task->getUniqueIndex());
 
-            EXPECT_FALSE(ranked->holds(task->rankedEntry()));
-            EXPECT_EQ(task->getRank(), rank);
-            EXPECT_EQ(task->rankedEntry().task, nullptr);
+            EXPECT_FALSE(task->rankedEntry().isComputed());
+            EXPECT_EQ(task->getRank(), std::min<std::uint64_t>(rank, HIGHEST_RANK));
             EXPECT_EQ(ranked.drain().size(), 5u);
             EXPECT_TRUE(ranked->isEmpty());
         }
     }
 }
 
-TEST(RankedTasksTest, AnotherContainerHoldsItNot) {
+TEST(RankedTasksTest, TaskOfAnotherContainerIsNotTaken) {
     Ranked ranked(KEEPS);
-    Ranked const other(KEEPS);
-    EXPECT_FALSE(other->holds(ranked.add(10, 5)));
+    Ranked other(KEEPS);
+    other.add(20, 5);
+    auto& entry = ranked.add(10, 5);
+
+    EXPECT_EQ(other.take(entry), std::nullopt);
+    EXPECT_THAT(other.drain(), ElementsAre(20));
+    EXPECT_THAT(ranked.drain(), ElementsAre(10));
 }
 
 TEST(RankedTasksTest, ErasingAllLeavesThemLinkedWithTheirRanks) {
