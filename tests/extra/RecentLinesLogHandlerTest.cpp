@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csetjmp>
@@ -213,6 +214,87 @@ TEST_F(RecentLinesLogHandlerTest, TwoCanWriteItOutAtOnce) {
     }
     calls.onCall = nullptr;
     EXPECT_EQ(dumpOf(sink), "4\n5\n6\n");
+}
+
+// --- while a line is being kept
+
+// A line in three pages of memory, of which the second and the third can be withheld: its copy then
+// stops at an exact place, and goes on when the handler of the signal returns.
+struct StoppedLine {
+    explicit StoppedLine(RecentLinesLogHandler& keptIn)
+        : sink(keptIn),
+          size(static_cast<std::size_t>(sysconf(_SC_PAGESIZE))),
+          pages(static_cast<char*>(mmap(nullptr, 3 * size, PROT_READ | PROT_WRITE,
+                                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
+        std::fill(pages, pages + 3 * size - 1, 'b');
+        withhold(1, true);
+        withhold(2, true);
+    }
+    StoppedLine(StoppedLine const&) = delete;
+    StoppedLine& operator=(StoppedLine const&) = delete;
+    ~StoppedLine() { munmap(pages, 3 * size); }
+
+    void withhold(std::size_t page, bool isWithheld) const {
+        mprotect(pages + page * size, size, isWithheld ? PROT_NONE : PROT_READ | PROT_WRITE);
+    }
+    void onFault() {
+        switch (++faults) {
+            case 1:  // The place is taken, and the length being found out.
+                for (char const* line : {"1", "2", "3"}) {
+                    sink.handleLogMessage(line, log::INFO);
+                }
+                withhold(1, false);
+                break;
+            case 2:
+                withhold(2, false);
+                withhold(1, true);
+                break;
+            case 3:  // The first page is copied.
+                isWritten = sink.writeTo(end);
+                withhold(1, false);
+                break;
+            default:
+                std::abort();
+        }
+    }
+
+    RecentLinesLogHandler& sink;
+    std::size_t const size;
+    char* const pages;
+    int end = -1;
+    int faults = 0;
+    bool isWritten = false;
+};
+
+StoppedLine* stopped = nullptr;
+
+TEST_F(RecentLinesLogHandlerTest, ShowsNothingOfALineThatIsBeingKept) {
+    if (test::SANITIZED) {
+        GTEST_SKIP() << "The sanitizer has its own handler of the signal.";
+    }
+    for (std::size_t const places : {1u, 2u, 3u, 4u}) {
+        RecentLinesLogHandler sink(places, 1 << 16);
+        StoppedLine line(sink);
+        stopped = &line;
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        line.end = ends[1];
+        struct sigaction action = {};
+        action.sa_handler = [](int) { stopped->onFault(); };
+        struct sigaction before = {};
+        sigaction(SIGSEGV, &action, &before);
+        sink.handleLogMessage(line.pages, log::INFO);
+        sigaction(SIGSEGV, &before, nullptr);
+        close(ends[1]);
+        char text[100];
+        std::string const dump(text, static_cast<std::size_t>(read(ends[0], text, sizeof text)));
+        close(ends[0]);
+        EXPECT_EQ(line.faults, 3);
+        EXPECT_TRUE(line.isWritten);
+        // One place is never free, and the place after it has to do for the next line too.
+        char const* const expected[] = {"", "3\n", "2\n3\n", "1\n2\n3\n"};
+        EXPECT_EQ(dump, expected[places - 1]) << places;
+    }
 }
 
 // --- several threads
