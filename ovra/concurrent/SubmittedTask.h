@@ -42,7 +42,8 @@ struct SubmittedTaskProxy;
 /// that queue for a moment. It is a leaf: they never wait for a pick, and a pick may call them.
 ///
 /// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
-/// of an overridden virtual operation ends the process when it happens on a worker.
+/// of an overridden virtual operation ends the process when it happens on a worker. Where it leaves
+/// a pick on a thread of the application's, the queue's plain tasks keep the ranks that they had.
 /// `std::system_error` escapes from what cannot take a lock.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to

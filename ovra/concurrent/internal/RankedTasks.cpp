@@ -134,6 +134,7 @@ void RankedTasks::skipNonNegative(List& chain) const {
 void RankedTasks::scanTo(std::uint64_t order) {
     if (!isEmpty()) {
         std::lock_guard<std::mutex> const lock(mutex);
+        passed = order < scannedTo ? passed : SortKey();  // The scan before was left by a throw.
         scannedTo = order;
     }
 }

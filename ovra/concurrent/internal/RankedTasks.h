@@ -29,9 +29,8 @@ struct SortKey {
 /// The library's strategies keep every rank, or double every rank at each pick, up to the highest.
 /// So a rank follows from the rank given and the number of picks since, and a task that is older
 /// than another, with no smaller a rank, stays ahead of it. Tasks of one priority arrive so. They
-/// stand in chains, in which each task stays ahead of the next, and a pick compares the first ones.
-/// A task that fits into no chain, because its rank was changed, is compared at each pick until its
-/// rank is final. Then it joins a set.
+/// stand in chains, in which each stays ahead of the next, and a pick compares the first ones. One
+/// whose changed rank fits into no chain is compared at each pick, and joins a set when it is final.
 ///
 /// Private to the library. *Threads*: thread-safe. The lock is a leaf. The queue's lock comes
 /// before it and guards which tasks are here.
