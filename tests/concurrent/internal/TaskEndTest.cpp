@@ -289,8 +289,9 @@ TEST_F(TaskEndTest, WaiterCancelledAtTheFulfilmentStaysUntilItWasPosted) {
     bool stayed = false;
     test::ThreadCalls calls;
     calls.onSemaphoreWait = [&](sem_t*) {
-        ++waits;
-        asleep.open();
+        if (++waits == 1) {
+            asleep.open();
+        }
     };
     calls.onSemaphorePost = [&](sem_t*) {
         // The end is fulfilled, and the semaphore not posted.
