@@ -99,6 +99,7 @@ public:
     /// and has shown it to nobody; or null.
     OVRA_LOCAL static std::shared_ptr<TaskHandle> of(
         std::shared_ptr<SubmittedTask> const& submitted, SubmissionMemory* memory);
+    /// For `of()`, which alone can name the first argument.
     OVRA_LOCAL TaskHandle(Private, std::shared_ptr<SubmittedTask> const& submitted);
 
     /// For the task, which pushes every change here.
