@@ -28,7 +28,7 @@ Outcome removeTree(fs::FilePath const& root) {
     }
 
     Descriptor parent;
-    struct stat status;
+    struct stat status = {};
     Outcome const found = attempt([&] {
         parent = openBelow(AT_FDCWD, path.empty() ? "." : path.c_str(), O_PATH | O_DIRECTORY);
         return parent.isOpen() &&

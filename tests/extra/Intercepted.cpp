@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -167,9 +168,13 @@ extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsign
                               void* status) asm("statx");
 extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsigned int mask,
                               void* status) {
-    return observed(onPath("statx", directory, path, flags), [=] {
-        return original<int(int, char const*, int, unsigned int, void*)>("statx")(
+    return observed(onPath("statx", directory, path, flags), [=, observer = watching()] {
+        int const result = original<int(int, char const*, int, unsigned int, void*)>("statx")(
             directory, path, flags, mask, status);
+        if (observer != nullptr && observer->hidesMounts) {
+            static_cast<struct statx*>(status)->stx_attributes = 0;
+        }
+        return result;
     });
 }
 

@@ -40,6 +40,9 @@ public:
     /// A directory does not say of what kind its entries are.
     bool hidesKinds = false;
 
+    /// Nothing says that it is a mount point, as on systems before Linux 5.8.
+    bool hidesMounts = false;
+
     /// A directory ends after so many entries.
     int mostEntries = 1 << 30;
 

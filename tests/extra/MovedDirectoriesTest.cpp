@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 
 #include <ovra/extra/RemoveTree.h>
 #include <tests/fs/TemporaryDirectory.h>
+#include <tests/support/Contained.h>
 
 #include "Intercepted.h"
 
@@ -216,6 +218,40 @@ TEST_F(MovedDirectoriesTest, GivesUpOnADirectoryThatOthersKeepFilling) {
     EXPECT_EQ(removeTree(at("t")), Outcome::EXISTS);
     calls.before = nullptr;
     EXPECT_EQ(made, 11);  // Once before it is entered, and after each of ten scans.
+    EXPECT_EQ(removeTree(at("t")), Outcome::DONE);
+}
+
+TEST_F(MovedDirectoriesTest, WhatVanishesMeanwhileIsNoFailure) {
+    for (int const number : {0, 5, 13}) {
+        int const effects = meddleEverywhere(
+            [&] {
+                std::string const directory = level(number);
+                bool const isFileGone = unlink((directory + "/f").c_str()) == 0;
+                unlink((directory + "/side/f").c_str());
+                return rmdir((directory + "/side").c_str()) == 0 || isFileGone;
+            },
+            [&](Outcome outcome) {
+                EXPECT_EQ(outcome, Outcome::DONE) << outcomeName(outcome);
+                EXPECT_FALSE(entryExists(at("t")));
+            });
+        EXPECT_GT(effects, 2) << number;
+    }
+}
+
+TEST_F(MovedDirectoriesTest, MountPointsOfTheSameDeviceAreNotCrossedOnOlderSystemsEither) {
+    if (!ovra::test::hasOwnRoot()) {
+        GTEST_SKIP() << "an ordinary user may not mount";
+    }
+    makeTree();
+    std::string const point = level(3) + "/side";
+    ASSERT_EQ(mount(at("outside").c_str(), point.c_str(), nullptr, MS_BIND, nullptr), 0);
+    {
+        Intercepted calls;
+        calls.hidesMounts = true;
+        EXPECT_EQ(removeTree(at("t")), Outcome::BUSY);
+    }
+    expectOutsideWhole();
+    ASSERT_EQ(umount2(point.c_str(), MNT_DETACH), 0);
     EXPECT_EQ(removeTree(at("t")), Outcome::DONE);
 }
 
