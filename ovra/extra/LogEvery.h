@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -72,9 +73,10 @@ private:
     std::optional<unsigned long> begin(std::int64_t milliseconds) {
         constexpr std::int64_t NEVER = std::numeric_limits<std::int64_t>::max() / 2;
         std::int64_t const time = now();
-        std::int64_t const end = milliseconds < NEVER - time ? time + milliseconds : NEVER;
+        std::int64_t const length = std::max(milliseconds, std::int64_t{0});
+        std::int64_t const end = length < NEVER - time ? time + length : NEVER;
         std::int64_t seen = period.load();
-        while (milliseconds <= 0 || time >= seen >> 1) {
+        while (length == 0 || time >= seen >> 1) {
             std::int64_t const next = end * 2 + (~seen & 1);
             if (period.compare_exchange_weak(seen, next)) {
                 return held[seen & 1].exchange(0);

@@ -33,6 +33,7 @@ namespace ovra::extra {
 /// (`sigaltstack`).
 class OVRA_EXTRA_API RecentLinesLogHandler : public log::LogHandler {
 public:
+    /// Takes all the memory.
     explicit RecentLinesLogHandler(std::size_t lines, std::size_t bytesEach = 160);
     ~RecentLinesLogHandler() override;
 

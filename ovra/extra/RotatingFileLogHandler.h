@@ -68,6 +68,7 @@ struct RotatingFileOptions {
 /// `std::bad_alloc` is thrown, and by the constructor alone.
 class OVRA_EXTRA_API RotatingFileLogHandler : public log::LogHandler {
 public:
+    /// Opens the file, or makes it. One that cannot be opened is tried again with each line.
     explicit RotatingFileLogHandler(fs::FilePath const& file,
                                     RotatingFileOptions const& options = {});
     ~RotatingFileLogHandler() override;

@@ -40,6 +40,7 @@ public:
     /// Passes on what is at most `level`, unchecked; `DISABLED` and below always. Other threads see
     /// the change without any order guaranteed.
     void setLevel(log::LogLevel level);
+    /// The level, as set last.
     log::LogLevel getLevel() const;
 
 private:
