@@ -145,7 +145,7 @@ TEST_F(FieldRecipesTest, TheFileIsSavedOrTheReasonSaid) {
     EXPECT_THAT(outcome.err, HasSubstr("is not saved: MISSING."));
 }
 
-TEST_F(FieldRecipesTest, TheSecondInstanceIsTold) {
+TEST_F(FieldRecipesTest, TheSecondInstanceIsRefused) {
     {
         Fed first(recipe("oneInstance"), path);
         waitForText(path, "\n");  // Its process id.

@@ -88,16 +88,16 @@ TEST_F(LogUnloadTest, EachLineBeforeTheEndIsInTheFile) {
         char const* lines;
         int signal;
     };
-    std::string const ending = "[host:ERROR] ending\n";
-    for (Row const& row : {Row{"exit", "[host:ERROR] at the very end\n", 0}, Row{"_exit", "", 0},
+    std::string const ending = "[app:ERROR] ending\n";
+    for (Row const& row : {Row{"exit", "[app:ERROR] at the very end\n", 0}, Row{"_exit", "", 0},
                            Row{"quick_exit", "", 0}, Row{"abort", "", SIGABRT}}) {
         std::string const path = directory.path(row.end);
         pid_t const child = fork();
         if (child == 0) {
-            char* const arguments[] = {const_cast<char*>(EXTRA_LOG_EXIT_HOST),
+            char* const arguments[] = {const_cast<char*>(EXTRA_LOG_EXIT),
                                        const_cast<char*>(row.end), const_cast<char*>(path.c_str()),
                                        nullptr};
-            execv(EXTRA_LOG_EXIT_HOST, arguments);
+            execv(EXTRA_LOG_EXIT, arguments);
             _exit(127);
         }
         int status = 0;

@@ -16,7 +16,7 @@ namespace ovra::extra {
 
 namespace {
 
-constexpr std::int64_t NANOSECONDS_OF_A_MILLISECOND = 1000 * 1000;
+constexpr std::int64_t NANOSECONDS_OF_A_MILLISECOND = 1000000;
 constexpr std::int64_t NANOSECONDS_OF_A_SECOND = 1000 * NANOSECONDS_OF_A_MILLISECOND;
 
 std::string directoryOf(std::string const& path) {

@@ -1,4 +1,4 @@
-// LogExitHost <end> <file>: logs to the file until and while the process ends.
+// LogExit <end> <file>: logs to the file until and while the process ends.
 
 #include <unistd.h>
 
@@ -18,7 +18,7 @@ namespace {
 struct Last {
     ~Last() {
         if (isLogging) {
-            log::log(log::ERROR, "host", "at the very end");
+            log::log(log::ERROR, "app", "at the very end");
         }
     }
     bool isLogging = false;
@@ -42,7 +42,7 @@ int main(int, char** arguments) {
             recent.handleLogMessage("a line", log::INFO);
         }
     }).detach();
-    log::log(log::ERROR, "host", "ending");
+    log::log(log::ERROR, "app", "ending");
     if (end == "_exit") {
         _exit(0);
     }
