@@ -15,13 +15,14 @@ namespace ovra::extra {
 /// another, finds it held. It is advisory (flock(2)): it keeps nobody from the file who does not
 /// ask for the lock. While it is held, the file contains the id of the process, for people to read.
 ///
-/// Ownership: the lock ends with unlock(), with this object or with the process, however that ends.
-/// A program that the process becomes (`exec`) does not keep it. In a forked child this object does
-/// not hold the lock; unlock() and the destructor only close the child's copy of the descriptor,
-/// and leave the parent's lock. As long as a child keeps that copy, though, the lock outlives a
-/// parent that ends without unlock(). The file itself stays, with the id of its last holder.
+/// *Ownership*: the lock ends with unlock(), with this object or with the process, however that
+/// ends. A program that the process becomes (`exec`) does not keep it. In a forked child this
+/// object does not hold the lock; unlock() and the destructor only close the child's copy of the
+/// descriptor, and leave the parent's lock. As long as a child keeps that copy, though, the lock
+/// outlives a parent that ends without unlock(). The file itself stays, with the id of its last
+/// holder.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 class OVRA_EXTRA_API LockFile {
 public:
     /// Touches nothing yet. A relative path is that of the moment when tryLock() is called.

@@ -63,9 +63,9 @@ OVRA_EXTRA_API Outcome outcomeOf(int systemError);
 ///
 ///     Outcome const outcome = attempt([&] { return file.Move(target); });
 ///
-/// Threads: the operation runs on the caller's thread, whose `errno` is as before afterwards.
+/// *Threads*: the operation runs on the caller's thread, whose `errno` is as before afterwards.
 ///
-/// Failure: what the operation throws reaches the caller, with `errno` as before.
+/// *Failure*: what the operation throws reaches the caller, with `errno` as before.
 template <typename Operation>
 Outcome attempt(Operation&& operation) {
     struct KeptError {

@@ -26,15 +26,15 @@ namespace ovra::extra {
 /// are in (`BUSY`). A directory on another device counts as one. A mount point at `root` itself is
 /// emptied, and stays (`BUSY`).
 ///
-/// Limits: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree is;
-/// the heap holds the names of the directories that are still to be removed. Longer paths than the
-/// system accepts are no obstacle. A directory that others keep adding entries to is given up after
-/// ten scans (`EXISTS`).
+/// *Limits*: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree
+/// is; the heap holds the names of the directories that are still to be removed. Longer paths than
+/// the system accepts are no obstacle. A directory that others keep adding entries to is given up
+/// after ten scans (`EXISTS`).
 ///
-/// Threads: Thread-safe. Two that remove one tree at the same time help each other.
+/// *Threads*: Thread-safe. Two that remove one tree at the same time help each other.
 ///
-/// Failure: goes on with the rest, and returns the first failure. An entry that vanished meanwhile
-/// is none. A directory for whose names there is no memory stays (`NO_MEMORY`). Throws
+/// *Failure*: goes on with the rest, and returns the first failure. An entry that vanished
+/// meanwhile is none. A directory for whose names there is no memory stays (`NO_MEMORY`). Throws
 /// `std::bad_alloc` before it begins, and then nothing has changed.
 OVRA_EXTRA_API Outcome removeTree(fs::FilePath const& root);
 

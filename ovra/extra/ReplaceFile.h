@@ -31,9 +31,9 @@ namespace ovra::extra {
 /// attributes of the old file are not kept. The owner and the group are kept as far as the process
 /// is allowed to give a file away; where they are not, the set-user-id and set-group-id bits go.
 ///
-/// Threads: Thread-safe. Two that replace one file at the same time leave the contents of one.
+/// *Threads*: Thread-safe. Two that replace one file at the same time leave the contents of one.
 ///
-/// Failure: the old file is untouched and the file beside it is gone. `DONE_NOT_SYNCED`: the new
+/// *Failure*: the old file is untouched and the file beside it is gone. `DONE_NOT_SYNCED`: the new
 /// contents stand, but the directory could not be synced, or not be opened for it, so that a loss
 /// of power may bring the old ones back. A sync that fails is not tried again. Throws
 /// `std::bad_alloc`, and then nothing has changed.
@@ -45,9 +45,9 @@ OVRA_EXTRA_API Outcome replaceFile(fs::FilePath const& file, std::string_view co
 ///     anything but a file or directory  -> WRONG_KIND, without blocking
 ///     a path with a NUL byte            -> REFUSED
 ///
-/// Threads: Thread-safe.
+/// *Threads*: Thread-safe.
 ///
-/// Failure: a sync that fails is not tried again, because the system may report the loss of data
+/// *Failure*: a sync that fails is not tried again, because the system may report the loss of data
 /// only once.
 OVRA_EXTRA_API Outcome syncFile(fs::FilePath const& entry);
 

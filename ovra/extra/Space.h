@@ -23,9 +23,9 @@ struct Space {
 ///     nothing at that path   -> MISSING
 ///     a path with a NUL byte -> REFUSED
 ///
-/// Threads: Thread-safe.
+/// *Threads*: Thread-safe.
 ///
-/// Failure: `space` stays as it was.
+/// *Failure*: `space` stays as it was.
 OVRA_EXTRA_API Outcome readSpace(fs::FilePath const& entry, Space& space);
 
 }  // namespace ovra::extra

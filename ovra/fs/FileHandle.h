@@ -18,12 +18,12 @@ class FileHandle;
 
 /// What a FileHandle forwards to: one entry of one kind of file system.
 ///
-/// Ownership: owned by one FileHandle, which destroys it through this class. Copying the handle
+/// *Ownership*: owned by one FileHandle, which destroys it through this class. Copying the handle
 /// does not copy the back end.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes const use.
+/// *Threads*: Not thread-safe: the caller synchronises. That includes const use.
 ///
-/// Failure: `false`, 0, an empty value or a failed stream.
+/// *Failure*: `false`, 0, an empty value or a failed stream.
 class OVRA_API FileHandleBackend {
 public:
     virtual ~FileHandleBackend();
@@ -87,22 +87,22 @@ public:
 /// Queries follow symbolic links. A dangling link, or a loop of links, does not exist and is not
 /// reported as a link either.
 ///
-/// Ownership: owns its back end. A copy shares nothing with its source: it gets a new POSIX back
+/// *Ownership*: owns its back end. A copy shares nothing with its source: it gets a new POSIX back
 /// end on the source's path, whatever the source had. There is no moving, only copying. Streams
 /// belong to the caller and do not depend on the handle.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes queries. Distinct handles are
+/// *Threads*: Not thread-safe: the caller synchronises. That includes queries. Distinct handles are
 /// independent, also on the same path.
 ///
-/// Failure: `false`, 0, an empty value, the end iterator or a stream in the failed state; the
+/// *Failure*: `false`, 0, an empty value, the end iterator or a stream in the failed state; the
 /// reason is not kept, and `errno` is neither promised nor protected. Only exhausted memory is
 /// reported, as `std::bad_alloc`; an assignment that throws changes nothing. Nothing is protected
 /// against another process that changes the entries meanwhile.
 ///
-/// Units: sizes in bytes, times in whole seconds since the epoch, permissions as the nine bits of
+/// *Units*: sizes in bytes, times in whole seconds since the epoch, permissions as the nine bits of
 /// octal 0777.
 ///
-/// Example:
+/// *Example*:
 ///
 ///     FileHandle logs = FileHandle("/data").Open("logs");
 ///     if (logs.IsDirectory() || logs.CreateDirectory()) {

@@ -12,9 +12,9 @@ namespace ovra::fs {
 
 /// What a FileIterator stands on: one reading of one directory, behind an interface.
 ///
-/// Ownership: held and destroyed by one FileIterator.
+/// *Ownership*: held and destroyed by one FileIterator.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 class OVRA_API FileIteratorBackend {
 public:
     virtual ~FileIteratorBackend();
@@ -33,12 +33,12 @@ public:
 
 /// Reads one directory of the operating system, in the system's order, without "." and "..".
 ///
-/// Ownership: holds one open directory stream (one file descriptor) from construction to
+/// *Ownership*: holds one open directory stream (one file descriptor) from construction to
 /// destruction.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 ///
-/// Failure: a directory that cannot be opened gives a reading that is never valid and whose index
+/// *Failure*: a directory that cannot be opened gives a reading that is never valid and whose index
 /// stays -1; the reason is not kept. A read that fails midway looks like the end.
 class OVRA_API FileIteratorBackendImpl : public FileIteratorBackend {
 public:
@@ -92,17 +92,17 @@ private:
 ///
 /// Paths are compared as text, so a copy of an iterator over "/x/y" never equals its source.
 ///
-/// Ownership: owns its reading of the directory, and with it one file descriptor. There is no
+/// *Ownership*: owns its reading of the directory, and with it one file descriptor. There is no
 /// moving, only copying.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 ///
-/// Failure: a directory that cannot be opened looks like an empty one. Only exhausted memory is
+/// *Failure*: a directory that cannot be opened looks like an empty one. Only exhausted memory is
 /// reported, as `std::bad_alloc`; an assignment that throws changes nothing.
 ///
 /// Entries may be added and removed during the scan; whether these are seen is up to the system.
 ///
-/// Example:
+/// *Example*:
 ///
 ///     FileHandle directory("/data");
 ///     for (FileIterator entry = directory.Begin(); entry != directory.End(); ++entry) {

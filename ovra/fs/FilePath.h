@@ -13,15 +13,15 @@ namespace ovra::fs {
 /// makes an absolute path: write "./C:" for it. A longer first component ("C:x") is an ordinary
 /// name.
 ///
-/// Ownership: a value that shares nothing with its copies.
+/// *Ownership*: a value that shares nothing with its copies.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes const use, because the first
+/// *Threads*: Not thread-safe: the caller synchronises. That includes const use, because the first
 /// question about the components stores them in the object. Distinct objects are independent.
 ///
-/// Failure: every string is a valid path and nothing here touches the file system. Only exhausted
+/// *Failure*: every string is a valid path and nothing here touches the file system. Only exhausted
 /// memory is reported, as `std::bad_alloc`; the object then still holds its path and answers later.
 ///
-/// Example: the components of a path, where separators collapse and a last one is dropped.
+/// *Example*: the components of a path, where separators collapse and a last one is dropped.
 ///
 ///     path                 -> directory   file name   base name  extension full path
 ///     ""                   -> ""          ""          ""         ""        ""

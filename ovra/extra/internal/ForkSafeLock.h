@@ -10,7 +10,7 @@ namespace ovra::extra {
 /// `fork` never waits for it. So what it guards may be found half changed by a child: it must be
 /// usable in every state on the way.
 ///
-/// Threads: a thread that waits sleeps. Not recursive.
+/// *Threads*: a thread that waits sleeps. Not recursive.
 class ForkSafeLock {
 public:
     /// May throw `std::bad_alloc`.

@@ -8,7 +8,7 @@ namespace ovra::extra {
 
 /// The older files of a log: of "x" these are "x.1", the youngest, to "x.N".
 ///
-/// Threads: not thread-safe. A file that was left out, such as by a process that was killed while
+/// *Threads*: not thread-safe. A file that was left out, such as by a process that was killed while
 /// it moved them, leaves a gap, which the next move fills.
 class Generations {
 public:

@@ -10,7 +10,7 @@ namespace ovra::extra {
 
 /// A regular file that is open for appending lines, or none.
 ///
-/// Threads: Not thread-safe. At every moment, one at which the process is forked included, the
+/// *Threads*: Not thread-safe. At every moment, one at which the process is forked included, the
 /// descriptor of an open one stands for an open file.
 class LogFile {
 public:

@@ -15,7 +15,7 @@ void writeTimeStamp(char* text, std::int64_t seconds, unsigned int milliseconds)
 
 /// Writes stamps one after the other, and so mostly changes only the last digits of the one before.
 ///
-/// Threads: Not thread-safe. Usable in a forked process, whatever another thread was doing.
+/// *Threads*: Not thread-safe. Usable in a forked process, whatever another thread was doing.
 class TimeStamps {
 public:
     /// As `writeTimeStamp`.

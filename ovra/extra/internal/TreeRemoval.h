@@ -16,8 +16,7 @@ namespace ovra::extra {
 /// Each directory is scanned once, by one buffer for all of them: what is no directory goes at
 /// once, the names of directories are kept and entered one after the other. No position in a
 /// directory has to be kept, so only the innermost levels stay open. The way back up to a level
-/// that was closed is
-/// "..", and counts only if it leads to the very directory that was closed.
+/// that was closed is "..", and counts only if it leads to the very directory that was closed.
 class TreeRemoval {
 public:
     /// `name` is a directory in `parent`.
