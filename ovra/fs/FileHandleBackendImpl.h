@@ -41,8 +41,9 @@ public:
     ~FileHandleBackendImpl() override;
 
     std::string Path() const override;
-    /// Reads the status. All other queries ask this one first, so a derived class that overrides it
-    /// decides for them: they then answer from the last record read, and without one `false` or 0.
+    /// Reads the status. All other queries call this one first, so a derived class that overrides
+    /// it decides for them. They then answer from the last record read, or with `false` or 0 if
+    /// there is none.
     bool Exists() const override;
     /// See FileHandle::IsFile().
     bool IsFile() const override;
