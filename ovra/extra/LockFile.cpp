@@ -15,8 +15,8 @@ namespace {
 constexpr mode_t NEW_FILE_MODE = 0644;
 constexpr int MOST_TRIES = 100;
 
-// Only what is a regular file is opened: opening a device can have effects of its own. What may not
-// be written to can be locked all the same.
+// Opens only a regular file: opening a device can have effects of its own. A file that may not be
+// written to can be locked all the same.
 Descriptor openToLock(std::string const& path) {
     struct stat status;
     if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
@@ -28,7 +28,7 @@ Descriptor openToLock(std::string const& path) {
     if (!file.isOpen() && (errno == EACCES || errno == EPERM || errno == EROFS)) {
         int const error = errno;
         file = openBelow(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK);
-        errno = error;  // Of the two, the first says why.
+        errno = error;  // The first of the two failures is the reason.
     }
     return file;
 }
