@@ -28,9 +28,9 @@ struct SubmittedTaskProxy;
 /// derive from this class to see every change of state and result.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
-/// by a waiting caller. The task refers to its handle weakly. Queue one object once. A second
-/// submission of the same object is dropped with the first, or it runs. A second run ends the
-/// process, because the promise cannot be fulfilled again.
+/// by a waiting caller. The task refers to its handle weakly. Queue one object once. Queued twice,
+/// it is either removed with its first entry or run twice; the second run ends the process, because
+/// the promise cannot be fulfilled again.
 ///
 /// *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be called from
 /// any thread. `execute()` and then `performCallback()` are called on one worker thread, with no
@@ -186,7 +186,7 @@ private:
     RankedEntry rank;  // And the priority.
 
     // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
-    // also reads them unlocked.
+    // also reads them unlocked, in execute().
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 };

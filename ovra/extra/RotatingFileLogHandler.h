@@ -11,7 +11,7 @@ namespace ovra::extra {
 
 class RotatingFile;
 
-/// What a `RotatingFileLogHandler` does besides writing lines to a file.
+/// What a `RotatingFileLogHandler` does in addition to writing lines to a file.
 struct RotatingFileOptions {
     /// The most bytes in the file before it is moved away; 0: no cap.
     std::uint64_t maxBytes = 0;
@@ -33,9 +33,8 @@ struct RotatingFileOptions {
 /// *The file*: made with mode 0640 less the umask, if it does not exist; its directory must. A
 /// directory -> "ovra.log" inside it. A link -> its target, as found when the sink is made.
 /// Anything but a regular file, and a path with a NUL byte, is refused without blocking, and the
-/// lines count as lost. A relative path is looked for in the current directory of the moment, at
-/// each opening. If an earlier run left the last line without its newline, that newline is written
-/// first.
+/// lines count as lost. Each opening looks for a relative path in the current directory of that
+/// moment. If an earlier run left the last line without its newline, that newline is written first.
 ///
 /// *The cap*: a line that would take the file over `maxBytes` first moves "x.1" to "x.2" and so on,
 /// then x to "x.1"; the oldest is removed. The name after the last one, "x.3" where two are kept,
@@ -53,16 +52,15 @@ struct RotatingFileOptions {
 /// file may grow over `maxBytes` by what the others write.
 ///
 /// *Ownership*: the destructor closes the file and waits for nothing; what was written stays with
-/// the system, which puts it on the disk in its own time unless `syncLevel` or `sync` asks for
-/// more.
+/// the system, which puts it on the disk later, unless `syncLevel` or `sync` asked for that.
 ///
 /// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
 /// After `fork` parent and child may both log, also when another thread was inside a line at that
 /// moment. (Not in a child of `vfork` or of the system's bare `clone`.)
 ///
 /// *Failure*: a line that cannot be written whole (full disk, no such directory, a bad medium)
-/// counts as lost. Before the next line that can be written, the sink writes "[ovra:WARNING] N
-/// lines lost": those since the last such report. A file that cannot be opened is tried again with
+/// counts as lost. Before the next line that can be written, the sink reports the loss since the
+/// last report: "[ovra:WARNING] N lines lost". A file that cannot be opened is tried again with
 /// each line. A limit on the size of files (`RLIMIT_FSIZE`) raises SIGXFSZ, as for any writer:
 /// ignore that signal, and the lines count as lost. `errno` is kept. Only `std::bad_alloc` is
 /// thrown, and by the constructor alone.

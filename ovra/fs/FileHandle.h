@@ -191,7 +191,7 @@ public:
     /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
     /// a directory. The link's contents are this path as it stands, so a relative one is read
     /// relative to the directory of the link, not to the current directory. `false` if this entry
-    /// does not exist or the place is taken.
+    /// does not exist or another entry is already there.
     bool CreateSymbolicLink(FileHandle& target);
     /// Copies a regular file, **with `true` also when the copy lacks bytes at the end**, as after a
     /// short write or on a full disk: `true` says only that both files were opened.
@@ -219,8 +219,8 @@ public:
     /// CreateSymbolicLink() form the name in the same way, and give `false` for one like "C:".
     bool Move(FileHandle& target);
     /// Gives the entry another name in its directory, replacing a file of that name; this handle
-    /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, ".."
-    /// out.
+    /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, and
+    /// ".." leads out of the directory.
     ///
     /// **A relative path of one component goes to the root directory**, because "/" and the name
     /// are added to a directory part that is empty:

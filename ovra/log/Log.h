@@ -64,9 +64,9 @@ public:
 /// registered sink in no particular order.
 ///
 /// A message is delivered if the global level is not `DISABLED` and is at least `level`. So a
-/// message of level `DISABLED` (or below) is delivered under every other global level, and one
-/// above `VERBOSE` only if the global level is as high. A message that is not delivered costs one
-/// load and two comparisons.
+/// message of level `DISABLED` (or below) is delivered under every global level above `DISABLED`,
+/// and one above `VERBOSE` only if the global level is as high. A message that is not delivered
+/// costs one load and two comparisons.
 ///
 /// *The system log takes the line as its own format*: it interprets every percent sign that is left
 /// in the line after formatting. For one percent sign there, write "%%%%" in `format`; the other

@@ -70,7 +70,7 @@ public:
 
 private:
     static constexpr std::uint32_t HIGHEST_RANK = 0x7fffffff;
-    static constexpr std::uint8_t UNORDERED = 4;  // Before it: the chains.
+    static constexpr std::uint8_t UNORDERED = 4;  // The lists before are chains.
     static constexpr std::uint8_t FINAL = 5;
 
     struct List {
