@@ -8,7 +8,7 @@ namespace ovra::extra {
 
 /// The older files of a log: of "x" these are "x.1", the youngest, to "x.N".
 ///
-/// *Threads*: not thread-safe. A process that is killed while it moves the files can leave a gap
+/// *Threads*: Not thread-safe. A process that is killed while it moves the files can leave a gap
 /// between them; the next move fills the gap.
 class Generations {
 public:
