@@ -44,7 +44,7 @@ bool isStillNamed(std::string const& path, struct stat const& locked) {
     return named.st_dev == locked.st_dev && named.st_ino == locked.st_ino;
 }
 
-// For people to read: whether it can be written makes no difference.
+// For people to read: a failure to write it makes no difference.
 void writeId(Descriptor const& file, int id) {
     std::string const text = std::to_string(id) + "\n";
     if (file.write(text)) {
@@ -101,8 +101,8 @@ Outcome LockFile::tryLock() {
     });
 }
 
-// Where a child was forked, both have copies of one descriptor, and one lock between them. Closing
-// the copy of one alone releases nothing; releasing the lock releases it for both.
+// After a fork, parent and child have copies of one descriptor, and share one lock. Closing one
+// copy alone releases nothing; releasing the lock releases it for both.
 void LockFile::unlock() {
     if (descriptor < 0) {
         return;

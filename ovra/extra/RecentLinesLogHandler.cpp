@@ -152,7 +152,7 @@ private:
         return result;
     }
 
-    // Tickets begin again after so many, and then go to the same places as before.
+    // After so many, tickets begin again, and then go to the same places as before.
     Word tickets() const { return MOST_TICKETS / count * count; }
     Word after(Word ticket) const { return ticket == tickets() ? 1 : ticket + 1; }
     Place& placeOf(Word ticket) const { return places[(ticket - 1) % count]; }

@@ -198,8 +198,9 @@ private:
     bool isThere = false;
 };
 
-// What the system gives to a new file here. The umask can be asked for only by changing it, which
-// other threads would see, and the directory may have an access control list for new files.
+// The mode that the system gives to a new file here, found by making one. The umask can be read
+// only by changing it, which other threads would see, and the directory may have an access control
+// list for new files.
 bool readNewFileMode(Place const& place, mode_t& mode) {
     Temporary sample(place);
     return sample.make(NEW_FILE_MODE) && sample.readMode(mode) && sample.remove();

@@ -26,7 +26,7 @@ bool registerHandler() {
 }  // namespace
 
 void countForks() {
-    // The C library drops the handler when this library is unloaded.
+    // The C library unregisters the handler when this library is unloaded.
     [[maybe_unused]] static bool const isRegistered = registerHandler();
 }
 

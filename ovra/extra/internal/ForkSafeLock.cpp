@@ -15,7 +15,7 @@ constexpr std::uint32_t OPEN = 0;
 constexpr std::uint32_t LOCKED = 1;
 constexpr std::uint32_t AWAITED = 2;  // Locked, and somebody may be waiting.
 
-// The state `how`, set by this process.
+// The word for the state `how`, set by this process.
 std::uint32_t here(std::uint32_t how) noexcept {
     return forkCount() << 2 | how;
 }

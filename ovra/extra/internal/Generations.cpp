@@ -23,9 +23,9 @@ bool Generations::moveUp() {
     if (count == 0) {
         return ::unlink(path.c_str()) == 0;
     }
-    // The first free name. The oldest file is moved aside first, and removed only when the log
-    // itself has been moved: moving the log is what may well fail. A single generation is just
-    // replaced.
+    // The first free name ends the search. The oldest file is moved aside first, and removed only
+    // when the log itself has been moved: moving the log is what may well fail. A single generation
+    // is just replaced.
     unsigned int free = 1;
     if (count > 1) {
         while (free <= count && exists(free)) {
