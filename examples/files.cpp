@@ -1,4 +1,4 @@
-// Makes a small tree, walks it, copies, moves and links in it, and removes it again.
+// Makes a small tree, scans it, copies, moves and links in it, and removes it again.
 
 #include <stdlib.h>
 
@@ -48,12 +48,12 @@ int main() {
     FileHandle archive = scratch.Open("archive");
     FileHandle draft = scratch.Open("draft.txt");
     FileHandle latest = scratch.Open("latest");
-    // Each says by its result whether it worked; nothing throws.
+    // The result of each says whether it worked; nothing throws.
     bool const worked = write(notes, "remember the milk\n") &&  //
                         archive.CreateDirectory() &&            //
                         notes.Copy(draft) &&                    //
                         notes.Move(archive) &&                  // Into the directory...
-                        !notes.Exists() &&                      // ...while the handle stays behind.
+                        !notes.Exists() &&                      // ...but not the handle.
                         archive.Open("notes.txt").CreateSymbolicLink(latest) &&
                         draft.Rename("final.txt") && draft.FileName() == "final.txt";
     list(scratch, "");
@@ -62,8 +62,8 @@ int main() {
     std::cout << path.FileBaseName() << " with " << path.Extension() << " in "
               << FilePath(path.DirectoryPath()).FileName() << '\n';
 
-    // Links first: one that has lost its target would be left over. Links to directories would be
-    // followed, so this is only for trees of one's own.
+    // Links first: a link whose target is removed before it would stay. The removal follows links
+    // to directories, so use it only for trees of your own.
     bool const removed = latest.Remove() && scratch.RemoveDirectoryRecursive();
     std::cout << (worked && removed && !scratch.Exists() ? "done" : "failed") << '\n';
     return worked && removed ? 0 : 1;

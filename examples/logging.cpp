@@ -1,4 +1,5 @@
-// Logs to the system log, to the standard streams, to a file and to a sink of the host's own.
+// Logs to the system log, to the standard streams, to a file and to a sink of the application's
+// own.
 
 #include <atomic>
 #include <iostream>
@@ -11,7 +12,7 @@ namespace log = ovra::log;
 
 namespace {
 
-// A sink is called by whichever threads log, so it takes care of itself: here with an atomic.
+// Any thread that logs calls the sink, so the sink synchronises itself: here with an atomic.
 class ProblemCounter : public log::LogHandler {
 public:
     void handleLogMessage(char const*, log::LogLevel level) override {
@@ -33,7 +34,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    // All sinks before the first other thread: the registry is not locked.
+    // Register all sinks before the first other thread starts: the registry is not locked.
     auto const counter = std::make_shared<ProblemCounter>();
     log::addLogHandler(counter, "problems");
     log::addLogHandler(log::STANDARD_STREAM_HANDLER, "standard streams");
@@ -47,8 +48,8 @@ int main(int argc, char** argv) {
     log::log(log::WARNING, "main()", "The battery is at %d per cent.", 12);
     log::log(log::ERROR, "main()", "The battery is empty.");  // To standard error.
 
-    // The system log takes each line as a format: a percent sign is doubled for it, in a format
-    // twice. The other sinks show what is then left, "100%%".
+    // The system log takes each line as a format, so a percent sign is doubled once for it and once
+    // for this format. The other sinks then show "100%%".
     log::log(log::INFO, "main()", "Charged to 100%%%%.");
 
     std::cout << counter->count() << " problems\n";

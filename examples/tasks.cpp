@@ -13,7 +13,7 @@
 using namespace ovra::concurrent;
 
 int main() {
-    // Hosts without special needs take getNoStarveTaskExecutor() instead of making their own.
+    // An application without special needs takes getNoStarveTaskExecutor() instead of making one.
     auto const queue = std::make_shared<SubmittedTasksQueue>(
         std::make_shared<HighestPriorityTaskRankingStrategy>());
     auto const executor = std::make_shared<TaskExecutorImpl>(1, queue);

@@ -18,7 +18,7 @@ need_packages() {
     as_root=(sudo)
   fi
   echo "Installing: ${missing[*]}"
-  # An index that is out of date names packages that are gone: refresh it and try once more.
+  # An index that is out of date names packages that no longer exist: refresh it and try once more.
   if ! install_packages >/dev/null 2>&1; then
     local log
     log=$(mktemp)

@@ -52,9 +52,9 @@ private:
         }
     }
 
-    // One pool for all rounds, and a warm heap after the first, which does not count; the caller
-    // waits from the last task, and drops its tickets within the time. No rounds at all are for
-    // those who count the instructions of the first.
+    // One pool for all rounds, and a warm heap after the first round, which does not count. The
+    // caller waits from the last task to the first, and drops its tickets within the time. With no
+    // rounds at all, a counter of instructions sees the first round alone.
     static void warm(Run& run) {
         std::int64_t const count = run.number("n", 1000);
         std::int64_t const rounds =
@@ -97,8 +97,8 @@ private:
         run.report("switches", static_cast<double>(switches) / tasks);
     }
 
-    // As an application sees its first burst: a new process and pool, every ticket kept, and waited
-    // for from the first to the last.
+    // As an application sees its first burst: a new process and pool. Every ticket is kept, and
+    // waited for from the first to the last.
     template <std::size_t SIZE>
     static void cold(Run& run) {
         std::int64_t const count = run.number("n", 1000);

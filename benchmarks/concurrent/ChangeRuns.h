@@ -84,7 +84,7 @@ private:
         std::size_t const changes = static_cast<std::size_t>(run.number("changes", 2500));
         std::vector<std::size_t> const chosen = shuffled(count);
         Pool pool(1);
-        std::size_t ran = 0;  // The only worker's.
+        std::size_t ran = 0;  // Used by the only worker.
         std::vector<Ticket> tickets;
         tickets.reserve(count);
         ClosedGate<Pool> gate(pool, 1);

@@ -59,8 +59,8 @@ private:
         requireRun(run, counter, count + static_cast<std::int64_t>(IN_FLIGHT));
     }
 
-    // How long one submission takes while the worker runs what was submitted before: as often as a
-    // task ends, another is submitted.
+    // How long one submission takes while the worker runs earlier tasks: whenever a task ends,
+    // another is submitted.
     static void latency(Run& run) {
         static constexpr double MICROSECONDS = 5;
         std::size_t const count = static_cast<std::size_t>(run.number("n", 10000));
@@ -80,8 +80,8 @@ private:
         reportQuantiles(run, std::move(nanoseconds));
     }
 
-    // From before the submission to the first instruction of the work, on a pool with nothing else
-    // to do, whose worker has had the time to fall asleep.
+    // From before the submission to the first instruction of the work, on an idle pool whose worker
+    // has had the time to fall asleep.
     static void start(Run& run) {
         std::size_t const count = static_cast<std::size_t>(run.number("n", 1000));
         Spin const pause(50);
@@ -103,8 +103,8 @@ private:
     }
 
     // Tasks of `us` microseconds, submitted to a free pool, against threads that share out the same
-    // work among them and do nothing else; both in turn, for what else the machine does to hit
-    // both.
+    // work among them and do nothing else; both in turn, so that whatever else the machine does
+    // affects both.
     static void work(Run& run) {
         std::int64_t const count = run.number("n", 1000);
         std::int64_t const rounds = run.number("rounds", 3);
@@ -150,8 +150,8 @@ private:
         return secondsBetween(begin, Clock::now());
     }
 
-    // Threads that submit at once. `least_share` is how many tasks of the one served worst had run
-    // when half of all had, over those of the one served best.
+    // Threads that submit at once. `least_share`: when half of all tasks have run, the tasks of the
+    // thread served worst over those of the thread served best.
     static void submitters(Run& run) {
         std::int64_t const each = run.number("n", 2500);
         int const workers = static_cast<int>(run.number("workers", 1));
@@ -197,7 +197,7 @@ private:
         run.report("least_share", static_cast<double>(*least) / static_cast<double>(*most));
     }
 
-    // The private memory that a pool takes, one task run.
+    // The private memory that a pool takes, after one task has run.
     static void idle(Run& run) {
         Counter counter{0};
         kiB("smaps_rollup", "Private_Dirty:");

@@ -11,8 +11,8 @@ enum class Urgency { LOW, NORMAL, HIGH };
 
 using Ticket = std::future<bool>;
 
-/// What an executor's task brings with it and a peer's job does not: a name for the thread that
-/// runs it, and a result to wait for.
+/// What an executor's task has and a peer's job lacks: a name for the thread that runs it, and a
+/// result to wait for.
 ///
 /// Callable while constant, as some peers ask of what they run.
 template <typename Work>

@@ -10,7 +10,7 @@ namespace ovra::bench {
 
 namespace {
 
-// The pool that anybody would write first: a heap of shared jobs under one lock.
+// The simplest pool: a heap of shared jobs under one lock.
 class PlainPool {
 public:
     struct AnyJob {
@@ -52,7 +52,7 @@ public:
         return ticket;
     }
     static void wait(Ticket& ticket) { ticket.done.get(); }
-    // The old entry stays behind and is passed over when its turn comes.
+    // The old entry stays, and is skipped when its turn comes.
     void reprioritise(Ticket& ticket, Urgency urgency) { push(ticket.job, urgency); }
     void cancel(Ticket& ticket) { ticket.job->isCancelled = true; }
 

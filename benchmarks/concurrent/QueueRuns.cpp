@@ -84,7 +84,7 @@ private:
         return order;
     }
 
-    // What runs once per process has run before the first counted task.
+    // Whatever runs once per process runs before the first counted task.
     void warmUp(Run& run) {
         submit(100);
         runAll(run);
@@ -138,7 +138,7 @@ private:
         runs.submit(size(run, "n"));
         std::size_t const picks = size(run, "picks");
         std::vector<std::shared_ptr<SubmittedTask>> picked(picks);
-        // The first pick may do once what was put off while tasks were added.
+        // The first pick may do work that was deferred while tasks were added.
         std::shared_ptr<SubmittedTask> const first = runs.queue.getNextTask();
         Stopwatch watch;
         watch.start();

@@ -1,4 +1,4 @@
-// What it costs to know why an operation failed: the same question with and without `attempt`.
+// What it costs to know why an operation failed: the same query with and without `attempt`.
 
 #include <benchmark/benchmark.h>
 

@@ -1,4 +1,4 @@
-// A line to a log file for the field, beside the bare write of the same bytes.
+// A line to RotatingFileLogHandler, next to the bare write of the same bytes.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -8,9 +8,9 @@
 
 namespace ovra::bench {
 
-/// What all of them write.
+/// The line that all contestants write.
 inline constexpr char const* LINE = "[bench:INFO] Moving current task 1000 into EXECUTING state.";
-/// So that a file is moved now and then.
+/// Small enough that a file is moved now and then.
 inline constexpr std::uint64_t MAX_BYTES = 10 << 20;
 
 }  // namespace ovra::bench

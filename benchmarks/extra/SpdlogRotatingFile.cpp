@@ -1,4 +1,4 @@
-// The same line to the peer's sink, which is told to hand each line to the system, as ovra's does.
+// The same line to the peer's sink, which is set to pass each line to the system, as ovra's does.
 
 #include <memory>
 

@@ -4,7 +4,7 @@
 
 #include "tests/support/Contained.h"
 
-// Trees are removed here: nothing but what this process has made may be within reach.
+// Trees are removed here: only what this process has made may be within reach.
 int main(int count, char** arguments) {
     benchmark::Initialize(&count, arguments);
     if (!ovra::test::contain().empty()) {

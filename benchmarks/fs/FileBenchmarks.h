@@ -29,9 +29,9 @@ inline void makeFiles(std::string const& directory, int count, std::size_t bytes
     }
 }
 
-/// Questions about the text of a path. `Paths` has `Text`, its own kind of string, and `Path`, what
-/// its users hold where they resolve one, both made beforehand; and static functions that return
-/// something of what they found.
+/// Queries about the text of a path. `Paths` has `Text`, its own kind of string, and `Path`, the
+/// type that its users hold when they resolve a path; both are made beforehand. Its static
+/// functions return a part of what they found.
 template <typename Paths>
 bool addPathBenchmarks(std::string const& peer) {
     using Text = typename Paths::Text;
@@ -58,7 +58,8 @@ bool addPathBenchmarks(std::string const& peer) {
     return true;
 }
 
-/// What is done to files. `Files` has static functions that take paths and tell of success.
+/// What is done to files. `Files` has static functions that take paths and return whether they
+/// succeeded.
 template <typename Files>
 class FileBenchmarks {
 public:

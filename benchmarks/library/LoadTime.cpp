@@ -6,7 +6,7 @@
 #include "benchmarks/support/Clock.h"
 
 // Prints how many nanoseconds it takes to load the library named, once: a process is good for one
-// measurement, since what a library draws in stays in memory.
+// measurement, since the libraries that one loads with it stay in memory.
 int main(int count, char** arguments) {
     if (count != 2) {
         std::fputs("usage: benchmark-load <library>\n", stderr);

@@ -9,7 +9,7 @@
 
 namespace ovra::bench {
 
-/// Whether the system log is a reader of this program's own, which takes in what it gets.
+/// Whether the system log is a reader of this program's own, which takes in all that arrives.
 bool isSystemLogDrained();
 
 /// The file that the sinks to be measured write to.

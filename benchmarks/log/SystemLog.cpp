@@ -36,7 +36,7 @@ bool drainSystemLog() {
     if (reader == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) {
-            _exit(0);  // It ended before it could be followed.
+            _exit(0);  // The parent ended before this child could watch it.
         }
         char line[4096];
         while (recv(systemLog, line, sizeof line, 0) >= 0) {

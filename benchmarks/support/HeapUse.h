@@ -4,7 +4,7 @@
 
 namespace ovra::bench {
 
-/// What one thread has asked of the heap, through `malloc` and whatever stands on it.
+/// What one thread has asked of the heap, through `malloc` and whatever calls it.
 struct HeapUse {
     std::size_t allocations;
     std::size_t bytes;

@@ -21,7 +21,7 @@ public:
     /// The program's exit status. 2 for an unknown name or argument.
     static int main(int argc, char** argv);
 
-    /// What stands behind `name=` on the command line.
+    /// The value after `name=` on the command line.
     std::int64_t number(std::string const& name, std::int64_t otherwise);
     /// Prints `<figure> <value>`. A figure reported again is another repetition.
     void report(char const* figure, double value);

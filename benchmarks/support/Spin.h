@@ -22,7 +22,7 @@ private:
         }
     }
 
-    // The best of some tries: whatever else runs can only slow one down.
+    // The best of some tries: whatever else runs can only slow a try down.
     static double roundsPerMicrosecond() {
         static double const found = [] {
             constexpr std::int64_t ROUNDS = 1000000;

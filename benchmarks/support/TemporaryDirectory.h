@@ -10,8 +10,8 @@
 
 namespace ovra::bench {
 
-/// A directory that goes with its object; in memory where there is a place for that, since disks
-/// and their journals would drown what is compared.
+/// A directory that is removed with its object. In memory where possible, since the noise of disks
+/// and their journals would hide what is compared.
 class TemporaryDirectory {
 public:
     TemporaryDirectory() {

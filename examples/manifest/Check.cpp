@@ -64,7 +64,7 @@ std::string asOneLine(std::string const& path) {
     return path.find('\n') == std::string::npos ? path : escapedPath(path);
 }
 
-// Tells of each file what came out, and counts.
+// Prints the outcome of each file, and counts.
 class Report {
 public:
     void add(ManifestEntry const& entry, HashTask const& task) {
@@ -108,7 +108,8 @@ private:
     std::size_t different = 0;
 };
 
-// Hashes and reports in the order of the manifest. After Ctrl-C, what had not begun is passed over.
+// Hashes and reports in the order of the manifest. After Ctrl-C, files that were not begun are
+// skipped.
 void verifyAll(std::vector<ManifestEntry> const& entries, Options const& options,
                Interrupt& interrupt, Report& report) {
     std::vector<FoundFile> files;
@@ -137,7 +138,7 @@ void verifyAll(std::vector<ManifestEntry> const& entries, Options const& options
         }
     }
     progress->finish();
-    // Only now that no worker logs any more: log lines and results go to the same place.
+    // Only now, when no worker logs any more: log lines and results go to the same place.
     for (std::size_t number = 0; options.verbose && number < submitted; ++number) {
         report.add(entries[number], *tasks[number]);
     }

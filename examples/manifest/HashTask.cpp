@@ -26,8 +26,8 @@ HashTask::HashTask(std::string const& filePath, std::int64_t fileSizeBytes,
 HashTask::~HashTask() = default;
 
 ovra::concurrent::Executable::Result HashTask::execute() {
-    // Counted here and not in the completion callback, which may come after the last waiter has
-    // gone on to tell how many there were.
+    // Counted here and not in the completion callback, which may run after the last waiter has
+    // reported the count.
     Result const result = readAndHash();
     progress->fileDone();
     return result;
@@ -39,7 +39,7 @@ ovra::concurrent::Executable::Result HashTask::readAndHash() {
     if (!*stream) {
         reason = whyFileNotOpened(file);
         if (reason.empty()) {
-            reason = "Input/output error";  // It can be opened by now.
+            reason = "Input/output error";  // The file can be opened now.
         }
         return FAILURE;
     }

@@ -24,7 +24,7 @@ public:
 
     /// `FAILURE` if the file cannot be read: see `error()`.
     Result execute() override;
-    /// The path, made fit for log lines.
+    /// The path, made safe for log lines.
     char const* name() const override;
 
     std::string const& path() const;

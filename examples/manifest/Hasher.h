@@ -32,7 +32,7 @@ public:
     ~Hasher();
 
     /// Queues `task`, a small file ahead of the large ones. Its number is the number of tasks
-    /// submitted before it. False, and nothing queued, once cancelled.
+    /// submitted before it. Once cancelled: false, and nothing is queued.
     bool submit(std::shared_ptr<HashTask> const& task);
 
     /// Puts a task ahead of all others. Does nothing to one that has started.
@@ -44,8 +44,8 @@ public:
     std::size_t submitted() const;
     std::size_t submittedAsSmall() const;
 
-    /// Blocks until the task has ended or has been passed over because of `cancel()`. Rethrows what
-    /// its work threw. Call it once for each.
+    /// Blocks until the task has ended or has been skipped because of `cancel()`. Rethrows what its
+    /// work threw. Call it once for each.
     void waitFor(std::size_t number);
 
 private:

@@ -12,9 +12,9 @@ namespace manifest {
 /// Turns Ctrl-C into a flag and a call, on a thread of its own that waits for the signal: no signal
 /// handler runs, so the action may take locks.
 ///
-/// Make it before any other thread, which then inherits the blocked signal. A second Ctrl-C ends
-/// the process at once. Where the signal is ignored from the start, as for a background job, it
-/// stays so.
+/// Make it before any other thread, so that all threads inherit the blocked signal. A second Ctrl-C
+/// ends the process at once. Where the signal is ignored from the start, as for a background job,
+/// it stays so.
 class Interrupt {
 public:
     Interrupt();
@@ -26,7 +26,7 @@ public:
     bool requested() const;
 
     /// From now on the first Ctrl-C calls `action`; if there has been one, it is called here. An
-    /// empty `action` takes the previous one back, and waits for it if it is running.
+    /// empty `action` removes the previous one, and waits for it if it is running.
     void onRequest(std::function<void()> newAction);
 
     /// As if Ctrl-C had been pressed.

@@ -19,7 +19,7 @@ std::string logFile(Options const& options) {
 
 void startLogging(Options const& options) {
     if (!options.log.empty()) {
-        // The sink would swallow every line in silence.
+        // The sink would discard every line in silence.
         if (!*FileHandle(logFile(options)).CreateOutputStream(std::ios_base::app)) {
             throw std::runtime_error(quoted(logFile(options)) + ": cannot be written");
         }

@@ -19,7 +19,7 @@ using ovra::fs::FileHandle;
 
 namespace {
 
-// With a directory part in any case: moving reads a bare name such as "x:" as a root.
+// Always with a directory part: a move takes a bare name such as "x:" for a root.
 std::string withDirectory(std::string const& path) {
     return path.find('/') == std::string::npos ? "./" + path : path;
 }

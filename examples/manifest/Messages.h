@@ -7,7 +7,7 @@ namespace manifest {
 /// Prints "ovra-manifest: " and `message` on standard error, as one line.
 void say(std::string const& message);
 
-/// Says it, and logs it as a warning.
+/// Prints `message` in the same way, and logs it as a warning.
 void complain(std::string const& message);
 
 /// `text` as it may be passed to the log: the system log takes each line as a format, so percent

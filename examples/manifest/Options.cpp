@@ -40,7 +40,7 @@ unsigned int parseJobs(std::string const& text) {
     return static_cast<unsigned int>(jobs);
 }
 
-// Hands out the arguments one by one, "--name=value" as if it were two.
+// Returns the arguments one by one, "--name=value" as if it were two.
 class Arguments {
 public:
     explicit Arguments(std::vector<std::string> const& list) : arguments(list) {}

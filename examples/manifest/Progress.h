@@ -9,11 +9,11 @@
 
 namespace manifest {
 
-/// A line on the terminal that tells how far the work has come; nothing where standard error is no
+/// A line on the terminal that shows how far the work has come; nothing where standard error is no
 /// terminal.
 ///
-/// It has no thread of its own: whoever reports an advance draws the line, ten times a second at
-/// most. Thread-safe.
+/// It has no thread of its own: the thread that reports an advance draws the line, ten times a
+/// second at most. Thread-safe.
 class Progress {
 public:
     /// What there is to do.

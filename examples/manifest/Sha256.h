@@ -13,9 +13,9 @@ class Sha256 {
 public:
     Sha256();
 
-    /// Lets the cryptographic library set itself up, which it does at its first digest. To be
-    /// called before a shared executor is used: what is set up first is torn down last, so the
-    /// library goes after the executor's worker and not, at the exit of the process, from under it.
+    /// Makes the cryptographic library initialise itself, which it does at its first digest. Call
+    /// this before a shared executor is used: what is initialised first is destroyed last, so at
+    /// the exit of the process the executor's worker ends before the cryptographic library does.
     static void setUpLibrary();
 
     void add(char const* data, std::size_t size);

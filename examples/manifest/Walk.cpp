@@ -29,8 +29,8 @@ void Walk::leaveOut(std::string const& path) {
 }
 
 void Walk::addFilesBelow(std::string const& directory) {
-    // A list of what is still to be read, not recursion: one directory is open at a time, however
-    // deep the tree is.
+    // A list of what is still to be read, instead of recursion: one directory is open at a time,
+    // however deep the tree is.
     std::vector<std::string> pending{directory};
     if (directory.back() == '/') {
         pending.back().pop_back();  // The iterator adds one.
@@ -83,8 +83,8 @@ void Walk::addEntry(std::string const& path, std::vector<std::string>& pending) 
     } else if (entry.IsFile()) {
         files.push_back({path, entry.Size()});
     } else if (!entry.Exists()) {
-        // A link that leads nowhere is passed over like any other, and so is what has vanished
-        // since it was listed; the rest cannot be seen.
+        // A dangling link is skipped like any other link, and so is an entry that has vanished
+        // since it was listed. Anything else here cannot be seen.
         struct stat status = {};
         if (lstat(path.c_str(), &status) != 0 && errno != ENOENT) {
             failed(path, std::generic_category().message(errno));

@@ -18,13 +18,13 @@ struct FoundFile {
 /// Finds the regular files below directories.
 ///
 /// Links below a directory are neither followed nor listed, so a cycle of links does no harm; a
-/// directory that is itself named through a link is entered. What cannot be read is complained of
-/// and left out.
+/// directory that is itself named through a link is entered. What cannot be read is reported and
+/// left out.
 class Walk {
 public:
     explicit Walk(Interrupt const& ctrlC);
 
-    /// Leaves out the entry at `path`, whichever way the walk reaches its directory.
+    /// Leaves out the entry at `path`, whichever way the scan reaches its directory.
     void leaveOut(std::string const& path);
 
     /// Adds the files below `directory`. Their paths begin with `directory` as it is spelt. Stops

@@ -21,8 +21,8 @@ namespace ovra::concurrent {
 ///
 /// Derive from `Task`, which adds a name, rather than from this class.
 ///
-/// *Threads*: an executor calls `execute()` on one worker thread at a time; what it touches is the
-/// caller's to synchronise with other threads.
+/// *Threads*: an executor calls `execute()` on one worker thread at a time. The caller synchronises
+/// what the work shares with other threads.
 class OVRA_API Executable {
 public:
     /// Where a submitted task stands. Unscoped, so `Executable::DONE` is the usual spelling.
@@ -30,7 +30,7 @@ public:
         UNSCHEDULED = 1,  ///< Waiting in a queue; the state every submitted task starts in.
         READY = 2,        ///< Named for completeness: the executor moves no task into it.
         EXECUTING = 3,    ///< A worker has started the task.
-        CANCELLED = 4,    ///< Cancellation was requested; running work may still be under way.
+        CANCELLED = 4,    ///< Cancellation was requested; the work may still be running.
         DONE = 5,  ///< Ended normally; also what a handle reports for a task that no longer exists.
     };
 
@@ -52,7 +52,7 @@ public:
 
     /// Runs the work once.
     ///
-    /// Returns `SUCCESS`, `FAILURE` or `REPEAT`. Any other value is kept as the result as it is.
+    /// Returns `SUCCESS`, `FAILURE` or `REPEAT`. Any other value becomes the result unchanged.
     /// Whatever is thrown becomes `FAILURE`; a `std::exception` is kept on the task's handle.
     virtual Result execute() = 0;
 };

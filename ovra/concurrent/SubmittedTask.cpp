@@ -33,7 +33,7 @@ std::exception_ptr unknownException() {
     try {
         return std::make_exception_ptr(std::runtime_error("Unknown exception"));
     } catch (std::bad_alloc const&) {
-        return std::current_exception();  // A worker has nobody to throw it at.
+        return std::current_exception();  // A worker has no caller that could catch it.
     }
 }
 
@@ -73,7 +73,7 @@ SubmittedTask::SubmittedTask(std::function<Executable::Result()> const& work,
                              char const* name)
     : callback(std::move(onCompletion)),
       rank(initialPriority, initialRankOf(initialPriority), --s_uniqueIndexCounter) {
-    // After the index is taken, which is spent even if this throws.
+    // After the index was taken, which stays used even if this throws.
     // cppcheck-suppress useInitializationList
     task = std::make_shared<LambdaFunctionTask>(work, name);
 }
@@ -157,7 +157,7 @@ void SubmittedTask::updateTaskState(Executable::State newState) {
 
 void SubmittedTask::logState(Executable::State newState) const {
     if (log::getLogLevel() < log::INFO && task && isExactly<LambdaFunctionTask>(*task)) {
-        return;  // Nobody sees that the name is not asked for.
+        return;  // Nobody can notice that the name is not read.
     }
     log::logVerbatim(log::INFO, EXECUTE_TAG, "Moving current task '%s' into %s state.",
                      printable(taskName()), taskStateToName(newState));
@@ -173,7 +173,7 @@ void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {
 }
 
 void SubmittedTask::setFirstHandle(std::shared_ptr<TaskHandle> const& firstHandle) {
-    handle = firstHandle;  // It starts with the state and result that every task starts with.
+    handle = firstHandle;  // State and result already are those that every task starts with.
 }
 
 Executable::State SubmittedTask::getState() const {
@@ -207,7 +207,7 @@ std::weak_ptr<TaskHandle> SubmittedTask::getHandle() const {
     return handle;
 }
 
-// Exempt from the sanitizer's check of references: forced unwinding comes without an object.
+// Exempt from the sanitizer's check of references: forced unwinding has no exception object.
 __attribute__((no_sanitize("null"))) Executable::Result SubmittedTask::execute() {
     updateTaskState(Executable::EXECUTING);
 
@@ -220,7 +220,7 @@ __attribute__((no_sanitize("null"))) Executable::Result SubmittedTask::execute()
         try {
             outcome = task->execute();
         } catch (abi::__forced_unwind&) {
-            throw;  // The thread is being cancelled or exits: not ours to stop.
+            throw;  // The thread is being cancelled or exits: do not stop it.
         } catch (std::exception const&) {
             handleAndLogUnknownException(std::current_exception(), true);
             outcome = Executable::FAILURE;

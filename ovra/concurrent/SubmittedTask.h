@@ -22,40 +22,41 @@ class SubmissionMemory;
 struct SubmittedTaskProxy;
 
 /// The executor's own record of one submission: the work, its callback, its rank, its state and
-/// result, and the promise that tells waiters of its end.
+/// result, and the promise that notifies waiters of its end.
 ///
-/// Applications usually meet it only through `TaskHandle`. They may construct one, or derive from
-/// it to see every change of state and result.
+/// An application usually needs only `TaskHandle`. It may also construct a `SubmittedTask`, or
+/// derive from this class to see every change of state and result.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
-/// by a waiting caller. It refers to its handle weakly. Queue one object once: a second submission
-/// of the same object is dropped with the first, or run a second time, which ends the process
-/// because its promise cannot be fulfilled again.
+/// by a waiting caller. The task refers to its handle weakly. Queue one object once. Queued twice,
+/// it is either removed with its first entry or run twice; the second run ends the process, because
+/// the promise cannot be fulfilled again.
 ///
 /// *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be called from
 /// any thread. `execute()` and then `performCallback()` are called on one worker thread, with no
-/// lock held. The task's mutex is held while a change is pushed to the handle; the queue's lock,
-/// where both are taken, comes first. `getRank()` and `getPriority()` are called with the queue's
+/// lock held. The task's mutex is held while a change is pushed to the handle. Where both are
+/// taken, the queue's lock comes first. `getRank()` and `getPriority()` are called with the queue's
 /// lock held: an override must not call the queue or its executor.
 ///
 /// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
-/// that queue for a moment. It is a leaf: they never wait for a pick, and a pick may call them.
+/// that queue for a moment. That lock is a leaf: the three calls never wait for the queue's own
+/// lock, and what a pick calls may call them.
 ///
 /// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
-/// of an overridden virtual operation ends the process when it happens on a worker. Where it leaves
-/// a pick on a thread of the application's, the queue's plain tasks keep the ranks that they had.
-/// `std::system_error` escapes from what cannot take a lock.
+/// of an overridden virtual operation ends the process if that happens on a worker. If it leaves a
+/// pick on one of the application's own threads, the tasks whose ranks the queue computes keep the
+/// ranks that they had. An operation that cannot take a lock throws `std::system_error`.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to
 /// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
-/// the process from 2147483646, so an earlier task has the larger one.
+/// the process from 2147483646, so an earlier task has a larger index.
 class OVRA_API SubmittedTask {
 public:
     /// Makes a `Task` of a function and a borrowed name.
     class OVRA_API LambdaFunctionTask : public Task {
     public:
-        /// Copies `work`; keeps the pointer `name`, which may be null and whose text the caller
-        /// keeps alive for the life of the task.
+        /// Copies `work`, and keeps the pointer `name`, which may be null. The caller keeps the
+        /// text valid for the life of the task.
         LambdaFunctionTask(std::function<Result()> const& work, char const* name);
         LambdaFunctionTask(LambdaFunctionTask const&) = delete;
         LambdaFunctionTask& operator=(LambdaFunctionTask const&) = delete;
@@ -74,8 +75,8 @@ public:
     /// The largest rank a task can have: the initial rank of `HIGHEST`.
     static constexpr unsigned int HIGHEST_CURRENT_RANK_VALUE = 0x7fffffff;
 
-    /// A null `work` is accepted, logged at `WARNING` as "Given a null pointer for a task.", and
-    /// holds the worker that executes it until it is cancelled. `onCompletion` may be empty.
+    /// A null `work` is accepted, and logged at `WARNING` as "Given a null pointer for a task.". It
+    /// holds the worker that executes it until the task is cancelled. `onCompletion` may be empty.
     SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPriority,
                   std::function<void(std::shared_ptr<Task>)> onCompletion);
     /// Copies `work` into a `LambdaFunctionTask`; `name` is borrowed and may be null.
@@ -103,8 +104,8 @@ public:
     ///
     ///     on a NORMAL task: 0 -> 1000   5000 -> 5000   3000000000 -> 2147483647
     void setRank(unsigned int const& newRank);
-    /// Stores the priority and resets the rank to its initial rank, also when the task had aged
-    /// above it. The queue sees the new rank at its next pick.
+    /// Stores the priority and resets the rank to the initial rank of that priority, even if the
+    /// task had aged above it. The queue sees the new rank at its next pick.
     void setPriority(TaskPriority newPriority);
     /// `setState`, then a line at `INFO` that says so.
     void updateTaskState(Executable::State newState);
@@ -126,8 +127,8 @@ public:
     /// The handle linked last; empty before the task is queued.
     std::weak_ptr<TaskHandle> getHandle() const;
 
-    /// Runs the work, again for as long as it returns `REPEAT` and is not cancelled, decides state
-    /// and result, fulfils the promise and returns the result.
+    /// Runs the work, and runs it again while it returns `REPEAT` and the task is not cancelled.
+    /// Then decides state and result, fulfils the promise and returns the result.
     ///
     ///     work ends, not cancelled           -> DONE, result as returned, FAILURE if it threw
     ///     cancelled, result not finished     -> CANCELLED, ABORTED
@@ -137,37 +138,38 @@ public:
     /// without end, and a null task, hold the worker (and so the executor's destructor) until they
     /// are cancelled. Not reentrant.
     Executable::Result execute();
-    /// Calls the callback, if there is one, with the task, which may be null. What it throws is
-    /// logged and changes nothing. Runs after the promise was fulfilled.
+    /// Calls the callback, if there is one, with the task, which may be null. What the callback
+    /// throws is logged and changes nothing. Runs after the promise has been fulfilled.
     void performCallback();
-    /// Releases whoever waits. A second call is logged at `ERROR` and throws `std::future_error`.
+    /// Releases the waiter. A second call is logged at `ERROR` and throws `std::future_error`.
     void setPromiseValue();
-    /// The future that becomes ready, always with `true`, when the task has come to its end. A
-    /// second call, or one after a wait, is logged at `ERROR` and throws `std::future_error`.
-    /// `std::bad_alloc` if memory is short.
+    /// The future that becomes ready, always with `true`, when the task has ended. A second call,
+    /// or one after a wait, is logged at `ERROR` and throws `std::future_error`. `std::bad_alloc`
+    /// if memory is short.
     std::future<bool> getFuture();
-    /// Logs `e` (null: a `std::runtime_error` "Unknown exception", or `std::bad_alloc` if memory is
-    /// short) and, if asked to, hands it to the handle. Anything but a `std::exception` leaves this
-    /// function.
+    /// Logs `e` and, if `forwardToHandle` is set, passes it to the handle. A null `e` stands for a
+    /// `std::runtime_error` "Unknown exception", or for `std::bad_alloc` if memory is short. An `e`
+    /// that is no `std::exception` is thrown to the caller.
     void handleAndLogUnknownException(std::exception_ptr e, bool forwardToHandle);
 
     /// The proxy through which a handle reaches `task`; it holds only weak references.
     static std::shared_ptr<SubmittedTaskProxy> provideProxy(
         std::weak_ptr<SubmittedTask> const& task);
 
-    /// For the executor: a task in memory that holds its work as well.
+    /// For the executor: a task in a piece of memory that also holds its work.
     OVRA_LOCAL SubmittedTask(SubmissionMemory* memory,
                              std::function<Executable::Result()> const& work,
                              TaskPriority initialPriority,
                              std::function<void(std::shared_ptr<Task>)> onCompletion,
                              char const* name);
-    /// For the executor: `setHandle()` of the first handle of a task that nobody else can reach.
+    /// For the executor: as `setHandle()`, for the first handle of a task that no other thread can
+    /// reach yet.
     OVRA_LOCAL void setFirstHandle(std::shared_ptr<TaskHandle> const& firstHandle);
     /// For the queue that holds the task.
     RankedEntry& rankedEntry() { return rank; }
     /// For the worker that runs the task: `isCancelled()` without the lock.
     bool isCancelledNow() const { return state == Executable::CANCELLED; }
-    /// For the handle: waits as `getFuture().get()` does, without memory.
+    /// For the handle: waits as `getFuture().get()` does, without allocating.
     OVRA_LOCAL void waitForEnd();
 
 private:
@@ -184,7 +186,7 @@ private:
     RankedEntry rank;  // And the priority.
 
     // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
-    // also reads them without.
+    // also reads them unlocked, in execute().
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 };

@@ -71,7 +71,7 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
             strategy->updateRank(task.get());
         }
     }
-    // The shortcut: the same for the tasks whose ranks are computed.
+    // The shortcut: does the same for the tasks whose ranks are computed.
     if (auto next = ranked->pick(best)) {
         found = std::move(next);
     }
@@ -86,7 +86,7 @@ void SubmittedTasksQueue::close() {
 }
 
 void SubmittedTasksQueue::drop() {
-    std::forward_list<QueuedTask> dropped;  // Dies when no lock is held.
+    std::forward_list<QueuedTask> dropped;  // Destroyed with no lock held.
     std::unique_lock<std::mutex> lock(mutex);
     closed = true;
     condition.notify_all();

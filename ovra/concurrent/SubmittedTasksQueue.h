@@ -22,19 +22,20 @@ class TaskRankingStrategy;
 /// next.
 ///
 /// The task with the largest score runs next, where score = rank + unique index in unsigned 32-bit
-/// arithmetic. Indices count down, so among equal ranks the oldest wins, and a difference in rank
-/// of N is outweighed by a task submitted more than N submissions earlier: a `LOW` task (rank 1)
-/// submitted 1000 submissions before a `NORMAL` one (rank 1000) runs first.
+/// arithmetic. For example, a `LOW` task (rank 1) submitted 1000 submissions before a `NORMAL` one
+/// (rank 1000) runs first. Unique indices count down: among equal ranks the oldest task wins, and a
+/// task submitted more than N submissions earlier outweighs a difference in rank of N.
 ///
-/// *Ownership*: shared by an executor and whoever made the queue; workers refer to it weakly. It
-/// owns one reference to each queued task. One queue may serve several executors; whichever is
-/// destroyed first closes it.
+/// *Ownership*: shared by an executor and whoever made the queue; workers refer to it weakly. The
+/// queue owns one reference to each queued task. One queue may serve several executors; the
+/// executor destroyed first closes it.
 ///
 /// *Threads*: Thread-safe. The lock is held while the strategy runs and while a worker is woken,
 /// and is taken before a task's mutex. `addTask()`, `getNextTask()`, `isEmpty()` and `close()`
 /// block for that lock only.
 ///
-/// *Failure*: refusals are empty pointers. `std::system_error` escapes from what cannot lock.
+/// *Failure*: refusals are empty pointers. An operation that cannot take a lock throws
+/// `std::system_error`.
 ///
 /// *Limits*: as many tasks as memory holds.
 class OVRA_API SubmittedTasksQueue {
@@ -56,8 +57,9 @@ public:
     /// Removes and returns the task with the largest score, after applying the strategy to every
     /// queued task; an empty pointer at once if the queue is empty or closed. Never waits for work.
     ///
-    /// A task with a score of exactly 0, which only a subclass with a rank of its own can have in
-    /// the first 2147483647 submissions, is never chosen, and keeps idle workers busy looking.
+    /// A task with a score of exactly 0 is never chosen, and keeps idle workers busy looking. In
+    /// the first 2147483647 submissions only a task of a derived class with a rank of its own can
+    /// have that score.
     std::shared_ptr<SubmittedTask> getNextTask();
 
     /// Closes the queue for good and drops every queued task: no state or result is set, no
@@ -71,7 +73,8 @@ public:
     /// True from the first `close()` on. Takes no lock.
     bool isClosed() const;
 
-    /// `addTask()`, for an executor, of a task that it has made in `memory` and shown to nobody.
+    /// For an executor: as `addTask()`, for a task that the executor has made in `memory` and that
+    /// no other thread can reach yet.
     OVRA_LOCAL std::shared_ptr<TaskHandle> add(std::shared_ptr<SubmittedTask> task,
                                                SubmissionMemory* memory);
 
@@ -86,7 +89,7 @@ private:
 
     // Guarded by `mutex`.
     std::forward_list<QueuedTask> tasks;  // What a pick scans, newest first.
-    RankedTasks* ranked;                  // What it need not scan.
+    RankedTasks* ranked;                  // What a pick need not scan.
     std::uint64_t addedSoFar = 0;
 
     std::mutex mutex;

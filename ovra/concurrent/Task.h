@@ -8,8 +8,9 @@ namespace ovra::concurrent {
 /// A named piece of work, the base class of what an application submits to a `TaskExecutor`.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the executor and handed to the completion
-/// callback. Destroyed on the thread that releases it last, often a worker: a destructor that
-/// submits must not become the last owner of the executor there (see `TaskExecutorImpl`).
+/// callback. The thread that releases a task last destroys it, and that is often a worker: a
+/// destructor that submits must not become the last owner of the executor there (see
+/// `TaskExecutorImpl`).
 class OVRA_API Task : public Executable {
 public:
     Task() = default;
@@ -19,8 +20,8 @@ public:
     Task& operator=(Task const&) = default;
     ~Task() override;
 
-    /// The name that appears in log lines and, up to the platform's 15 characters, on the worker
-    /// thread. "Unnamed" unless overridden.
+    /// The name that appears in log lines and, if it has at most the platform's 15 characters, on
+    /// the worker thread. "Unnamed" unless overridden.
     ///
     /// Borrowed: the caller never frees it, and it must stay valid while the task exists. Called on
     /// a worker, where an exception ends the process.

@@ -17,12 +17,13 @@ namespace ovra::concurrent {
 /// run.
 ///
 /// *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock held.
-/// They are destroyed on the thread that releases them last: a worker, a waiter, or whoever closes
-/// the queue. Work that ends its thread (`pthread_exit()`, `pthread_cancel()`) takes the worker
-/// with it: nobody who waits for that task is released, and no task runs in that worker's place.
+/// Work and callback are destroyed on the thread that releases them last: a worker, a waiter, or
+/// the thread that closes the queue. Work whose thread is ended (`pthread_exit()`,
+/// `pthread_cancel()`) ends the worker as well: the waiter of that task is never released, and no
+/// other worker takes that worker's place.
 ///
-/// *Failure*: refusals are empty handle pointers. `std::bad_alloc`, `std::system_error` and
-/// whatever copying a function throws escape from `submitTask()`, and nothing is queued then.
+/// *Failure*: refusals are empty handle pointers. `submitTask()` throws `std::bad_alloc`,
+/// `std::system_error` and whatever copying a function throws; nothing is queued then.
 ///
 ///     auto const executor = ovra::concurrent::getNoStarveTaskExecutor();
 ///     auto const handle = executor->submitTask(
@@ -36,9 +37,10 @@ public:
     TaskExecutor& operator=(TaskExecutor const&) = delete;
     virtual ~TaskExecutor();
 
-    /// Submits `task`; `callback`, which may be empty, is called with it after it has ended, unless
-    /// it was cancelled before a worker reached it. (A cancel that arrives as the worker starts on
-    /// it may be in time to keep the work from running; the callback is called all the same.)
+    /// Submits `task`. When the task has ended, the worker calls `callback` with it, unless
+    /// `callback` is empty or the task was cancelled before a worker reached it. (A cancel that
+    /// arrives while the worker is starting the task may still keep the work from running; the
+    /// callback is called all the same.)
     ///
     /// Refused with an empty handle if both are empty or the executor no longer accepts work. An
     /// empty task with a callback is accepted, and holds a worker until it is cancelled.
@@ -46,9 +48,9 @@ public:
         std::shared_ptr<Task> const& task, TaskPriority priority,
         std::function<void(std::shared_ptr<Task>)> const& callback) = 0;
 
-    /// The same for a copy of `function`. `name`, which may be null, is borrowed for as long as the
-    /// task exists: beyond the callback, and for as long as the callback keeps the task. An empty
-    /// function with a callback is accepted and ends in `FAILURE`.
+    /// The same for a copy of `function`. `name` may be null. It is borrowed for as long as the
+    /// task exists, which is beyond the end of the callback, and longer if the callback keeps the
+    /// task. An empty function with a callback is accepted and ends in `FAILURE`.
     virtual std::shared_ptr<TaskHandle> submitTask(
         std::function<Executable::Result()> const& function, TaskPriority priority,
         std::function<void(std::shared_ptr<Task>)> const& callback, char const* name) = 0;

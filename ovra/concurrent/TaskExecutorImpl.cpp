@@ -27,7 +27,8 @@ TaskExecutorImpl::TaskExecutorImpl(unsigned int numThreads,
                                    std::shared_ptr<SubmittedTasksQueue> const& tasksQueue)
     : queue(tasksQueue) {
     unsigned int const count = queue ? std::min(numThreads, MAX_WORKERS) : 0;
-    std::shared_ptr<TaskExecutorWorker> worker;  // Outlives the handler: it joins, once closed.
+    // Outlives the handler, which closes the queue: the worker's destructor joins.
+    std::shared_ptr<TaskExecutorWorker> worker;
     try {
         for (unsigned int i = 0; i < count; ++i) {
             worker = std::make_shared<TaskExecutorWorker>(queue);

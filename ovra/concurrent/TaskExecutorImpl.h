@@ -18,17 +18,17 @@ class TaskExecutorWorker;
 /// drops what is queued (without callback, state change or release of waiters) and waits for the
 /// task that each worker is running, callback included: work that never ends holds the destructor.
 ///
-/// *Threads*: Thread-safe. Two ways to hurt oneself:
+/// *Threads*: Thread-safe. Three misuses to avoid:
 /// - Releasing the last reference on one of the executor's own workers ends the process, since a
-///   thread cannot join itself. Work and callbacks that own the executor may do so, and so does
-///   `std::weak_ptr<TaskExecutor>::lock()` in them, or in the destructor of a `Task`, when the
-///   owner releases its reference meanwhile.
-/// - A task that waits for another task of the same one-worker executor never returns. Two
-///   executors that are destroyed on each other's workers wait for each other for good.
+///   thread cannot join itself. Work or a callback that owns the executor can do so. So can work, a
+///   callback or the destructor of a `Task` that calls `std::weak_ptr<TaskExecutor>::lock()`, if
+///   the owner releases its reference meanwhile.
+/// - A task that waits for another task of the same one-worker executor never returns.
+/// - Two executors that are destroyed on each other's workers wait for each other for good.
 ///
 /// After `fork()` the child has no workers: what it submits is queued and never runs. The child
-/// hangs when it submits to or destroys the executor while a lock is held that another thread held
-/// when the process forked.
+/// hangs when it submits to the executor or destroys it, if another thread held one of the
+/// library's locks when the process forked.
 ///
 /// *Failure*: see the constructor and `TaskExecutor`.
 ///

@@ -90,8 +90,7 @@ bool TaskExecutorWorker::waitForWork() {
     if (source->isClosed()) {
         return false;
     }
-    // A task that was added since the fetch found none has already notified: do not sleep through
-    // it.
+    // A task that was added since the fetch found none has already notified: do not sleep then.
     if (!source->hasTasks()) {
         source->condition.wait(lock);
     }
@@ -105,7 +104,7 @@ void TaskExecutorWorker::terminate() {
     try {
         thread.join();
     } catch (std::exception const& e) {
-        // A `std::system_error`, or what comes in its place when there is no memory for one.
+        // A `std::system_error`, or what is thrown when there is no memory for one.
         log::logVerbatim(log::ERROR, END_TAG, "Worker thread join failed due to '%s'!\n", e.what());
     }
 }

@@ -15,15 +15,15 @@ class SubmittedTasksQueue;
 /// One thread that takes tasks from a queue and runs them, one after the other.
 ///
 /// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly. Once the
-/// queue no longer exists, the worker only waits to be terminated, and keeps a processor busy
+/// queue no longer exists, the worker waits only to be terminated, and keeps a processor busy
 /// meanwhile. A waiting worker holds a strong reference to its queue: call `close()`; dropping your
 /// reference does not wake it.
 ///
-/// *Threads*: `start()`, `terminate()` and the destructor belong to the owner, never to the
-/// worker's own thread; `run()` to the worker's. Work and callbacks run with no lock held.
+/// *Threads*: the owner calls `start()`, `terminate()` and the destructor, never on the worker's
+/// own thread. The worker's thread calls `run()`. Work and callbacks run with no lock held.
 ///
-/// *Failure*: an exception out of `run()`, which only overridden virtual operations, a submission
-/// that is run twice and a mutex that cannot be locked cause, ends the process.
+/// *Failure*: an exception out of `run()` ends the process. Its only causes are an overridden
+/// virtual operation, a submission that is run twice and a mutex that cannot be locked.
 class OVRA_API TaskExecutorWorker {
 public:
     /// Starts no thread yet.
@@ -34,9 +34,10 @@ public:
     /// joined, as on the worker's own thread.
     virtual ~TaskExecutorWorker();
 
-    /// Starts the thread. `std::system_error` escapes if none can be had. Ends the process, after a
-    /// line at `ERROR`, if the previous thread has not been joined. Start a worker once: a thread
-    /// that is started after `terminate()` is never joined, and the destructor ends the process.
+    /// Starts the thread. Throws `std::system_error` if the system provides none. Ends the process,
+    /// after a line at `ERROR`, if the previous thread has not been joined. Start a worker once: a
+    /// thread that is started after `terminate()` is never joined, and the destructor ends the
+    /// process.
     void start();
 
     /// The worker thread's loop; returns once the worker is terminated, or finds its queue closed.

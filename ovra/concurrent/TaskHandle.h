@@ -17,8 +17,8 @@ class SubmittedTask;
 
 /// How a `TaskHandle` reaches its `SubmittedTask`: five functions over a weak reference.
 ///
-/// Made by `SubmittedTask::provideProxy`. Any member may be empty; a handle then uses the value
-/// that a task which no longer exists would give.
+/// Made by `SubmittedTask::provideProxy`. Any member may be empty. The handle then does as if the
+/// task no longer existed.
 struct SubmittedTaskProxy {
     std::function<Executable::State()> getState;       ///< `DONE` without a task.
     std::function<Executable::Result()> getResult;     ///< `SUCCESS` without a task.
@@ -27,12 +27,12 @@ struct SubmittedTaskProxy {
     std::function<void()> waitForCompletion;           ///< At once without a task.
 };
 
-/// What a caller holds of a task it has submitted: to wait for it, cancel it, change its priority
+/// What a caller holds to follow a submitted task: to wait for it, cancel it, change its priority
 /// and read its state, result and exception.
 ///
 /// *Ownership*: held through `std::shared_ptr`. The handle never keeps the task alive, nor the task
-/// the handle; either may go first. A handle that outlives its task keeps what the task pushed
-/// last.
+/// the handle; either may be destroyed first. A handle that outlives its task keeps what the task
+/// pushed last.
 ///
 /// *Threads*: all operations but `getException()` may be called from any thread at any time. No
 /// lock is held while `waitForCompletion()` blocks.
@@ -54,26 +54,25 @@ public:
     ///
     /// A queued task will then not run and not be called back: when a worker reaches it, its result
     /// becomes `ABORTED` and its waiter is released. Running work is never interrupted: it ends
-    /// `ABORTED` unless it still returns `SUCCESS` or `FAILURE` (or throws), which is then kept.
-    /// A cancel that arrives just as a worker starts the task may be overwritten by `EXECUTING`:
-    /// the task then runs as if it had not been cancelled. So may one that arrives just as the work
-    /// ends, by `DONE`. After either, `isDone()` follows the task again.
+    /// `ABORTED` unless it still returns `SUCCESS` or `FAILURE` (or throws), which is then kept. A
+    /// cancel that arrives just as a worker starts the task may be overwritten by `EXECUTING`: the
+    /// task then runs as if it had not been cancelled. A cancel that arrives just as the work ends
+    /// may be overwritten by `DONE`. In both cases `isDone()` follows the task again.
     void cancel();
 
-    /// Gives a queued task a new priority and resets its rank to that priority's initial rank, also
-    /// when it had aged above it. Has no effect on a task that has started. `std::system_error` if
-    /// a lock of the queue that holds the task cannot be taken.
+    /// Gives a queued task a new priority and resets its rank to that priority's initial rank, even
+    /// if it had aged above it. Has no effect on a task that has started. `std::system_error` if a
+    /// lock of the queue that holds the task cannot be taken.
     void updatePriority(TaskPriority priority);
 
-    /// Blocks until the task has come to an end, whatever its outcome; returns at once when the
-    /// task no longer exists. Afterwards the result, the exception and the work's own effects can
-    /// be read.
+    /// Blocks until the task has ended, whatever its outcome; returns at once if the task no longer
+    /// exists. Afterwards the result, the exception and the work's own effects can be read.
     ///
-    /// The completion callback may still be running, or not have started, when this returns: what
-    /// it uses, and the borrowed task name, must stay valid beyond the wait.
+    /// When this returns, the completion callback may still be running, or not have started: what
+    /// the callback uses, and the borrowed task name, must stay valid beyond the wait.
     ///
-    /// Needs no memory. Wait once: a second wait, or one from another thread, while the task still
-    /// exists is logged at `ERROR` and throws `std::future_error`. A wait never ends
+    /// Allocates nothing. Wait once: while the task exists, a second wait, from any thread, is
+    /// logged at `ERROR` and throws `std::future_error`. A wait never ends
     /// - for a queued task of an executor that is destroyed, or whose queue is closed: the waiter
     ///   keeps the task, but no worker will ever reach it. Keep the executor alive while you wait,
     ///   or ask `isDone()` instead;
@@ -85,21 +84,22 @@ public:
     Executable::State getState() const;
     /// The result last pushed by the task; set just before the final state. Does not block.
     Executable::Result getResult() const;
-    /// True for `DONE` and `CANCELLED`: so also, after `cancel()`, while the work is still running.
+    /// True for `DONE` and `CANCELLED`. So it is true after `cancel()` even while the work is still
+    /// running.
     bool isDone() const;
 
     /// The exception that the work threw, or null: the very `std::exception` it threw, or a
     /// `std::runtime_error` "Unknown exception" in place of anything else.
     ///
-    /// Read it after `waitForCompletion()` has returned or `getState()` has been seen `DONE`: until
+    /// Read it after `waitForCompletion()` has returned or `getState()` has returned `DONE`: until
     /// then the worker may be writing it.
     std::exception_ptr getException() const;
 
-    /// For the queue: a new handle, linked to a task. `memory`: where an executor made the task,
-    /// and has shown it to nobody; or null.
+    /// For the queue: a new handle, linked to a task. `memory` is where an executor made the task,
+    /// which no other thread can reach yet; or null.
     OVRA_LOCAL static std::shared_ptr<TaskHandle> of(
         std::shared_ptr<SubmittedTask> const& submitted, SubmissionMemory* memory);
-    /// For `of()`, which alone can name the first argument.
+    /// For `of()`: nobody else can name the type of the first argument.
     OVRA_LOCAL TaskHandle(Private, std::shared_ptr<SubmittedTask> const& submitted);
 
     /// For the task, which pushes every change here.

@@ -15,7 +15,7 @@ NoStarveTaskRankingStrategy::~NoStarveTaskRankingStrategy() = default;
 
 void NoStarveTaskRankingStrategy::updateRank(SubmittedTask* task) {
     unsigned int const rank = task->getRank();
-    // A subclass may answer with a rank whose double wraps; a rank never goes down.
+    // A subclass may return a rank whose double wraps; a rank never decreases.
     task->setRank(std::max(rank, rank * 2u));
 }
 

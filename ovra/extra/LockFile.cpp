@@ -15,8 +15,8 @@ namespace {
 constexpr mode_t NEW_FILE_MODE = 0644;
 constexpr int MOST_TRIES = 100;
 
-// Only what is a regular file is opened: opening a device can have effects of its own. What may not
-// be written to can be locked all the same.
+// Opens only a regular file: opening a device can have effects of its own. A file that may not be
+// written to can be locked all the same.
 Descriptor openToLock(std::string const& path) {
     struct stat status;
     if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
@@ -28,7 +28,7 @@ Descriptor openToLock(std::string const& path) {
     if (!file.isOpen() && (errno == EACCES || errno == EPERM || errno == EROFS)) {
         int const error = errno;
         file = openBelow(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK);
-        errno = error;  // Of the two, the first says why.
+        errno = error;  // The first of the two failures is the reason.
     }
     return file;
 }
@@ -44,7 +44,7 @@ bool isStillNamed(std::string const& path, struct stat const& locked) {
     return named.st_dev == locked.st_dev && named.st_ino == locked.st_ino;
 }
 
-// For people to read: whether it can be written makes no difference.
+// For people to read: a failure to write it makes no difference.
 void writeId(Descriptor const& file, int id) {
     std::string const text = std::to_string(id) + "\n";
     if (file.write(text)) {
@@ -101,8 +101,8 @@ Outcome LockFile::tryLock() {
     });
 }
 
-// Where a child was forked, both have copies of one descriptor, and one lock between them. Closing
-// the copy of one alone releases nothing; releasing the lock releases it for both.
+// After a fork, parent and child have copies of one descriptor, and share one lock. Closing one
+// copy alone releases nothing; releasing the lock releases it for both.
 void LockFile::unlock() {
     if (descriptor < 0) {
         return;

@@ -9,22 +9,23 @@
 
 namespace ovra::extra {
 
-/// Lets one process at a time do something: whoever holds the lock on the file.
+/// Lets one process at a time do something: the process that holds the lock on a file.
 ///
 /// The lock belongs to this object, so that a second object on the same file, in this process or
-/// another, finds it held. It is advisory (flock(2)): it keeps nobody from the file who does not
-/// ask for the lock. While it is held, the file contains the id of the process, for people to read.
+/// another, finds it held. The lock is advisory (flock(2)): it stops nobody who does not ask for
+/// it. While it is held, the file contains the id of the process, for people to read.
 ///
-/// Ownership: the lock ends with unlock(), with this object or with the process, however that ends.
-/// A program that the process becomes (`exec`) does not keep it. In a forked child this object does
-/// not hold the lock; unlock() and the destructor only close the child's copy of the descriptor,
-/// and leave the parent's lock. As long as a child keeps that copy, though, the lock outlives a
-/// parent that ends without unlock(). The file itself stays, with the id of its last holder.
+/// *Ownership*: the lock ends with unlock(), with this object or with the process, however that
+/// ends. After `exec` the new program does not hold it. In a forked child this object does not hold
+/// the lock: unlock() and the destructor only close the child's copy of the descriptor, and leave
+/// the parent's lock. But while a child keeps that copy, the lock outlives a parent that ends
+/// without unlock(). The file itself stays, with the id of its last holder.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 class OVRA_EXTRA_API LockFile {
 public:
-    /// Touches nothing yet. A relative path is that of the moment when tryLock() is called.
+    /// Touches nothing yet. tryLock() looks for a relative path in the current directory of that
+    /// moment.
     explicit LockFile(fs::FilePath const& file);
     LockFile(LockFile const&) = delete;
     LockFile& operator=(LockFile const&) = delete;
@@ -39,13 +40,13 @@ public:
     ///     no directory to make the file in   -> MISSING
     ///     a path with a NUL byte             -> REFUSED
     ///
-    /// A file that is deleted or replaced while it is being locked is noticed: then the file that
-    /// the path names is locked. One that is deleted afterwards is not, and the next process locks
-    /// another: leave the file alone. The id that cannot be written is no failure; neither is a
-    /// file that may be read only.
+    /// If the file is deleted or replaced while it is being locked, the file that the path then
+    /// names is locked instead. If it is deleted later, nobody notices, and the next process locks
+    /// a new file: never delete it. It is no failure if the id cannot be written, or if the file
+    /// may only be read.
     Outcome tryLock();
 
-    /// Gives the lock back. Does nothing if this object does not hold it.
+    /// Releases the lock. Does nothing if this object does not hold it.
     void unlock();
 
     /// Whether this object holds the lock for this process: false in a forked child.

@@ -16,19 +16,21 @@
 #include <ovra/log/Log.h>
 
 /// Logs as `ovra::log::log(level, tag, format, ...)` does, but from this place in the source at
-/// most once in `milliseconds`, for what would otherwise flood the log.
+/// most once in `milliseconds`. For messages that would otherwise flood the log.
 ///
 /// The first line goes out at once. Those that follow within `milliseconds` are held back, and the
-/// next one after that says how many: it ends in " (and N more like it)". Nothing is said of lines
-/// held back if none follows. Lines that the global level drops neither count nor begin a period.
-/// `milliseconds` of 0 or less hold nothing back. The arguments are evaluated in any case.
+/// next one after that says how many: it ends in " (and N more like it)". If no line follows,
+/// nothing says how many were held back. Lines that the global level drops neither count nor begin
+/// a period. `milliseconds` of 0 or less hold nothing back. The arguments are evaluated in any
+/// case.
 ///
 ///     OVRA_LOG_EVERY(10000, ovra::log::WARNING, "net", "Cannot reach %s.", server);
 ///
 /// *Place*: in a template or an inline function each instantiation counts by itself, unless the
 /// linker makes one of several.
 ///
-/// *Threads*: Thread-safe, takes no lock of its own. Of lines at the same moment one goes out.
+/// *Threads*: Thread-safe, takes no lock of its own. Of several lines at the same moment one goes
+/// out.
 #define OVRA_LOG_EVERY(milliseconds, level, tag, /* format, */...)     \
     do {                                                               \
         static ::ovra::extra::LogEvery ovraLogEvery;                   \
@@ -68,8 +70,8 @@ private:
         return std::chrono::duration_cast<milliseconds>(time).count();
     }
 
-    // Begins a period and returns how many lines the last one held back; or counts one more of
-    // them.
+    // Begins a period, and returns how many lines the last period held back. Or, within a period,
+    // counts one more line as held back, and returns nothing.
     std::optional<unsigned long> begin(std::int64_t milliseconds) {
         constexpr std::int64_t NEVER = std::numeric_limits<std::int64_t>::max() / 2;
         std::int64_t const time = now();
@@ -104,7 +106,8 @@ private:
         errno = error;
     }
 
-    // When the present period ends, twice, plus 0 or 1 in turn: which counter is that period's.
+    // Twice the time when the present period ends, plus 0 or 1 in turn: the index of that period's
+    // counter.
     std::atomic<std::int64_t> period{std::numeric_limits<std::int64_t>::min()};
     std::atomic<unsigned long> held[2] = {};
 };

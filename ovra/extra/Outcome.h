@@ -41,7 +41,7 @@ enum class Outcome : std::int32_t {
     NO_DESCRIPTORS,   ///< The process, or the system, has too many files open.
     NO_MEMORY,        ///< The system had no memory for it.
     DAMAGED,          ///< The medium, the file system or the server behind it fails.
-    REFUSED,          ///< The library itself said no, and asked the system for nothing that failed.
+    REFUSED,          ///< The library itself refused; no call of the system failed.
     OTHER,            ///< A failure of any other kind.
 };
 
@@ -58,14 +58,14 @@ OVRA_EXTRA_API Outcome outcomeOf(int systemError);
 ///     false, and a call of the system failed        -> the outcome of that call's error
 ///     false, and no call of the system failed       -> REFUSED
 ///
-/// Where several calls failed, the last one speaks. A true result is `DONE` whatever failed on the
-/// way. Works with every operation of `ovra::fs` whose result is a `bool`:
+/// Where several calls failed, the last one decides. A true result is `DONE`, whatever failed on
+/// the way. Works with every operation of `ovra::fs` whose result is a `bool`:
 ///
 ///     Outcome const outcome = attempt([&] { return file.Move(target); });
 ///
-/// Threads: the operation runs on the caller's thread, whose `errno` is as before afterwards.
+/// *Threads*: the operation runs on the caller's thread, and leaves `errno` as it was.
 ///
-/// Failure: what the operation throws reaches the caller, with `errno` as before.
+/// *Failure*: what the operation throws reaches the caller, with `errno` as it was.
 template <typename Operation>
 Outcome attempt(Operation&& operation) {
     struct KeptError {

@@ -17,11 +17,11 @@ namespace ovra::extra {
 
 namespace {
 
-// How a place stands, in one word, so that it changes hands in one step:
+// The state of a place, in one word, so that its owner changes in one step:
 //
 //     0 ............ nothing in it
-//     ticket | readers | 0 ... the line with that ticket, and how many are writing it out
-//     fork count | 1 ......... somebody, in the process with that count, is putting a line in
+//     ticket | readers | 0 ... the line with that ticket, and how many threads write it out
+//     fork count | 1 ......... a thread of the process with that count is putting a line in
 //
 // Tickets begin at 1.
 using Word = std::size_t;
@@ -105,7 +105,7 @@ public:
 private:
     struct Place {
         std::atomic<Word> word{EMPTY};
-        // Belong to who fills the place, or to its readers.
+        // Belong to the thread that fills the place, or to its readers.
         std::size_t length = 0;
         char* text = nullptr;
 
@@ -152,7 +152,7 @@ private:
         return result;
     }
 
-    // Tickets begin again after so many, and then go to the same places as before.
+    // After so many, tickets begin again, and then go to the same places as before.
     Word tickets() const { return MOST_TICKETS / count * count; }
     Word after(Word ticket) const { return ticket == tickets() ? 1 : ticket + 1; }
     Place& placeOf(Word ticket) const { return places[(ticket - 1) % count]; }

@@ -8,7 +8,7 @@
 
 namespace ovra::extra {
 
-/// Keeps the last lines in memory of a fixed size, to be written out when the process crashes.
+/// Keeps the last lines in memory of a fixed size, for a crash handler to write out.
 ///
 ///     more than `lines` lines        -> the oldest are overwritten
 ///     a line longer than `bytesEach` -> its first `bytesEach` bytes, without the newline
@@ -16,21 +16,20 @@ namespace ovra::extra {
 ///     0 lines                        -> keeps nothing
 ///
 /// *Ownership*: all memory is taken by the constructor, about `lines` times `bytesEach` and 24
-/// bytes more each. Destroy the sink only when nobody logs to it or writes it out; one that a
-/// signal handler uses had better live as long as the process.
+/// bytes more each. Destroy the sink only when nobody logs to it or writes it out. If a signal
+/// handler uses it, keep it as long as the process lives.
 ///
-/// *Threads*: Thread-safe, without a lock and without waiting. A thread that was stopped in the
-/// middle of a line costs the others the place of that line, and nothing else. If `lines` threads
-/// are stopped like that, or as many lines are being written out, new lines are dropped until one
-/// goes on. Whoever was stopped until its line would have been overwritten anyway drops it. After
-/// `fork` the child has the lines of the parent, but for those that other threads were just
-/// keeping; the place of one that another thread was just writing out stays taken in the child.
+/// *Threads*: Thread-safe, without a lock and without waiting. A thread that is stopped in the
+/// middle of a line blocks the place of that line, and nothing else. While all `lines` places are
+/// blocked like that, or are being written out, new lines are dropped. A thread that was stopped
+/// until its line would have been overwritten anyway drops that line. After `fork` the child has
+/// the lines of the parent, except those that other threads were keeping at that moment. The place
+/// of a line that another thread was writing out at that moment stays taken in the child.
 ///
 /// *Failure*: the constructor may throw `std::bad_alloc`. `errno` is kept.
 ///
-/// Installs no signal handler. A crash can exhaust a thread's stack: give the handler one of its
-/// own
-/// (`sigaltstack`).
+/// Installs no signal handler. A crash can exhaust a thread's stack: give the handler a stack of
+/// its own (`sigaltstack`).
 class OVRA_EXTRA_API RecentLinesLogHandler : public log::LogHandler {
 public:
     /// Takes all the memory.
@@ -40,10 +39,12 @@ public:
     /// Keeps a copy of the line, whatever its level.
     void handleLogMessage(char const* line, log::LogLevel level) override;
 
-    /// Writes the lines, oldest first, each with a newline. Async-signal-safe, in the middle of
-    /// `handleLogMessage` too: the line that was being kept is then left out. So is one that is
-    /// overwritten before its turn comes, and one that came after the call. No line is shown mixed.
-    /// Whether all could be written; the first failure ends it. Blocks as `descriptor` does.
+    /// Writes the lines, oldest first, each with a newline. Returns whether all could be written,
+    /// and stops at the first failure. Blocks as `descriptor` does.
+    ///
+    /// Async-signal-safe, in the middle of `handleLogMessage` too. Left out are a line that is
+    /// being kept at that moment, one that is overwritten before its turn comes, and one that came
+    /// after the call. No line is a mixture of two.
     bool writeTo(int descriptor) const;
 
 private:

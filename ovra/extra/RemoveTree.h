@@ -17,25 +17,25 @@ namespace ovra::extra {
 ///     ""                           -> MISSING
 ///     a path with a NUL byte       -> REFUSED
 ///
-/// Links on the way to `root` are followed; `root` itself and what is below it are reached without
-/// following any. No link that is put in the place of a directory leads the removal out of the
-/// tree, and no directory that is moved does: what is moved out while it is being emptied may be
-/// emptied further, and nothing around its new place is touched.
+/// Links on the way to `root` are followed. No link at `root` or below it is. Nobody can lead the
+/// removal out of the tree by putting a link in the place of a directory, or by moving a directory.
+/// A directory that is moved out while it is being emptied may be emptied further, and nothing
+/// around its new place is touched.
 ///
 /// Mount points below `root` are not crossed: they stay, and with them the directories that they
-/// are in (`BUSY`). A directory on another device counts as one. A mount point at `root` itself is
-/// emptied, and stays (`BUSY`).
+/// are in (`BUSY`). A directory on another device counts as a mount point. A mount point at `root`
+/// itself is emptied, and stays (`BUSY`).
 ///
-/// Limits: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree is;
-/// the heap holds the names of the directories that are still to be removed. Longer paths than the
-/// system accepts are no obstacle. A directory that others keep adding entries to is given up after
-/// ten scans (`EXISTS`).
+/// *Limits*: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree
+/// is; the heap holds the names of the directories that are still to be removed. Paths may be
+/// longer than the system accepts. A directory to which others keep adding entries is given up
+/// after ten scans (`EXISTS`).
 ///
-/// Threads: Thread-safe. Two that remove one tree at the same time help each other.
+/// *Threads*: Thread-safe. Two calls that remove one tree at the same time help each other.
 ///
-/// Failure: goes on with the rest, and returns the first failure. An entry that vanished meanwhile
-/// is none. A directory for whose names there is no memory stays (`NO_MEMORY`). Throws
-/// `std::bad_alloc` before it begins, and then nothing has changed.
+/// *Failure*: goes on with the rest, and returns the first failure. An entry that vanished
+/// meanwhile is no failure. A directory for whose names there is no memory stays (`NO_MEMORY`).
+/// Throws `std::bad_alloc` before it begins, and then nothing has changed.
 OVRA_EXTRA_API Outcome removeTree(fs::FilePath const& root);
 
 }  // namespace ovra::extra

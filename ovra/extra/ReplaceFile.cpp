@@ -12,7 +12,7 @@
 
 #include <ovra/extra/internal/Descriptor.h>
 
-// Below, a function that returns false has said why in `errno`.
+// Below, a function that returns false has left the reason in `errno`.
 
 namespace ovra::extra {
 
@@ -58,12 +58,12 @@ bool readLink(Place const& place, std::string& contents) {
     return true;
 }
 
-// Follows the link as the system does, which may refuse to: the process may not follow just any
-// link in a directory that everybody can write to.
+// Follows the link as the system does, which may refuse: in a directory that everybody can write
+// to, a process may not follow every link.
 bool mayFollow(Place const& place) {
     struct stat target;
     if (::fstatat(place.directory.get(), place.name.c_str(), &target, 0) != 0) {
-        return errno == ENOENT || errno == ENOTDIR;  // What there is of the way is taken below.
+        return errno == ENOENT || errno == ENOTDIR;  // A dangling link: resolved below.
     }
     return S_ISREG(target.st_mode) || hasFailedWith(EINVAL);
 }
@@ -98,7 +98,7 @@ bool find(std::string path, Place& place) {
     return hasFailedWith(ELOOP);
 }
 
-// A file beside the one to be replaced. Gone with this object, unless it was renamed.
+// A file beside the one to be replaced. The destructor removes it, unless it was renamed.
 class Temporary {
 public:
     explicit Temporary(Place const& besides) : place(besides) {}
@@ -146,7 +146,7 @@ public:
 
     bool setMode(mode_t mode) const { return ::fchmod(file.get(), mode) == 0; }
 
-    // Whether all of it was allowed, in `isKept`; false where it failed for another reason.
+    // Sets `isKept` to whether all of it was allowed; false where it failed for another reason.
     bool setOwner(uid_t user, gid_t group, bool& isKept) const {
         isKept = ::fchown(file.get(), user, group) == 0;
         if (isKept) {
@@ -173,7 +173,7 @@ private:
     static constexpr std::size_t LETTERS = 6;
     static constexpr uid_t NOBODY = static_cast<uid_t>(-1);  // Leaves the owner as it is.
 
-    // Not to be guessed is no aim: a file that is there already is never taken.
+    // The name need not be hard to guess: a file that is there already is never taken.
     void invent(std::size_t length) {
         static constexpr char letters[] = "0123456789abcdefghijklmnopqrstuvwxyz";
         struct timespec now = {};
@@ -182,7 +182,7 @@ private:
         value ^= static_cast<std::uint64_t>(::getpid()) << 32;
         if (length < place.name.size()) {
             while (length > 0 && (place.name[length] & 0xc0) == 0x80) {
-                --length;  // No cut in the middle of a character.
+                --length;  // Do not cut in the middle of a character.
             }
         }
         name = "." + place.name.substr(0, length) + ".";
@@ -198,8 +198,9 @@ private:
     bool isThere = false;
 };
 
-// What the system gives to a new file here. The umask can be asked for only by changing it, which
-// other threads would see, and the directory may have an access control list for new files.
+// The mode that the system gives to a new file here, found by making one. The umask can be read
+// only by changing it, which other threads would see, and the directory may have an access control
+// list for new files.
 bool readNewFileMode(Place const& place, mode_t& mode) {
     Temporary sample(place);
     return sample.make(NEW_FILE_MODE) && sample.readMode(mode) && sample.remove();
@@ -228,8 +229,8 @@ bool isSyncable(mode_t mode) {
     return S_ISREG(mode) || S_ISDIR(mode) || hasFailedWith(EINVAL);
 }
 
-// Looked at before it is opened, because opening a device can have effects of its own, and again
-// afterwards, because it may have been replaced.
+// Checks the entry before opening it, because opening a device can have effects of its own, and
+// again afterwards, because it may have been replaced.
 bool sync(std::string const& path) {
     struct stat status;
     if (::stat(path.c_str(), &status) != 0 || !isSyncable(status.st_mode)) {

@@ -8,13 +8,14 @@
 
 namespace ovra::extra {
 
-/// Gives `file` the contents `contents`, so that at any moment, also after a loss of power, the
-/// file has its old contents or the new ones, whole. Blocks until they are on the medium.
+/// Gives `file` the contents `contents`. At any moment, also after a loss of power, the file has
+/// either all of its old contents or all of the new ones. Blocks until the new ones are on the
+/// medium.
 ///
 /// The new contents are written beside the file, as ".NAME.XXXXXX", where NAME is cut if the whole
-/// would be too long. That file is made exclusively and has the mode 0600 until it is complete. It
-/// is synced, renamed over `file`, and the directory is synced. A process that ends in the middle
-/// can leave it behind; nothing else does.
+/// would be too long. That temporary file is made exclusively and has the mode 0600 until it is
+/// complete. It is synced and renamed over `file`; then the directory is synced. Only a process
+/// that ends in the middle can leave it behind.
 ///
 ///     a regular file             -> replaced; its mode and owner are kept, see below
 ///     nothing                    -> made, with the mode 0666 less the umask
@@ -29,13 +30,15 @@ namespace ovra::extra {
 ///
 /// Other hard links to the old file keep the old contents. Access control lists and extended
 /// attributes of the old file are not kept. The owner and the group are kept as far as the process
-/// is allowed to give a file away; where they are not, the set-user-id and set-group-id bits go.
+/// is allowed to give a file away; where they are not kept, the set-user-id and set-group-id bits
+/// are cleared.
 ///
-/// Threads: Thread-safe. Two that replace one file at the same time leave the contents of one.
+/// *Threads*: Thread-safe. Two calls that replace one file at the same time leave the contents of
+/// one of them.
 ///
-/// Failure: the old file is untouched and the file beside it is gone. `DONE_NOT_SYNCED`: the new
-/// contents stand, but the directory could not be synced, or not be opened for it, so that a loss
-/// of power may bring the old ones back. A sync that fails is not tried again. Throws
+/// *Failure*: the old file is untouched and the temporary file is removed. `DONE_NOT_SYNCED`: the
+/// new contents are in place, but the directory could not be opened or synced, so that a loss of
+/// power may bring the old contents back. A sync that fails is not tried again. Throws
 /// `std::bad_alloc`, and then nothing has changed.
 OVRA_EXTRA_API Outcome replaceFile(fs::FilePath const& file, std::string_view contents);
 
@@ -45,9 +48,9 @@ OVRA_EXTRA_API Outcome replaceFile(fs::FilePath const& file, std::string_view co
 ///     anything but a file or directory  -> WRONG_KIND, without blocking
 ///     a path with a NUL byte            -> REFUSED
 ///
-/// Threads: Thread-safe.
+/// *Threads*: Thread-safe.
 ///
-/// Failure: a sync that fails is not tried again, because the system may report the loss of data
+/// *Failure*: a sync that fails is not tried again, because the system may report the loss of data
 /// only once.
 OVRA_EXTRA_API Outcome syncFile(fs::FilePath const& entry);
 

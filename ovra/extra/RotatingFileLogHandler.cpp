@@ -12,7 +12,8 @@ namespace ovra::extra {
 
 namespace {
 
-// The empty path, which nothing is at, for one that the system would take for another.
+// A path with a NUL byte names another file to the system: use the empty path instead, at which
+// nothing can exist.
 std::string inDirectory(fs::FilePath const& file) {
     if (file.Path().find('\0') != std::string::npos) {
         return std::string();
@@ -22,11 +23,11 @@ std::string inDirectory(fs::FilePath const& file) {
     return isDirectory ? file.Resolve("ovra.log").Path() : file.Path();
 }
 
-// The target of a link: were the link itself moved, the target would stay behind for ever.
+// The target of a link: if the link itself were moved, the target would stay behind for ever.
 std::string resolved(std::string const& path) {
     struct stat status;
     if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
-        LogFile::open(path.c_str());  // Makes the target of one that dangles.
+        LogFile::open(path.c_str());  // Makes the target of a dangling link.
         struct Free {
             void operator()(char* text) const { std::free(text); }
         };

@@ -11,7 +11,7 @@ namespace ovra::extra {
 
 class RotatingFile;
 
-/// What a `RotatingFileLogHandler` does besides writing lines to a file.
+/// What a `RotatingFileLogHandler` does in addition to writing lines to a file.
 struct RotatingFileOptions {
     /// The most bytes in the file before it is moved away; 0: no cap.
     std::uint64_t maxBytes = 0;
@@ -19,27 +19,26 @@ struct RotatingFileOptions {
     unsigned int generations = 1;
     /// Whether each line begins with the time, as "2026-11-21T16:32:37.236Z " (UTC).
     bool stampTimes = true;
-    /// Lines at least as severe are on the disk when the call returns; `DISABLED`: none are waited
-    /// for.
+    /// A line at least as severe is on the disk when its call returns; `DISABLED`: no call waits.
     log::LogLevel syncLevel = log::DISABLED;
 };
 
-/// A log file for a device in the field: it is never emptied, keeps to a size if asked to, survives
-/// full disks and says how many lines it lost to them, and follows a rename on request.
+/// A log file for a device in the field. The sink never empties the file, and keeps it to a size if
+/// asked to. It survives a full disk and logs how many lines it lost. It follows a rename on
+/// request.
 ///
 /// Lines are appended (`O_APPEND`), each with one `write`, so that threads, processes and programs
 /// that share the file never mix lines. Nothing is allocated for a line.
 ///
 /// *The file*: made with mode 0640 less the umask, if it does not exist; its directory must. A
 /// directory -> "ovra.log" inside it. A link -> its target, as found when the sink is made.
-/// Anything but a regular file is refused without blocking, and its lines count as lost; so is a
-/// path with a NUL byte. A relative path is taken from the directory that is the current one
-/// whenever the file is opened. A last line that an earlier run left without its newline is ended
-/// first.
+/// Anything but a regular file, and a path with a NUL byte, is refused without blocking, and the
+/// lines count as lost. Each opening looks for a relative path in the current directory of that
+/// moment. If an earlier run left the last line without its newline, that newline is written first.
 ///
 /// *The cap*: a line that would take the file over `maxBytes` first moves "x.1" to "x.2" and so on,
-/// then x to "x.1"; the oldest is dropped. The name after the last, "x.3" where two are kept, is
-/// used in passing: nothing stays there. The size counts what an earlier run left.
+/// then x to "x.1"; the oldest is removed. The name after the last one, "x.3" where two are kept,
+/// is used for a moment: nothing stays there. What an earlier run left counts towards the size.
 ///
 ///     an empty file                       -> not moved: a longer line goes out alone
 ///     the file cannot be moved            -> goes on in the same file; the others keep their names
@@ -48,27 +47,26 @@ struct RotatingFileOptions {
 ///     another process has moved it        -> the path is opened again
 ///     somebody has removed it             -> the path is opened again
 ///
-/// Several processes may share a capped file. What others write is noticed with the next tick of
-/// the system's clock (10 ms at most), or earlier where space is short; until then the file may
-/// grow over `maxBytes` by what they write at that very moment.
+/// Several processes may share a capped file. Each notices what the others write at the next tick
+/// of the system's clock (after 10 ms at most), or earlier where space is short. Until then the
+/// file may grow over `maxBytes` by what the others write.
 ///
 /// *Ownership*: the destructor closes the file and waits for nothing; what was written stays with
-/// the system, which puts it on the disk in its own time unless `syncLevel` or `sync` asks for
-/// more.
+/// the system, which puts it on the disk later, unless `syncLevel` or `sync` asked for that.
 ///
 /// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
 /// After `fork` parent and child may both log, also when another thread was inside a line at that
 /// moment. (Not in a child of `vfork` or of the system's bare `clone`.)
 ///
 /// *Failure*: a line that cannot be written whole (full disk, no such directory, a bad medium)
-/// counts as lost. The first line after that which can be written is preceded by
-/// "[ovra:WARNING] N lines lost", with N since the last such line. A file that cannot be opened is
-/// tried again with each line. A limit on the size of files (`RLIMIT_FSIZE`) raises SIGXFSZ, as for
-/// any writer: ignore that signal, and the lines count as lost. `errno` is kept. Only
-/// `std::bad_alloc` is thrown, and by the constructor alone.
+/// counts as lost. Before the next line that can be written, the sink reports the loss since the
+/// last report: "[ovra:WARNING] N lines lost". A file that cannot be opened is tried again with
+/// each line. A limit on the size of files (`RLIMIT_FSIZE`) raises SIGXFSZ, as for any writer:
+/// ignore that signal, and the lines count as lost. `errno` is kept. Only `std::bad_alloc` is
+/// thrown, and by the constructor alone.
 class OVRA_EXTRA_API RotatingFileLogHandler : public log::LogHandler {
 public:
-    /// Opens the file, or makes it. One that cannot be opened is tried again with each line.
+    /// Opens the file, or makes it. A file that cannot be opened is tried again with each line.
     explicit RotatingFileLogHandler(fs::FilePath const& file,
                                     RotatingFileOptions const& options = {});
     ~RotatingFileLogHandler() override;
@@ -77,14 +75,14 @@ public:
     /// `syncLevel` says.
     void handleLogMessage(char const* line, log::LogLevel level) override;
 
-    /// Opens the path again, such as after a rename. On failure false, and the open file is kept.
+    /// Opens the path again, such as after a rename. False on failure: the open file is then kept.
     bool reopen();
-    /// The same with the next line, and with each line after that until it has succeeded. For a
-    /// handler of SIGHUP: async-signal-safe.
+    /// Asks for `reopen()` at the next line, and at each line after that until it has succeeded.
+    /// Async-signal-safe, for a handler of SIGHUP.
     void requestReopen();
 
-    /// Returns once every line written here is on the disk, and the file's name if it is new. False
-    /// where that failed, and without an open file. Other lines wait meanwhile.
+    /// Returns once every line written by this sink is on the disk, and so is the name of a new
+    /// file. False if that failed, or if no file is open. Other lines wait meanwhile.
     bool sync();
 
     /// Lines that could not be written, since construction.

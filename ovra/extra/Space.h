@@ -11,7 +11,7 @@ namespace ovra::extra {
 /// How much room there is on a file system.
 struct Space {
     std::uint64_t totalBytes = 0;      ///< Of the whole file system.
-    std::uint64_t freeBytes = 0;       ///< Those kept for the superuser included.
+    std::uint64_t freeBytes = 0;       ///< Includes those reserved for the superuser.
     std::uint64_t availableBytes = 0;  ///< What an ordinary user can still write.
     std::uint64_t totalEntries = 0;    ///< 0 where the file system does not count them.
     std::uint64_t freeEntries = 0;     ///< How many more files and directories can be made.
@@ -23,9 +23,9 @@ struct Space {
 ///     nothing at that path   -> MISSING
 ///     a path with a NUL byte -> REFUSED
 ///
-/// Threads: Thread-safe.
+/// *Threads*: Thread-safe.
 ///
-/// Failure: `space` stays as it was.
+/// *Failure*: `space` stays as it was.
 OVRA_EXTRA_API Outcome readSpace(fs::FilePath const& entry, Space& space);
 
 }  // namespace ovra::extra

@@ -19,8 +19,9 @@ public:
         return targets[current.load(std::memory_order_relaxed)];
     }
 
-    // At every moment `current` says which target is whole: the process may be forked here. What is
-    // replaced leaves by the result, or by `next`, and so dies without the lock.
+    // At every moment `current` says which target is whole: the process may be forked here. The
+    // replaced target leaves through the result, or through `next`, and so is destroyed without the
+    // lock.
     std::shared_ptr<log::LogHandler> exchange(std::shared_ptr<log::LogHandler> next) {
         std::lock_guard<ForkSafeLock> const guard(lock);
         unsigned int const before = current.load(std::memory_order_relaxed);
@@ -33,7 +34,7 @@ public:
 
 private:
     ForkSafeLock lock;
-    std::shared_ptr<log::LogHandler> targets[2];  // But during an exchange one is empty.
+    std::shared_ptr<log::LogHandler> targets[2];  // Both are set only during an exchange.
     std::atomic<unsigned int> current{0};
 };
 

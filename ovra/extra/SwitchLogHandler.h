@@ -9,20 +9,20 @@ namespace ovra::extra {
 
 /// A sink that passes lines on to another, which can be replaced, muted and filtered while other
 /// threads log. The registry of `ovra::log` allows none of that: register a switch at start-up, and
-/// change its target whenever that is wanted.
+/// change its target at any time.
 ///
 /// *Ownership*: shares the target. A replaced target is released by `exchange`'s caller, or by the
-/// thread whose line is the last under way in it, whichever is later; no lock is held then.
+/// thread whose line is the last inside the target, whichever is later; no lock is held then.
 ///
 /// *Threads*: Thread-safe. The target is called with no lock held, by several threads at once: it
 /// serialises its own writes, and may call the switch. A line that began before an `exchange` may
-/// still reach the old target after it. After `fork` parent and child go on each with their own
-/// switch, also when another thread was inside a line at that moment. A switch that leads back to
+/// still reach the old target after it. After `fork` parent and child each have a switch of their
+/// own, also when another thread was inside a line at that moment. A switch that leads back to
 /// itself never returns.
 ///
 /// *Failure*: what the target throws is passed on, to be discarded by `log`. Only `std::bad_alloc`
 /// is thrown by the switch itself, and by the constructor alone. `errno` is kept, as far as the
-/// target does.
+/// target keeps it.
 class OVRA_EXTRA_API SwitchLogHandler : public log::LogHandler {
 public:
     /// An empty target mutes. Lines of `level` and of those more severe are passed on; see
@@ -37,8 +37,9 @@ public:
     /// From now on lines go to `target`; an empty one mutes. Returns the target so far.
     std::shared_ptr<log::LogHandler> exchange(std::shared_ptr<log::LogHandler> target);
 
-    /// Passes on what is at most `level`, unchecked; `DISABLED` and below always. Other threads see
-    /// the change without any order guaranteed.
+    /// Passes on lines whose level is at most `level`, which is not checked. Lines of level
+    /// `DISABLED` and below are always passed on. Other threads see the change without any order
+    /// guaranteed.
     void setLevel(log::LogLevel level);
     /// The level, as set last.
     log::LogLevel getLevel() const;

@@ -18,12 +18,12 @@ class FileHandle;
 
 /// What a FileHandle forwards to: one entry of one kind of file system.
 ///
-/// Ownership: owned by one FileHandle, which destroys it through this class. Copying the handle
+/// *Ownership*: owned by one FileHandle, which destroys it through this class. Copying the handle
 /// does not copy the back end.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes const use.
+/// *Threads*: Not thread-safe: the caller synchronises. That includes const use.
 ///
-/// Failure: `false`, 0, an empty value or a failed stream.
+/// *Failure*: `false`, 0, an empty value or a failed stream.
 class OVRA_API FileHandleBackend {
 public:
     virtual ~FileHandleBackend();
@@ -87,22 +87,22 @@ public:
 /// Queries follow symbolic links. A dangling link, or a loop of links, does not exist and is not
 /// reported as a link either.
 ///
-/// Ownership: owns its back end. A copy shares nothing with its source: it gets a new POSIX back
-/// end on the source's path, whatever the source had. There is no moving, only copying. Streams
-/// belong to the caller and do not depend on the handle.
+/// *Ownership*: owns its back end. A copy shares nothing with its source: it gets a new POSIX back
+/// end on the source's path, whatever the source had. It has no move operations: a move copies.
+/// Streams belong to the caller and do not depend on the handle.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes queries. Distinct handles are
+/// *Threads*: Not thread-safe: the caller synchronises. That includes queries. Distinct handles are
 /// independent, also on the same path.
 ///
-/// Failure: `false`, 0, an empty value, the end iterator or a stream in the failed state; the
+/// *Failure*: `false`, 0, an empty value, the end iterator or a stream in the failed state; the
 /// reason is not kept, and `errno` is neither promised nor protected. Only exhausted memory is
-/// reported, as `std::bad_alloc`; an assignment that throws changes nothing. Nothing is protected
+/// reported, as `std::bad_alloc`; an assignment that throws changes nothing. Nothing protects
 /// against another process that changes the entries meanwhile.
 ///
-/// Units: sizes in bytes, times in whole seconds since the epoch, permissions as the nine bits of
+/// *Units*: sizes in bytes, times in whole seconds since the epoch, permissions as the nine bits of
 /// octal 0777.
 ///
-/// Example:
+/// *Example*:
 ///
 ///     FileHandle logs = FileHandle("/data").Open("logs");
 ///     if (logs.IsDirectory() || logs.CreateDirectory()) {
@@ -123,8 +123,8 @@ public:
     FilePath Path() const;
     /// The last component of the path.
     std::string FileName() const;
-    /// The handle on the path with ".." resolved against it and folded away, without asking the
-    /// disk. There is no special case, so the empty path counts as the root here:
+    /// A handle on the path with ".." resolved against it and folded away, without asking the disk.
+    /// There is no special case, so the empty path counts as the root here:
     ///
     ///     "/a/b" -> "/a"     "name" -> "."      "/" -> "/.."
     ///     "/a"   -> "/"      ".."   -> "../.."  ""  -> "/.."
@@ -164,37 +164,37 @@ public:
     /// directory too.
     bool CreateDirectory();
     /// Removes whatever is here: an empty directory, but also a file, a special file or a link (the
-    /// link itself). `true` also when nothing can be seen here: the entry is missing, is a dangling
-    /// link (which stays), or lies in a directory that may not be searched.
+    /// link itself). `true` also when nothing can be seen here: the entry does not exist, is a
+    /// dangling link (which stays), or lies in a directory that may not be searched.
     bool RemoveDirectory();
     /// Removes the directory with everything in it, **and empties every directory that a link in it
     /// leads to**, wherever that lies.
     ///
-    /// Of a link to a directory, the target's contents go, then the link; the target itself stays,
-    /// empty. Only the link goes when it leads to a file, or back to a directory that is being
-    /// emptied already.
+    /// For a link to a directory, the target's contents are removed, then the link; the target
+    /// itself stays, empty. For a link to a file, or back to a directory that is already being
+    /// emptied, only the link is removed.
     ///
     /// Dangling links, pipes, sockets, devices and links to these stay, and with them the
     /// directories above. The result is then `false`; what could be removed has been removed.
     /// `false` too, and nothing touched, if this is not a directory.
     ///
-    /// That a directory is not entered again while it is being emptied keeps links that lead back
-    /// up from multiplying the work. In rare trees with such links it changes what is left: more
-    /// goes, and the result is `true` where it would not be, or a directory or a link that has come
-    /// to dangle stays.
+    /// A directory that is being emptied is not entered again, so that links that lead back up do
+    /// not multiply the work. In rare trees with such links this changes what is left: more is
+    /// removed, with the result `true` where it would otherwise be `false`; or a directory stays,
+    /// or a link that dangles by then.
     ///
     /// One directory, and so one file descriptor, is open per level. What lies deeper than the
     /// limits on descriptors and on the length of a path allow stays, and the result is `false`.
-    /// Each level also takes up to 1 KiB of the thread's stack: a small one may not do for a deep
-    /// tree, and a stack that overflows ends the process.
+    /// Each level also takes up to 1 KiB of the thread's stack. A deep tree can overflow a small
+    /// stack, which ends the process.
     bool RemoveDirectoryRecursive();
     /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
     /// a directory. The link's contents are this path as it stands, so a relative one is read
     /// relative to the directory of the link, not to the current directory. `false` if this entry
-    /// does not exist or the place is taken.
+    /// does not exist or another entry is already there.
     bool CreateSymbolicLink(FileHandle& target);
-    /// Copies a regular file, **with `true` also when bytes are missing at the end**, as after a
-    /// short write or on a full disk: `true` says that both files were opened.
+    /// Copies a regular file, **with `true` also when the copy lacks bytes at the end**, as after a
+    /// short write or on a full disk: `true` says only that both files were opened.
     ///
     /// The bytes (those of a link's target, if that is a regular file) go to `target`, or into it
     /// under this name if `target` is a directory. An existing file is overwritten in place and
@@ -204,8 +204,8 @@ public:
     /// empty, with `true`.** When the source cannot be read, `target` may have been emptied as
     /// well.
     ///
-    /// Blocks while `target` is a named pipe that nobody reads. One whose reader has gone raises
-    /// `SIGPIPE`.
+    /// Blocks while `target` is a named pipe that nobody reads. A pipe whose reader has closed it
+    /// raises `SIGPIPE`.
     bool Copy(FileHandle& target);
     /// Moves the entry to `target`, replacing a file there, or into it under this name if `target`
     /// is a directory. Nothing is moved across file systems. This handle still names the old place.
@@ -214,13 +214,13 @@ public:
     ///
     /// **The name in a target directory is this path's FileName(), resolved against the target.** A
     /// last component like "C:" counts as a root there and means "C:/" in the current directory: a
-    /// directory is moved to that place, of a file the result is `false`. One that is empty, as in
-    /// "/a/sub//", names the target directory itself. The name is the same for Copy() and
-    /// CreateSymbolicLink(), which give `false` for one like "C:".
+    /// directory is moved to that place, and for a file the result is `false`. An empty last
+    /// component, as in "/a/sub//", names the target directory itself. Copy() and
+    /// CreateSymbolicLink() form the name in the same way, and give `false` for one like "C:".
     bool Move(FileHandle& target);
     /// Gives the entry another name in its directory, replacing a file of that name; this handle
-    /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, ".."
-    /// out.
+    /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, and
+    /// ".." leads out of the directory.
     ///
     /// **A relative path of one component goes to the root directory**, because "/" and the name
     /// are added to a directory part that is empty:
@@ -238,8 +238,8 @@ public:
     void SetUserId(unsigned int userId);
     /// The group; 0, as for root, when the entry does not exist.
     unsigned int GroupId() const;
-    /// Follows a link to its target. Passes the user that a query gives, and that is 0 for an entry
-    /// that cannot be read: should it have appeared by the time of the change, its user becomes 0.
+    /// Follows a link to its target. Keeps the user that UserId() reports, which is 0 for an entry
+    /// that cannot be read. If the entry appears in between, its user becomes 0.
     void SetGroupId(unsigned int groupId);
     /// Without the set-user-id, set-group-id and sticky bits.
     unsigned long Permissions() const;
@@ -249,14 +249,14 @@ public:
 
     /// A file stream on the entry, opened with `mode | in`; never null, with failbit set when it
     /// could not be opened. Opening a named pipe blocks until somebody writes to it, or a signal
-    /// handler without `SA_RESTART` makes it fail. The descriptor passes to programs that are
-    /// executed.
+    /// handler without `SA_RESTART` makes it fail. Programs that the process executes inherit the
+    /// descriptor.
     std::unique_ptr<std::istream> CreateInputStream(std::ios_base::openmode mode) const;
     /// A file stream on the entry, opened with `mode | out`; never null, with failbit set when it
     /// could not be opened. A mode of 0 or of binary alone creates the file or empties it. Opening
     /// a named pipe blocks until somebody reads from it, or a signal handler without `SA_RESTART`
-    /// makes it fail; writing to one whose reader has gone raises `SIGPIPE`. The descriptor passes
-    /// to programs that are executed.
+    /// makes it fail; writing to a pipe whose reader has closed it raises `SIGPIPE`. Programs that
+    /// the process executes inherit the descriptor.
     std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const;
 
     /// Drops the back end's cached status. Queries read it again anyway.
@@ -265,7 +265,7 @@ public:
 private:
     friend struct FileHandleTestPeer;
 
-    // Every constructor sets it. Without it, operations do nothing and answer false, 0 or empty.
+    // Every constructor sets it. Without it, operations do nothing and return false, 0 or empty.
     std::unique_ptr<FileHandleBackend> backend;
 };
 

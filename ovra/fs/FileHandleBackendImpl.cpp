@@ -178,7 +178,7 @@ bool FileHandleBackendImpl::Copy(FileHandle const& target) {
     bool const isOpen = input.open(path, std::ios_base::in | std::ios_base::binary) != nullptr;
 
     std::ofstream output;
-    output.rdbuf()->pubsetbuf(nullptr, 0);  // Pieces go from the one buffer to the file.
+    output.rdbuf()->pubsetbuf(nullptr, 0);  // Unbuffered: pieces go straight to the file.
     output.open(destination.FullPath(), std::ios_base::out | std::ios_base::binary);
 
     if (!isOpen || output.fail()) {

@@ -21,15 +21,15 @@ namespace ovra::fs {
 /// symbolic link. FileHandle says what each operation means to a caller. This class says what a
 /// derived back end has to know.
 ///
-/// Ownership: owned by one FileHandle, or made directly. Neither copied nor moved.
+/// *Ownership*: owned by one FileHandle, or made directly. Neither copied nor moved.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes queries, which write the status
-/// record. Separate objects on one path are independent.
+/// *Threads*: Not thread-safe: the caller synchronises. That includes queries, which write the
+/// status record. Separate objects on one path are independent.
 ///
-/// Failure: `false`, 0, an empty value or a failed stream; the reason is not kept. Only exhausted
+/// *Failure*: `false`, 0, an empty value or a failed stream; the reason is not kept. Only exhausted
 /// memory is reported, as `std::bad_alloc`.
 ///
-/// Units: bytes, and whole seconds since the epoch.
+/// *Units*: bytes, and whole seconds since the epoch.
 class OVRA_API FileHandleBackendImpl : public FileHandleBackend {
 public:
     /// Keeps the path unchanged and does not touch the file system. The system's calls see the path
@@ -41,8 +41,9 @@ public:
     ~FileHandleBackendImpl() override;
 
     std::string Path() const override;
-    /// Reads the status. All other queries ask this one first, so a derived class that overrides it
-    /// decides for them: they then answer from the last record read, and without one `false` or 0.
+    /// Reads the status. All other queries call this one first, so a derived class that overrides
+    /// it decides for them. They then answer from the last record read, or with `false` or 0 if
+    /// there is none.
     bool Exists() const override;
     /// See FileHandle::IsFile().
     bool IsFile() const override;

@@ -22,7 +22,7 @@ FileIteratorBackendImpl::FileIteratorBackendImpl(std::string const& path) : dire
 FileIteratorBackendImpl::~FileIteratorBackendImpl() = default;
 
 bool FileIteratorBackendImpl::Valid() const {
-    return entry != nullptr;  // Without a stream there never is one.
+    return entry != nullptr;  // Always null without a stream.
 }
 
 std::string FileIteratorBackendImpl::Path() const {

@@ -10,11 +10,11 @@ struct dirent;
 
 namespace ovra::fs {
 
-/// What a FileIterator stands on: one reading of one directory, behind an interface.
+/// The interface through which a FileIterator reads one directory once.
 ///
-/// Ownership: held and destroyed by one FileIterator.
+/// *Ownership*: held and destroyed by one FileIterator.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 class OVRA_API FileIteratorBackend {
 public:
     virtual ~FileIteratorBackend();
@@ -33,12 +33,12 @@ public:
 
 /// Reads one directory of the operating system, in the system's order, without "." and "..".
 ///
-/// Ownership: holds one open directory stream (one file descriptor) from construction to
+/// *Ownership*: holds one open directory stream (one file descriptor) from construction to
 /// destruction.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 ///
-/// Failure: a directory that cannot be opened gives a reading that is never valid and whose index
+/// *Failure*: a directory that cannot be opened gives a reading that is never valid and whose index
 /// stays -1; the reason is not kept. A read that fails midway looks like the end.
 class OVRA_API FileIteratorBackendImpl : public FileIteratorBackend {
 public:
@@ -57,7 +57,7 @@ public:
     int Index() const override;
     /// "" when there is no current entry.
     std::string Name() const override;
-    /// Once the end is reached there is no way back, even if entries are added later.
+    /// Once the end is reached it stays reached, even if entries are added later.
     void Next() override;
 
 private:
@@ -74,8 +74,8 @@ private:
 
 /// Scans the entries of one directory.
 ///
-/// An iterator stands on an entry, or it is at the end. Exhausted, unable to open its directory and
-/// default-constructed are all the same end, and compare equal.
+/// An iterator stands on an entry, or it is at the end. It is at the end if it is exhausted, could
+/// not open its directory or was default-constructed; all of these compare equal.
 ///
 /// **Copying starts over.** A copy opens the directory part of the source's current entry and
 /// stands on its first entry, whatever the position of the source. So:
@@ -92,17 +92,18 @@ private:
 ///
 /// Paths are compared as text, so a copy of an iterator over "/x/y" never equals its source.
 ///
-/// Ownership: owns its reading of the directory, and with it one file descriptor. There is no
-/// moving, only copying.
+/// *Ownership*: owns its reading of the directory, and with it one file descriptor. It has no move
+/// operations: a move copies.
 ///
-/// Threads: Not thread-safe: the caller synchronises.
+/// *Threads*: Not thread-safe: the caller synchronises.
 ///
-/// Failure: a directory that cannot be opened looks like an empty one. Only exhausted memory is
+/// *Failure*: a directory that cannot be opened looks like an empty one. Only exhausted memory is
 /// reported, as `std::bad_alloc`; an assignment that throws changes nothing.
 ///
-/// Entries may be added and removed during the scan; whether these are seen is up to the system.
+/// Entries may be added and removed during the scan; whether the scan sees them is up to the
+/// system.
 ///
-/// Example:
+/// *Example*:
 ///
 ///     FileHandle directory("/data");
 ///     for (FileIterator entry = directory.Begin(); entry != directory.End(); ++entry) {

@@ -96,7 +96,7 @@ std::string FilePath::Resolved() const {
 
     for (char const* next = path.data(); next < textEnd;) {
         char const* const begin = next;
-        // Components are short: looking is quicker than calling for it.
+        // Components are short: a loop is quicker than a call.
         while (next < textEnd && *next != SEPARATOR) {
             ++next;
         }
@@ -145,7 +145,7 @@ void FilePath::Cache() const {
     directoryPath.clear();
     absolute = startsAtRoot(path);
 
-    // Below, strings are made and moved: to assign a view would look for overlaps first.
+    // Below, strings are made and moved: assigning a view would first check for an overlap.
 
     // One separator at the end closes the last component and opens none.
     std::string_view text = path;

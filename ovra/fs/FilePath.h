@@ -6,22 +6,23 @@
 
 namespace ovra::fs {
 
-/// A path as text: kept exactly as supplied, taken apart on the first question about it.
+/// A path as text: kept exactly as supplied, split into components when one is first asked for.
 ///
 /// "/" is the only separator; a backslash is an ordinary character. A first component of exactly
 /// two characters whose second is ":" counts as a root, so a file that is really named "C:" or "1:"
 /// makes an absolute path: write "./C:" for it. A longer first component ("C:x") is an ordinary
 /// name.
 ///
-/// Ownership: a value that shares nothing with its copies.
+/// *Ownership*: a value that shares nothing with its copies.
 ///
-/// Threads: Not thread-safe: the caller synchronises. That includes const use, because the first
-/// question about the components stores them in the object. Distinct objects are independent.
+/// *Threads*: Not thread-safe: the caller synchronises. That includes const use, because the first
+/// query for a component stores all of them in the object. Distinct objects are independent.
 ///
-/// Failure: every string is a valid path and nothing here touches the file system. Only exhausted
-/// memory is reported, as `std::bad_alloc`; the object then still holds its path and answers later.
+/// *Failure*: every string is a valid path and nothing here touches the file system. Only exhausted
+/// memory is reported, as `std::bad_alloc`; the object then still holds its path, and a later query
+/// can succeed.
 ///
-/// Example: the components of a path, where separators collapse and a last one is dropped.
+/// *Example*: the components of a path, where separators collapse and a last one is dropped.
 ///
 ///     path                 -> directory   file name   base name  extension full path
 ///     ""                   -> ""          ""          ""         ""        ""
@@ -51,8 +52,8 @@ public:
     FilePath& operator=(FilePath const& other);
     ~FilePath();
 
-    /// Replaces the path. A reference returned by Path() changes at once; one to a component, the
-    /// full path included, holds its text until the next question about a component.
+    /// Replaces the path. A reference returned by Path() changes at once; a reference to a
+    /// component, the full path included, keeps its text until the next query for a component.
     void SetPath(std::string const& newPath);
 
     /// `other` below this path, or `other` itself if it is absolute. Nothing is normalised and the
@@ -72,7 +73,7 @@ public:
     /// The path as text with "." and ".." folded away, without asking the disk: where a directory
     /// is a symbolic link, the folded path may name another entry. A ".." with nothing left to fold
     /// is kept, directly under the root too. The empty name between doubled separators is a name
-    /// like any other: it is kept, ".." folds it, and standing first in the result it makes the
+    /// like any other: it is kept, and ".." folds it. As the first name of the result it makes the
     /// result absolute.
     ///
     ///     "/a/b/../c" -> "/a/c"      "/../x"     -> "/../x"     ""        -> "."
@@ -83,7 +84,7 @@ public:
     ///     "//a"       -> "//a"       "a/..//b"   -> "/b"        "/.."     -> "/.."
     std::string Resolved() const;
 
-    /// Takes the path apart now, unless that has been done since it was last set.
+    /// Splits the path now, unless that has been done since it was last set.
     void Cache() const;
 
     /// The path as supplied.

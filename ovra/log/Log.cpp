@@ -43,7 +43,7 @@ CText formatLine(char const* tag, LogLevel level, char const* message) {
         asprintf(&line, "[%s:%s] %s", tag, logLevelToName(level), message) != -1 ? line : nullptr);
 }
 
-// Exempt from the sanitizer's check of references: forced unwinding comes without an object.
+// Exempt from the sanitizer's check of references: forced unwinding has no exception object.
 __attribute__((noinline, no_sanitize("null"))) void deliver(char const* line, LogLevel level) {
     try {
         platformLogHandler.PlatformLogHandler::handleLogMessage(line, level);
@@ -53,9 +53,9 @@ __attribute__((noinline, no_sanitize("null"))) void deliver(char const* line, Lo
             }
         }
     } catch (abi::__forced_unwind&) {
-        throw;  // The thread is being cancelled or exits: not ours to stop.
+        throw;  // The thread is being cancelled or exits: do not stop it.
     } catch (...) {
-        // A sink's trouble is not the caller's.
+        // A sink's failure does not reach the caller.
     }
 }
 
@@ -75,7 +75,7 @@ bool isDelivered(LogLevel level) {
     return threshold != DISABLED && threshold >= level;
 }
 
-// Apart from its callers, so that a message that is not delivered costs no more than the look at
+// A function apart from its callers, so that a message that is not delivered costs only the test of
 // its level.
 __attribute__((noinline))
 OVRA_PRINTF(3, 0) void logFormatted(LogLevel level, char const* tag, char const* format,
@@ -170,7 +170,7 @@ void addLogHandler(LogHandlerType type, char const* name) {
     if (type < FILE_HANDLER || type > STANDARD_STREAM_HANDLER) {
         return;
     }
-    // The entry first: if there is no memory for it, no earlier log has been truncated yet.
+    // Make the entry first: if there is no memory for it, no earlier log has been truncated yet.
     auto& entry = handlerRegistry[std::move(key)];
     entry = createLogHandler(type, name);
 }

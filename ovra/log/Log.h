@@ -18,15 +18,15 @@ OVRA_NOT_A_MACRO(STANDARD_STREAM_HANDLER);
 
 namespace ovra::log {
 
-/// How severe a message is; smaller is more severe. As the global level: deliver messages whose
-/// level is at most this, `DISABLED` none at all.
+/// How severe a message is: a smaller value is more severe. The global level says which messages
+/// are delivered: those whose level is at most the global one.
 enum LogLevel : std::int32_t {
-    DISABLED = 0,  ///< As the global level: none. As a message's: delivered under any other.
+    DISABLED = 0,  ///< As the global level: none is delivered. As a message's: see `log`.
     CRITICAL = 1,  ///< The application can hardly go on.
     ERROR = 2,     ///< Something failed. The global level at the start.
-    WARNING = 3,   ///< Odd, and survived; the library's own word on exceptions out of tasks.
+    WARNING = 3,   ///< Odd, but survived; so the library reports exceptions out of tasks.
     INFO = 4,      ///< The ordinary course of things, such as the states of tasks.
-    DEBUG = 5,     ///< For those who look for a fault.
+    DEBUG = 5,     ///< For finding a fault.
     VERBOSE = 6,   ///< Everything.
 };
 
@@ -42,12 +42,12 @@ enum LogHandlerType : std::int32_t {
 /// *Ownership*: a registered handler is held by the registry until it is replaced or the library is
 /// unloaded.
 ///
-/// *Threads*: called on whichever thread logs, by several at once: a sink serialises its own
-/// writes. A sink that itself logs is called again, and one that does so under its own lock
-/// deadlocks. A sink must not call `addLogHandler`, and its destructor must not log.
+/// *Threads*: called on the thread that logs, by several threads at once: a sink serialises its own
+/// writes. A sink that logs is called again from inside its own call, and deadlocks if it does so
+/// under its own lock. A sink must not call `addLogHandler`, and its destructor must not log.
 ///
-/// *Failure*: what a sink throws is discarded, and the sinks not yet called miss that message. A
-/// sink that never returns holds whoever logs.
+/// *Failure*: what a sink throws is discarded, and the sinks not yet called do not get that
+/// message. A sink that never returns holds the thread that logs.
 class OVRA_API LogHandler {
 public:
     LogHandler() = default;
@@ -63,38 +63,37 @@ public:
 /// Formats a message and hands the line "[tag:LEVEL] message" to the system log, then to every
 /// registered sink in no particular order.
 ///
-/// Delivered when the global level is not `DISABLED` and is at least `level`; so a message of level
-/// `DISABLED` (or below) is delivered whenever logging is on at all, and one above `VERBOSE` only
-/// if the global level is as high. A message that is not delivered costs one load and two
-/// comparisons.
+/// A message is delivered if the global level is not `DISABLED` and is at least `level`. So a
+/// message of level `DISABLED` (or below) is delivered under every global level above `DISABLED`,
+/// and one above `VERBOSE` only if the global level is as high. A message that is not delivered
+/// costs one load and two comparisons.
 ///
-/// *The system log takes the line as its own format*: whatever percent sign is left after
-/// formatting is interpreted there once more. Double it twice in a format ("%%%%"), once more than
-/// for the other sinks, which get the line as it is. A conversion that is left ends the process, or
-/// worse: pass text that the application did not write to `logVerbatim` instead.
+/// *The system log takes the line as its own format*: it interprets every percent sign that is left
+/// in the line after formatting. For one percent sign there, write "%%%%" in `format`; the other
+/// sinks get the line as it is, and show "%%". A conversion that is left in the line ends the
+/// process, or worse: pass text that the application did not write to `logVerbatim` instead.
 ///
-/// *Threads*: Thread-safe but for `addLogHandler`. Blocks for as long as a sink does, and as the
-/// system log takes no lines. Takes no lock of its own, but each sink locks its mutex while it
-/// writes, the one to the system log included. Hence not for signal handlers,
-/// nor for a child after `fork()`: it hangs there for good if a sink's mutex was held when the
-/// signal came or the process forked. Not to be called once static destruction has reached the
-/// library.
+/// *Threads*: Thread-safe but for `addLogHandler`. Blocks while a sink blocks, and while the system
+/// log takes no lines. Takes no lock of its own, but each sink, the one to the system log included,
+/// locks its mutex while it writes. So do not call it in a signal handler or in a child after
+/// `fork()`: it hangs there for good if a sink's mutex was held when the signal came or the process
+/// forked. Do not call it once static destruction has reached the library.
 ///
 /// *Failure*: a message that cannot be formatted, a null `format` included, is dropped in silence.
 /// A null `tag` reads "(null)". Leaves `errno` as it was.
 OVRA_API void log(LogLevel level, char const* tag, char const* format, ...) OVRA_PRINTF(3, 4);
 
-/// As `log` in every respect, but the line is text to every sink: no percent sign in it is a
-/// conversion to the system log. For text that the application did not write, such as file names
+/// As `log` in every respect, but every sink takes the line as text: no percent sign in it is a
+/// conversion for the system log. For text that the application did not write, such as file names
 /// and messages of exceptions.
 ///
 ///     logVerbatim(WARNING, "load()", "Cannot read '%s'.", name);
 ///
-/// The rule holds for whatever this thread writes to the system log during the call: through the
-/// sink that is always there, through registered ones and those derived from `PlatformLogHandler`,
-/// and through one that another sink calls. A `log` inside a sink keeps its own rule. A sink that
-/// passes lines to another thread, which then writes them to the system log, sends them as `log`
-/// would.
+/// This holds for whatever the calling thread writes to the system log during the call: through the
+/// sink that is always there, through registered sinks and those derived from `PlatformLogHandler`,
+/// and through a sink that another sink calls. A `log` inside a sink keeps its own rule. If a sink
+/// passes lines to another thread, and that thread writes them to the system log, they are formats
+/// there, as with `log`.
 OVRA_API void logVerbatim(LogLevel level, char const* tag, char const* format, ...)
     OVRA_PRINTF(3, 4);
 
@@ -114,10 +113,10 @@ OVRA_API void setDepsDebuggable(bool debuggable);
 OVRA_API bool getDepsDebuggable();
 
 /// Makes a sink that the caller owns alone; an empty pointer for an unknown type. `name` is the
-/// path of a `FILE_HANDLER`, which see; the other types ignore it.
+/// path for a `FILE_HANDLER` (see `FileLogHandler`); the other types ignore it.
 OVRA_API std::shared_ptr<LogHandler> createLogHandler(LogHandlerType type, char const* name);
 
-/// Makes a sink and registers it under `name`, from now on to be called by `log`. A sink that was
+/// Makes a sink and registers it under `name`: `log` calls it from now on. A sink that was
 /// registered under that name is released. A `PLATFORM_HANDLER` is a second sink to the system log,
 /// so every line then reaches it twice. An unknown type changes nothing.
 ///

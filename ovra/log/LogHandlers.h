@@ -12,9 +12,10 @@ namespace ovra::log {
 
 /// Writes `line` to the system log while it holds `mutex`: the one place where the library does so.
 ///
-/// The line itself is the format that the system log interprets, unless `logVerbatim` is delivering
-/// on this thread; see `log`. So never hand over a line from outside. The identity, options and
-/// facility are the application's: the library never opens or closes the system log.
+/// The system log interprets the line as a format, unless `logVerbatim` is delivering on this
+/// thread; see `log`. So never pass a line with text that the application did not write. The
+/// identity, options and facility are the application's: the library never opens or closes the
+/// system log.
 ///
 ///     CRITICAL -> LOG_CRIT   ERROR -> LOG_ERR   DEBUG -> LOG_DEBUG
 ///     WARNING, INFO, VERBOSE and anything else -> LOG_INFO
@@ -40,9 +41,10 @@ private:
 ///
 /// *Failure*: a write that fails sets the stream's bad state, which silences `std::cout` or
 /// `std::cerr` **for the whole application** until the application clears it; the sink never does.
-/// It fails on a full device, when a signal handler without `SA_RESTART` interrupts a write to a
-/// full pipe or terminal, and when the thread is cancelled meanwhile. So does a null line. A stream
-/// on a pipe whose reader has gone raises `SIGPIPE`, which ends the process unless it is ignored.
+/// A write fails on a full device, when a signal handler without `SA_RESTART` interrupts it on a
+/// full pipe or terminal, and when the thread is cancelled meanwhile. A null line has the same
+/// effect. A stream on a pipe whose reader has closed it raises `SIGPIPE`, which ends the process
+/// unless it is ignored.
 class OVRA_API StandardStreamLogHandler : public LogHandler {
 public:
     void handleLogMessage(char const* line, LogLevel level) override;
@@ -55,13 +57,13 @@ private:
 ///
 /// *Threads*: Thread-safe; holds its mutex while it writes.
 ///
-/// *Failure*: a file that cannot be opened makes a sink that discards every line in silence. So
-/// does an opening that a signal handler without `SA_RESTART` interrupts, as on a named pipe. A
-/// null line, a write that fails and a thread that is cancelled while it writes make the sink
-/// discard whatever follows. On a pipe whose reader has gone, a line raises `SIGPIPE`, which ends
-/// the process unless it is ignored.
+/// *Failure*: if the file cannot be opened, the sink discards every line in silence. The same
+/// follows if a signal handler without `SA_RESTART` interrupts the opening, as on a named pipe.
+/// After a null line, a write that fails or a thread that is cancelled while it writes, the sink
+/// discards every later line. On a pipe whose reader has closed it, a line raises `SIGPIPE`, which
+/// ends the process unless it is ignored.
 ///
-/// The descriptor passes to programs that the application executes.
+/// Programs that the application executes inherit the descriptor.
 class OVRA_API FileLogHandler : public LogHandler {
 public:
     /// Opens the file at `path`, or "ovra.log" inside it if that is a directory.

@@ -24,7 +24,7 @@ void onCrash(int signal) {
         signal);  // SA_RESETHAND: this time it ends the process, with a core dump if there is one.
 }
 
-// The thread that calls it can run out of stack and still be heard.
+// The thread that calls this can run out of stack, and the handler still runs.
 void installCrashHandler(char const* path) {
     crashFile = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
     static char stack[64 << 10];
@@ -40,7 +40,7 @@ void installCrashHandler(char const* path) {
     }
 }
 
-// Each level takes some stack, so this ends the stack.
+// Each level takes some stack, so this exhausts it.
 int depth(int level) {
     int volatile here[1000] = {level};
     return level < 0 ? 0 : depth(here[0] + 1) + here[0];
@@ -50,7 +50,7 @@ int depth(int level) {
 
 int main(int, char** arguments) {
     auto const sink = std::make_shared<extra::RecentLinesLogHandler>(100);
-    recentLines = sink.get();  // Lives in the registry as long as the process logs.
+    recentLines = sink.get();  // The registry keeps it as long as the process logs.
     log::addLogHandler(sink, "recent");
     log::setLogLevel(log::VERBOSE);  // Costs memory only, and no disk.
     installCrashHandler(arguments[1]);

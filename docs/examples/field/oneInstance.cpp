@@ -23,5 +23,5 @@ int main(int, char** arguments) {
     std::fprintf(stderr, "Runs.\n");
     while (std::getchar() != EOF) {
     }
-    return 0;  // The lock goes with the process, however that ends.
+    return 0;  // The lock ends with the process, however that ends.
 }

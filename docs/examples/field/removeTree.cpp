@@ -10,7 +10,7 @@ using ovra::extra::Outcome;
 int main(int, char** arguments) {
     Outcome const outcome = ovra::extra::removeTree(std::string(arguments[1]));
     if (outcome == Outcome::DONE || outcome == Outcome::MISSING) {
-        return 0;  // It is gone, which is what counts.
+        return 0;  // It no longer exists, which is what counts.
     }
     std::fprintf(stderr, "Something is left in %s: %s.\n", arguments[1],
                  ovra::extra::outcomeName(outcome));

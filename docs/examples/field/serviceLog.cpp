@@ -26,7 +26,7 @@ int main(int, char** arguments) {
     extra::RotatingFileOptions options;
     options.maxBytes = 512 << 10;       // The flash holds three files of half a megabyte,
     options.generations = 2;            // the log and two older ones.
-    options.syncLevel = log::CRITICAL;  // What explains a reset is on the disk before it.
+    options.syncLevel = log::CRITICAL;  // Lines that explain a reset are on the disk before it.
     logFile = std::make_shared<extra::RotatingFileLogHandler>(std::string(arguments[1]), options);
     log::addLogHandler(logFile, "file");
     log::setLogLevel(log::INFO);

@@ -10,7 +10,7 @@ namespace ovra::concurrent {
 /// The initial ranks of 0, `LOW`, `NORMAL`, `HIGH` and `HIGHEST`.
 inline constexpr std::array<unsigned int, 5> INITIAL_RANKS{1, 1, 1000, 1000000, 0x7fffffff};
 
-/// What `submittedTaskPriorityToInitialRank` answers, for the library's own loops over many tasks.
+/// The same as `submittedTaskPriorityToInitialRank`, inline for the library's own use.
 ///
 /// Private to the library.
 constexpr unsigned int initialRankOf(TaskPriority priority) {

@@ -4,10 +4,11 @@
 
 namespace ovra::concurrent {
 
-/// Whether `object` is a `Class` and nothing derived from it, so that no override sees a shortcut.
+/// Whether `object` is a `Class` and nothing derived from it: a shortcut must not bypass an
+/// override.
 ///
-/// Compares where the type information lies and never looks into it: an application that is built
-/// without leaves a null pointer in its classes.
+/// Compares the addresses of the type information and never reads it: classes of an application
+/// that is built with `-fno-rtti` have a null pointer in its place.
 ///
 /// Private to the library.
 template <typename Class, typename Object>

@@ -16,7 +16,8 @@ class SubmittedTask;
 ///
 /// Private to the library. Installed because every `SubmittedTask` holds one.
 struct RankedEntry {
-    /// Set in `rank` while the rank is computed from the other bits, the rank given at `since`.
+    /// Set in `rank` while the rank is computed. The other bits are then the rank given at pick
+    /// `since`.
     static constexpr unsigned int COMPUTED = 0x80000000u;
 
     RankedEntry(TaskPriority initialPriority, unsigned int initialRank, std::int32_t uniqueIndex)
@@ -32,7 +33,7 @@ struct RankedEntry {
     std::atomic<bool> wasAdded{false};  // To a queue that computes ranks.
     std::uint8_t list = 0;
 
-    // Set once, before COMPUTED. Owned in part.
+    // Set once, before COMPUTED. This entry is one of its owners.
     RankedTasks* home = nullptr;
 
     // Guarded by the lock of `home`, as is `list`.

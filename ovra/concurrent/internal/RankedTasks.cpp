@@ -8,7 +8,7 @@ namespace ovra::concurrent {
 
 namespace {
 
-constexpr std::uint64_t MAX_DOUBLINGS = 31;  // They take the least rank to the highest.
+constexpr std::uint64_t MAX_DOUBLINGS = 31;  // Enough to take the least rank to the highest.
 
 // Threads that submit at the same time may add tasks in another order than they made them.
 constexpr int LOOK_BACK = 8;
@@ -57,7 +57,7 @@ bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> cons
     }
     bool const updated = isUpdated(entry);
     if (updated && entry.since <= picks) {
-        passed = std::max(passed, keyOf(entry));  // What this pick compares.
+        passed = std::max(passed, keyOf(entry));  // As this pick has compared it.
     }
     unlink(entry);
     entry.rank = newRank() | RankedEntry::COMPUTED;
@@ -66,8 +66,8 @@ bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> cons
     return true;
 }
 
-// Of the chains that the task fits into, takes the one where it follows the least rank. So tasks of
-// one rank share a chain, and there is a chain for each priority.
+// Of the chains that the task fits into, takes the one where the task ahead of it has the least
+// rank. So tasks of one rank share a chain, and there is a chain for each priority.
 void RankedTasks::place(RankedEntry& entry) {
     unsigned int const rank = rankAt(entry, picks);
     std::uint8_t chosen = UNORDERED;
@@ -134,19 +134,19 @@ void RankedTasks::skipNonNegative(List& chain) const {
 void RankedTasks::scanTo(std::uint64_t order) {
     if (!isEmpty()) {
         std::lock_guard<std::mutex> const lock(mutex);
-        passed = order < scannedTo ? passed : SortKey();  // The scan before was left by a throw.
+        passed = order < scannedTo ? passed : SortKey();  // An exception ended the scan before.
         scannedTo = order;
     }
 }
 
-// The sums fall along a chain. So its largest score is that of the first negative sum, which wraps,
-// or else that of the first task.
+// Sums decrease along a chain, and negative ones wrap to large scores. So the largest score of a
+// chain is that of its first negative sum or, without one, that of its first task.
 SortKey RankedTasks::best() {
     SortKey best = std::exchange(passed, SortKey());
     for (RankedEntry* entry = lists[UNORDERED].first; entry != nullptr;) {
         RankedEntry& current = *std::exchange(entry, entry->next);
         if (current.since > picks) {
-            continue;  // Its rank was changed behind the scan.
+            continue;  // Its rank changed after the scan passed it.
         }
         best = std::max(best, keyOf(current));
         if (isFinal(current)) {

@@ -13,7 +13,8 @@
 
 namespace ovra::concurrent {
 
-/// What tasks are compared by: the larger score runs first, the later added of two equal ones.
+/// What tasks are compared by. The larger score runs first; of two equal scores, the task added
+/// later.
 struct SortKey {
     unsigned int score = 0;
     std::uint64_t order = std::numeric_limits<std::uint64_t>::max();
@@ -27,18 +28,21 @@ struct SortKey {
 /// The tasks of a queue whose ranks follow a formula: the shortcut that saves a pick the scan.
 ///
 /// The library's strategies keep every rank, or double every rank at each pick, up to the highest.
-/// So a rank follows from the rank given and the number of picks since, and a task that is older
-/// than another, with no smaller a rank, stays ahead of it. Tasks of one priority arrive so. They
-/// stand in chains, in which each stays ahead of the next, and a pick compares the first ones. One
-/// whose changed rank fits into no chain is compared at each pick, and joins a set when it is final.
+/// So a rank follows from the rank given and the number of picks since. A task that is older than
+/// another, and whose rank is no smaller, stays ahead of it at every later pick. Tasks of one
+/// priority arrive in that order.
 ///
-/// Private to the library. *Threads*: thread-safe. The lock is a leaf. The queue's lock comes
+/// The tasks are linked in chains, in which each task stays ahead of the next. A pick compares the
+/// first task of each chain. A task whose changed rank fits into no chain is compared at each pick
+/// until its rank is final; then it joins a set.
+///
+/// Private to the library. *Threads*: Thread-safe. The lock is a leaf. The queue's lock comes
 /// before it and guards which tasks are here.
 class RankedTasks {
 public:
     /// Owned by its maker, and by every task that was ever here.
     explicit RankedTasks(bool doublesRanks) : doubles(doublesRanks) {}
-    /// Gives up one owner's part. The last one destroys the container.
+    /// Releases one owner's share. The last release destroys the container.
     void release() {
         if (--owners == 0) {
             delete this;
@@ -47,15 +51,16 @@ public:
 
     /// Takes in a task that was never in a `RankedTasks` before.
     void insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
-    /// Removes all without memory, linked by `next`, for the caller to destroy without a lock.
+    /// Removes all tasks without allocating. Returns them linked by `next`, for the caller to
+    /// destroy without a lock.
     RankedEntry* eraseAll();
     bool isEmpty() const { return size == 0; }
 
-    /// Says how far the scan of a pick has come: all that is newer than `order` has been compared,
+    /// Notes how far the scan of a pick has come: every task newer than `order` has been compared,
     /// and its rank updated.
     void scanTo(std::uint64_t order);
-    /// Ends a pick. Removes and returns the best task, or the one that the scan found if that is
-    /// better and here as well. Null if it is not here.
+    /// Ends a pick: chooses the best of the tasks here and of `scanned`, which the scan found.
+    /// Removes and returns the chosen task if it is here. Null if it is not.
     std::shared_ptr<SubmittedTask> pick(SortKey const& scanned);
 
     /// The rank of a task that was ever here.
@@ -65,7 +70,7 @@ public:
 
 private:
     static constexpr std::uint32_t HIGHEST_RANK = 0x7fffffff;
-    static constexpr std::uint8_t UNORDERED = 4;  // Behind a chain for each priority.
+    static constexpr std::uint8_t UNORDERED = 4;  // The lists before are chains.
     static constexpr std::uint8_t FINAL = 5;
 
     struct List {
@@ -98,7 +103,7 @@ private:
     mutable std::mutex mutex;  // Guards the rest.
     std::uint64_t picks = 0;
     std::uint64_t scannedTo = std::numeric_limits<std::uint64_t>::max();
-    SortKey passed;  // The best of what had its rank changed behind the scan.
+    SortKey passed;  // Of the tasks whose rank changed after the scan passed them, the best.
     std::array<List, UNORDERED + 1> lists;
     std::set<SortKey> finals;
 };

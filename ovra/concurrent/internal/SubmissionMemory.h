@@ -10,13 +10,13 @@
 
 namespace ovra::concurrent {
 
-/// The memory of one submission: of the task, its handle and, where a function was submitted, its
-/// work. Taken in one piece and given back with the last of them.
+/// One piece of memory for the parts of a submission: the task, its handle and, where a function
+/// was submitted, its work. Freed with the last part.
 ///
 /// Private to the library.
 class SubmissionMemory {
 public:
-    /// For `std::allocate_shared` of one part, a `Part`.
+    /// For `std::allocate_shared` of the part `Part`.
     template <typename Part, typename Block = Part>
     class Allocator {
     public:
@@ -45,7 +45,7 @@ public:
         SubmissionMemory* memory;
     };
 
-    /// Belongs to the first part that is allocated in it.
+    /// The first part that is allocated in it becomes its owner.
     static SubmissionMemory* make(bool hasWork) {
         return new (::operator new(hasWork ? offsetOf<void>() : offsetOf<Work>())) SubmissionMemory;
     }
@@ -53,7 +53,8 @@ public:
 private:
     using Work = SubmittedTask::LambdaFunctionTask;
 
-    // With what `std::shared_ptr` counts by: a table, two counters, an allocator, and padding.
+    // Includes the control block of `std::shared_ptr`: a table, two counters, an allocator and
+    // padding.
     template <typename Part>
     static constexpr std::size_t sizeOf() {
         return 24 + sizeof(Part);

@@ -13,10 +13,10 @@ struct TaskEnd::Waiter {
     sem_t semaphore;  // Of a thread that waits, on its stack.
     bool isPromise;   // Of a future, on the heap.
 
-    // Marks in the place of a waiter, beside null: nobody has come yet.
-    static Waiter left;       // A thread came, and was cancelled.
-    static Waiter fulfilled;  // Nobody came before the end.
-    static Waiter over;       // Somebody came, and the end did.
+    // Marks that stand in the place of a waiter. Null: nobody has waited yet.
+    static Waiter left;       // A thread waited, and was cancelled.
+    static Waiter fulfilled;  // The task ended, and nobody had waited.
+    static Waiter over;       // The task ended, and somebody has waited.
 };
 
 TaskEnd::Waiter TaskEnd::Waiter::left = {};
@@ -30,7 +30,7 @@ struct TaskEnd::Promise : Waiter {
 static_assert(std::atomic<void*>::is_always_lock_free);
 
 TaskEnd::~TaskEnd() {
-    // A thread that waits keeps the task alive: who is left is a promise.
+    // A waiting thread keeps the task alive, so a waiter that is left is a promise.
     Waiter* const last = waiting;
     if (last != nullptr && last->isPromise) {
         delete static_cast<Promise*>(last);
@@ -68,8 +68,8 @@ void TaskEnd::wait() {
         while (sem_wait(&self.semaphore) != 0) {
         }
     } catch (...) {
-        // This thread is being cancelled, and its stack goes. If whoever fulfils the promise has
-        // the address of the semaphore already, the post comes first.
+        // This thread is being cancelled, and its stack ends with it. If fulfil() already has the
+        // address of the semaphore, wait for its post first.
         Waiter* waiter = &self;
         if (!waiting.compare_exchange_strong(waiter, &Waiter::left)) {
             int previous = 0;
@@ -93,7 +93,7 @@ std::future<bool> TaskEnd::future() {
     return result;
 }
 
-// Lets the first who comes wait. False if the end has come before.
+// Registers the first waiter. False if the task has already ended.
 bool TaskEnd::retrieve(Waiter* waiter) {
     Waiter* found = nullptr;
     if (waiting.compare_exchange_strong(found, waiter)) {

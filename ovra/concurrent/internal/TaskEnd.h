@@ -7,10 +7,10 @@
 
 namespace ovra::concurrent {
 
-/// The end of a task: a promise that one party fulfils and one waits for.
+/// The end of a task: a promise that one thread fulfils and one waits for.
 ///
-/// A wait leaves the address of a semaphore on its stack. Only a caller that asks for a future
-/// costs memory.
+/// A waiting thread publishes the address of a semaphore on its own stack. Only a future needs
+/// memory.
 ///
 /// Private to the library. Installed because every `SubmittedTask` holds one. *Threads*:
 /// thread-safe, without a lock.
@@ -22,7 +22,7 @@ public:
     /// A promise that was not fulfilled is broken.
     ~TaskEnd();
 
-    /// Releases whoever waits. A second call throws `std::future_error`.
+    /// Releases the waiter. A second call throws `std::future_error`.
     void fulfil();
     /// Blocks until the promise is fulfilled. Throws `std::future_error` if another wait or a
     /// future came before.
@@ -36,7 +36,7 @@ private:
 
     bool retrieve(Waiter* waiter);
 
-    // Who waits, or one of the marks: nobody has come, the one who came has left, ...
+    // The waiter, or one of the marks: nobody has waited, the waiter was cancelled, ...
     std::atomic<Waiter*> waiting{nullptr};
 };
 

@@ -7,7 +7,7 @@
 
 namespace ovra::concurrent {
 
-// What a handle and a proxy do to a task, and what they find without one.
+// What a handle and a proxy do to a task, and what they return if it no longer exists.
 //
 // Private to the library.
 
@@ -37,7 +37,7 @@ inline void waitForCompletion(std::weak_ptr<SubmittedTask> const& task) {
     if (auto const live = task.lock()) {
         live->waitForEnd();
     } else {
-        // The worker has released the task: see all it did before.
+        // The worker has released the task. Makes all that it did before visible here.
         std::atomic_thread_fence(std::memory_order_acquire);
     }
 }

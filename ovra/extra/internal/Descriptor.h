@@ -21,7 +21,7 @@ public:
         Descriptor old(std::exchange(number, other.release()));
         return *this;
     }
-    /// Keeps `errno`: what has failed before is what counts.
+    /// Keeps `errno`, which may hold an earlier failure.
     ~Descriptor() {
         KeptErrno const kept;
         close();
@@ -31,10 +31,11 @@ public:
     int get() const { return number; }
     int release() { return std::exchange(number, -1); }
 
-    /// Whether nothing failed. The descriptor is gone in any case, also when a signal interrupts.
+    /// Whether nothing failed. The descriptor is closed in any case, also when a signal interrupts.
     bool close() { return !isOpen() || ::close(release()) == 0 || errno == EINTR; }
 
-    /// Writes all of it, however many calls that takes. Says why it failed in `errno`.
+    /// Writes all of `bytes`, however many calls that takes. A failure leaves its reason in
+    /// `errno`.
     bool write(std::string_view bytes) const {
         while (!bytes.empty()) {
             ssize_t const written = ::write(number, bytes.data(), bytes.size());
@@ -54,8 +55,8 @@ private:
     int number = -1;
 };
 
-/// Opens `path`, below `directory` unless it is absolute. Close-on-exec. Says why it failed in
-/// `errno`.
+/// Opens `path`, below `directory` unless it is absolute. Close-on-exec. A failure leaves its
+/// reason in `errno`.
 inline Descriptor openBelow(int directory, char const* path, int flags, mode_t mode = 0) {
     constexpr int MOST_INTERRUPTIONS = 100;
     int opened = -1;

@@ -11,14 +11,14 @@ namespace {
 
 std::atomic<std::uint32_t> forks{0};
 
-// In the child, before `fork` returns there.
+// Called in the child, before `fork` returns there.
 void countOne() {
     forks.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool registerHandler() {
     if (pthread_atfork(nullptr, nullptr, countOne) != 0) {
-        throw std::bad_alloc();  // Its one failure.
+        throw std::bad_alloc();  // Its only failure.
     }
     return true;
 }
@@ -26,7 +26,7 @@ bool registerHandler() {
 }  // namespace
 
 void countForks() {
-    // The C library drops the handler when this library is unloaded.
+    // The C library unregisters the handler when this library is unloaded.
     [[maybe_unused]] static bool const isRegistered = registerHandler();
 }
 

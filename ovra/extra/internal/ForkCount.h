@@ -9,7 +9,7 @@ void countForks();
 
 /// How many times `fork` has been called on the way from the first process to this one, modulo
 /// 2^32. The value differs between a process and its child, and so distinguishes an owner that
-/// exists from one whose thread was left behind in the parent.
+/// exists from one whose thread exists only in the parent.
 std::uint32_t forkCount() noexcept;
 
 }  // namespace ovra::extra

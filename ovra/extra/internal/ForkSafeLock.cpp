@@ -15,7 +15,7 @@ constexpr std::uint32_t OPEN = 0;
 constexpr std::uint32_t LOCKED = 1;
 constexpr std::uint32_t AWAITED = 2;  // Locked, and somebody may be waiting.
 
-// `how`, in this process.
+// The word for the state `how`, set by this process.
 std::uint32_t here(std::uint32_t how) noexcept {
     return forkCount() << 2 | how;
 }
@@ -35,7 +35,7 @@ void ForkSafeLock::lock() noexcept {
 
 void ForkSafeLock::lockSlowly(std::uint32_t seen) noexcept {
     KeptErrno const keptErrno;
-    // Whoever has waited cannot know whether others still do, so it locks as if they did.
+    // A thread that has waited cannot know whether others still wait, so it locks as if they did.
     for (;;) {
         if (seen == here(AWAITED)) {
             syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, seen, nullptr, nullptr, 0);

@@ -7,10 +7,10 @@ namespace ovra::extra {
 
 /// A lock that is open in a forked process, whichever thread held it in the parent at that moment.
 ///
-/// `fork` never waits for it. So what it guards may be found half changed by a child: it must be
-/// usable in every state on the way.
+/// `fork` never waits for the lock. So a child may find what the lock guards half changed: that
+/// must be usable in every intermediate state.
 ///
-/// Threads: a thread that waits sleeps. Not recursive.
+/// *Threads*: a thread that waits sleeps. Not recursive.
 class ForkSafeLock {
 public:
     /// May throw `std::bad_alloc`.
@@ -25,8 +25,8 @@ public:
 private:
     void lockSlowly(std::uint32_t seen) noexcept;
 
-    // How it stands, and the fork count of the process in which it was put so. Of another process
-    // it is open.
+    // The state, and the fork count of the process that set it. To a process with another count,
+    // the lock is open.
     std::atomic<std::uint32_t> word;
 };
 

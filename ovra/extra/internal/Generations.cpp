@@ -23,8 +23,9 @@ bool Generations::moveUp() {
     if (count == 0) {
         return ::unlink(path.c_str()) == 0;
     }
-    // Up to here names are taken. The oldest of all steps aside first, and goes when the log itself
-    // has been moved: the log is the one that may well refuse. One generation is just replaced.
+    // The first free name ends the search. The oldest file is moved aside first, and removed only
+    // when the log itself has been moved: moving the log is what may well fail. A single generation
+    // is just replaced.
     unsigned int free = 1;
     if (count > 1) {
         while (free <= count && exists(free)) {
@@ -33,7 +34,8 @@ bool Generations::moveUp() {
     }
     for (unsigned int to = free; to > 0; --to) {
         if (!move(to - 1, to)) {
-            // Back, as far as that goes: over none that cannot get back itself.
+            // Move back, as far as that works: no file may overwrite one that could not be moved
+            // back itself.
             unsigned int back = to;
             while (back < free && move(back + 1, back)) {
                 ++back;

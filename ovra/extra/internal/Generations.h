@@ -8,16 +8,16 @@ namespace ovra::extra {
 
 /// The older files of a log: of "x" these are "x.1", the youngest, to "x.N".
 ///
-/// Threads: not thread-safe. A file that was left out, such as by a process that was killed while
-/// it moved them, leaves a gap, which the next move fills.
+/// *Threads*: Not thread-safe. A process that is killed while it moves the files can leave a gap
+/// between them; the next move fills the gap.
 class Generations {
 public:
-    /// Keeps at most `count` of them. Takes all its memory here.
+    /// Keeps at most `count` older files. Allocates all its memory here.
     Generations(std::string path, unsigned int count);
 
-    /// Moves each up by one, and the log itself to "x.1", or removes it if none are kept. What
-    /// would be the last but one goes. Whether that was done; if not, all have the names that they
-    /// had, as far as the system lets them.
+    /// Moves each older file up by one, up to the first gap, and the log itself to "x.1". A file
+    /// that is then one too many is removed. If none are kept, removes the log. Returns whether
+    /// that was done; if not, all files have their old names again, as far as the system allows.
     bool moveUp();
 
 private:

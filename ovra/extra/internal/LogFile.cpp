@@ -13,7 +13,7 @@ namespace ovra::extra {
 
 namespace {
 
-// Calls until no signal comes in between.
+// Repeats the call until no signal interrupts it.
 template <typename Call>
 auto uninterrupted(Call call) {
     auto result = call();
@@ -36,11 +36,11 @@ bool isSame(struct stat const& first, struct stat const& second) {
 
 LogFile LogFile::open(char const* path) {
     struct stat status;
-    // Looked at first: to open a device may set it going.
+    // Checked first: opening a device may have effects of its own.
     if (::stat(path, &status) == 0 && !S_ISREG(status.st_mode)) {
         return LogFile();
     }
-    // Reading is for the look at the last line only, and so is done without.
+    // Reading serves only the look at the last line, so it may be refused.
     LogFile file;
     file.descriptor = openForAppending(path, O_RDWR);
     if (!file.isOpen() && errno == EACCES) {

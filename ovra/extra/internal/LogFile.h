@@ -10,33 +10,33 @@ namespace ovra::extra {
 
 /// A regular file that is open for appending lines, or none.
 ///
-/// Threads: Not thread-safe. At every moment, one at which the process is forked included, the
-/// descriptor of an open one stands for an open file.
+/// *Threads*: Not thread-safe. While it is open, its descriptor names an open file at every moment,
+/// also in a process that is forked at that moment.
 class LogFile {
 public:
     /// None.
     LogFile() = default;
 
     /// Opens the file at `path`, or makes it, with mode 0640 less the umask. None where that fails,
-    /// or where something else than a regular file is there; blocks on none.
+    /// or where something else than a regular file is there. Never blocks.
     static LogFile open(char const* path);
 
     bool isOpen() const { return descriptor.isOpen(); }
     /// Whether both are the same file.
     bool isSameAs(LogFile const& other) const;
-    /// Whether that is where the file is now.
+    /// Whether `path` names this file now.
     bool isAt(char const* path) const;
 
-    /// Asks for the size, and whether the file still has a name. Without an answer: the size as
-    /// known, and true.
+    /// Asks the system for the size, and returns whether the file still has a name. If the system
+    /// does not answer, keeps the known size and returns true.
     bool look();
-    /// As far as known: what the last look saw, and what has been appended here since.
+    /// The size as far as known: what the last look() saw, and what has been appended here since.
     std::uint64_t size() const { return knownSize; }
-    /// Whether the last line is without its newline.
+    /// Whether the last line lacks its newline.
     bool isTorn() const { return torn; }
 
-    /// Appends all of it with one call of the system, or goes on where that call came to less.
-    /// Whether all has been written. Changes `pieces`.
+    /// Appends all pieces with one call of the system, and continues if that call wrote less.
+    /// Returns whether all has been written. Changes `pieces`.
     bool append(iovec* pieces, int count);
     bool sync() const;
 

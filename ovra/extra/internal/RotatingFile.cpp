@@ -24,7 +24,7 @@ std::string directoryOf(std::string const& path) {
     return separator == std::string::npos ? "." : path.substr(0, separator + 1);
 }
 
-// In steps of some milliseconds, and cheap.
+// Advances in steps of some milliseconds, and is cheap.
 std::int64_t coarseTime() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -101,7 +101,7 @@ bool RotatingFile::append(std::string_view line) {
     }
     auto const before = static_cast<std::size_t>(end - buffer);
     if (before + line.size() < sizeof buffer) {
-        // A copy takes less time than pieces do in the system.
+        // Copying takes less time than a system call with several pieces.
         std::memcpy(end, line.data(), line.size());
         end[line.size()] = '\n';
         iovec whole = {buffer, before + line.size() + 1};
@@ -126,14 +126,13 @@ bool RotatingFile::reportLost() {
     return true;
 }
 
-// Sees to it that `length` bytes more fit under the cap. Where that cannot be done, the open file
-// is kept.
+// Makes `length` bytes more fit under the cap. Where that cannot be done, the open file is kept.
 //
-// To ask for the size costs half as much as to write a line. So the size is taken for what it was,
-// plus what was written here, until the clock moves on or a quarter of the space that was left is
-// used: others may write to the file, move it or empty it.
+// Asking for the size costs half as much as writing a line. So the last size, plus what was written
+// here, is trusted until the clock moves on or a quarter of the space that was left is used. Then
+// the system is asked again, because others may write to the file, move it or empty it.
 void RotatingFile::makeRoom(std::size_t length) {
-    constexpr int MOST_FILES = 8;  // That others fill and move away meanwhile.
+    constexpr int MOST_FILES = 8;  // As many as others may fill and move away meanwhile.
     std::int64_t const now = coarseTime();
     if (now == lookedAt && file.size() + length <= trustedSize) {
         return;
@@ -155,10 +154,9 @@ void RotatingFile::makeRoom(std::size_t length) {
     }
 }
 
-// Whether `file` is another file now.
+// Returns whether `file` is another file now.
 bool RotatingFile::moveAway() {
-    // A file of its own to lock: the open one may be shared with a forked process, and its lock
-    // too.
+    // A descriptor of its own to lock: a forked process may share the open one, and its lock.
     LogFile named = LogFile::open(path.c_str());
     if (!named.isOpen()) {
         return false;
@@ -169,10 +167,10 @@ bool RotatingFile::moveAway() {
         return true;
     }
     if (!named.tryLock()) {
-        return false;  // Another process is about to.
+        return false;  // Another process is about to move it.
     }
     bool const isMoved = !named.isAt(path.c_str()) || generations.moveUp();
-    named.unlock();  // By itself a lock would last as long as a forked process has the file.
+    named.unlock();  // Otherwise the lock would last as long as a forked process has the file open.
     return isMoved && open();
 }
 

@@ -15,10 +15,10 @@
 
 namespace ovra::extra {
 
-/// What stands behind `RotatingFileLogHandler`, which see.
+/// The work behind `RotatingFileLogHandler`.
 ///
-/// A process that is forked finds the lock open, whatever another thread was doing, and so every
-/// member is usable at each moment in between.
+/// A forked process finds the lock open, whatever another thread was doing. So every member must be
+/// usable at each moment in between.
 class RotatingFile {
 public:
     RotatingFile(std::string path, RotatingFileOptions const& options);
@@ -50,7 +50,7 @@ private:
     bool entryIsSynced = false;
     std::uint64_t lost = 0;
     std::uint64_t lostUnreported = 0;
-    // Until this time, and up to this size, the file is taken for what it was at the last look.
+    // Until this time, and up to this size, the size of the last look is trusted.
     std::int64_t lookedAt = -1;
     std::uint64_t trustedSize = 0;
 };

@@ -35,7 +35,7 @@ void writeTimeStamp(char* text, std::int64_t seconds, unsigned int milliseconds)
     auto const sinceEpoch = static_cast<std::uint64_t>(seconds);
     auto const second = static_cast<unsigned int>(sinceEpoch % DAY);
 
-    // Years begin in March here, so that the day that some of them lack is their last.
+    // Years begin in March here, so that the leap day is the last day of its year.
     unsigned int const days = static_cast<unsigned int>(sinceEpoch / DAY) + DAYS_BEFORE_1970;
     unsigned int const day = days % DAYS_OF_400_YEARS;
     unsigned int const year = (day - day / (DAYS_OF_4_YEARS - 1) + day / DAYS_OF_100_YEARS -

@@ -13,9 +13,9 @@ inline constexpr std::size_t TIME_STAMP_LENGTH = 25;
 /// of 1970. Years from 1970 to 9999. Takes no lock, unlike the C library's functions for this.
 void writeTimeStamp(char* text, std::int64_t seconds, unsigned int milliseconds) noexcept;
 
-/// Writes stamps one after the other, and so mostly changes only the last digits of the one before.
+/// Writes stamps one after the other, and mostly changes only the last digits of the stamp before.
 ///
-/// Threads: Not thread-safe. Usable in a forked process, whatever another thread was doing.
+/// *Threads*: Not thread-safe. Usable in a forked process, whatever another thread was doing.
 class TimeStamps {
 public:
     /// As `writeTimeStamp`.
@@ -23,7 +23,7 @@ public:
 
 private:
     char text[TIME_STAMP_LENGTH] = {};
-    std::atomic<std::uint32_t> second{0};  // Of `text`, modulo 2^32. 0: there is none, or of 1970.
+    std::atomic<std::uint32_t> second{0};  // Of `text`, modulo 2^32. 0: none yet, or in 1970.
 };
 
 }  // namespace ovra::extra

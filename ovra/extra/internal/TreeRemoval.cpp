@@ -16,7 +16,7 @@ constexpr std::size_t ALWAYS_OPEN = 2;     // The parent of the root, and the ro
 constexpr std::size_t INNERMOST_OPEN = 8;  // With these and one that is being opened: 11.
 constexpr int MOST_SCANS = 10;             // Of one directory, while others add entries to it.
 
-// A scan comes by only once, so all that may turn out to be a directory counts as one.
+// Each entry is scanned only once, so all that may turn out to be a directory counts as one.
 bool mayBeDirectory(unsigned char type) {
     return type == DT_DIR || type == DT_UNKNOWN;
 }
@@ -82,9 +82,9 @@ Outcome TreeRemoval::run() {
     }
 }
 
-// Why the directory whose turn it is cannot be entered, or is not to be: ENOENT if it is gone. 0 if
-// it is open. To remove it at once is worth a try: that succeeds if it is empty, and says if
-// something is mounted on it.
+// Opens the directory whose turn it is. Returns 0 if it is open, otherwise why it cannot or must
+// not be entered: ENOENT if it no longer exists. First tries to remove it: that succeeds if it is
+// empty, and shows whether something is mounted on it.
 int TreeRemoval::open(Level& level) const {
     Level const& parent = levels.back();
     bool const isRoot = levels.size() == 1;
@@ -126,14 +126,14 @@ void TreeRemoval::enter() {
     }
     Level& parent = levels.back();
     if (error == ENOTDIR) {
-        removeOther(parent.current());  // A directory again by now: the next scan finds it.
+        removeOther(parent.current());  // A directory again? The next scan finds it.
     } else if (error != ENOENT) {
         fail(error);
     }
     parent.dropCurrent();
 }
 
-// Removes what is no directory from the innermost level, and takes down the names of the rest.
+// Removes what is no directory from the innermost level, and keeps the names of the rest.
 void TreeRemoval::scan() {
     Level& level = levels.back();
     ++level.scans;
@@ -176,7 +176,7 @@ void TreeRemoval::leave() {
         if (isNotEmpty(error) && !level.hasFailed) {
             bool const isStillThere =
                 openAgain(parent.directory, parent.current(), level.identity).isOpen();
-            // Others have put entries into it, or the file system left some out of the scan.
+            // Others have added entries, or the file system left some out of the scan.
             if (isStillThere && level.scans < MOST_SCANS &&
                 ::lseek(level.directory.get(), 0, SEEK_SET) == 0) {
                 scan();
@@ -206,15 +206,15 @@ bool TreeRemoval::removeOther(char const* name) {
     return true;
 }
 
-// Opens a level that was closed. False if it is no longer in the tree: then so is nothing below it,
-// and the innermost level that still is in the tree is the last one.
+// Opens a level that was closed. False if it is no longer in the tree, and so nothing below it is;
+// the innermost level that is still in the tree is then the last one.
 bool TreeRemoval::reopen(std::size_t index) {
     Level& level = levels[index];
     level.directory = openAgain(levels[index + 1].directory, "..", level.identity);
     if (level.directory.isOpen()) {
         return true;
     }
-    // Something has been moved. Down again, by names, from the root.
+    // Something has been moved: go down again, by names, from the root.
     for (std::size_t i = ALWAYS_OPEN; i <= index; ++i) {
         Level& above = levels[i - 1];
         levels[i].directory = openAgain(above.directory, above.current(), levels[i].identity);

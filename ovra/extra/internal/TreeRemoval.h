@@ -13,11 +13,11 @@ namespace ovra::extra {
 
 /// Removes one directory with all that is in it: the work behind removeTree().
 ///
-/// Each directory is scanned once, by one buffer for all of them: what is no directory goes at
-/// once, the names of directories are kept and entered one after the other. No position in a
-/// directory has to be kept, so only the innermost levels stay open. The way back up to a level
-/// that was closed is
-/// "..", and counts only if it leads to the very directory that was closed.
+/// Each directory is scanned once, through one buffer for all of them. What is no directory is
+/// removed at once; the names of directories are kept, and those are entered one after the other.
+/// No position in a directory has to be kept, so only the innermost levels stay open. A level that
+/// was closed is opened again through "..", and only if that leads to the very directory that was
+/// closed.
 class TreeRemoval {
 public:
     /// `name` is a directory in `parent`.
@@ -27,8 +27,8 @@ public:
     Outcome run();
 
 private:
-    /// Two are equal only for one and the same directory. The time of birth tells a directory from
-    /// an earlier one with the same number.
+    /// Two are equal only for one and the same directory. The time of birth distinguishes a
+    /// directory from an earlier one with the same number.
     struct Identity {
         std::uint64_t device = 0;
         std::uint64_t number = 0;
@@ -43,7 +43,8 @@ private:
     struct Level {
         Descriptor directory;
         Identity identity;
-        /// Names of directories still to be removed, each ended by a NUL. The last is at work.
+        /// Names of directories still to be removed, each ended by a NUL. The last one is being
+        /// removed.
         std::string waiting;
         int scans = 0;
         bool hasFailed = false;  ///< Something in it, or below, stays.

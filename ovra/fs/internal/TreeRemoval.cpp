@@ -37,7 +37,7 @@ bool isOpen(struct stat const& status, OpenDirectory const* innermost) {
     return false;
 }
 
-// `path` leads to `directory`. It comes back as it was.
+// `path` leads to `directory`, and is restored before this returns.
 void removeEntries(std::string& path, OpenDirectory const* directory) {
     std::unique_ptr<DIR, StreamCloser> const stream(::opendir(path.c_str()));
     if (stream == nullptr) {
@@ -50,7 +50,8 @@ void removeEntries(std::string& path, OpenDirectory const* directory) {
         if (pathSize + 1 + std::strlen(name) >= PATH_MAX) {
             continue;  // No path can name it.
         }
-        // The one query: d_type neither follows links nor distinguishes directories, and is older.
+        // The only query: d_type neither follows links nor identifies a directory, and may be out
+        // of date.
         struct stat status;
         if (::fstatat(descriptor, name, &status, 0) != 0) {
             continue;

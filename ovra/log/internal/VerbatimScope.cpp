@@ -4,10 +4,10 @@ namespace ovra::log {
 
 namespace {
 
-// In the block that a thread has from its start. By the model that a shared object gets otherwise,
-// the first look on a thread allocates, and ends the process when memory is short. Of the bytes
-// that the C library sets aside for libraries loaded later, this takes one, which `dlclose`
-// returns.
+// In the block of thread-local data that a thread has from its start (the initial-exec model). By
+// the model that a shared object gets otherwise, the first access on a thread allocates, and ends
+// the process if memory is short. The C library reserves some bytes for libraries loaded later;
+// this takes one of them, which `dlclose` returns.
 __attribute__((tls_model("initial-exec"))) thread_local bool verbatim = false;
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 namespace ovra::log {
 
-/// Says for the calling thread, while it lives, whether a line is text to the system log or, as
-/// usual, its format. Scopes nest: the innermost counts.
+/// While it exists: sets for the calling thread whether the system log takes a line as text or, as
+/// usual, as a format. Scopes nest: the innermost counts.
 class VerbatimScope {
 public:
     explicit VerbatimScope(bool isText);
