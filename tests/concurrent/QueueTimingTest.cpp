@@ -157,6 +157,22 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNever
     EXPECT_TRUE(watched.expired());
 }
 
+TEST_F(QueueTimingTest, StrategyIsNotAskedOnAClosedQueueThatHoldsATask) {
+    class Counting : public TaskRankingStrategy {
+    public:
+        void updateRank(SubmittedTask*) override { ++updates; }
+        int updates = 0;
+    };
+    auto const strategy = std::make_shared<Counting>();
+    SubmittedTasksQueue queue(strategy);
+    addWhileClosing(queue, submission());
+    ASSERT_FALSE(queue.isEmpty());
+
+    EXPECT_EQ(queue.getNextTask(), nullptr);
+
+    EXPECT_EQ(strategy->updates, 0);
+}
+
 TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedOutlivesTheQueue) {
     auto queue = makeQueue<TypeParam>();
     auto const task = submission(succeed(), HIGHEST);

@@ -132,7 +132,19 @@ TEST_F(WalkTest, TellsTheSizes) {
     EXPECT_TRUE(walk.isComplete());
 }
 
-using InterruptTest = BoundedTest;
+// A script in the background lets its programs ignore SIGINT, and this one inherits that.
+class InterruptTest : public BoundedTest {
+protected:
+    InterruptTest() {
+        struct sigaction byDefault = {};
+        byDefault.sa_handler = SIG_DFL;
+        EXPECT_EQ(sigaction(SIGINT, &byDefault, &before), 0);
+    }
+    ~InterruptTest() override { sigaction(SIGINT, &before, nullptr); }
+
+private:
+    struct sigaction before = {};
+};
 
 TEST_F(InterruptTest, SignalCallsTheAction) {
     Interrupt interrupt;
@@ -142,6 +154,14 @@ TEST_F(InterruptTest, SignalCallsTheAction) {
     kill(getpid(), SIGINT);
     called.wait();
     EXPECT_TRUE(interrupt.requested());
+}
+
+TEST_F(InterruptTest, IgnoredSignalIsLeftAlone) {
+    signal(SIGINT, SIG_IGN);
+    Interrupt interrupt;
+    sigset_t blocked;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &blocked), 0);
+    EXPECT_EQ(sigismember(&blocked, SIGINT), 0);
 }
 
 TEST_F(InterruptTest, ActionThatComesTooLateIsCalledAtOnce) {
