@@ -53,10 +53,10 @@ public:
 private:
     using Work = SubmittedTask::LambdaFunctionTask;
 
-    // With what `std::shared_ptr` counts by: a table, two counters, and an allocator.
+    // With what `std::shared_ptr` counts by: a table, two counters, an allocator, and padding.
     template <typename Part>
     static constexpr std::size_t sizeOf() {
-        return 2 * sizeof(void*) + 2 * sizeof(int) + sizeof(Part);
+        return 24 + sizeof(Part);
     }
     template <typename Part>
     static constexpr std::size_t offsetOf() {
