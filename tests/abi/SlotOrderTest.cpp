@@ -8,7 +8,7 @@
 
 #include <ovra/ovra.h>
 
-#include "tests/support/VirtualTable.h"
+#include <tests/support/VirtualTable.h>
 
 namespace ovra {
 

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "tests/abi/Consumer.h"
+#include <tests/abi/Consumer.h>
 
 namespace ovra::abi::test {
 

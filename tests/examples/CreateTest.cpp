@@ -3,9 +3,9 @@
 
 #include <signal.h>
 
-#include "tests/examples/Process.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
+#include <tests/examples/Process.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
 
 namespace {
 

@@ -4,16 +4,16 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "examples/manifest/Interrupt.h"
-#include "examples/manifest/ManifestFile.h"
-#include "examples/manifest/ManifestLine.h"
-#include "examples/manifest/Messages.h"
-#include "examples/manifest/Quote.h"
-#include "examples/manifest/Sha256.h"
-#include "examples/manifest/Walk.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
-#include "tests/support/Gate.h"
+#include <examples/manifest/Interrupt.h>
+#include <examples/manifest/ManifestFile.h>
+#include <examples/manifest/ManifestLine.h>
+#include <examples/manifest/Messages.h>
+#include <examples/manifest/Quote.h>
+#include <examples/manifest/Sha256.h>
+#include <examples/manifest/Walk.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/Gate.h>
 
 namespace {
 

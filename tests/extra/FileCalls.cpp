@@ -1,4 +1,4 @@
-#include "FileCalls.h"
+#include <tests/extra/FileCalls.h>
 
 #include <fcntl.h>
 #include <sys/file.h>

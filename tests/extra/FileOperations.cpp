@@ -12,8 +12,8 @@
 #include <ovra/extra.h>
 #include <ovra/fs/FilePath.h>
 
-#include "../faults/Sweep.h"
-#include "Operations.h"
+#include <tests/extra/Operations.h>
+#include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 

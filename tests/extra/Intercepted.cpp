@@ -1,4 +1,4 @@
-#include "Intercepted.h"
+#include <tests/extra/Intercepted.h>
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+#include <ovra/extra/LogEvery.h>
+
 #include <time.h>
 
 #include <atomic>
@@ -10,7 +12,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <ovra/extra/LogEvery.h>
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>

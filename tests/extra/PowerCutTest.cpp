@@ -16,7 +16,7 @@
 #include <ovra/extra/ReplaceFile.h>
 #include <tests/fs/TemporaryDirectory.h>
 
-#include "Intercepted.h"
+#include <tests/extra/Intercepted.h>
 
 namespace ovra::extra {
 

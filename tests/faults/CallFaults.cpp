@@ -1,4 +1,4 @@
-#include "CallFaults.h"
+#include <tests/faults/CallFaults.h>
 
 #include <dirent.h>
 #include <pthread.h>
@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "Interposed.h"
+#include <tests/faults/Interposed.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OVRA_SANITIZER_OWNS_MALLOC 1

@@ -9,7 +9,7 @@
 
 #include <cstdarg>
 
-#include "Interposed.h"
+#include <tests/faults/Interposed.h>
 
 using namespace ovra::faults;
 

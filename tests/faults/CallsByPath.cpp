@@ -10,7 +10,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "Interposed.h"
+#include <tests/faults/Interposed.h>
 
 using namespace ovra::faults;
 

@@ -1,4 +1,4 @@
-#include "FileOperations.h"
+#include <tests/faults/FileOperations.h>
 
 #include <istream>
 #include <memory>

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 
+#include <tests/faults/CallFaults.h>
 #include <tests/support/NextFunction.h>
-#include "CallFaults.h"
 
 // What the definitions that stand in for the C library's have in common.
 

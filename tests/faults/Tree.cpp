@@ -1,4 +1,4 @@
-#include "Tree.h"
+#include <tests/faults/Tree.h>
 
 #include <dirent.h>
 #include <fcntl.h>

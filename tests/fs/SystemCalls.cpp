@@ -1,4 +1,4 @@
-#include "SystemCalls.h"
+#include <tests/fs/SystemCalls.h>
 
 #include <dirent.h>
 #include <sys/types.h>

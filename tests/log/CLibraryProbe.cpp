@@ -1,4 +1,4 @@
-#include "tests/log/CLibraryProbe.h"
+#include <tests/log/CLibraryProbe.h>
 
 #include <malloc.h>
 #include <pthread.h>

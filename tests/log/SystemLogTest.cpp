@@ -25,7 +25,7 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/LogTestSupport.h"
+#include <tests/log/LogTestSupport.h>
 
 namespace ovra::log {
 

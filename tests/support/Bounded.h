@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Deadline.h"
+#include <tests/support/Deadline.h>
 
 namespace ovra::test {
 
