@@ -190,7 +190,7 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedOutlivesTheQue
         calls.install();
         task->setPriority(LOW);
     }
-    EXPECT_EQ(locks, 0) << "there is no queue to tell";
+    EXPECT_EQ(locks, 0) << "there is no queue to notify";
     EXPECT_EQ(task->getRank(), 1u);
 }
 

@@ -49,7 +49,7 @@ TEST_F(SubmittedTaskProxyTest, ReadsTheLiveTask) {
     EXPECT_EQ(proxy->getResult(), Executable::FAILURE);
 }
 
-TEST_F(SubmittedTaskProxyTest, AnswersForATaskThatIsGone) {
+TEST_F(SubmittedTaskProxyTest, AnswersForADestroyedTask) {
     auto task = submission();
     auto const proxy = SubmittedTask::provideProxy(task);
     task.reset();
@@ -61,7 +61,7 @@ TEST_F(SubmittedTaskProxyTest, AnswersForATaskThatIsGone) {
     proxy->waitForCompletion();
 }
 
-TEST_F(SubmittedTaskProxyTest, OfNoTaskAnswersAsForOneThatIsGone) {
+TEST_F(SubmittedTaskProxyTest, OfNoTaskAnswersAsForADestroyedOne) {
     auto const proxy = SubmittedTask::provideProxy({});
 
     EXPECT_EQ(proxy->getState(), Executable::DONE);

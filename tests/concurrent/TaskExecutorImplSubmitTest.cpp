@@ -205,7 +205,7 @@ TEST_F(TaskExecutorImplSubmitTest, WhatAClosedQueueRefusesWasASubmission) {
                             "task."));
 }
 
-TEST_F(TaskExecutorImplSubmitTest, QueuesASubmissionOfTheHosts) {
+TEST_F(TaskExecutorImplSubmitTest, QueuesASubmissionOfTheCaller) {
     auto const executor = makeExecutor(0);
     auto const task = submission();
 

@@ -141,7 +141,7 @@ TEST_F(TaskExecutorImplTest, SharesItsQueue) {
     EXPECT_EQ(queue.use_count(), 1);
 }
 
-TEST_F(TaskExecutorImplTest, WorkersDoNotKeepTheQueueOnceTheExecutorIsGone) {
+TEST_F(TaskExecutorImplTest, WorkersDoNotKeepTheQueueOnceTheExecutorIsDestroyed) {
     std::weak_ptr<SubmittedTasksQueue> const watched = queue;
     auto executor = makeExecutor(3);
     queue.reset();

@@ -135,25 +135,25 @@ TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskIsHeldByAWorkerThatFetchesNoMore
     EXPECT_EQ(task.use_count(), 1);
 }
 
-// Stops the worker while it settles a cancelled task.
-class SettlingTask : public SubmittedTask {
+// Stops the worker while it ends a cancelled task.
+class EndingTask : public SubmittedTask {
 public:
-    SettlingTask() : SubmittedTask(succeed(), NORMAL, Callback(), "settling") {}
+    EndingTask() : SubmittedTask(succeed(), NORMAL, Callback(), "ending") {}
     void setResult(Executable::Result newResult) override {
-        ++settled;
+        ++ended;
         SubmittedTask::setResult(newResult);
         entered.open();
         release.wait();
     }
-    std::atomic<int> settled{0};
+    std::atomic<int> ended{0};
     test::Gate entered;
     test::Gate release;
 };
 
-TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskIsReleasedWhenTheQueueIsGone) {
+TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskIsReleasedWhenTheQueueIsDestroyed) {
     test::LogRecorder recorder;
-    auto task = std::make_shared<SettlingTask>();
-    std::weak_ptr<SettlingTask> const watched = task;
+    auto task = std::make_shared<EndingTask>();
+    std::weak_ptr<EndingTask> const watched = task;
     auto* const raw = task.get();
     auto const handle = queue->addTask(task);
     auto future = task->getFuture();
@@ -176,8 +176,8 @@ TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskIsReleasedWhenTheQueueIsGone) {
     worker.reset();
 }
 
-TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskIsSettledOnceWhenTheQueueIsGone) {
-    auto const task = std::make_shared<SettlingTask>();
+TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskEndsOnceWhenTheQueueIsDestroyed) {
+    auto const task = std::make_shared<EndingTask>();
     queue->addTask(task)->cancel();
     start();
     task->entered.wait();
@@ -186,7 +186,7 @@ TEST_F(TaskExecutorWorkerCancelTest, SkippedTaskIsSettledOnceWhenTheQueueIsGone)
 
     test::yieldUntil([&task] { return task.use_count() == 1; });
 
-    EXPECT_EQ(task->settled, 1);
+    EXPECT_EQ(task->ended, 1);
 }
 
 TEST_F(TaskExecutorWorkerCancelTest, WithoutAQueueWaitsToBeTerminated) {

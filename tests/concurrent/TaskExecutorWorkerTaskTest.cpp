@@ -193,7 +193,7 @@ TEST_F(TaskExecutorWorkerTaskTest, RepeatingWorkKeepsTheWorkerFromMoreUrgentTask
     EXPECT_THAT(order, ElementsAre("repeating", "repeating", "repeating", "repeating", "urgent"));
 }
 
-TEST_F(TaskExecutorWorkerTaskTest, LetsTheTaskGoBeforeItFetchesTheNext) {
+TEST_F(TaskExecutorWorkerTaskTest, ReleasesTheTaskBeforeItFetchesTheNext) {
     std::atomic<bool> nextWasQueued{false};
     auto* const raw = queue.get();
     add([end = test::atEnd([&nextWasQueued, raw] { nextWasQueued = !raw->isEmpty(); })] {
@@ -206,7 +206,7 @@ TEST_F(TaskExecutorWorkerTaskTest, LetsTheTaskGoBeforeItFetchesTheNext) {
     EXPECT_TRUE(nextWasQueued);
 }
 
-TEST_F(TaskExecutorWorkerTaskTest, LetsTheTaskGoWithoutWaitingForAnother) {
+TEST_F(TaskExecutorWorkerTaskTest, ReleasesTheTaskWithoutWaitingForAnother) {
     auto task = submission();
     std::weak_ptr<SubmittedTask> const watched = task;
     queue->addTask(std::move(task));
@@ -232,7 +232,7 @@ TEST_F(TaskExecutorWorkerTaskTest, WhatTheWorkDidIsSeenAfterTheWait) {
             handle = queue->addTask(std::move(task));
         }
         if (round % 2 == 0) {
-            // The wait then finds the task gone.
+            // The wait then finds the task destroyed.
             test::yieldUntil([&watched] { return watched.expired(); });
         }
         handle->waitForCompletion();

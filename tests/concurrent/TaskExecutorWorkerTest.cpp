@@ -180,7 +180,7 @@ TEST_F(TaskExecutorWorkerTest, DestructionTerminates) {
     EXPECT_EQ(recorder.lines().size(), 1u);
 }
 
-TEST_F(TaskExecutorWorkerTest, RunCanBeCalledOnAThreadOfTheHost) {
+TEST_F(TaskExecutorWorkerTest, RunCanBeCalledOnAThreadOfTheApplication) {
     test::LogRecorder recorder;
     TaskExecutorWorker idle(queue);
     bool ran = false;

@@ -15,7 +15,7 @@
 #include <tests/support/Bounded.h>
 #include <tests/support/NextFunction.h>
 
-// The runtime of a sanitizer makes some of these calls before it can be told of accesses.
+// The runtime of a sanitizer makes some of these calls before it can record accesses.
 #define UNWATCHED __attribute__((no_sanitize("thread"), no_sanitize("address")))
 #define INTERPOSED extern "C" __attribute__((visibility("default"))) UNWATCHED
 

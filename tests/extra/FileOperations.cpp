@@ -173,7 +173,7 @@ std::vector<Operation> others() {
          false,
          {},
          true},
-        // What cannot be seen, read or removed stays. What is said to be gone is no failure.
+        // What cannot be seen, read or removed stays. What is reported as removed is no failure.
         {"removeTree",
          "DONE gone",
          {any(Call::NEW, "std::bad_alloc|NO_MEMORY there", PARTLY),

@@ -173,7 +173,7 @@ std::size_t heapInUse() {
 
 std::size_t openDescriptors() {
     std::filesystem::directory_iterator const descriptors("/proc/self/fd");
-    // The walk itself holds one.
+    // The scan itself holds one.
     return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors))) - 1;
 }
 
