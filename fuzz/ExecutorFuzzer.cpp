@@ -15,8 +15,8 @@
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 
-#include "ByteSource.h"
-#include "Fuzzer.h"
+#include <fuzz/ByteSource.h>
+#include <fuzz/Fuzzer.h>
 
 namespace ovra::concurrent {
 namespace {

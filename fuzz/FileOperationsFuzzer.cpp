@@ -23,9 +23,9 @@
 #include <tests/fs/FilePathModel.h>
 #include <tests/fs/TemporaryDirectory.h>
 
-#include "ByteSource.h"
-#include "FileTree.h"
-#include "Fuzzer.h"
+#include <fuzz/ByteSource.h>
+#include <fuzz/FileTree.h>
+#include <fuzz/Fuzzer.h>
 
 namespace ovra::fs {
 namespace {

@@ -1,4 +1,4 @@
-#include "FileTree.h"
+#include <fuzz/FileTree.h>
 
 #include <sstream>
 #include <utility>

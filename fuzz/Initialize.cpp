@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "Fuzzer.h"
+#include <fuzz/Fuzzer.h>
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <ovra/log/LogHandlers.h>
 #include <tests/log/LogTestSupport.h>
 
-#include "Fuzzer.h"
+#include <fuzz/Fuzzer.h>
 
 namespace {
 

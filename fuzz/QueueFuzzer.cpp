@@ -2,8 +2,8 @@
 
 #include <tests/concurrent/QueueTrace.h>
 
-#include "ByteSource.h"
-#include "Fuzzer.h"
+#include <fuzz/ByteSource.h>
+#include <fuzz/Fuzzer.h>
 
 namespace ovra::concurrent::model {
 namespace {

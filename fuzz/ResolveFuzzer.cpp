@@ -6,7 +6,7 @@
 #include <ovra/fs/FilePath.h>
 #include <tests/fs/FilePathModel.h>
 
-#include "Fuzzer.h"
+#include <fuzz/Fuzzer.h>
 
 namespace ovra::fs {
 namespace {

@@ -16,7 +16,7 @@
 #include <ovra/log/LogHandlers.h>
 #include <tests/log/LogTestSupport.h>
 
-#include "Fuzzer.h"
+#include <fuzz/Fuzzer.h>
 
 namespace {
 

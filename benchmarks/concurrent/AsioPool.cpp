@@ -1,7 +1,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 
-#include "benchmarks/concurrent/PoolRuns.h"
+#include <benchmarks/concurrent/PoolRuns.h>
 
 namespace ovra::bench {
 

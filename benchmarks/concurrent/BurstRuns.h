@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks/concurrent/ClosedGate.h"
-#include "benchmarks/concurrent/Tasks.h"
-#include "benchmarks/support/Affinity.h"
-#include "benchmarks/support/Clock.h"
-#include "benchmarks/support/HeapUse.h"
-#include "benchmarks/support/Usage.h"
+#include <benchmarks/concurrent/ClosedGate.h>
+#include <benchmarks/concurrent/Tasks.h>
+#include <benchmarks/support/Affinity.h>
+#include <benchmarks/support/Clock.h>
+#include <benchmarks/support/HeapUse.h>
+#include <benchmarks/support/Usage.h>
 
 namespace ovra::bench {
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks/concurrent/ClosedGate.h"
-#include "benchmarks/concurrent/Tasks.h"
-#include "benchmarks/support/Clock.h"
+#include <benchmarks/concurrent/ClosedGate.h>
+#include <benchmarks/concurrent/Tasks.h>
+#include <benchmarks/support/Clock.h>
 
 namespace ovra::bench {
 

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "benchmarks/concurrent/Gate.h"
-#include "benchmarks/concurrent/Job.h"
+#include <benchmarks/concurrent/Gate.h>
+#include <benchmarks/concurrent/Job.h>
 
 namespace ovra::bench {
 

@@ -7,13 +7,13 @@
 #include <thread>
 #include <vector>
 
-#include "benchmarks/concurrent/ClosedGate.h"
-#include "benchmarks/concurrent/Tasks.h"
-#include "benchmarks/support/Affinity.h"
-#include "benchmarks/support/Clock.h"
-#include "benchmarks/support/Quantiles.h"
-#include "benchmarks/support/Spin.h"
-#include "benchmarks/support/Usage.h"
+#include <benchmarks/concurrent/ClosedGate.h>
+#include <benchmarks/concurrent/Tasks.h>
+#include <benchmarks/support/Affinity.h>
+#include <benchmarks/support/Clock.h>
+#include <benchmarks/support/Quantiles.h>
+#include <benchmarks/support/Spin.h>
+#include <benchmarks/support/Usage.h>
 
 namespace ovra::bench {
 

@@ -1,6 +1,6 @@
 #include <glib.h>
 
-#include "benchmarks/concurrent/PoolRuns.h"
+#include <benchmarks/concurrent/PoolRuns.h>
 
 namespace ovra::bench {
 

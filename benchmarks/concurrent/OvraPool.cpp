@@ -4,7 +4,7 @@
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
 
-#include "benchmarks/concurrent/PoolRuns.h"
+#include <benchmarks/concurrent/PoolRuns.h>
 
 namespace ovra::bench {
 

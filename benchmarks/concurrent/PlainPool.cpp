@@ -4,7 +4,7 @@
 #include <queue>
 #include <thread>
 
-#include "benchmarks/concurrent/PoolRuns.h"
+#include <benchmarks/concurrent/PoolRuns.h>
 
 namespace ovra::bench {
 

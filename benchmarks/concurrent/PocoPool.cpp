@@ -4,7 +4,7 @@
 #include <Poco/Notification.h>
 #include <Poco/PriorityNotificationQueue.h>
 
-#include "benchmarks/concurrent/PoolRuns.h"
+#include <benchmarks/concurrent/PoolRuns.h>
 
 namespace ovra::bench {
 

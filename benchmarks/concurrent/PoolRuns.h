@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "benchmarks/concurrent/BurstRuns.h"
-#include "benchmarks/concurrent/ChangeRuns.h"
-#include "benchmarks/concurrent/FlowRuns.h"
+#include <benchmarks/concurrent/BurstRuns.h>
+#include <benchmarks/concurrent/ChangeRuns.h>
+#include <benchmarks/concurrent/FlowRuns.h>
 
 namespace ovra::bench {
 

@@ -1,7 +1,7 @@
 #include <QtCore/QRunnable>
 #include <QtCore/QThreadPool>
 
-#include "benchmarks/concurrent/PoolRuns.h"
+#include <benchmarks/concurrent/PoolRuns.h>
 
 namespace ovra::bench {
 

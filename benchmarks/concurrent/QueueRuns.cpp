@@ -9,8 +9,8 @@
 #include <ovra/concurrent/TaskHandle.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
 
-#include "benchmarks/support/Clock.h"
-#include "benchmarks/support/Run.h"
+#include <benchmarks/support/Clock.h>
+#include <benchmarks/support/Run.h>
 
 namespace ovra::bench {
 

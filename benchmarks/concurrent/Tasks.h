@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "benchmarks/concurrent/Job.h"
-#include "benchmarks/support/Run.h"
+#include <benchmarks/concurrent/Job.h>
+#include <benchmarks/support/Run.h>
 
 namespace ovra::bench {
 

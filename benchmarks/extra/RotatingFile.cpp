@@ -1,11 +1,11 @@
 // A line to RotatingFileLogHandler, next to the bare write of the same bytes.
 
+#include <benchmarks/extra/RotatingFile.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
-
-#include "RotatingFile.h"
 
 namespace ovra::bench {
 

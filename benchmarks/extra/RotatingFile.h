@@ -4,7 +4,7 @@
 
 #include <ovra/extra.h>
 
-#include "benchmarks/support/TemporaryDirectory.h"
+#include <benchmarks/support/TemporaryDirectory.h>
 
 namespace ovra::bench {
 

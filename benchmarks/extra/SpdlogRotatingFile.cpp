@@ -6,7 +6,7 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
-#include "RotatingFile.h"
+#include <benchmarks/extra/RotatingFile.h>
 
 namespace ovra::bench {
 

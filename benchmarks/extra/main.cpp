@@ -2,7 +2,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "tests/support/Contained.h"
+#include <tests/support/Contained.h>
 
 // Trees are removed here: only what this process has made may be within reach.
 int main(int count, char** arguments) {

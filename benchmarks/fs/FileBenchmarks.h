@@ -8,9 +8,9 @@
 
 #include <benchmark/benchmark.h>
 
-#include "benchmarks/support/AddBenchmark.h"
-#include "benchmarks/support/Clock.h"
-#include "benchmarks/support/TemporaryDirectory.h"
+#include <benchmarks/support/AddBenchmark.h>
+#include <benchmarks/support/Clock.h>
+#include <benchmarks/support/TemporaryDirectory.h>
 
 namespace ovra::bench {
 

@@ -1,7 +1,7 @@
 #include <ovra/fs/FileHandle.h>
 #include <ovra/fs/FilePath.h>
 
-#include "benchmarks/fs/FileBenchmarks.h"
+#include <benchmarks/fs/FileBenchmarks.h>
 
 namespace ovra::bench {
 

@@ -1,7 +1,7 @@
 #include <Poco/File.h>
 #include <Poco/Path.h>
 
-#include "benchmarks/fs/FileBenchmarks.h"
+#include <benchmarks/fs/FileBenchmarks.h>
 
 namespace ovra::bench {
 

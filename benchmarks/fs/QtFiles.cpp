@@ -2,7 +2,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 
-#include "benchmarks/fs/FileBenchmarks.h"
+#include <benchmarks/fs/FileBenchmarks.h>
 
 namespace ovra::bench {
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "benchmarks/fs/FileBenchmarks.h"
+#include <benchmarks/fs/FileBenchmarks.h>
 
 namespace ovra::bench {
 

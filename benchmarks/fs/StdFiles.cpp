@@ -1,6 +1,6 @@
 #include <filesystem>
 
-#include "benchmarks/fs/FileBenchmarks.h"
+#include <benchmarks/fs/FileBenchmarks.h>
 
 namespace ovra::bench {
 

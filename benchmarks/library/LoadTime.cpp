@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string>
 
-#include "benchmarks/support/Clock.h"
+#include <benchmarks/support/Clock.h>
 
 // Prints how many nanoseconds it takes to load the library named, once: a process is good for one
 // measurement, since the libraries that one loads with it stay in memory.

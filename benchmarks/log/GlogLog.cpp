@@ -1,6 +1,6 @@
 #include <glog/logging.h>
 
-#include "benchmarks/log/LogBenchmarks.h"
+#include <benchmarks/log/LogBenchmarks.h>
 
 namespace ovra::bench {
 

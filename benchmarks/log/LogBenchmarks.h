@@ -4,8 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "benchmarks/support/AddBenchmark.h"
-#include "benchmarks/support/TemporaryDirectory.h"
+#include <benchmarks/support/AddBenchmark.h>
+#include <benchmarks/support/TemporaryDirectory.h>
 
 namespace ovra::bench {
 

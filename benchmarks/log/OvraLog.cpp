@@ -3,7 +3,7 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "benchmarks/log/LogBenchmarks.h"
+#include <benchmarks/log/LogBenchmarks.h>
 
 namespace ovra::bench {
 

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "benchmarks/log/LogBenchmarks.h"
+#include <benchmarks/log/LogBenchmarks.h>
 
 namespace ovra::bench {
 

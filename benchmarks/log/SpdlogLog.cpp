@@ -6,7 +6,7 @@
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/syslog_sink.h>
 
-#include "benchmarks/log/LogBenchmarks.h"
+#include <benchmarks/log/LogBenchmarks.h>
 
 namespace ovra::bench {
 

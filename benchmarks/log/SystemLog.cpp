@@ -9,7 +9,7 @@
 
 #include <cstring>
 
-#include "benchmarks/log/LogBenchmarks.h"
+#include <benchmarks/log/LogBenchmarks.h>
 
 namespace ovra::bench {
 

@@ -4,8 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "benchmarks/fs/FileBenchmarks.h"
-#include "benchmarks/support/TemporaryDirectory.h"
+#include <benchmarks/fs/FileBenchmarks.h>
+#include <benchmarks/support/TemporaryDirectory.h>
 
 namespace ovra::bench {
 

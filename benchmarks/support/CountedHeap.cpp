@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstddef>
 
-#include "benchmarks/support/HeapUse.h"
+#include <benchmarks/support/HeapUse.h>
 
 // The C library's allocator under the names that it keeps for those who replace `malloc`.
 extern "C" {

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "benchmarks/support/Run.h"
+#include <benchmarks/support/Run.h>
 
 namespace ovra::bench {
 

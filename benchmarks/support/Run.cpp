@@ -1,4 +1,4 @@
-#include "benchmarks/support/Run.h"
+#include <benchmarks/support/Run.h>
 
 #include <cstdio>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "benchmarks/support/Clock.h"
+#include <benchmarks/support/Clock.h>
 
 namespace ovra::bench {
 

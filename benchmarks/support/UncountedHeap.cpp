@@ -1,4 +1,4 @@
-#include "benchmarks/support/HeapUse.h"
+#include <benchmarks/support/HeapUse.h>
 
 namespace ovra::bench {
 

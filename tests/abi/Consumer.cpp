@@ -1,7 +1,7 @@
-// Compiled twice: as a host with the system's own widths of files and times, and as one that asks
-// for 64 bits. It refers to every operation that deals with either.
+// Compiled twice: as an application with the system's own widths of files and times, and as one
+// that asks for 64 bits. It refers to every operation that deals with either.
 
-#include "tests/abi/Consumer.h"
+#include <tests/abi/Consumer.h>
 
 #include <sys/types.h>
 

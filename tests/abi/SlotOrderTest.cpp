@@ -8,7 +8,7 @@
 
 #include <ovra/ovra.h>
 
-#include "tests/support/VirtualTable.h"
+#include <tests/support/VirtualTable.h>
 
 namespace ovra {
 
@@ -32,8 +32,8 @@ using test::virtualSlot;
 
 using Callback = std::function<void(std::shared_ptr<Task>)>;
 
-// The places of a class's operations behind the destructor's two, as a host built against an
-// earlier version has compiled them in, and the size of the exported table.
+// The places of a class's operations behind the destructor's two, as an application built against
+// an earlier version has compiled them in, and the size of the exported table.
 struct Table {
     char const* mangledName;
     std::vector<std::size_t> slots;

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "tests/abi/Consumer.h"
+#include <tests/abi/Consumer.h>
 
 namespace ovra::abi::test {
 
@@ -56,6 +56,10 @@ TEST_F(WidthsTest, ConsumersDifferInTheirOwnTypesWhereTheSystemDoes) {
 TEST_F(WidthsTest, ClassesHaveOneSizeForAllConsumers) {
     Observation const plain = observeAsPlainConsumer(directory.c_str(), name.c_str());
     Observation const wide = observeAsWideConsumer(directory.c_str(), name.c_str());
+    if (plain.offsetBytes == wide.offsetBytes && plain.timeBytes == wide.timeBytes) {
+        GTEST_SKIP()
+            << "here all consumers have the same types; FixedWidths.cpp looks at the headers";
+    }
     EXPECT_TRUE(std::equal(std::begin(plain.classBytes), std::end(plain.classBytes),
                            std::begin(wide.classBytes)));
 }

@@ -16,7 +16,8 @@ using test::RandomSource;
 
 // --- what both sides are made of
 
-// A call that a host can see: of a strategy of its own, or of an operation that it overrides.
+// A call that an application can see: of a strategy of its own, or of an operation that it
+// overrides.
 struct Event {
     enum Kind { RANK_ASKED, PRIORITY_ASKED, RANK_UPDATED } kind;
     int task;
@@ -47,7 +48,7 @@ enum StrategyKind {
     NO_STRATEGY,
     KEEPING,  // The library's own two.
     DOUBLING,
-    DERIVED_KEEPING,  // Each with something added by a host.
+    DERIVED_KEEPING,  // Each with something added by an application.
     DERIVED_DOUBLING,
     SCRIPTED,  // Does whatever it likes, to any task.
     STRATEGY_KINDS

@@ -157,6 +157,22 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedIsKeptAndNever
     EXPECT_TRUE(watched.expired());
 }
 
+TEST_F(QueueTimingTest, StrategyIsNotAskedOnAClosedQueueThatHoldsATask) {
+    class Counting : public TaskRankingStrategy {
+    public:
+        void updateRank(SubmittedTask*) override { ++updates; }
+        int updates = 0;
+    };
+    auto const strategy = std::make_shared<Counting>();
+    SubmittedTasksQueue queue(strategy);
+    addWhileClosing(queue, submission());
+    ASSERT_FALSE(queue.isEmpty());
+
+    EXPECT_EQ(queue.getNextTask(), nullptr);
+
+    EXPECT_EQ(strategy->updates, 0);
+}
+
 TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedOutlivesTheQueue) {
     auto queue = makeQueue<TypeParam>();
     auto const task = submission(succeed(), HIGHEST);
@@ -174,7 +190,7 @@ TYPED_TEST(QueueTimingStrategyTest, TaskAddedWhileTheQueueIsClosedOutlivesTheQue
         calls.install();
         task->setPriority(LOW);
     }
-    EXPECT_EQ(locks, 0) << "there is no queue to tell";
+    EXPECT_EQ(locks, 0) << "there is no queue to notify";
     EXPECT_EQ(task->getRank(), 1u);
 }
 

@@ -28,7 +28,7 @@ inline Work give(int result) {
     return [result] { return static_cast<Executable::Result>(result); };
 }
 
-/// A task of the host's own.
+/// A task class of the application's own.
 class NamedTask : public Task {
 public:
     explicit NamedTask(Work toRun = succeed(), char const* ownName = "named")

@@ -5,9 +5,9 @@
 
 #include <ovra/Version.h>
 
-#include "tests/examples/Process.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
+#include <tests/examples/Process.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
 
 namespace {
 

@@ -3,9 +3,9 @@
 
 #include <signal.h>
 
-#include "tests/examples/Process.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
+#include <tests/examples/Process.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
 
 namespace {
 
@@ -314,7 +314,7 @@ TEST_F(CreateTest, FileThatVanishesIsReportedAndTheRestGoesOn) {
     writeMany("d", 400);
     StuckLog log(scratch.path("log"));
     Process program(command({"d", "-o", "manifest", "--log", "log"}));
-    // The walk is over, and the log holds no more than a few files' lines: the last is not read
+    // The scan is over, and the log holds no more than a few files' lines: the last is not read
     // yet.
     log.waitFor("EXECUTING");
     std::filesystem::remove(scratch.path("d/file 1399"));

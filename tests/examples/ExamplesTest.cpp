@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <sstream>
 
-#include "tests/examples/Process.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
+#include <tests/examples/Process.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
 
 namespace {
 

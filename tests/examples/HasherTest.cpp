@@ -10,12 +10,12 @@
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutors.h>
 
-#include "examples/manifest/Create.h"
-#include "examples/manifest/Hasher.h"
-#include "examples/manifest/Walk.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
-#include "tests/support/Gate.h"
+#include <examples/manifest/Create.h>
+#include <examples/manifest/Hasher.h>
+#include <examples/manifest/Walk.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/Gate.h>
 
 namespace {
 

@@ -4,16 +4,16 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include "examples/manifest/Interrupt.h"
-#include "examples/manifest/ManifestFile.h"
-#include "examples/manifest/ManifestLine.h"
-#include "examples/manifest/Messages.h"
-#include "examples/manifest/Quote.h"
-#include "examples/manifest/Sha256.h"
-#include "examples/manifest/Walk.h"
-#include "tests/examples/ScratchDirectory.h"
-#include "tests/support/Bounded.h"
-#include "tests/support/Gate.h"
+#include <examples/manifest/Interrupt.h>
+#include <examples/manifest/ManifestFile.h>
+#include <examples/manifest/ManifestLine.h>
+#include <examples/manifest/Messages.h>
+#include <examples/manifest/Quote.h>
+#include <examples/manifest/Sha256.h>
+#include <examples/manifest/Walk.h>
+#include <tests/examples/ScratchDirectory.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/Gate.h>
 
 namespace {
 
@@ -132,7 +132,19 @@ TEST_F(WalkTest, TellsTheSizes) {
     EXPECT_TRUE(walk.isComplete());
 }
 
-using InterruptTest = BoundedTest;
+// A script in the background lets its programs ignore SIGINT, and this one inherits that.
+class InterruptTest : public BoundedTest {
+protected:
+    InterruptTest() {
+        struct sigaction byDefault = {};
+        byDefault.sa_handler = SIG_DFL;
+        EXPECT_EQ(sigaction(SIGINT, &byDefault, &before), 0);
+    }
+    ~InterruptTest() override { sigaction(SIGINT, &before, nullptr); }
+
+private:
+    struct sigaction before = {};
+};
 
 TEST_F(InterruptTest, SignalCallsTheAction) {
     Interrupt interrupt;
@@ -142,6 +154,14 @@ TEST_F(InterruptTest, SignalCallsTheAction) {
     kill(getpid(), SIGINT);
     called.wait();
     EXPECT_TRUE(interrupt.requested());
+}
+
+TEST_F(InterruptTest, IgnoredSignalIsLeftAlone) {
+    signal(SIGINT, SIG_IGN);
+    Interrupt interrupt;
+    sigset_t blocked;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &blocked), 0);
+    EXPECT_EQ(sigismember(&blocked, SIGINT), 0);
 }
 
 TEST_F(InterruptTest, ActionThatComesTooLateIsCalledAtOnce) {

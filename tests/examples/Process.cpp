@@ -1,4 +1,4 @@
-#include "tests/examples/Process.h"
+#include <tests/examples/Process.h>
 
 #include <fcntl.h>
 #include <linux/securebits.h>

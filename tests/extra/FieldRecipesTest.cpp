@@ -14,7 +14,7 @@
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
 
-#include "RotatingFileSupport.h"
+#include <tests/extra/RotatingFileSupport.h>
 
 namespace ovra::test {
 namespace {

@@ -1,6 +1,5 @@
-#include "FileCalls.h"
+#include <tests/extra/FileCalls.h>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -14,8 +13,9 @@
 #include <cstdlib>
 
 #include <tests/support/Bounded.h>
+#include <tests/support/NextFunction.h>
 
-// The runtime of a sanitizer makes some of these calls before it can be told of accesses.
+// The runtime of a sanitizer makes some of these calls before it can record accesses.
 #define UNWATCHED __attribute__((no_sanitize("thread"), no_sanitize("address")))
 #define INTERPOSED extern "C" __attribute__((visibility("default"))) UNWATCHED
 
@@ -63,15 +63,6 @@ std::size_t shortened(std::size_t count) {
     return std::min(count, scope.hidden->onWrite(count));
 }
 
-template <typename Function>
-Function* next(char const* name) {
-    auto* const function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-    if (function == nullptr) {
-        std::abort();
-    }
-    return function;
-}
-
 }  // namespace
 
 FileCalls::FileCalls() {
@@ -101,10 +92,10 @@ long allocations() {
 using namespace ovra::test;
 
 // Hides the function of that name: fails if asked to, or hands on.
-#define OVRA_HIDE(call, result, function, parameters, ...)            \
-    INTERPOSED result function parameters {                           \
-        static auto* const real = next<result parameters>(#function); \
-        return fails(call) ? -1 : real(__VA_ARGS__);                  \
+#define OVRA_HIDE(call, result, function, parameters, ...)                    \
+    INTERPOSED result function parameters {                                   \
+        static auto* const real = nextFunction<result parameters>(#function); \
+        return fails(call) ? -1 : real(__VA_ARGS__);                          \
     }
 
 OVRA_HIDE(FileCall::STAT, int, stat64, (char const* path, struct stat64* status), path, status)
@@ -124,7 +115,7 @@ OVRA_HIDE(FileCall::READ, ssize_t, pread64, (int file, void* bytes, std::size_t 
 // A test that counts syncs does not wait for the disk.
 #define OVRA_HIDE_SYNC(function)                                          \
     INTERPOSED int function(int file) {                                   \
-        static auto* const real = next<int(int)>(#function);              \
+        static auto* const real = nextFunction<int(int)>(#function);      \
         return fails(FileCall::SYNC) ? -1 : isWatched() ? 0 : real(file); \
     }
 
@@ -136,17 +127,17 @@ INTERPOSED int openat64(int directory, char const* path, int flags, ...) {
     va_start(arguments, flags);
     unsigned int const mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned int) : 0;
     va_end(arguments);
-    static auto* const real = next<int(int, char const*, int, ...)>("openat64");
+    static auto* const real = nextFunction<int(int, char const*, int, ...)>("openat64");
     return fails(FileCall::OPEN) ? -1 : real(directory, path, flags, mode);
 }
 
 INTERPOSED ssize_t write(int file, void const* bytes, std::size_t count) {
-    static auto* const real = next<ssize_t(int, void const*, std::size_t)>("write");
+    static auto* const real = nextFunction<ssize_t(int, void const*, std::size_t)>("write");
     return fails(FileCall::WRITE) ? -1 : real(file, bytes, shortened(count));
 }
 
 INTERPOSED ssize_t writev(int file, struct iovec const* pieces, int count) {
-    static auto* const real = next<ssize_t(int, struct iovec const*, int)>("writev");
+    static auto* const real = nextFunction<ssize_t(int, struct iovec const*, int)>("writev");
     if (fails(FileCall::WRITE)) {
         return -1;
     }

@@ -12,8 +12,8 @@
 #include <ovra/extra.h>
 #include <ovra/fs/FilePath.h>
 
-#include "../faults/Sweep.h"
-#include "Operations.h"
+#include <tests/extra/Operations.h>
+#include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 
@@ -173,7 +173,7 @@ std::vector<Operation> others() {
          false,
          {},
          true},
-        // What cannot be seen, read or removed stays. What is said to be gone is no failure.
+        // What cannot be seen, read or removed stays. What is reported as removed is no failure.
         {"removeTree",
          "DONE gone",
          {any(Call::NEW, "std::bad_alloc|NO_MEMORY there", PARTLY),

@@ -1,7 +1,6 @@
-#include "Intercepted.h"
+#include <tests/extra/Intercepted.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -9,6 +8,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <utility>
+
+#include <tests/support/NextFunction.h>
+
+using ovra::test::nextFunction;
 
 namespace ovra::extra::test {
 
@@ -26,11 +29,6 @@ public:
 
     Intercepted* const paused;
 };
-
-template <typename Function>
-Function* original(char const* symbol) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
-}
 
 // Makes the call, unless the observer lets it fail.
 template <typename Make>
@@ -93,7 +91,7 @@ namespace {
 // The entries as the observer wants them.
 ssize_t readEntries(Intercepted const* watching, int directory, void* buffer, std::size_t size) {
     ssize_t const length =
-        original<ssize_t(int, void*, std::size_t)>("getdents64")(directory, buffer, size);
+        nextFunction<ssize_t(int, void*, std::size_t)>("getdents64")(directory, buffer, size);
     if (watching == nullptr) {
         return length;
     }
@@ -128,23 +126,22 @@ std::size_t mostBytes() {
 using ovra::extra::test::mostBytes;
 using ovra::extra::test::observed;
 using ovra::extra::test::onPath;
-using ovra::extra::test::original;
 using ovra::extra::test::readEntries;
 using ovra::extra::test::SystemCall;
 using ovra::extra::test::watching;
 
-#define OVRA_OPEN(symbol)                                                                     \
-    extern "C" int ovraTest_##symbol(int directory, char const* path, int flags,              \
-                                     ...) asm(#symbol);                                       \
-    extern "C" int ovraTest_##symbol(int directory, char const* path, int flags, ...) {       \
-        std::va_list arguments;                                                               \
-        va_start(arguments, flags);                                                           \
-        mode_t const mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;           \
-        va_end(arguments);                                                                    \
-        return observed(onPath("openat", directory, path, flags, mode), [=] {                 \
-            return original<int(int, char const*, int, ...)>(#symbol)(directory, path, flags, \
-                                                                      mode);                  \
-        });                                                                                   \
+#define OVRA_OPEN(symbol)                                                                         \
+    extern "C" int ovraTest_##symbol(int directory, char const* path, int flags,                  \
+                                     ...) asm(#symbol);                                           \
+    extern "C" int ovraTest_##symbol(int directory, char const* path, int flags, ...) {           \
+        std::va_list arguments;                                                                   \
+        va_start(arguments, flags);                                                               \
+        mode_t const mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;               \
+        va_end(arguments);                                                                        \
+        return observed(onPath("openat", directory, path, flags, mode), [=] {                     \
+            return nextFunction<int(int, char const*, int, ...)>(#symbol)(directory, path, flags, \
+                                                                          mode);                  \
+        });                                                                                       \
     }
 
 OVRA_OPEN(openat)
@@ -155,8 +152,8 @@ OVRA_OPEN(openat64)
                                      int flags) asm(#symbol);                                    \
     extern "C" int ovraTest_##symbol(int directory, char const* path, void* status, int flags) { \
         return observed(onPath("fstatat", directory, path, flags), [=] {                         \
-            return original<int(int, char const*, void*, int)>(#symbol)(directory, path, status, \
-                                                                        flags);                  \
+            return nextFunction<int(int, char const*, void*, int)>(#symbol)(directory, path,     \
+                                                                            status, flags);      \
         });                                                                                      \
     }
 
@@ -169,7 +166,7 @@ extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsign
 extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsigned int mask,
                               void* status) {
     return observed(onPath("statx", directory, path, flags), [=, observer = watching()] {
-        int const result = original<int(int, char const*, int, unsigned int, void*)>("statx")(
+        int const result = nextFunction<int(int, char const*, int, unsigned int, void*)>("statx")(
             directory, path, flags, mask, status);
         if (observer != nullptr && observer->hidesMounts) {
             static_cast<struct statx*>(status)->stx_attributes = 0;
@@ -181,7 +178,7 @@ extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsign
 extern "C" int ovraTest_unlinkat(int directory, char const* path, int flags) asm("unlinkat");
 extern "C" int ovraTest_unlinkat(int directory, char const* path, int flags) {
     return observed(onPath("unlinkat", directory, path, flags), [=] {
-        return original<int(int, char const*, int)>("unlinkat")(directory, path, flags);
+        return nextFunction<int(int, char const*, int)>("unlinkat")(directory, path, flags);
     });
 }
 
@@ -191,8 +188,8 @@ extern "C" int ovraTest_renameat(int from, char const* path, int to, char const*
     SystemCall call = onPath("renameat", from, path);
     call.newPath = newPath;
     return observed(call, [=] {
-        return original<int(int, char const*, int, char const*)>("renameat")(from, path, to,
-                                                                             newPath);
+        return nextFunction<int(int, char const*, int, char const*)>("renameat")(from, path, to,
+                                                                                 newPath);
     });
 }
 
@@ -211,27 +208,28 @@ extern "C" ssize_t ovraTest_write(int descriptor, void const* bytes, std::size_t
     SystemCall call = onPath("write", descriptor, nullptr);
     call.bytes.assign(static_cast<char const*>(bytes), count);
     return observed(call, [=] {
-        return original<ssize_t(int, void const*, std::size_t)>("write")(descriptor, bytes, count);
+        return nextFunction<ssize_t(int, void const*, std::size_t)>("write")(descriptor, bytes,
+                                                                             count);
     });
 }
 
 extern "C" int ovraTest_fchmod(int descriptor, mode_t mode) asm("fchmod");
 extern "C" int ovraTest_fchmod(int descriptor, mode_t mode) {
     return observed(onPath("fchmod", descriptor, nullptr, 0, mode),
-                    [=] { return original<int(int, mode_t)>("fchmod")(descriptor, mode); });
+                    [=] { return nextFunction<int(int, mode_t)>("fchmod")(descriptor, mode); });
 }
 
 extern "C" int ovraTest_flock(int descriptor, int operation) asm("flock");
 extern "C" int ovraTest_flock(int descriptor, int operation) {
     return observed(onPath("flock", descriptor, nullptr, operation),
-                    [=] { return original<int(int, int)>("flock")(descriptor, operation); });
+                    [=] { return nextFunction<int(int, int)>("flock")(descriptor, operation); });
 }
 
-#define OVRA_ON_DESCRIPTOR(symbol)                                                \
-    extern "C" int ovraTest_##symbol(int descriptor) asm(#symbol);                \
-    extern "C" int ovraTest_##symbol(int descriptor) {                            \
-        return observed(onPath(#symbol, descriptor, nullptr),                     \
-                        [=] { return original<int(int)>(#symbol)(descriptor); }); \
+#define OVRA_ON_DESCRIPTOR(symbol)                                                    \
+    extern "C" int ovraTest_##symbol(int descriptor) asm(#symbol);                    \
+    extern "C" int ovraTest_##symbol(int descriptor) {                                \
+        return observed(onPath(#symbol, descriptor, nullptr),                         \
+                        [=] { return nextFunction<int(int)>(#symbol)(descriptor); }); \
     }
 
 OVRA_ON_DESCRIPTOR(fsync)
@@ -240,7 +238,7 @@ OVRA_ON_DESCRIPTOR(fdatasync)
 // Closes even when it fails, as the system does.
 extern "C" int ovraTest_close(int descriptor) asm("close");
 extern "C" int ovraTest_close(int descriptor) {
-    int const result = original<int(int)>("close")(descriptor);
+    int const result = nextFunction<int(int)>("close")(descriptor);
     int const verdict = observed(onPath("close", descriptor, nullptr), [=] { return result; });
     return verdict;
 }

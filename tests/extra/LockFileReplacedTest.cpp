@@ -11,7 +11,7 @@
 #include <ovra/extra/LockFile.h>
 #include <tests/fs/TemporaryDirectory.h>
 
-#include "Intercepted.h"
+#include <tests/extra/Intercepted.h>
 
 namespace ovra::extra {
 

@@ -1,3 +1,5 @@
+#include <ovra/extra/LockFile.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -10,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ovra/extra/LockFile.h>
 #include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::extra {

@@ -1,4 +1,5 @@
-#include <dlfcn.h>
+#include <ovra/extra/LogEvery.h>
+
 #include <time.h>
 
 #include <atomic>
@@ -11,10 +12,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <ovra/extra/LogEvery.h>
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
+#include <tests/support/NextFunction.h>
 
 namespace {
 
@@ -33,7 +34,7 @@ clock_gettime(clockid_t clock, struct timespec* time) noexcept {
         return 0;
     }
     static auto* const real =
-        reinterpret_cast<int (*)(clockid_t, struct timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+        ovra::test::nextFunction<int(clockid_t, struct timespec*)>("clock_gettime");
     return real(clock, time);
 }
 

@@ -62,7 +62,7 @@ TEST_F(LogUnloadTest, LeavesNothingBehind) {
         ASSERT_EQ(directory.read("x"), "line 3\nchild\n");
         ASSERT_EQ(dlclose(plugin), 0);
         ASSERT_THAT(mapped("libovra"), IsEmpty()) << "in round " << round;
-        // What was to be called at a fork is gone with it.
+        // The handlers for a fork are removed with it.
         pid_t const child = fork();
         if (child == 0) {
             _exit(0);

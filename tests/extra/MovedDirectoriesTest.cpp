@@ -19,7 +19,7 @@
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Contained.h>
 
-#include "Intercepted.h"
+#include <tests/extra/Intercepted.h>
 
 namespace ovra::extra {
 

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "../faults/Sweep.h"
+#include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 

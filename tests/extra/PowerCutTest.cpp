@@ -16,7 +16,7 @@
 #include <ovra/extra/ReplaceFile.h>
 #include <tests/fs/TemporaryDirectory.h>
 
-#include "Intercepted.h"
+#include <tests/extra/Intercepted.h>
 
 namespace ovra::extra {
 
@@ -43,7 +43,7 @@ struct Stored {
 struct Change {
     int file;             // What it changes; the directory's are told by their names.
     std::string name;     // Of the directory's: the name that from now on means `file`
-    std::string oldName;  // and the one that is gone.
+    std::string oldName;  // and the one that is removed.
     std::size_t offset = 0;
     std::string bytes;
     mode_t mode = 0;

@@ -1,3 +1,5 @@
+#include <ovra/extra/RecentLinesLogHandler.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -17,12 +19,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <ovra/extra/RecentLinesLogHandler.h>
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
 
-#include "FileCalls.h"
+#include <tests/extra/FileCalls.h>
 
 namespace ovra::extra {
 namespace {

@@ -1,3 +1,5 @@
+#include <ovra/extra/RemoveTree.h>
+
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -12,7 +14,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ovra/extra/RemoveTree.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Contained.h>
 

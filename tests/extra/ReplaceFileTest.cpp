@@ -1,3 +1,5 @@
+#include <ovra/extra/ReplaceFile.h>
+
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -15,7 +17,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ovra/extra/ReplaceFile.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Contained.h>
 

@@ -15,7 +15,7 @@
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
 
-#include "RotatingFileSupport.h"
+#include <tests/extra/RotatingFileSupport.h>
 
 namespace ovra::extra {
 namespace {

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 #include <tests/support/Bounded.h>
 
-#include "FileCalls.h"
-#include "RotatingFileSupport.h"
+#include <tests/extra/FileCalls.h>
+#include <tests/extra/RotatingFileSupport.h>
 
 namespace ovra::extra {
 namespace {

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <tests/support/Bounded.h>
 
-#include "FileCalls.h"
-#include "RotatingFileSupport.h"
+#include <tests/extra/FileCalls.h>
+#include <tests/extra/RotatingFileSupport.h>
 
 namespace ovra::extra {
 namespace {

@@ -17,8 +17,8 @@
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
 
-#include "FileCalls.h"
-#include "RotatingFileSupport.h"
+#include <tests/extra/FileCalls.h>
+#include <tests/extra/RotatingFileSupport.h>
 
 namespace ovra::extra {
 namespace {

@@ -1,3 +1,5 @@
+#include <ovra/extra/Space.h>
+
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -10,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ovra/extra/Space.h>
 #include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::extra {

@@ -1,3 +1,5 @@
+#include <ovra/extra/SwitchLogHandler.h>
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,7 +10,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <ovra/extra/SwitchLogHandler.h>
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>

@@ -3,10 +3,10 @@
 
 #include <ovra/extra.h>
 
-#include "../faults/Sweep.h"
-#include "../support/Bounded.h"
-#include "../support/Contained.h"
-#include "Operations.h"
+#include <tests/extra/Operations.h>
+#include <tests/faults/Sweep.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/Contained.h>
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include <cstdarg>
 
-#include "Interposed.h"
+#include <tests/faults/Interposed.h>
 
 using namespace ovra::faults;
 
@@ -83,14 +83,14 @@ OVRA_SPACE(statvfs64, struct statvfs64)
 
 #define OVRA_WRITE_AT(function, type)                                                            \
     INTERPOSED ssize_t function(int descriptor, void const* bytes, std::size_t count, type at) { \
-        static Next<ssize_t(int, void const*, std::size_t, type)> next(#function);               \
+        static NextFunction<ssize_t(int, void const*, std::size_t, type)> next(#function);       \
         if (Verdict const verdict = judge(Call::WRITE); verdict.fails()) {                       \
             if (verdict.effect != Effect::SHORTEN) {                                             \
                 return failed(verdict.error);                                                    \
             }                                                                                    \
             count = count != 0 ? 1 : 0;                                                          \
         }                                                                                        \
-        return next.get()(descriptor, bytes, count, at);                                         \
+        return next(descriptor, bytes, count, at);                                               \
     }
 
 OVRA_WRITE_AT(pwrite, off_t)

@@ -1,4 +1,4 @@
-#include "FileOperations.h"
+#include <tests/faults/FileOperations.h>
 
 #include <istream>
 #include <memory>
@@ -37,7 +37,7 @@ std::vector<Operation> changeOperations() {
          on("new", [](FileHandle& handle) { return shown(handle.CreateDirectory()); }),
          {"new"},
          "false"},
-        // What cannot be seen counts as gone.
+        // What cannot be seen counts as removed.
         {"FileHandle::RemoveDirectory",
          "true",
          {memory, any(Call::LSTAT, "true"), any(Call::REMOVE, "false")},

@@ -1,3 +1,5 @@
+#include <tests/faults/FileOperations.h>
+
 #include <istream>
 #include <memory>
 #include <ostream>
@@ -8,8 +10,6 @@
 #include <ovra/fs/FileHandleBackendImpl.h>
 #include <ovra/fs/FileIterator.h>
 #include <ovra/fs/FilePath.h>
-
-#include "FileOperations.h"
 
 namespace ovra::faults {
 

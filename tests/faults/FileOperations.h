@@ -5,7 +5,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
-#include "Sweep.h"
+#include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 

@@ -1,16 +1,13 @@
 #pragma once
 
-#include <dlfcn.h>
-
-#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 
-#include "CallFaults.h"
+#include <tests/faults/CallFaults.h>
+#include <tests/support/NextFunction.h>
 
 // What the definitions that stand in for the C library's have in common.
 
-// The runtime of a sanitizer makes some of these calls before it can be told of accesses.
+// The runtime of a sanitizer makes some of these calls before it can record accesses.
 #define UNWATCHED __attribute__((no_sanitize("thread"), no_sanitize("address")))
 #define INTERPOSED extern "C" __attribute__((visibility("default"))) UNWATCHED
 
@@ -26,28 +23,7 @@ struct Verdict {
 /// Counts the call, and says what is to become of it.
 Verdict judge(Call call);
 
-/// The definition that the one of this executable hides.
-template <typename Function>
-class Next {
-public:
-    constexpr explicit Next(char const* functionName) : name(functionName) {}
-
-    UNWATCHED Function* get() {
-        auto* function = found.load(std::memory_order_relaxed);
-        if (function == nullptr) {
-            function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-            if (function == nullptr) {
-                std::abort();
-            }
-            found.store(function, std::memory_order_relaxed);
-        }
-        return function;
-    }
-
-private:
-    char const* const name;
-    std::atomic<Function*> found{nullptr};
-};
+using ovra::test::NextFunction;
 
 UNWATCHED inline int failed(int error) {
     errno = error;
@@ -61,5 +37,12 @@ UNWATCHED inline int failed(int error) {
     if (Verdict const verdict = judge(call); verdict.fails()) { \
         onFailure;                                              \
     }                                                           \
-    static Next<type> next(#function);                          \
-    return next.get()(__VA_ARGS__)
+    static NextFunction<type> next(#function);                  \
+    return next(__VA_ARGS__)
+
+// Sets errno and gives a null pointer.
+#define OVRA_OR_NULL()         \
+    {                          \
+        errno = verdict.error; \
+        return nullptr;        \
+    }

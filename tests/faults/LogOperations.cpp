@@ -8,7 +8,7 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "Sweep.h"
+#include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 

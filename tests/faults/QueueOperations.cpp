@@ -11,7 +11,7 @@
 #include <ovra/concurrent/TaskExecutors.h>
 #include <ovra/concurrent/TaskHandle.h>
 
-#include "Tasks.h"
+#include <tests/faults/Tasks.h>
 
 namespace ovra::faults {
 

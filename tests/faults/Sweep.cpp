@@ -1,4 +1,4 @@
-#include "Sweep.h"
+#include <tests/faults/Sweep.h>
 
 #include <sys/wait.h>
 #include <unistd.h>

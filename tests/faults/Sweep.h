@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "CallFaults.h"
-#include "Tree.h"
+#include <tests/faults/CallFaults.h>
+#include <tests/faults/Tree.h>
 
 namespace ovra::faults {
 

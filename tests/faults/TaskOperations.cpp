@@ -7,7 +7,7 @@
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
 
-#include "Tasks.h"
+#include <tests/faults/Tasks.h>
 
 namespace ovra::faults {
 

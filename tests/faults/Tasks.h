@@ -9,7 +9,7 @@
 #include <ovra/concurrent/TaskRankingStrategy.h>
 #include <ovra/log/Log.h>
 
-#include "Sweep.h"
+#include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 

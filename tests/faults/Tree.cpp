@@ -1,4 +1,4 @@
-#include "Tree.h"
+#include <tests/faults/Tree.h>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -100,7 +100,7 @@ std::string const& contents() {
 }
 
 Tree::Tree() {
-    // In memory if possible: it is made anew some thousand times.
+    // In memory if possible: it is rebuilt some thousand times.
     char const* base = std::getenv("TMPDIR");
     if (base == nullptr || *base == '\0') {
         base = access("/dev/shm", W_OK | X_OK) == 0 ? "/dev/shm" : "/tmp";

@@ -1,8 +1,8 @@
 #include <string>
 #include <vector>
 
-#include "../support/Bounded.h"
-#include "Sweep.h"
+#include <tests/faults/Sweep.h>
+#include <tests/support/Bounded.h>
 
 // faultSweep [part of an operation's name]
 int main(int count, char** arguments) {

@@ -16,9 +16,9 @@
 #include <ovra/fs/FileIterator.h>
 #include <ovra/fs/FilePath.h>
 
-#include "Allocations.h"
-#include "TemporaryDirectory.h"
-#include "TestPeers.h"
+#include <tests/fs/Allocations.h>
+#include <tests/fs/TemporaryDirectory.h>
+#include <tests/fs/TestPeers.h>
 
 namespace ovra::fs {
 namespace {

@@ -1,4 +1,4 @@
-#include "Allocations.h"
+#include <tests/fs/Allocations.h>
 
 #include <cstddef>
 #include <cstdlib>

@@ -11,7 +11,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
-#include "TemporaryDirectory.h"
+#include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
 namespace {

@@ -16,7 +16,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
-#include "TemporaryDirectory.h"
+#include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
 namespace {

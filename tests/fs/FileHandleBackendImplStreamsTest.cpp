@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "TemporaryDirectory.h"
+#include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
 namespace {

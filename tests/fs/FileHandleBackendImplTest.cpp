@@ -17,7 +17,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
-#include "TemporaryDirectory.h"
+#include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
 namespace {

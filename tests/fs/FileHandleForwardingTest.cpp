@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "TestPeers.h"
+#include <tests/fs/TestPeers.h>
 
 namespace ovra::fs {
 namespace {

@@ -14,9 +14,9 @@
 
 #include <ovra/fs/FileHandleBackendImpl.h>
 
-#include "TemporaryDirectory.h"
-#include "TestPeers.h"
-#include "VirtualSlots.h"
+#include <tests/fs/TemporaryDirectory.h>
+#include <tests/fs/TestPeers.h>
+#include <tests/fs/VirtualSlots.h>
 
 namespace ovra::fs {
 namespace {

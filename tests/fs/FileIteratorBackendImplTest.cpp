@@ -8,8 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "TemporaryDirectory.h"
-#include "VirtualSlots.h"
+#include <tests/fs/TemporaryDirectory.h>
+#include <tests/fs/VirtualSlots.h>
 
 namespace ovra::fs {
 namespace {

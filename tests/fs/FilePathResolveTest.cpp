@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "FilePathModel.h"
+#include <tests/fs/FilePathModel.h>
 
 namespace ovra::fs {
 namespace {

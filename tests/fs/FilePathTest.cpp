@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include "../support/Bounded.h"
-#include "../support/RandomSource.h"
-#include "FilePathModel.h"
+#include <tests/fs/FilePathModel.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/RandomSource.h>
 
 namespace ovra::fs {
 namespace {

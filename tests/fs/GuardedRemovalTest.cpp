@@ -23,8 +23,8 @@
 
 #include <ovra/fs/FileHandle.h>
 
-#include "../support/RandomSource.h"
-#include "TemporaryDirectory.h"
+#include <tests/fs/TemporaryDirectory.h>
+#include <tests/support/RandomSource.h>
 
 namespace ovra::fs {
 namespace {

@@ -14,8 +14,8 @@
 #include <ovra/fs/FileHandle.h>
 #include <ovra/fs/FileHandleBackendImpl.h>
 
-#include "TemporaryDirectory.h"
-#include "TestPeers.h"
+#include <tests/fs/TemporaryDirectory.h>
+#include <tests/fs/TestPeers.h>
 
 namespace ovra::fs {
 namespace {

@@ -1,3 +1,5 @@
+#include <tests/fs/SystemCallTest.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <functional>
@@ -14,8 +16,6 @@
 #include <ovra/fs/FileHandleBackendImpl.h>
 #include <ovra/fs/FileIterator.h>
 #include <ovra/fs/FilePath.h>
-
-#include "SystemCallTest.h"
 
 namespace ovra::fs {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "SystemCalls.h"
-#include "TemporaryDirectory.h"
+#include <tests/fs/SystemCalls.h>
+#include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs::test {
 

@@ -1,7 +1,6 @@
-#include "SystemCalls.h"
+#include <tests/fs/SystemCalls.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <sys/types.h>
 
 #include <cerrno>
@@ -10,6 +9,10 @@
 #include <filesystem>
 #include <system_error>
 #include <utility>
+
+#include <tests/support/NextFunction.h>
+
+using ovra::test::nextFunction;
 
 namespace ovra::fs::test {
 
@@ -27,12 +30,6 @@ public:
 
     SystemCalls* const paused;
 };
-
-template <typename Function>
-Function* original(char const* symbol) {
-    void* const address = dlsym(RTLD_NEXT, symbol);
-    return reinterpret_cast<Function*>(address);
-}
 
 std::string octal(unsigned int mode) {
     char text[16];
@@ -161,7 +158,6 @@ using ovra::fs::test::admitPair;
 using ovra::fs::test::admitPath;
 using ovra::fs::test::admitPathBelow;
 using ovra::fs::test::disguise;
-using ovra::fs::test::original;
 
 #define OVRA_STATUS_CALL(symbol, name)                                             \
     extern "C" int ovraTest_##symbol(char const* path, void* status) asm(#symbol); \
@@ -169,7 +165,7 @@ using ovra::fs::test::original;
         if (!admitPath(name, path)) {                                              \
             return -1;                                                             \
         }                                                                          \
-        return original<int(char const*, void*)>(#symbol)(path, status);           \
+        return nextFunction<int(char const*, void*)>(#symbol)(path, status);       \
     }
 
 OVRA_STATUS_CALL(lstat, "lstat")
@@ -186,8 +182,8 @@ OVRA_STATUS_CALL(__stat64_time64, "stat")
         if (!admitPathBelow("fstatat", directory, path)) {                                       \
             return -1;                                                                           \
         }                                                                                        \
-        return original<int(int, char const*, void*, int)>(#symbol)(directory, path, status,     \
-                                                                    flags);                      \
+        return nextFunction<int(int, char const*, void*, int)>(#symbol)(directory, path, status, \
+                                                                        flags);                  \
     }
 
 OVRA_STATUS_BELOW_CALL(fstatat)
@@ -199,7 +195,7 @@ extern "C" int ovraTest_unlinkat(int directory, char const* path, int flags) {
     if (!admitPathBelow("unlinkat", directory, path)) {
         return -1;
     }
-    return original<int(int, char const*, int)>("unlinkat")(directory, path, flags);
+    return nextFunction<int(int, char const*, int)>("unlinkat")(directory, path, flags);
 }
 
 #define OVRA_PATH_CALL(symbol)                                       \
@@ -208,7 +204,7 @@ extern "C" int ovraTest_unlinkat(int directory, char const* path, int flags) {
         if (!admitPath(#symbol, path)) {                             \
             return -1;                                               \
         }                                                            \
-        return original<int(char const*)>(#symbol)(path);            \
+        return nextFunction<int(char const*)>(#symbol)(path);        \
     }
 
 OVRA_PATH_CALL(remove)
@@ -221,7 +217,7 @@ OVRA_PATH_CALL(rmdir)
         if (!admitPair(#symbol, from, to)) {                                         \
             return -1;                                                               \
         }                                                                            \
-        return original<int(char const*, char const*)>(#symbol)(from, to);           \
+        return nextFunction<int(char const*, char const*)>(#symbol)(from, to);       \
     }
 
 OVRA_PAIR_CALL(rename)
@@ -234,7 +230,7 @@ OVRA_PAIR_CALL(link)
         if (!admitOwner(#symbol, path, user, group)) {                                        \
             return -1;                                                                        \
         }                                                                                     \
-        return original<int(char const*, uid_t, gid_t)>(#symbol)(path, user, group);          \
+        return nextFunction<int(char const*, uid_t, gid_t)>(#symbol)(path, user, group);      \
     }
 
 OVRA_OWNER_CALL(chown)
@@ -246,7 +242,7 @@ OVRA_OWNER_CALL(lchown)
         if (!admitMode(#symbol, path, mode)) {                                    \
             return -1;                                                            \
         }                                                                         \
-        return original<int(char const*, mode_t)>(#symbol)(path, mode);           \
+        return nextFunction<int(char const*, mode_t)>(#symbol)(path, mode);       \
     }
 
 OVRA_MODE_CALL(chmod)
@@ -258,7 +254,7 @@ OVRA_MODE_CALL(mkdir)
         if (!admitOpening(path, mode)) {                                                 \
             return nullptr;                                                              \
         }                                                                                \
-        return original<void*(char const*, char const*)>(#symbol)(path, mode);           \
+        return nextFunction<void*(char const*, char const*)>(#symbol)(path, mode);       \
     }
 
 OVRA_OPEN_CALL(fopen)
@@ -269,17 +265,17 @@ extern "C" void* ovraTest_opendir(char const* path) {
     if (!admitPath("opendir", path)) {
         return nullptr;
     }
-    return original<void*(char const*)>("opendir")(path);
+    return nextFunction<void*(char const*)>("opendir")(path);
 }
 
 // The record of each of the two is laid out as this file's own `struct dirent`, which has 64 bits.
-#define OVRA_READ_CALL(symbol)                                              \
-    extern "C" struct dirent* ovraTest_##symbol(void* stream) asm(#symbol); \
-    extern "C" struct dirent* ovraTest_##symbol(void* stream) {             \
-        if (!admitName("readdir")) {                                        \
-            return nullptr;                                                 \
-        }                                                                   \
-        return disguise(original<struct dirent*(void*)>(#symbol)(stream));  \
+#define OVRA_READ_CALL(symbol)                                                 \
+    extern "C" struct dirent* ovraTest_##symbol(void* stream) asm(#symbol);    \
+    extern "C" struct dirent* ovraTest_##symbol(void* stream) {                \
+        if (!admitName("readdir")) {                                           \
+            return nullptr;                                                    \
+        }                                                                      \
+        return disguise(nextFunction<struct dirent*(void*)>(#symbol)(stream)); \
     }
 
 OVRA_READ_CALL(readdir)
@@ -288,7 +284,7 @@ OVRA_READ_CALL(readdir64)
 extern "C" int ovraTest_closedir(void* stream) asm("closedir");
 extern "C" int ovraTest_closedir(void* stream) {
     admitName("closedir");
-    return original<int(void*)>("closedir")(stream);
+    return nextFunction<int(void*)>("closedir")(stream);
 }
 
 extern "C" ssize_t ovraTest_read(int descriptor, void* buffer, std::size_t size) asm("read");
@@ -296,5 +292,5 @@ extern "C" ssize_t ovraTest_read(int descriptor, void* buffer, std::size_t size)
     if (!admitName("read")) {
         return -1;
     }
-    return original<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
+    return nextFunction<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
 }

@@ -1,4 +1,4 @@
-#include "TemporaryDirectory.h"
+#include <tests/fs/TemporaryDirectory.h>
 
 #include <dirent.h>
 #include <fcntl.h>

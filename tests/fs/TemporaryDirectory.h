@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "../support/Bounded.h"
+#include <tests/support/Bounded.h>
 
 namespace ovra::fs::test {
 

@@ -14,7 +14,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
-#include "SystemCallTest.h"
+#include <tests/fs/SystemCallTest.h>
 
 namespace ovra::fs {
 namespace {

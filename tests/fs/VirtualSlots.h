@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include "../support/VirtualTable.h"
+#include <tests/support/VirtualTable.h>
 
 namespace ovra::fs::test {
 

@@ -22,7 +22,7 @@
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Gate.h>
 
-// No line of these tests reaches the host's system log.
+// No line of these tests reaches the machine's system log.
 extern "C" __attribute__((visibility("default"))) void syslog(int, char const*, ...) {}
 
 namespace ovra {

@@ -22,7 +22,7 @@
 #include <tests/stress/QueueRace.h>
 #include <tests/support/RandomSource.h>
 
-// The host's system log is no place for a soak.
+// The machine's system log is no place for a soak.
 extern "C" __attribute__((visibility("default"))) void syslog(int, char const*, ...) {}
 
 namespace {

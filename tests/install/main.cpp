@@ -12,8 +12,8 @@ public:
     int count = 0;
 };
 
-// The library must cope with classes of which it knows no more than their functions: a host may be
-// built without run-time type information.
+// The library must cope with classes of which it knows no more than their functions: an application
+// may be built without run-time type information.
 class NewestFirst : public ovra::concurrent::TaskRankingStrategy {
 public:
     void updateRank(ovra::concurrent::SubmittedTask* task) override { task->setRank(++picks); }

@@ -1,4 +1,4 @@
-// A host process that ends, or forks, while an executor is in the middle of something:
+// An application that ends, or forks, while an executor is in the middle of something:
 //
 //     lifecycleHost <end> <situation>
 //
@@ -104,11 +104,12 @@ void ownWorkerOfTwo(std::string const& situation) {
     Gate().wait();
 }
 
-// Lives as long as the process, as a host's static would: exit() does not run its destructor.
+// Lives as long as the process, as an application's static would: exit() does not run its
+// destructor.
 Scene* shared = nullptr;
 
 void makeSharedScene(std::string const& situation) {
-    // Registered before the executor is made, so that it runs after the executor is gone.
+    // Registered before the executor is made, so that it runs after the executor is destroyed.
     std::atexit([] {
         say("executor gone");
         sayOutcome(*shared);
@@ -212,7 +213,7 @@ void forkAndExit(std::string const& situation) {
     std::exit(0);
 }
 
-// --- destructors of the host's statics
+// --- destructors of the application's statics
 
 class Late {
 public:
@@ -256,7 +257,7 @@ void staticSubmits(std::string const& situation) {
     std::exit(0);
 }
 
-// A weak reference tells that the executor is gone.
+// A weak reference shows that the executor is destroyed.
 void staticLooksWeakly(std::string const& situation) {
     makeSharedScene(situation);
     std::weak_ptr<TaskExecutor> const weak = getNoStarveTaskExecutor();

@@ -77,7 +77,7 @@ private:
     std::string before;
 };
 
-// The host bounds its own time: if it hangs, the outcome is its alarm signal.
+// The application bounds its own time: if it hangs, the outcome is its alarm signal.
 Ending runHost(std::string const& end, std::string const& situation) {
     TemporaryFile const output(std::tmpfile());
     TemporaryFile const errors(std::tmpfile());
@@ -179,7 +179,7 @@ INSTANTIATE_TEST_SUITE_P(ImmediateExit, OrderlyEndTest,
                                            Case{"_exit", "waited-queued", NOTHING_IS_AWAITED}),
                          nameOf);
 
-// What lies before the end of each of the host's own parts, and then that part's own.
+// What lies before the end of each of the application's own parts, and then that part's own.
 Lines joined(Lines first, Lines const& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
@@ -261,7 +261,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"static-looks-weakly", "waited", joined(WAITER_IS_RELEASED, {"executor expired"})}),
     nameOf);
 
-// --- ends in which the host still logs
+// --- ends in which the application still logs
 
 class LoggingEndTest : public ::testing::TestWithParam<Case> {};
 

@@ -16,7 +16,8 @@ using concurrent::TaskExecutor;
 std::shared_ptr<concurrent::TaskHandle> lastHandle;
 std::weak_ptr<concurrent::SubmittedTask> lastTask;
 
-// Shared by the work and its callback, and gone with them: nothing of it may be left at unload.
+// Shared by the work and its callback, and destroyed with them: nothing of it may be left at
+// unload.
 struct Play {
     std::string situation;
     std::weak_ptr<TaskExecutor> executor;

@@ -4,7 +4,8 @@
 
 namespace ovra::test {
 
-/// What a plug-in that brings the library along offers to its host, which is not linked with it.
+/// What a plug-in that brings the library along offers to its application, which is not linked with
+/// it.
 struct Plugin {
     /// Puts the shared executor into a situation, as `Scene` does; the work goes on until that
     /// executor is being destroyed. Each event is told, from whichever thread.

@@ -1,4 +1,4 @@
-// A host that is not linked with the library, and meets it through plug-ins.
+// An application that is not linked with the library, and meets it through plug-ins.
 
 #include <dlfcn.h>
 #include <malloc.h>

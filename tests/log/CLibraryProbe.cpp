@@ -1,6 +1,5 @@
-#include "tests/log/CLibraryProbe.h"
+#include <tests/log/CLibraryProbe.h>
 
-#include <dlfcn.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <syslog.h>
@@ -12,6 +11,8 @@
 #include <filesystem>
 #include <iterator>
 #include <new>
+
+#include <tests/support/NextFunction.h>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
@@ -27,6 +28,8 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace ovra::log::test {
+
+using ovra::test::NextFunction;
 
 namespace {
 
@@ -51,29 +54,9 @@ private:
     bool& flag;
 };
 
-// The definition that the one in this executable hides.
-template <typename Function>
-class Hidden {
-public:
-    constexpr explicit Hidden(char const* functionName) : name(functionName) {}
-
-    Function* get() {
-        void* found = function.load(std::memory_order_relaxed);
-        if (found == nullptr) {
-            found = dlsym(RTLD_NEXT, name);
-            function.store(found, std::memory_order_relaxed);
-        }
-        return reinterpret_cast<Function*>(found);
-    }
-
-private:
-    char const* const name;
-    std::atomic<void*> function{nullptr};
-};
-
-Hidden<int(char**, char const*, std::va_list)> hiddenVasprintf("vasprintf");
-Hidden<int(pthread_mutex_t*)> hiddenMutexLock("pthread_mutex_lock");
-Hidden<int(pthread_mutex_t*)> hiddenMutexUnlock("pthread_mutex_unlock");
+NextFunction<int(char**, char const*, std::va_list)> hiddenVasprintf("vasprintf");
+NextFunction<int(pthread_mutex_t*)> hiddenMutexLock("pthread_mutex_lock");
+NextFunction<int(pthread_mutex_t*)> hiddenMutexUnlock("pthread_mutex_unlock");
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -92,7 +75,7 @@ int formatText(Formatting outcome, char** text, char const* format, std::va_list
             *text = nullptr;
             return 0;
     }
-    return hiddenVasprintf.get()(text, format, arguments);
+    return hiddenVasprintf(text, format, arguments);
 }
 
 int formatMessage(char** text, char const* format, std::va_list arguments) {
@@ -190,7 +173,7 @@ std::size_t heapInUse() {
 
 std::size_t openDescriptors() {
     std::filesystem::directory_iterator const descriptors("/proc/self/fd");
-    // The walk itself holds one.
+    // The scan itself holds one.
     return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors))) - 1;
 }
 
@@ -269,7 +252,7 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
             return failure;
         }
     }
-    return hidden::hiddenMutexLock.get()(mutex);
+    return hidden::hiddenMutexLock(mutex);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
@@ -278,7 +261,7 @@ int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
         hidden::InsideHook const insideHook(*probe);
         probe->onUnlock(mutex);
     }
-    return hidden::hiddenMutexUnlock.get()(mutex);
+    return hidden::hiddenMutexUnlock(mutex);
 }
 
 }  // extern "C"

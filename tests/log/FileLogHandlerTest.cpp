@@ -17,9 +17,9 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
-#include "tests/log/SinkTrace.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
+#include <tests/log/SinkTrace.h>
 
 namespace ovra::log {
 

@@ -1,3 +1,5 @@
+#include <ovra/log/LogHandlers.h>
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,11 +21,10 @@
 #include <vector>
 
 #include <ovra/log/Log.h>
-#include <ovra/log/LogHandlers.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
-#include "tests/log/SinkTrace.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
+#include <tests/log/SinkTrace.h>
 
 namespace ovra::log {
 

@@ -21,9 +21,9 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
-#include "tests/support/Bounded.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
+#include <tests/support/Bounded.h>
 
 namespace ovra::log {
 

@@ -1,3 +1,5 @@
+#include <ovra/log/Log.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,11 +13,10 @@
 #include <type_traits>
 #include <vector>
 
-#include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
 
 namespace ovra::log {
 

@@ -22,8 +22,8 @@
 
 #include <ovra/log/Log.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/support/Deadline.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/support/Deadline.h>
 
 namespace ovra::log::test {
 

@@ -8,8 +8,8 @@
 
 #include <ovra/log/Log.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
 
 namespace ovra::log {
 
@@ -23,7 +23,8 @@ using test::Gate;
 using test::openDescriptors;
 using test::TemporaryDirectory;
 
-// The library as a plug-in host has it: loaded and unloaded while the process goes on.
+// The library as an application with plug-ins has it: loaded and unloaded while the process goes
+// on.
 class LoadedLibrary {
 public:
     LoadedLibrary() : handle(dlopen(OVRA_TEST_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
@@ -106,7 +107,7 @@ TEST(LogUnloadTest, LoadingAgainStartsAfresh) {
     EXPECT_EQ(contentOf(path), "");
 }
 
-// The threads of a plug-in host are older than the library.
+// The threads of an application with plug-ins are older than the library.
 TEST(LogUnloadTest, ThreadThatIsOlderThanTheLibraryLogsVerbatim) {
     Gate isLoaded;
     LoadedLibrary* library = nullptr;

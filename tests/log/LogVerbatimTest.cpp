@@ -14,8 +14,8 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
 
 namespace ovra::log {
 

@@ -13,7 +13,7 @@
 
 #include <ovra/log/Log.h>
 
-#include "tests/log/CLibraryProbe.h"
+#include <tests/log/CLibraryProbe.h>
 
 namespace ovra::log::test {
 

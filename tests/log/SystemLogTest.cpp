@@ -25,7 +25,7 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/LogTestSupport.h"
+#include <tests/log/LogTestSupport.h>
 
 namespace ovra::log {
 
@@ -102,7 +102,7 @@ protected:
 
     void TearDown() override {
         if (systemLog >= 0) {
-            closelog();  // The C library connects anew to the next test's.
+            closelog();  // The C library connects again, to the next test's.
             close(systemLog);
             unlink("/dev/log");
         }
@@ -128,7 +128,7 @@ private:
 
 std::string SystemLogTest::obstacle;
 
-// As sent by a host that has set up nothing.
+// As sent by an application that has set up nothing.
 std::string datagram(int facilityAndPriority, std::string const& textPattern) {
     return "<" + std::to_string(facilityAndPriority) +
            ">[A-Z][a-z][a-z] [ 0-9][0-9] [0-9][0-9]:[0-9][0-9]:[0-9][0-9] " +

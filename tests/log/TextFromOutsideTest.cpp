@@ -11,10 +11,10 @@
 #include <ovra/log/Log.h>
 #include <ovra/log/LogHandlers.h>
 
-#include "tests/log/CLibraryProbe.h"
-#include "tests/log/LogTestSupport.h"
-#include "tests/support/Bounded.h"
-#include "tests/support/RandomSource.h"
+#include <tests/log/CLibraryProbe.h>
+#include <tests/log/LogTestSupport.h>
+#include <tests/support/Bounded.h>
+#include <tests/support/RandomSource.h>
 
 namespace ovra::log {
 

@@ -46,7 +46,7 @@ private:
     test::Watchdog watchdog{test::deadlineSeconds() * 5};
 };
 
-// A host's own strategy, which nobody can foresee; only ever called under the queue's lock.
+// An application's own strategy, which nobody can foresee; only ever called under the queue's lock.
 class Shuffling : public TaskRankingStrategy {
 public:
     void updateRank(SubmittedTask* task) override {
@@ -78,7 +78,7 @@ TYPED_TEST(QueueStressTest, EachTaskIsPickedOnceWhileRanksChange) {
     for (auto& mine : added) {
         workers.emplace_back([&, random = test::RandomSource(seeds.next())]() mutable {
             for (int i = 0; i < each; ++i) {
-                // A pick may have to walk the whole queue: keep it short.
+                // A pick may have to scan the whole queue: keep it short.
                 test::yieldUntil([&] { return submitted - picked < 300; });
                 ++submitted;
                 auto task = submission(succeed(), static_cast<TaskPriority>(random.between(0, 5)));

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Deadline.h"
+#include <tests/support/Deadline.h>
 
 namespace ovra::test {
 
@@ -63,12 +63,16 @@ private:
 
 /// The base of every suite that could hang.
 class BoundedTest : public ::testing::Test {
+protected:
+    /// For a test of many rounds: the deadline bounds one round, not their number.
+    static void restartDeadline() { alarm(deadlineSeconds()); }
+
 private:
     Watchdog watchdog;
 };
 
-/// Gives way to other threads until `condition` holds. For what no gate can tell, such as that
-/// another thread has let go of an object; a watchdog bounds it.
+/// Gives way to other threads until `condition` holds. For what no gate can show, such as that
+/// another thread has released an object; a watchdog bounds it.
 template <typename Condition>
 void yieldUntil(Condition condition) {
     while (!condition()) {

@@ -1,4 +1,4 @@
-#include "Contained.h"
+#include <tests/support/Contained.h>
 
 #include <sched.h>
 #include <sys/mount.h>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Contained.h"
+#include <tests/support/Contained.h>
 
 namespace ovra::test {
 

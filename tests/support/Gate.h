@@ -34,7 +34,7 @@ private:
     int missing;
 };
 
-/// Calls `action` when it is destroyed. Captured by work, it tells when the work is let go.
+/// Calls `action` when it is destroyed. Captured by work, it shows when the work is released.
 template <typename Action>
 class AtEnd {
 public:

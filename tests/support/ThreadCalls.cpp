@@ -1,12 +1,12 @@
-#include <dlfcn.h>
+#include <tests/support/ThreadCalls.h>
+
 #include <sched.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <new>
 #include <utility>
 
-#include <tests/support/ThreadCalls.h>
+#include <tests/support/NextFunction.h>
 
 // The runtime of a sanitizer makes some of these calls before it can be told of accesses.
 #define INTERPOSED                                    \
@@ -40,41 +40,17 @@ __attribute__((no_sanitize("thread"), no_sanitize("address"))) Answer ask(
     return (calls->*hook)(arguments...);
 }
 
-// The definition that this file's own one hides.
-template <typename Function>
-class Next {
-public:
-    constexpr explicit Next(char const* functionName) : name(functionName) {}
-
-    template <typename... Arguments>
-    __attribute__((no_sanitize("thread"), no_sanitize("address"))) auto operator()(
-        Arguments... arguments) {
-        auto* function = found.load(std::memory_order_relaxed);
-        if (function == nullptr) {
-            function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-            if (function == nullptr) {
-                std::abort();
-            }
-            found.store(function, std::memory_order_relaxed);
-        }
-        return function(arguments...);
-    }
-
-private:
-    char const* const name;
-    std::atomic<Function*> found{nullptr};
-};
-
-Next<int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*)> nextCreate("pthread_create");
-Next<int(pthread_t, void**)> nextJoin("pthread_join");
-Next<int(pthread_mutex_t*)> nextLock("pthread_mutex_lock");
-Next<int(pthread_mutex_t*)> nextUnlock("pthread_mutex_unlock");
-Next<int(pthread_cond_t*, pthread_mutex_t*)> nextWait("pthread_cond_wait");
-Next<int(pthread_cond_t*)> nextSignal("pthread_cond_signal");
-Next<int(pthread_cond_t*)> nextBroadcast("pthread_cond_broadcast");
-Next<int()> nextYield("sched_yield");
-Next<int(sem_t*)> nextSemaphoreWait("sem_wait");
-Next<int(sem_t*)> nextSemaphorePost("sem_post");
+NextFunction<int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*)> nextCreate(
+    "pthread_create");
+NextFunction<int(pthread_t, void**)> nextJoin("pthread_join");
+NextFunction<int(pthread_mutex_t*)> nextLock("pthread_mutex_lock");
+NextFunction<int(pthread_mutex_t*)> nextUnlock("pthread_mutex_unlock");
+NextFunction<int(pthread_cond_t*, pthread_mutex_t*)> nextWait("pthread_cond_wait");
+NextFunction<int(pthread_cond_t*)> nextSignal("pthread_cond_signal");
+NextFunction<int(pthread_cond_t*)> nextBroadcast("pthread_cond_broadcast");
+NextFunction<int()> nextYield("sched_yield");
+NextFunction<int(sem_t*)> nextSemaphoreWait("sem_wait");
+NextFunction<int(sem_t*)> nextSemaphorePost("sem_post");
 
 }  // namespace
 

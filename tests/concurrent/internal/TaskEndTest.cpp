@@ -1,3 +1,5 @@
+#include <ovra/concurrent/internal/TaskEnd.h>
+
 #include <pthread.h>
 
 #include <atomic>
@@ -11,7 +13,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <ovra/concurrent/internal/TaskEnd.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
 #include <tests/support/ThreadCalls.h>
