@@ -1,0 +1,3 @@
+import collections
+Fault = collections.namedtuple("Fault", "name source edits scenarios unnoticed")
+FAULTS = []
