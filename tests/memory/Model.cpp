@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Run.h"
@@ -12,7 +13,7 @@ namespace model {
 
 namespace {
 
-Word* globals = nullptr;
+Made* globals = nullptr;
 
 template <typename Object, std::size_t SIZE>
 Object& in(Room<SIZE> const& room) {
@@ -48,6 +49,8 @@ Kernel* kernel = nullptr;
 
 }  // namespace
 
+std::memory_order unnamedOrders[16];
+
 struct Semaphore {
     Semaphore(unsigned int value) { made.init(false, value, 1000, $); }
     ~Semaphore() { made.deinit($); }
@@ -77,25 +80,41 @@ void EhGuard::begin() { std::memset(abi::__cxa_get_globals(), 0, sizeof(EhGuard:
 void beginRun() {
     EhGuard::begin();
     kernel = new Kernel;
-    Word::makeGlobals();
+    Made::makeGlobals();
 }
 
 void endRun() {
-    Word::destroyGlobals();
+    Made::destroyGlobals();
     delete kernel;
     kernel = nullptr;
 }
 
-Word::Word(std::uint64_t first) : initial(first), nextGlobal(rl::is_ctx() ? nullptr : globals) {
-    if (rl::is_ctx()) {
-        make();
-    } else {
+Made::Made() : isGlobal(!rl::is_ctx()), nextGlobal(isGlobal ? globals : nullptr) {
+    if (isGlobal) {
         globals = this;
     }
 }
 
+void Made::makeGlobals() {
+    for (Made* made = globals; made != nullptr; made = made->nextGlobal) {
+        made->make();
+    }
+}
+
+void Made::destroyGlobals() {
+    for (Made* made = globals; made != nullptr; made = made->nextGlobal) {
+        made->destroy();
+    }
+}
+
+Word::Word(std::uint64_t first) : initial(first) {
+    if (!isGlobal) {
+        make();
+    }
+}
+
 Word::~Word() {
-    if (rl::is_ctx()) {
+    if (!isGlobal) {
         destroy();
     }
 }
@@ -103,18 +122,6 @@ Word::~Word() {
 void Word::make() { new (&room) AtomicWord(initial); }
 
 void Word::destroy() { in<AtomicWord>(room).~AtomicWord(); }
-
-void Word::makeGlobals() {
-    for (Word* word = globals; word != nullptr; word = word->nextGlobal) {
-        word->make();
-    }
-}
-
-void Word::destroyGlobals() {
-    for (Word* word = globals; word != nullptr; word = word->nextGlobal) {
-        word->destroy();
-    }
-}
 
 std::uint64_t Word::load(std::memory_order order) const {
     EhGuard const guard;
@@ -176,28 +183,24 @@ void Word::wakeOne() {
 }
 
 Race::Race() {
-    if (rl::is_ctx()) {
-        new (&room) Plain(0);
+    if (!isGlobal) {
+        make();
     }
 }
 
 Race::~Race() {
-    if (rl::is_ctx()) {
-        in<Plain>(room).~Plain();
+    if (!isGlobal) {
+        destroy();
     }
 }
 
-void Race::read() const {
-    if (rl::is_ctx()) {
-        static_cast<void>(in<Plain>(room)($).load());
-    }
-}
+void Race::make() { new (&room) Plain(0); }
 
-void Race::write() {
-    if (rl::is_ctx()) {
-        in<Plain>(room)($).store(0);
-    }
-}
+void Race::destroy() { in<Plain>(room).~Plain(); }
+
+void Race::read() const { static_cast<void>(in<Plain>(room)($).load()); }
+
+void Race::write() { in<Plain>(room)($).store(0); }
 
 void atomic_thread_fence(std::memory_order order) {
     EhGuard const guard;
@@ -271,6 +274,9 @@ void thread::start(std::function<void()> const& run) {
 }
 
 void thread::join() {
+    if (!joinable()) {
+        throw std::system_error(std::make_error_code(std::errc::invalid_argument));
+    }
     EhGuard const guard;
     state->thread.join();
     delete std::exchange(state, nullptr);

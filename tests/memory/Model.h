@@ -26,12 +26,30 @@ struct alignas(8) Room {
     unsigned char bytes[SIZE];
 };
 
-/// An atomic word. One that is made before a run begins is made again by `makeGlobals()`.
-class Word {
+/// An object of the checker. One that lives longer than a run is made again for each run.
+class Made {
+public:
+    Made(Made const&) = delete;
+    Made& operator=(Made const&) = delete;
+
+    static void makeGlobals();
+    static void destroyGlobals();
+
+protected:
+    Made();
+    ~Made() = default;
+    virtual void make() = 0;
+    virtual void destroy() = 0;
+    bool const isGlobal;
+
+private:
+    Made* const nextGlobal;
+};
+
+/// An atomic word.
+class Word final : Made {
 public:
     explicit Word(std::uint64_t initial);
-    Word(Word const&) = delete;
-    Word& operator=(Word const&) = delete;
     ~Word();
 
     std::uint64_t load(std::memory_order order) const;
@@ -46,30 +64,27 @@ public:
     void waitWhile(std::uint64_t value);
     void wakeOne();
 
-    static void makeGlobals();
-    static void destroyGlobals();
-
 private:
-    void make();
-    void destroy();
+    void make() override;
+    void destroy() override;
 
     Room<192> room;
     std::uint64_t const initial;
-    Word* const nextGlobal;
 };
 
 /// Sees every look at a plain variable, and every change: two that are not ordered are a race.
-class Race {
+class Race final : Made {
 public:
     Race();
-    Race(Race const&) : Race() {}
-    Race& operator=(Race const&) { return *this; }
     ~Race();
 
     void read() const;
     void write();
 
 private:
+    void make() override;
+    void destroy() override;
+
     Room<64> room;
 };
 
@@ -89,6 +104,8 @@ public:
     }
     operator T const&() const { return get(); }
     T const& operator->() const { return get(); }
+    T load(std::memory_order) const { return get(); }
+    void store(T newValue, std::memory_order) { *this = newValue; }
     plain& operator++() { return *this = get() + 1; }
     plain& operator--() { return *this = get() - 1; }
     T operator++(int) {
@@ -113,40 +130,40 @@ constexpr std::memory_order failureOrderOf(std::memory_order order) {
                                                 : order;
 }
 
-template <typename T>
+/// The order of all accesses to an atomic that name none: sequential consistency, unless a fault
+/// makes it acquire and release, or relaxed. By the number of the atomic.
+extern std::memory_order unnamedOrders[16];
+
+template <typename T, int NUMBER = 0>
 class atomic {
 public:
     static constexpr bool is_always_lock_free = std::atomic<T>::is_always_lock_free;
 
     atomic(T initial) : word(bits(initial)) {}
-    T load(std::memory_order order = std::memory_order_seq_cst) const {
-        return value(word.load(order));
-    }
-    void store(T desired, std::memory_order order = std::memory_order_seq_cst) {
+    T load(std::memory_order order = loadOrder()) const { return value(word.load(order)); }
+    void store(T desired, std::memory_order order = storeOrder()) {
         word.store(bits(desired), order);
     }
-    T exchange(T desired, std::memory_order order = std::memory_order_seq_cst) {
+    T exchange(T desired, std::memory_order order = unnamedOrder()) {
         return value(word.exchange(bits(desired), order));
     }
-    T fetch_add(T much, std::memory_order order = std::memory_order_seq_cst) {
+    T fetch_add(T much, std::memory_order order = unnamedOrder()) {
         return value(word.fetchAdd(bits(much), order));
     }
-    T fetch_sub(T much, std::memory_order order = std::memory_order_seq_cst) {
+    T fetch_sub(T much, std::memory_order order = unnamedOrder()) {
         return value(word.fetchSub(bits(much), order));
     }
-    T fetch_or(T set, std::memory_order order = std::memory_order_seq_cst) {
+    T fetch_or(T set, std::memory_order order = unnamedOrder()) {
         return value(word.fetchOr(bits(set), order));
     }
-    bool compare_exchange_weak(T& expected, T desired,
-                               std::memory_order order = std::memory_order_seq_cst) {
+    bool compare_exchange_weak(T& expected, T desired, std::memory_order order = unnamedOrder()) {
         return compareExchange(true, expected, desired, order, failureOrderOf(order));
     }
     bool compare_exchange_weak(T& expected, T desired, std::memory_order order,
                                std::memory_order failureOrder) {
         return compareExchange(true, expected, desired, order, failureOrder);
     }
-    bool compare_exchange_strong(T& expected, T desired,
-                                 std::memory_order order = std::memory_order_seq_cst) {
+    bool compare_exchange_strong(T& expected, T desired, std::memory_order order = unnamedOrder()) {
         return compareExchange(false, expected, desired, order, failureOrderOf(order));
     }
     operator T() const { return load(); }
@@ -162,6 +179,15 @@ public:
     void wakeOne() { word.wakeOne(); }
 
 private:
+    static std::memory_order unnamedOrder() { return unnamedOrders[NUMBER]; }
+    static std::memory_order loadOrder() {
+        return unnamedOrder() == std::memory_order_acq_rel ? std::memory_order_acquire
+                                                           : unnamedOrder();
+    }
+    static std::memory_order storeOrder() {
+        return unnamedOrder() == std::memory_order_acq_rel ? std::memory_order_release
+                                                           : unnamedOrder();
+    }
     static std::uint64_t bits(T from) {
         std::uint64_t result = 0;
         std::memcpy(&result, &from, sizeof from);

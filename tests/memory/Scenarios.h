@@ -171,6 +171,40 @@ struct CancelOfRepeat {
     Handle handle = TaskHandle::of(task, nullptr);
 };
 
+/// Two results at the same time: the handle shows the task's own.
+struct PushTwice {
+    void run(unsigned int thread) {
+        task->setResult(thread == 0 ? Executable::SUCCESS : Executable::FAILURE);
+    }
+    void check() {
+        expect(handle->getResult() == task->getResult(), "the handle shows the task's result");
+    }
+
+    Effect effect;
+    Submission task = effect.task();
+    Handle handle = TaskHandle::of(task, nullptr);
+};
+
+/// A handle that is linked while the state changes.
+struct HandleAgainstState {
+    void run(unsigned int thread) {
+        if (thread == 0) {
+            task->setHandle(handle);
+        } else {
+            task->setState(Executable::EXECUTING);
+            expect(task->getState() == Executable::EXECUTING, "the state is kept");
+            static_cast<void>(task->getHandle());
+        }
+    }
+    void check() {
+        expect(handle->getState() == Executable::EXECUTING, "the handle shows the task's state");
+    }
+
+    Effect effect;
+    Submission task = effect.task();
+    Handle handle = TaskHandle::of(effect.task(), nullptr);
+};
+
 /// Two tasks of a queue that doubles ranks; one of them is given a new priority.
 struct Ranks {
     unsigned int high() const { return initialRankOf(HIGH); }
@@ -316,6 +350,7 @@ struct AddAgainstWait {
             Handle const handle = queue->addTask(effect.task());
             handle->waitForCompletion();
             expect(effect.runs == 1, "the work has run");
+            expect(queue->isEmpty(), "the task was taken");
             queue->close();
         }
     }

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 
 #include "ExtraScenarios.h"
@@ -10,8 +12,9 @@
 
 // memoryModel list
 //     the scenarios, each with how it is searched and for how many executions
-// memoryModel <scenario> <executions or 0> [-v]
-//     runs one: as many executions, or all; with -v shows the steps to what is wrong
+// memoryModel <scenario> <executions or 0> [-v] [<number> acq_rel|relaxed]
+//     runs one: as many executions, or all; with -v shows the steps to what is wrong. Weakens the
+//     unnamed accesses to the atomic with this number.
 
 namespace {
 
@@ -50,6 +53,8 @@ Entry const ENTRIES[] = {
     {"RankAgainstClose", runScenario<RankAgainstClose, 3>, 20000},
     {"RankAgainstDestruction", runScenario<RankAgainstDestruction, 2>, 20000},
     {"AddToTwoQueues", runScenario<AddToTwoQueues, 2>, 20000},
+    {"PushTwice", runScenario<PushTwice, 2>, 20000},
+    {"HandleAgainstState", runScenario<HandleAgainstState, 2>, 20000},
     {"AddAgainstWait", runScenario<AddAgainstWait, 2>, 20000},
     {"CloseAgainstWait", runScenario<CloseAgainstWait, 3>, 20000},
     {"SubmitAgainstDestruction", runScenario<SubmitAgainstDestruction, 2, 1>, 20000},
@@ -102,9 +107,22 @@ int main(int argc, char** argv) {
         }
         return EXIT_SUCCESS;
     }
+    std::fill(std::begin(model::unnamedOrders), std::end(model::unnamedOrders),
+              std::memory_order_seq_cst);
+    bool isVerbose = false;
+    for (int i = 3; i < argc; ++i) {
+        if (std::strcmp(argv[i], "-v") == 0) {
+            isVerbose = true;
+        } else if (i + 1 < argc) {
+            int const number = std::atoi(argv[i]);
+            model::unnamedOrders[number] = std::strcmp(argv[++i], "relaxed") == 0
+                                               ? std::memory_order_relaxed
+                                               : std::memory_order_acq_rel;
+        }
+    }
     for (Entry const& entry : ENTRIES) {
         if (argc >= 3 && std::strcmp(argv[1], entry.name) == 0) {
-            return runEntry(entry, static_cast<unsigned int>(std::atoi(argv[2])), argc > 3);
+            return runEntry(entry, static_cast<unsigned int>(std::atoi(argv[2])), isVerbose);
         }
     }
     std::cerr << "not known\n";

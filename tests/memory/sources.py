@@ -39,6 +39,17 @@ PRIMITIVES = [
 ]
 
 
+# The atomics whose accesses name no order. Their place is their number, from 1 on.
+UNNAMED = ["s_uniqueIndexCounter", "rank", "priority", "wasAdded", "owners", "parts", "state",
+           "result", "waiting", "closed", "terminated"]
+
+
+def unnamed(kind, name):
+    """An atomic of `UNNAMED`."""
+    return (f"std::atomic<{kind}> {name}",
+            f"model::atomic<{kind}, {1 + UNNAMED.index(name)}> {name}")
+
+
 def plain(kind, name, initial):
     """A member that is no atomic, and that the checker is to watch."""
     return (f"{kind} {name}" + (f" = {initial};" if initial else ";"),
@@ -48,8 +59,22 @@ def plain(kind, name, initial):
 # (text, replacement): each stands there once.
 WATCHED = {
     "ovra/concurrent/TaskHandle.h": [plain("std::exception_ptr", "exception", "")],
-    "ovra/concurrent/SubmittedTasksQueue.h": [plain("std::uint64_t", "addedSoFar", "0")],
+    "ovra/concurrent/SubmittedTask.h": [
+        unnamed("Executable::State", "state"),
+        unnamed("Executable::Result", "result"),
+    ],
+    "ovra/concurrent/SubmittedTask.cpp": [unnamed("std::int32_t", "s_uniqueIndexCounter")],
+    "ovra/concurrent/SubmittedTasksQueue.h": [
+        plain("std::uint64_t", "addedSoFar", "0"),
+        unnamed("bool", "closed"),
+    ],
+    "ovra/concurrent/TaskExecutorWorker.h": [unnamed("std::int32_t", "terminated")],
+    "ovra/concurrent/internal/TaskEnd.h": [unnamed("Waiter*", "waiting")],
+    "ovra/concurrent/internal/UniqueIndex.h": [unnamed("std::int32_t", "s_uniqueIndexCounter")],
     "ovra/concurrent/internal/RankedEntry.h": [
+        unnamed("unsigned int", "rank"),
+        unnamed("TaskPriority", "priority"),
+        unnamed("bool", "wasAdded"),
         plain("std::uint8_t", "list", "0"),
         plain("RankedTasks*", "home", "nullptr"),
         plain("std::uint64_t", "since", "0"),
@@ -58,6 +83,7 @@ WATCHED = {
         plain("RankedEntry*", "next", "nullptr"),
     ],
     "ovra/concurrent/internal/RankedTasks.h": [
+        unnamed("unsigned int", "owners"),
         plain("std::uint64_t", "size", "0"),
         plain("std::uint64_t", "picks", "0"),
         plain("std::uint64_t", "scannedTo", "std::numeric_limits<std::uint64_t>::max()"),
@@ -67,6 +93,8 @@ WATCHED = {
     ],
     # The model's counts take more room than the library's.
     "ovra/concurrent/internal/SubmissionMemory.h": [
+        unnamed("int", "parts"),
+        ("::operator delete(memory);", "memory->~SubmissionMemory(), ::operator delete(memory);"),
         ("2 * sizeof(int) + sizeof(Part)", "2 * sizeof(model::atomic<long>) + 64 + sizeof(Part)"),
         ("return alignof(SubmittedTask);", "return sizeof(SubmissionMemory);"),
     ],
@@ -87,8 +115,6 @@ def model_text(name, text, edits=()):
         text = replace_once(text, old, new, name)
     if name in UNCHANGED:
         return text
-    for old, new in () if edits and any("plain<" in new for _, new in edits) else ():
-        text = text.replace(old, new)
     for old, new in WATCHED.get(name, []):
         text = replace_once(text, old, new, name)
     for pattern, new in PRIMITIVES:
