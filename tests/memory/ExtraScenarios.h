@@ -29,9 +29,9 @@ struct SwitchOfTarget {
     void run(unsigned int thread) {
         if (thread == 0) {
             sink.exchange(model::make_shared<Target>(lines));
+            sink.setLevel(ovra::log::ERROR);
         } else {
             sink.handleLogMessage("line", ovra::log::ERROR);
-            sink.setLevel(ovra::log::ERROR);
         }
     }
     void check() { expect(lines == 1, "the line went to one target"); }

@@ -77,6 +77,14 @@ EhGuard::EhGuard() { std::memcpy(kept, abi::__cxa_get_globals(), sizeof kept); }
 EhGuard::~EhGuard() { std::memcpy(abi::__cxa_get_globals(), kept, sizeof kept); }
 void EhGuard::begin() { std::memset(abi::__cxa_get_globals(), 0, sizeof(EhGuard::kept)); }
 
+void delayThread() {
+    if (rl::ctx().is_random_sched() && rl::rand(2) == 0) {
+        for (unsigned int steps = rl::rand(64); steps > 0; --steps) {
+            rl::ctx().sched();
+        }
+    }
+}
+
 void beginRun() {
     EhGuard::begin();
     kernel = new Kernel;
@@ -190,6 +198,7 @@ Race::Race() {
 
 Race::~Race() {
     if (!isGlobal) {
+        write();
         destroy();
     }
 }

@@ -166,6 +166,10 @@ public:
     bool compare_exchange_strong(T& expected, T desired, std::memory_order order = unnamedOrder()) {
         return compareExchange(false, expected, desired, order, failureOrderOf(order));
     }
+    bool compare_exchange_strong(T& expected, T desired, std::memory_order order,
+                                 std::memory_order failureOrder) {
+        return compareExchange(false, expected, desired, order, failureOrder);
+    }
     operator T() const { return load(); }
     T operator=(T desired) {
         store(desired);

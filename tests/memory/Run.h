@@ -47,6 +47,10 @@ struct EhGuard {
     unsigned char kept[2 * sizeof(void*)];
 };
 
+/// In a random search, holds a thread back by a random number of steps. Without, a thread of few
+/// steps nearly always ends before one of many.
+void delayThread();
+
 void beginRun();
 void endRun();
 
@@ -61,6 +65,7 @@ struct Suite : rl::test_suite<Suite<Scenario, THREADS, STARTED>, THREADS> {
     }
     void thread(unsigned int index) {
         EhGuard::begin();
+        delayThread();
         scenario->run(index);
     }
     void after() {

@@ -40,6 +40,7 @@ struct Entry {
 using namespace scenarios;
 
 Entry const ENTRIES[] = {
+    {"PushState", runScenario<PushState, 2>, 20000},
     {"PushResult", runScenario<PushResult, 2>, 20000},
     {"PushException", runScenario<PushException, 2>, 20000},
     {"Wait", runScenario<Wait, 2>, 20000},

@@ -93,6 +93,10 @@ WATCHED = {
     ],
     # The model's counts take more room than the library's.
     "ovra/concurrent/internal/SubmissionMemory.h": [
+        # Whoever gives back a part has used it: the memory may go after that.
+        ("    std::atomic<int> parts{0};", "    model::Race use;\n    std::atomic<int> parts{0};"),
+        ("void deallocate(Block*, std::size_t) {",
+         "void deallocate(Block*, std::size_t) {\n            memory->use.read();"),
         unnamed("int", "parts"),
         ("::operator delete(memory);", "memory->~SubmissionMemory(), ::operator delete(memory);"),
         ("2 * sizeof(int) + sizeof(Part)", "2 * sizeof(model::atomic<long>) + 64 + sizeof(Part)"),
