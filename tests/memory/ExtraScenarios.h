@@ -85,7 +85,7 @@ struct RingOfTwo {
             ring.writeTo(0);
             std::string const& text = model::written();
             expect(text.empty() || text == "aa\n" || text == "b\n" || text == "aa\nb\n" ||
-                       text == "b\naa\n" || text == "b\nb\n" ,
+                       text == "b\naa\n" || text == "b\nb\n",
                    "lines are shown whole");
         } else {
             ring.handleLogMessage(thread == 0 ? "aa" : "b", ovra::log::ERROR);

@@ -73,9 +73,15 @@ struct thread::State {
     std::function<void()> run;
 };
 
-EhGuard::EhGuard() { std::memcpy(kept, abi::__cxa_get_globals(), sizeof kept); }
-EhGuard::~EhGuard() { std::memcpy(abi::__cxa_get_globals(), kept, sizeof kept); }
-void EhGuard::begin() { std::memset(abi::__cxa_get_globals(), 0, sizeof(EhGuard::kept)); }
+EhGuard::EhGuard() {
+    std::memcpy(kept, abi::__cxa_get_globals(), sizeof kept);
+}
+EhGuard::~EhGuard() {
+    std::memcpy(abi::__cxa_get_globals(), kept, sizeof kept);
+}
+void EhGuard::begin() {
+    std::memset(abi::__cxa_get_globals(), 0, sizeof(EhGuard::kept));
+}
 
 void delayThread() {
     if (rl::ctx().is_random_sched() && rl::rand(2) == 0) {
@@ -127,9 +133,13 @@ Word::~Word() {
     }
 }
 
-void Word::make() { new (&room) AtomicWord(initial); }
+void Word::make() {
+    new (&room) AtomicWord(initial);
+}
 
-void Word::destroy() { in<AtomicWord>(room).~AtomicWord(); }
+void Word::destroy() {
+    in<AtomicWord>(room).~AtomicWord();
+}
 
 std::uint64_t Word::load(std::memory_order order) const {
     EhGuard const guard;
@@ -203,13 +213,21 @@ Race::~Race() {
     }
 }
 
-void Race::make() { new (&room) Plain(0); }
+void Race::make() {
+    new (&room) Plain(0);
+}
 
-void Race::destroy() { in<Plain>(room).~Plain(); }
+void Race::destroy() {
+    in<Plain>(room).~Plain();
+}
 
-void Race::read() const { static_cast<void>(in<Plain>(room)($).load()); }
+void Race::read() const {
+    static_cast<void>(in<Plain>(room)($).load());
+}
 
-void Race::write() { in<Plain>(room)($).store(0); }
+void Race::write() {
+    in<Plain>(room)($).store(0);
+}
 
 void atomic_thread_fence(std::memory_order order) {
     EhGuard const guard;
@@ -240,10 +258,13 @@ void mutex::lock() {
 
 void mutex::unlock() {
     EhGuard const guard;
+    use.read();
     in<Mutex>(room).unlock($);
 }
 
-condition_variable::condition_variable() { new (&room) Condition; }
+condition_variable::condition_variable() {
+    new (&room) Condition;
+}
 
 condition_variable::~condition_variable() {
     in<Condition>(room).~Condition();
@@ -291,7 +312,9 @@ void thread::join() {
     delete std::exchange(state, nullptr);
 }
 
-thread::~thread() { expect(!joinable(), "a thread is joined before its object goes"); }
+thread::~thread() {
+    expect(!joinable(), "a thread is joined before its object goes");
+}
 
 int sem_init(sem_t* semaphore, int, unsigned int value) {
     semaphore->semaphore = new Semaphore(value);
@@ -317,7 +340,9 @@ ssize_t write(int, void const* bytes, std::size_t count) {
     return static_cast<ssize_t>(count);
 }
 
-std::string& written() { return kernel->written; }
+std::string& written() {
+    return kernel->written;
+}
 
 void expect(bool condition, char const* promise) {
     if (!condition) {

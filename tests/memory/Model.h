@@ -227,6 +227,7 @@ public:
     void unlock();
 
 private:
+    Race use;  // Ends before the mutex does.
     Room<64> room;
 };
 

@@ -2,11 +2,7 @@
 
 #include <cxxabi.h>
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wall"
-#pragma GCC diagnostic ignored "-Wextra"
 #include <relacy/relacy.hpp>
-#pragma GCC diagnostic pop
 
 // The checker's macros, which would change everything below.
 #undef memory_order_relaxed

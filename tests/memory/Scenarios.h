@@ -239,8 +239,8 @@ struct Ranks {
     Effect effect;
     Submission first = effect.task(NORMAL);
     Submission second = effect.task(LOW);
-    model::shared_ptr<SubmittedTasksQueue> queue = model::make_shared<SubmittedTasksQueue>(
-        model::make_shared<NoStarveTaskRankingStrategy>());
+    model::shared_ptr<SubmittedTasksQueue> queue =
+        model::make_shared<SubmittedTasksQueue>(model::make_shared<NoStarveTaskRankingStrategy>());
 };
 
 struct RankAgainstInsert : Ranks {
@@ -310,6 +310,8 @@ struct RankOfThePicked : Ranks {
     void check() {
         unsigned int const rank = first->getRank();
         expect(rank == high() || rank == 2 * high(), "the new rank is not lost");
+        expect(!queue->getNextTask(), "nothing else is there");
+        expect(first->getRank() == rank, "no later pick changes the rank of what was taken");
         finish();
     }
 
@@ -359,8 +361,8 @@ struct AddToTwoQueues : Ranks {
         finish();
     }
 
-    model::shared_ptr<SubmittedTasksQueue> other = model::make_shared<SubmittedTasksQueue>(
-        model::make_shared<NoStarveTaskRankingStrategy>());
+    model::shared_ptr<SubmittedTasksQueue> other =
+        model::make_shared<SubmittedTasksQueue>(model::make_shared<NoStarveTaskRankingStrategy>());
 };
 
 /// A worker that may be about to sleep when a task is added, and when the queue is closed.
