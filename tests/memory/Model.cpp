@@ -25,8 +25,6 @@ rl::memory_order orderOf(std::memory_order order) {
     switch (order) {
         case std::memory_order_relaxed:
             return rl::mo_relaxed;
-        case std::memory_order_consume:
-            return rl::mo_consume;
         case std::memory_order_acquire:
             return rl::mo_acquire;
         case std::memory_order_release:
@@ -48,8 +46,6 @@ struct Kernel;
 Kernel* kernel = nullptr;
 
 }  // namespace
-
-std::memory_order unnamedOrders[16];
 
 struct Semaphore {
     Semaphore(unsigned int value) { made.init(false, value, 1000, $); }

@@ -132,7 +132,7 @@ constexpr std::memory_order failureOrderOf(std::memory_order order) {
 
 /// The order of all accesses to an atomic that name none: sequential consistency, unless a fault
 /// makes it acquire and release, or relaxed. By the number of the atomic.
-extern std::memory_order unnamedOrders[16];
+inline std::memory_order unnamedOrders[16];
 
 template <typename T, int NUMBER = 0>
 class atomic {

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "EndScenarios.h"
 #include "ExtraScenarios.h"
 #include "Scenarios.h"
 
