@@ -1,0 +1,347 @@
+"""The faults that tools/test-memory plants, one at a time: a memory order weakened, a store and a
+look swapped, a notification moved, a lock dropped."""
+
+import dataclasses
+
+
+@dataclasses.dataclass
+class Fault:
+    """What is wrong, where, and who notices: the first of `scenarios`, or nobody, for a reason."""
+    name: str
+    source: str
+    edits: list
+    scenarios: list
+    unnoticed: str = ""
+    weakened: tuple = ()
+
+
+TASK = "ovra/concurrent/SubmittedTask.cpp"
+HANDLE = "ovra/concurrent/TaskHandle.cpp"
+QUEUE = "ovra/concurrent/SubmittedTasksQueue.cpp"
+WORKER = "ovra/concurrent/TaskExecutorWorker.cpp"
+EXECUTOR = "ovra/concurrent/TaskExecutorImpl.cpp"
+RANKED = "ovra/concurrent/internal/RankedTasks.cpp"
+END = "ovra/concurrent/internal/TaskEnd.cpp"
+WEAK = "ovra/concurrent/internal/WeakTask.h"
+LOG = "ovra/log/Log.cpp"
+SWITCH = "ovra/extra/SwitchLogHandler.cpp"
+LOCK = "ovra/extra/internal/ForkSafeLock.cpp"
+RING = "ovra/extra/RecentLinesLogHandler.cpp"
+
+GUARD = "    std::lock_guard<std::mutex> const lock(mutex);\n"
+
+
+def without_lock(source, head, *scenarios):
+    """The lock of the function whose first line is `head` left out."""
+    name = head.split("(")[0].split()[-1]
+    return Fault(f"`{name}()` takes no lock", source, [(f"{head}\n{GUARD}", f"{head}\n")],
+                 scenarios)
+
+
+def weakened(source, before, order, name, *scenarios, unnoticed=""):
+    """The order in the text `before`, which follows the last comma or bracket, made relaxed."""
+    return Fault(f"{name} relaxed", source,
+                 [(before, before.replace(f"std::memory_order_{order}",
+                                          "std::memory_order_relaxed", 1))], scenarios, unnoticed)
+
+
+RANKS = ["RankAgainstInsert", "RankAgainstPick", "RankOfThePicked", "RankAgainstClose",
+         "RankAgainstDestruction"]
+ONE_LOCK = "one critical section: nobody sees it half done"
+
+FAULTS = [
+    # What is pushed to a handle.
+    weakened(HANDLE, "state.store(newState, std::memory_order_release)", "release",
+             "the state pushed", "PushState"),
+    weakened(HANDLE, "result.store(newResult, std::memory_order_release)", "release",
+             "the result pushed", "PushResult"),
+    weakened(HANDLE, "return state.load(std::memory_order_acquire)", "acquire",
+             "the state read", "PushState"),
+    weakened(HANDLE, "return result.load(std::memory_order_acquire)", "acquire",
+             "the result read", "PushResult"),
+    Fault("the state pushed before the result", TASK,
+          [("        live->setResult(outcome);\n        live->setState(Executable::DONE);\n",
+            "        live->setState(Executable::DONE);\n        live->setResult(outcome);\n")],
+          ["PushState"]),
+    Fault("the exception pushed after the state", TASK,
+          [("            handleAndLogUnknownException(std::current_exception(), true);\n",
+            "            finish(Executable::FAILURE);\n"
+            "            handleAndLogUnknownException(std::current_exception(), true);\n")],
+          ["PushException"]),
+    Fault("`getException()` does not look at the state", HANDLE,
+          [("    static_cast<void>(getState());\n    return exception;", "    return exception;")],
+          ["PushException"], "whoever may read it has seen the end, and the exception with it"),
+    without_lock(TASK, "void SubmittedTask::setState(Executable::State newState) {", "Cancel"),
+    without_lock(TASK, "void SubmittedTask::setResult(Executable::Result newResult) {",
+                 "PushTwice"),
+    without_lock(TASK, "void SubmittedTask::setHandle(std::shared_ptr<TaskHandle> const& newHandle) {",
+                 "HandleAgainstState"),
+    without_lock(TASK, "std::weak_ptr<TaskHandle> SubmittedTask::getHandle() const {",
+                 "HandleAgainstState"),
+    Fault("`finish()` takes no lock", TASK,
+          [(f"{GUARD}    result = outcome;", "    result = outcome;")], ["Cancel"]),
+    Fault("the work repeats whether it is cancelled or not", TASK,
+          [("while (outcome == Executable::REPEAT && state != Executable::CANCELLED)",
+            "while (outcome == Executable::REPEAT)")], ["CancelOfRepeat"]),
+
+    # The end of a task, and who waits for it.
+    Fault("the promise fulfilled before the result is pushed", TASK,
+          [("        finish(outcome);\n        logState", "        setPromiseValue();\n"
+            "        finish(outcome);\n        logState"),
+           ("    setPromiseValue();\n    return result;", "    return result;")], ["Wait"]),
+    Fault("no fence when the task is gone", WEAK,
+          [("std::atomic_thread_fence(std::memory_order_acquire);", "")], ["WaitForGoneByProxy"]),
+    Fault("the fence relaxed when the task is gone", WEAK,
+          [("std::atomic_thread_fence(std::memory_order_acquire);",
+            "std::atomic_thread_fence(std::memory_order_relaxed);")], ["WaitForGoneByProxy"]),
+    Fault("`waitForCompletion()` does not read the result", HANDLE,
+          [("static_cast<void>(getResult());", "")], ["WaitForGone", "Wait"],
+          "the fence does the same; ThreadSanitizer needs the read"),
+    Fault("neither a fence nor that read", HANDLE,
+          [("static_cast<void>(getResult());", ""),
+           ("concurrent::waitForCompletion(*task);",
+            "if (auto const live = task->lock()) { live->waitForEnd(); }")], ["WaitForGone"]),
+    Fault("the end stored, not exchanged", END,
+          [("} while (!waiting.compare_exchange_weak(\n"
+            "        waiter, waiter == nullptr ? &Waiter::fulfilled : &Waiter::over));",
+            "} while (false);\n"
+            "    waiting = waiter == nullptr ? &Waiter::fulfilled : &Waiter::over;")],
+          ["EndAgainstWait"]),
+    Fault("the waiter stored, not exchanged", END,
+          [("if (waiting.compare_exchange_strong(found, waiter)) {",
+            "if ((found = waiting) == nullptr) {\n        waiting = waiter;")], ["EndAgainstWait"]),
+    Fault("the late waiter's mark stored, not exchanged", END,
+          [("found == &Waiter::fulfilled && waiting.compare_exchange_strong(found, &Waiter::over)",
+            "found == &Waiter::fulfilled && (waiting = &Waiter::over)")], ["EndTwice"]),
+    Fault("the semaphore is not posted", END, [("sem_post(&waiter->semaphore);", "")],
+          ["EndAgainstWait"]),
+    Fault("the waiter is left before the post", END,
+          [("        while (sem_wait(&self.semaphore) != 0) {\n        }\n    } catch (...) {",
+            "    } catch (...) {")], ["EndAgainstWait"]),
+    Fault("the end exchanged relaxed", END,
+          [("waiter, waiter == nullptr ? &Waiter::fulfilled : &Waiter::over)",
+            "waiter, waiter == nullptr ? &Waiter::fulfilled : &Waiter::over,"
+            " std::memory_order_relaxed)")], ["EndAgainstWait"]),
+    Fault("the waiter exchanged relaxed", END,
+          [("waiting.compare_exchange_strong(found, waiter)",
+            "waiting.compare_exchange_strong(found, waiter, std::memory_order_relaxed)")],
+          ["EndAgainstFuture"]),
+    Fault("the late waiter's mark exchanged relaxed", END,
+          [("compare_exchange_strong(found, &Waiter::over))",
+            "compare_exchange_strong(found, &Waiter::over, std::memory_order_relaxed))"),
+           ("waiting.compare_exchange_strong(found, waiter)",
+            "waiting.compare_exchange_strong(found, waiter, std::memory_order_seq_cst,"
+            " std::memory_order_relaxed)")], ["EndAgainstWait"]),
+
+    # New ranks.
+    Fault("a rank stored, not exchanged", TASK,
+          [("rank.rank.compare_exchange_strong(stored, newRank())",
+            "(rank.rank = newRank(), true)")], ["RankAgainstInsert"]),
+    Fault("a rank refused by the queue is given up", TASK,
+          [("            if (rank.home->setRank(rank, newRank)) {\n                return;\n"
+            "            }\n", "            rank.home->setRank(rank, newRank);\n"
+            "            return;\n")], ["RankOfThePicked"]),
+    Fault("the mark set before the home", RANKED,
+          [("    entry.rank |= RankedEntry::COMPUTED;\n    place(entry);", "    place(entry);"),
+           ("    entry.home = this;\n",
+            "    entry.rank |= RankedEntry::COMPUTED;\n    entry.home = this;\n")],
+          ["RankAgainstInsert"]),
+    Fault("the mark set in two steps", RANKED,
+          [("    entry.rank |= RankedEntry::COMPUTED;\n    place",
+            "    entry.rank = entry.rank | RankedEntry::COMPUTED;\n    place")],
+          ["RankAgainstInsert"]),
+    Fault("the mark set relaxed", RANKED,
+          [("    entry.rank |= RankedEntry::COMPUTED;\n    place",
+            "    entry.rank.fetch_or(RankedEntry::COMPUTED, std::memory_order_relaxed);\n"
+            "    place")], ["RankAgainstInsert"]),
+    Fault("the mark looked at relaxed", TASK,
+          [("        unsigned int stored = rank.rank;",
+            "        unsigned int stored = rank.rank.load(std::memory_order_relaxed);")],
+          ["RankAgainstInsert"]),
+    Fault("the mark looked at relaxed by `getRank()`", TASK,
+          [("    unsigned int const stored = rank.rank;",
+            "    unsigned int const stored = rank.rank.load(std::memory_order_relaxed);")],
+          ["RankAgainstInsert"]),
+    without_lock(RANKED, "unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {",
+                 "RankAgainstPick"),
+    without_lock(RANKED, "bool RankedTasks::setRank(RankedEntry& entry, "
+                 "std::function<unsigned int()> const& newRank) {", "RankAgainstPick"),
+    without_lock(RANKED, "std::shared_ptr<SubmittedTask> RankedTasks::pick(SortKey const& scanned) {",
+                 "RankAgainstPick"),
+    without_lock(RANKED, "RankedEntry* RankedTasks::eraseAll() {", "RankAgainstClose"),
+    Fault("`insert()` takes no lock", RANKED,
+          [(f"{GUARD}    ++owners;", "    ++owners;")], ["RankAgainstInsert"]),
+    Fault("no second look at the mark when a rank is set", RANKED,
+          [("    if (!entry.isComputed()) {\n        return false;\n    }\n", "")],
+          ["RankOfThePicked"]),
+    Fault("no second look at the mark when a rank is read", RANKED,
+          [("return entry.isComputed() ? rankAt(entry, isUpdated(entry) ? picks + 1 : picks) "
+            ": entry.given();", "return rankAt(entry, isUpdated(entry) ? picks + 1 : picks);")],
+          ["RankOfThePicked"]),
+    Fault("the owners counted in two steps", "ovra/concurrent/internal/RankedTasks.h",
+          [("if (--owners == 0) {", "owners = owners - 1;\n        if (owners == 0) {")],
+          ["RankAgainstDestruction"]),
+    Fault("the mark of an added object set in two steps", QUEUE,
+          [("!entry.wasAdded.exchange(true)",
+            "(entry.wasAdded ? false : (entry.wasAdded = true))")], ["AddToTwoQueues"]),
+
+    # The queue and its workers.
+    Fault("nobody is notified of a task", QUEUE, [("    condition.notify_one();\n", "")],
+          ["AddAgainstWait"]),
+    Fault("a worker is notified before the lock", QUEUE,
+          [("    condition.notify_one();\n", ""),
+           (f"{GUARD}    ++addedSoFar;", f"    condition.notify_one();\n{GUARD}    ++addedSoFar;")],
+          ["AddAgainstWait"]),
+    Fault("a worker is notified before the task is queued", QUEUE,
+          [("    condition.notify_one();\n", ""),
+           ("    ++addedSoFar;", "    condition.notify_one();\n    ++addedSoFar;")],
+          ["AddAgainstWait"], ONE_LOCK),
+    Fault("a worker is notified after the lock", QUEUE,
+          [(f"{GUARD}    ++addedSoFar;",
+            "    std::unique_lock<std::mutex> lock(mutex);\n    ++addedSoFar;"),
+           ("    condition.notify_one();\n", "    lock.unlock();\n    condition.notify_one();\n")],
+          ["AddAgainstWait"], "the worker that sleeps is woken a little later"),
+    Fault("a task added without the lock", QUEUE,
+          [(f"{GUARD}    ++addedSoFar;", "    ++addedSoFar;")], ["AddAgainstWait"]),
+    Fault("a task picked without the lock", QUEUE,
+          [(f"{GUARD}    SortKey best;", "    SortKey best;")], ["AddAgainstWait"]),
+    without_lock(QUEUE, "bool SubmittedTasksQueue::isEmpty() {", "AddAgainstWait"),
+    Fault("a close wakes one worker", QUEUE, [("notify_all", "notify_one")], ["CloseAgainstWait"]),
+    Fault("a close wakes nobody", QUEUE, [("    condition.notify_all();\n", "")],
+          ["CloseAgainstWait"]),
+    Fault("a close wakes all before the lock", QUEUE,
+          [("    condition.notify_all();\n", ""),
+           ("    std::unique_lock<std::mutex> lock(mutex);\n    closed",
+            "    condition.notify_all();\n    std::unique_lock<std::mutex> lock(mutex);\n"
+            "    closed")], ["CloseAgainstWait"]),
+    Fault("a close wakes all before it is marked", QUEUE,
+          [("    closed = true;\n    condition.notify_all();\n",
+            "    condition.notify_all();\n    closed = true;\n")], ["CloseAgainstWait"], ONE_LOCK),
+    Fault("a close marked, and all woken, before the lock", QUEUE,
+          [("    std::unique_lock<std::mutex> lock(mutex);\n    closed = true;\n"
+            "    condition.notify_all();\n",
+            "    closed = true;\n    condition.notify_all();\n"
+            "    std::unique_lock<std::mutex> lock(mutex);\n")], ["CloseAgainstWait"]),
+    Fault("a close marked before the lock", QUEUE,
+          [("    std::unique_lock<std::mutex> lock(mutex);\n    closed = true;\n",
+            "    closed = true;\n    std::unique_lock<std::mutex> lock(mutex);\n")],
+          ["CloseAgainstWait"], "the lock that is taken before the wake-up orders it all the same"),
+    Fault("no look at the queue before a worker sleeps", WORKER,
+          [("if (!source->hasTasks()) {", "if (true) {")], ["AddAgainstWait"]),
+    Fault("no look at the close before a worker sleeps", WORKER,
+          [("    if (source->isClosed()) {\n        return false;\n    }\n", "")],
+          ["CloseAgainstWait"]),
+    Fault("the close looked at before the lock", WORKER,
+          [("    std::unique_lock<std::mutex> lock(source->mutex);\n    if (source->isClosed()) {\n"
+            "        return false;\n    }\n",
+            "    if (source->isClosed()) {\n        return false;\n    }\n"
+            "    std::unique_lock<std::mutex> lock(source->mutex);\n")], ["CloseAgainstWait"]),
+    Fault("a worker joined before the close", EXECUTOR,
+          [("    if (queue) {\n        queue->close();\n    }\n", ""),
+           ("        worker->terminate();\n    }\n",
+            "        worker->terminate();\n    }\n    if (queue) {\n        queue->close();\n"
+            "    }\n")], ["SubmitAgainstDestruction"]),
+    Fault("the parts of a submission counted in two steps",
+          "ovra/concurrent/internal/SubmissionMemory.h",
+          [("if (--memory->parts == 0) {",
+            "memory->parts = memory->parts - 1;\n            if (memory->parts == 0) {")],
+          ["ReleaseParts"]),
+
+    # The log, and two sinks.
+    Fault("the log level no atomic", LOG,
+          [("std::atomic<LogLevel> globalLevel{ERROR};",
+            "model::plain<LogLevel> globalLevel{ERROR};")], ["LogLevel"]),
+    Fault("the debuggable flag no atomic", LOG,
+          [("std::atomic<bool> depsDebuggable{false};",
+            "model::plain<bool> depsDebuggable{false};")], ["LogLevel"]),
+    Fault("the switch's target read without the lock", SWITCH,
+          [("        std::lock_guard<ForkSafeLock> const guard(lock);\n        return targets",
+            "        return targets")], ["SwitchOfTarget"]),
+    Fault("the switch's target replaced without the lock", SWITCH,
+          [("        std::lock_guard<ForkSafeLock> const guard(lock);\n        unsigned",
+            "        unsigned")], ["SwitchOfTarget"]),
+    Fault("the switch's level no atomic", SWITCH,
+          [("std::atomic<log::LogLevel> level;", "model::plain<log::LogLevel> level;")],
+          ["SwitchOfTarget"]),
+    Fault("the switch's place stored relaxed", SWITCH,
+          [("current.store(1 - before, std::memory_order_release)",
+            "current.store(1 - before, std::memory_order_relaxed)")], ["SwitchOfTarget"],
+          "no other thread reads it without the lock; the order is for a child of `fork`"),
+    weakened(LOCK, "compare_exchange_strong(seen, here(LOCKED), std::memory_order_acquire)",
+             "acquire", "the lock taken", "SwitchOfTarget"),
+    weakened(LOCK, "word.exchange(here(OPEN), std::memory_order_release)", "release",
+             "the lock opened", "SwitchOfTarget"),
+    weakened(LOCK, "compare_exchange_weak(seen, here(AWAITED), std::memory_order_acquire)",
+             "acquire", "the lock taken after a wait", "SwitchAwaited"),
+    Fault("who waits for the lock is not woken", LOCK,
+          [("syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);", ";")],
+          ["SwitchAwaited"]),
+    Fault("who has waited locks as if nobody else did", LOCK,
+          [("compare_exchange_weak(seen, here(AWAITED), std::memory_order_acquire)",
+            "compare_exchange_weak(seen, isHeld ? here(AWAITED) : here(LOCKED), "
+            "std::memory_order_acquire)")], ["SwitchAwaited"]),
+    weakened(RING, "place.word.store(ticket * ONE_TICKET, std::memory_order_release)", "release",
+             "a line shown", "RingOfOne"),
+    weakened(RING, "seen, seen + ONE_READER, std::memory_order_acquire,", "acquire",
+             "a line held", "RingOfOne"),
+    weakened(RING, "word.fetch_sub(ONE_READER, std::memory_order_release)", "release",
+             "a line released", "RingOfOne"),
+    weakened(RING, "compare_exchange_weak(seen, beingFilled(), std::memory_order_acquire,",
+             "acquire", "a place claimed", "RingOfOne"),
+    weakened(RING, "Word const last = lastTicket.load(std::memory_order_acquire)", "acquire",
+             "the last ticket read", "RingOfOne", "RingOfTwo",
+             unnoticed="what a line is, its own place says"),
+    weakened(RING, "after(before), std::memory_order_acq_rel,", "acq_rel",
+             "a ticket taken", "RingOfOne", "RingOfTwo",
+             unnoticed="what a line is, its own place says"),
+    Fault("a line shown before it is filled in", RING,
+          [("                    place.fill(line, most);\n                    place.word.store("
+            "ticket * ONE_TICKET, std::memory_order_release);\n",
+            "                    place.word.store(ticket * ONE_TICKET, "
+            "std::memory_order_release);\n                    place.fill(line, most);\n")],
+          ["RingOfOne"]),
+    Fault("a line that is read is overwritten", RING,
+          [("(seen & (BEING_FILLED | ALL_READERS)) != 0", "(seen & BEING_FILLED) != 0")],
+          ["RingOfOne"]),
+    Fault("a line read without being held", RING,
+          [("seen, seen + ONE_READER, std::memory_order_acquire,",
+            "seen, seen, std::memory_order_acquire,"),
+           ("                word.fetch_sub(ONE_READER, std::memory_order_release);\n", "")],
+          ["RingOfOne"]),
+    Fault("a place that is filled is claimed again", RING,
+          [("(seen & (BEING_FILLED | ALL_READERS)) != 0", "(seen & ALL_READERS) != 0")],
+          ["RingOfTwo"]),
+]
+
+NO_ORDER = "nothing rests on one order of all accesses"
+
+
+def of_unnamed(name, source, scenarios, relaxed_scenarios, relaxed_reason=""):
+    """The accesses to an atomic that name no order: weakened by one step, and by all."""
+    return [Fault(f"all of `{name}` acquire and release", source, [], scenarios, NO_ORDER,
+                  (name, "acq_rel")),
+            Fault(f"all of `{name}` relaxed", source, [], relaxed_scenarios, relaxed_reason,
+                  (name, "relaxed"))]
+
+
+IN_LOCK = "changed under a lock; without it, only looked at for what may come any moment"
+FAULTS += of_unnamed("rank", TASK, RANKS, ["RankAgainstInsert"])
+FAULTS += of_unnamed("priority", TASK, RANKS, RANKS,
+                     "read where the rank's own exchange or the lock orders it")
+FAULTS += of_unnamed("owners", RANKED, RANKS, ["RankAgainstDestruction"])
+FAULTS += of_unnamed("wasAdded", QUEUE, ["AddToTwoQueues"], ["AddToTwoQueues"],
+                     "one exchange is the first, in any order")
+FAULTS += of_unnamed("parts", "ovra/concurrent/internal/SubmissionMemory.h", ["ReleaseParts"],
+                     ["ReleaseParts"])
+FAULTS += of_unnamed("state", TASK, ["Cancel", "CancelOfRepeat", "AddAgainstWait"],
+                     ["Cancel", "CancelOfRepeat", "AddAgainstWait"], IN_LOCK)
+FAULTS += of_unnamed("result", TASK, ["Cancel", "PushResult", "Wait"],
+                     ["Cancel", "PushResult", "Wait"], IN_LOCK)
+FAULTS += of_unnamed("waiting", END, ["EndAgainstWait", "EndAgainstFuture", "EndTwice", "Wait"],
+                     ["EndAgainstWait"])
+FAULTS += of_unnamed("closed", QUEUE, ["CloseAgainstWait", "SubmitAgainstDestruction"],
+                     ["CloseAgainstWait", "SubmitAgainstDestruction"], IN_LOCK)
+FAULTS += of_unnamed("terminated", WORKER, ["SubmitAgainstDestruction"],
+                     ["SubmitAgainstDestruction"], "the join orders all")
+FAULTS += of_unnamed("s_uniqueIndexCounter", TASK, ["SubmitAgainstDestruction"],
+                     ["SubmitAgainstDestruction"], "each number is given once, in any order")
