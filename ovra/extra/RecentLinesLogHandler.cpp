@@ -109,8 +109,8 @@ private:
         std::size_t length = 0;
         char* text = nullptr;
 
-        void fill(char const* line, std::size_t most) {
-            length = strnlen(line, most);
+        void fill(char const* line, std::size_t limit) {
+            length = strnlen(line, limit);
             std::memcpy(text, line, length);
             text[length++] = '\n';
         }
