@@ -22,7 +22,7 @@ public:
     public:
         using value_type = Block;
         template <typename Other>
-        struct rebind {
+        struct rebind {  // NOLINT(readability-identifier-naming): the standard's.
             using other = Allocator<Part, Other>;
         };
 
