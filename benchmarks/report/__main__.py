@@ -14,7 +14,7 @@ import tables
 from instructions import Callgrind, Emulator, count_instructions
 from measure import measure, run_alone, say
 from measurements import Measurements
-from specs import Specs
+from plans import Plans
 
 EXACT = {"allocations", "bytes", "queued_bytes", "kept_bytes", "peak_kib"}
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -48,16 +48,16 @@ def recorded(directory):
     return sorted(found, key=lambda record: record.about["date"])
 
 
-def count_all(options, specs, rows, found):
+def count_all(options, plans, rows, found):
     say("instructions ...")
-    count_instructions(Callgrind(options.build), specs, rows, found)
+    count_instructions(Callgrind(options.build), plans, rows, found)
     if options.arm:
         say("instructions on 32-bit ARM ...")
-        count_instructions(Emulator(options.arm, options.build), specs, rows, found)
+        count_instructions(Emulator(options.arm, options.build), plans, rows, found)
 
 
-def report(found, specs, others, directory):
-    judgement = judge.Judgement(specs, found, others)
+def report(found, plans, others, directory):
+    judgement = judge.Judgement(plans, found, others)
     strategies = {"task_strict": "HighestPriority", "task_nostarve": "NoStarve"}
     answers = {key: tables.answer(judgement, "Warm burst", f"{name}, n = 10000, 1 worker",
                                   "QThreadPool") for key, name in strategies.items()}
@@ -76,19 +76,19 @@ def report(found, specs, others, directory):
             arm="Thumb-2, as Debian's armhf has it" if has_arm else "**left out here**",
             syslog="" if "syslog/ovra" in found.names() else
             "; **left out here**: no private mount namespace was permitted",
-            rows=tables.all_rows(judgement), others=tables.other_rows(specs, found),
+            rows=tables.all_rows(judgement), others=tables.other_rows(plans, found),
             goals=tables.goals(judgement), summary=judgement.summary(),
             machines="; ".join(machines))
     os.makedirs(directory, exist_ok=True)
     import pictures  # Takes a second, which only a report needs.
-    pictures.draw_all(found, specs, judgement, directory)
+    pictures.draw_all(found, plans, judgement, directory)
     with open(os.path.join(directory, "README.md"), "w", encoding="utf-8") as out:
         out.write(text)
     print(tables.all_rows(judgement), tables.goals(judgement), sep="\n\n")
     print(f"\n{found.about['machine']}. {judgement.summary()} The report is in {directory}.")
 
 
-def check(options, specs, found, records):
+def check(options, plans, found, records):
     """Exit status 1 if a ratio has grown by more than 15 % over the recorded one. What seems to
     have is measured twice more: a single run on a busy machine proves nothing."""
     if not records:
@@ -97,18 +97,18 @@ def check(options, specs, found, records):
     record = (same or records)[-1]
     print(f"Compared with {record.about['machine']}, {record.about['date']}, "
           f"{record.about['build']}.")
-    grown = judge.regressions(specs, found, record)
+    grown = judge.regressions(plans, found, record)
     for _ in range(2):
         if not grown:
             break
         say(f"{len(grown)} to measure again ...")
-        suspects = {id(row.spec) for row, *_ in grown}
-        rows = [spec for spec in specs.rows if id(spec) in suspects]
-        found.update(measure(options.build, specs, rows, quick=False))
-        count_all(options, specs, rows, found)
-        grown = judge.regressions(specs, found, record)
+        suspects = {id(row.plan) for row, *_ in grown}
+        rows = [plan for plan in plans.rows if id(plan) in suspects]
+        found.update(measure(options.build, plans, rows, quick=False))
+        count_all(options, plans, rows, found)
+        grown = judge.regressions(plans, found, record)
     for row, what, before, now in grown:
-        print(f"REGRESSION {row.spec.group}: {row.spec.what}: {what} was {before:.3g}, "
+        print(f"REGRESSION {row.plan.group}: {row.plan.what}: {what} was {before:.3g}, "
               f"is {now:.3g}")
     sys.exit("Slower than recorded." if grown else 0)
 
@@ -129,38 +129,38 @@ def main():
                            help="record the medians for this kind of machine")
     options = arguments.parse_args()
 
-    specs = Specs()
-    rows = [row for row in specs.rows if not (options.quick or options.check) or not row.is_slow]
+    plans = Plans()
+    rows = [row for row in plans.rows if not (options.quick or options.check) or not row.is_slow]
     if options.kept:
         found = Measurements.load(options.kept)
     elif options.instructions:
         found = Measurements()
         found.about = about()
-        rows = [row for row in specs.rows if re.search(options.instructions, row.pattern)]
+        rows = [row for row in plans.rows if re.search(options.instructions, row.pattern)]
         for row in rows:
             if row.iterations:
                 row.figure = "instructions"  # In the place of a time, which is not taken.
         exact = [row for row in rows if row.figure in EXACT]
-        run_alone(os.path.join(options.build, "benchmarks"), specs, exact, 1, found)
-        count_all(options, specs, rows, found)
+        run_alone(os.path.join(options.build, "benchmarks"), plans, exact, 1, found)
+        count_all(options, plans, rows, found)
     else:
-        found = measure(options.build, specs, rows, options.quick or options.check)
-        count_all(options, specs, rows, found)
+        found = measure(options.build, plans, rows, options.quick or options.check)
+        count_all(options, plans, rows, found)
         found.about = about()
     if not options.kept:
         found.save(os.path.join(options.build, "measurements.json"))
 
     records = recorded(options.records)
     if options.check:
-        check(options, specs, found, records)
+        check(options, plans, found, records)
     elif options.instructions:
-        print(tables.all_rows(judge.Judgement(specs, found, [])))
+        print(tables.all_rows(judge.Judgement(plans, found, [])))
     else:
         if options.record:
             found.save(record_of(options.records, found.about["machine"]), medians_only=True)
         others = [record for record in records
                   if record.about["machine"] != found.about["machine"]]
-        report(found, specs, others, options.out)
+        report(found, plans, others, options.out)
 
 
 if __name__ == "__main__":

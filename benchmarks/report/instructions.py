@@ -72,7 +72,7 @@ def sizes(row, name):
                 given[row.counted[0]])
 
 
-def runs_alone(counter, specs, rows):
+def runs_alone(counter, plans, rows):
     """What programs that measure one thing can count, as (name, operations, the two commands)."""
     wanted = {}
     for row in counter.rows(rows):
@@ -81,16 +81,16 @@ def runs_alone(counter, specs, rows):
                 wanted.setdefault((os.path.join(counter.here, row.program), name), row)
     programs = {program: known(counter.command([program])) for program, _ in wanted}
     for (program, name), row in wanted.items():
-        if can_run(specs, programs[program], name):
+        if can_run(plans, programs[program], name):
             both, operations = sizes(row, name)
             yield name, operations, [counter.command(command_of(program, name, changed))
                                      for changed in both]
 
 
-def runs_of_batches(counter, specs, rows):
+def runs_of_batches(counter, plans, rows):
     """The same of Google Benchmark's programs, restricted to one benchmark."""
     iterations = {row: row.iterations for row in counter.rows(rows) if row.iterations}
-    for program in specs.batches if iterations else []:
+    for program in plans.batches if iterations else []:
         path = os.path.join(counter.here, program)
         listed = known([path, "--benchmark_list_tests=true"])
         names = {plain_name(name) for name in listed}
@@ -104,9 +104,9 @@ def runs_of_batches(counter, specs, rows):
                  *counter.command([path, f"--benchmark_filter={pattern}"])] for halves in (1, 3)]
 
 
-def count_instructions(counter, specs, rows, measurements):
+def count_instructions(counter, plans, rows, measurements):
     """Adds the counter's figure for all that its programs can count of the rows."""
-    runs = [*runs_alone(counter, specs, rows), *runs_of_batches(counter, specs, rows)]
+    runs = [*runs_alone(counter, plans, rows), *runs_of_batches(counter, plans, rows)]
 
     def difference(run):
         _, operations, commands = run

@@ -6,10 +6,10 @@ TOLERATED = 1.15  # What a ratio may grow by before it counts as a regression.
 class Row:
     """One line of the table: ovra's figure, the peers', and whether the goal is met."""
 
-    def __init__(self, spec, found):
-        self.spec = spec
-        self.value = self.figure_of(found, spec.ours)
-        peers = {peer: self.figure_of(found, peer) for peer in spec.peers_in(found)}
+    def __init__(self, plan, found):
+        self.plan = plan
+        self.value = self.figure_of(found, plan.ours)
+        peers = {peer: self.figure_of(found, peer) for peer in plan.peers_in(found)}
         # Best first.
         self.peers = sorted(((peer, value) for peer, value in peers.items() if value),
                             key=lambda item: item[1])
@@ -17,19 +17,19 @@ class Row:
         self.arm_instructions = self.counted(found, "arm_instructions")
 
     def figure_of(self, found, contestant):
-        value = found.median(self.spec.name(contestant), self.spec.figure)
-        if value is None or self.spec.over is None:
+        value = found.median(self.plan.name(contestant), self.plan.figure)
+        if value is None or self.plan.over is None:
             return value
-        base = found.median(self.spec.over.format(of=contestant), self.spec.figure)
+        base = found.median(self.plan.over.format(of=contestant), self.plan.figure)
         return value / base if base else None
 
     def counted(self, found, figure):
         """What goes beside a time: ovra's count, and its ratio to the judged peer's."""
-        if self.spec.figure not in ("cpu_ns", "instructions") or self.spec.over:
+        if self.plan.figure not in ("cpu_ns", "instructions") or self.plan.over:
             return None, None
-        own = found.median(self.spec.name(self.spec.ours), figure)
+        own = found.median(self.plan.name(self.plan.ours), figure)
         peer, _ = self.judged()
-        of_peer = found.median(self.spec.name(peer), figure) if peer else None
+        of_peer = found.median(self.plan.name(peer), figure) if peer else None
         return own, own / of_peer if own and of_peer else None
 
     def ratios(self):
@@ -38,32 +38,32 @@ class Row:
     def judged(self):
         """The best of the peers that the row is held against, and the ratio to it."""
         return next(((peer, ratio) for peer, ratio in self.ratios()
-                     if self.spec.against is None or peer in self.spec.against), (None, None))
+                     if self.plan.against is None or peer in self.plan.against), (None, None))
 
     def is_met(self):
         """None where there is no goal, or nobody to compare with."""
         ratio = self.judged()[1]
         verdicts = []
-        if self.spec.limit is not None:
-            verdicts.append(self.value <= self.spec.limit)
-        if self.spec.goal is not None and ratio is not None:
-            verdicts.append(ratio <= self.spec.goal)
+        if self.plan.limit is not None:
+            verdicts.append(self.value <= self.plan.limit)
+        if self.plan.goal is not None and ratio is not None:
+            verdicts.append(ratio <= self.plan.goal)
         return all(verdicts) if verdicts else None
 
     def key(self):
-        return self.spec.group, self.spec.what, tuple(self.spec.against or ())
+        return self.plan.group, self.plan.what, tuple(self.plan.against or ())
 
 
-def rows_of(specs, found):
-    return [row for row in (Row(spec, found) for spec in specs.rows) if row.value is not None]
+def rows_of(plans, found):
+    return [row for row in (Row(plan, found) for plan in plans.rows) if row.value is not None]
 
 
 class Judgement:
     """The rows of this run, judged together with what was recorded on other kinds of machine."""
 
-    def __init__(self, specs, found, others):
-        self.rows = rows_of(specs, found)
-        self.elsewhere = [(other.about["machine"], {row.key(): row for row in rows_of(specs, other)})
+    def __init__(self, plans, found, others):
+        self.rows = rows_of(plans, found)
+        self.elsewhere = [(other.about["machine"], {row.key(): row for row in rows_of(plans, other)})
                           for other in others]
 
     def verdict(self, row):
@@ -86,19 +86,19 @@ class Judgement:
         return text + (f"; {changing} more depend on the machine." if changing else ".")
 
 
-def regressions(specs, found, recorded):
+def regressions(plans, found, recorded):
     """The rows whose ratio to the judged peer, or whose instruction count, has grown too much, as
     (row, what grew, before, now). Rows that the system's scheduler decides are no evidence."""
-    before = {row.key(): row for row in rows_of(specs, recorded)}
+    before = {row.key(): row for row in rows_of(plans, recorded)}
     grown = []
-    for row in rows_of(specs, found):
+    for row in rows_of(plans, found):
         old = before.get(row.key())
-        if old is None or row.spec.is_scheduled:
+        if old is None or row.plan.is_scheduled:
             continue
         peer = row.judged()[0]
         pairs = [(f"ratio to {peer}", dict(old.ratios()).get(peer), row.judged()[1])]
-        if row.spec.figure.endswith("instructions") or not row.peers:
-            pairs.append((row.spec.figure, old.value, row.value))
+        if row.plan.figure.endswith("instructions") or not row.peers:
+            pairs.append((row.plan.figure, old.value, row.value))
         grown += [(row, what, was, now) for what, was, now in pairs
                   if was and now and now > was * TOLERATED]
     return grown

@@ -48,11 +48,11 @@ def known(command):
     return set(out.splitlines())
 
 
-def can_run(specs, program_knows, name):
-    return "/".join(name.split("/")[:2]) in program_knows and not specs.is_left_out(name)
+def can_run(plans, program_knows, name):
+    return "/".join(name.split("/")[:2]) in program_knows and not plans.is_left_out(name)
 
 
-def run_alone(here, specs, rows, repetitions, measurements):
+def run_alone(here, plans, rows, repetitions, measurements):
     """Each measurement in a process of its own, in another order every round."""
     wanted = {}
     for row in rows:
@@ -60,7 +60,7 @@ def run_alone(here, specs, rows, repetitions, measurements):
             for name in row.names():
                 wanted.setdefault((row.program, name), set()).add(row.figure)
     programs = {program: known([os.path.join(here, program)]) for program, _ in wanted}
-    runs = [run for run in wanted if can_run(specs, programs[run[0]], run[1])]
+    runs = [run for run in wanted if can_run(plans, programs[run[0]], run[1])]
     for _ in range(repetitions):
         for run in random.sample(runs, len(runs)):
             program, name = run
@@ -146,18 +146,18 @@ def shapes_of(rows):
     return {shape for row in rows if not row.program for shape in row.shapes()}
 
 
-def measure(build, specs, rows, quick):
+def measure(build, plans, rows, quick):
     """All times and bytes that the rows need. Instructions: see `instructions`."""
     found = Measurements()
     here = os.path.join(build, "benchmarks")
     say("tasks ...")
     for is_slow, repetitions in ((False, 3 if quick else 9), (True, 3)):
-        run_alone(here, specs, [row for row in rows if row.is_slow == is_slow], repetitions, found)
+        run_alone(here, plans, [row for row in rows if row.is_slow == is_slow], repetitions, found)
     batched = shapes_of(rows) - LIBRARY_SHAPES
     # A run of all rows also measures what no row names.
-    pattern = "." if batched == shapes_of(specs.rows) - LIBRARY_SHAPES else (
+    pattern = "." if batched == shapes_of(plans.rows) - LIBRARY_SHAPES else (
         f"^({'|'.join(map(re.escape, sorted(batched)))})/")
-    for program in specs.batches if batched else []:
+    for program in plans.batches if batched else []:
         say(f"{program} ...")
         run_batch(os.path.join(here, program), pattern, 3 if quick else 11,
                   0.02 if quick else 0.05, found)

@@ -1,7 +1,7 @@
 """What was measured, and how it is kept.
 
 A measurement has a name, <shape>/<contestant>[/<argument>:<value>]..., and figures ("cpu_ns",
-"instructions", ...: specs.py lists them). Kept as JSON:
+"instructions", ...: plans.py lists them). Kept as JSON:
 
     {"machine": "...", "date": "2026-01-31", "build": "<commit>",
      "measurements": [[<name>, <figure>, [<value of each repetition>, ...]], ...]}

@@ -75,9 +75,9 @@ def draw_answer(found, directory, file, title, contestants, measured):
     save(figure, os.path.join(directory, file))
 
 
-def draw_growth(found, specs, path):
+def draw_growth(found, plans, path):
     figure, axes = pyplot.subplots(1, 2, figsize=(11.5, 5.2), sharey=True)
-    pools = specs.sets["pools"][::-1] + specs.sets["strategies"][::-1]
+    pools = plans.sets["pools"][::-1] + plans.sets["strategies"][::-1]
     for axis, (title, pattern) in zip(axes, (
             ("warm, 1 worker", "burst/{}/n:{}/workers:1"),
             ("cold, 1 worker on the caller's core", "cold/{}/n:{}/workers:1/pinned:1"))):
@@ -87,8 +87,8 @@ def draw_growth(found, specs, path):
             points = [(n, value / 1e3) for n, value in points if value]
             if not points:
                 continue
-            ours = pool in specs.sets["strategies"]
-            style = "-" if ours or pool in specs.sets["ordered"] else (0, (4, 2))
+            ours = pool in plans.sets["strategies"]
+            style = "-" if ours or pool in plans.sets["ordered"] else (0, (4, 2))
             axis.plot(*zip(*points), label=pool, color=COLOURS[pool], linestyle=style,
                       linewidth=2.6 if ours else 1.4, marker="o", markersize=6 if ours else 4,
                       zorder=3 if ours else 2)
@@ -114,9 +114,9 @@ def draw_growth(found, specs, path):
 
 def draw_goals(judgement, path):
     """Every ratio that has a goal."""
-    judged = [(f"{row.spec.group.split(',')[0]}: {row.spec.what}", *row.judged(), row.spec.goal)
+    judged = [(f"{row.plan.group.split(',')[0]}: {row.plan.what}", *row.judged(), row.plan.goal)
               for row, _ in judgement.goals()
-              if row.spec.goal is not None and row.judged()[1] is not None]
+              if row.plan.goal is not None and row.judged()[1] is not None]
     if not judged:
         return
     figure, axis = pyplot.subplots(figsize=(11.5, 0.27 * len(judged) + 1.3))
@@ -146,8 +146,8 @@ def draw_goals(judgement, path):
     save(figure, path)
 
 
-def draw_all(found, specs, judgement, directory):
+def draw_all(found, plans, judgement, directory):
     for answer in ANSWERS:
         draw_answer(found, directory, *answer)
-    draw_growth(found, specs, os.path.join(directory, "growth.svg"))
+    draw_growth(found, plans, os.path.join(directory, "growth.svg"))
     draw_goals(judgement, os.path.join(directory, "ratios.svg"))

@@ -33,7 +33,7 @@ def ratio_text(ratio):
 
 
 def value_text(row):
-    return figure_text(row.value, row.spec.figure, row.spec.over is not None)
+    return figure_text(row.value, row.plan.figure, row.plan.over is not None)
 
 
 def instructions_text(counted):
@@ -44,7 +44,7 @@ def instructions_text(counted):
 
 
 def ratios_text(row):
-    judged = row.judged()[0] if row.spec.goal is not None else None
+    judged = row.judged()[0] if row.plan.goal is not None else None
     texts = [f"**{name} {ratio_text(ratio)}**" if name == judged else
              f"{name} {ratio_text(ratio)}" for name, ratio in row.ratios()]
     return " · ".join(texts)
@@ -52,19 +52,19 @@ def ratios_text(row):
 
 def goal_text(row):
     goals = []
-    if row.spec.limit is not None:
-        goals.append(f"≤ {figure_text(row.spec.limit, row.spec.figure, row.spec.over is not None)}")
-    if row.spec.goal is not None:
-        goals.append(f"ratio ≤ {row.spec.goal:g}")
+    if row.plan.limit is not None:
+        goals.append(f"≤ {figure_text(row.plan.limit, row.plan.figure, row.plan.over is not None)}")
+    if row.plan.goal is not None:
+        goals.append(f"ratio ≤ {row.plan.goal:g}")
     return ", ".join(goals)
 
 
 def grouped(rows, columns, line):
     """A table with a heading for each group, in the order in which groups first come."""
     lines = [f"| {' | '.join(columns)} |", f"|---|---:|{'---|' * (len(columns) - 2)}"]
-    for group in dict.fromkeys(row.spec.group for row in rows):
+    for group in dict.fromkeys(row.plan.group for row in rows):
         lines.append(f"| **{group}** |{' |' * (len(columns) - 1)}")
-        lines += [line(row) for row in rows if row.spec.group == group]
+        lines += [line(row) for row in rows if row.plan.group == group]
     return "\n".join(lines)
 
 
@@ -72,7 +72,7 @@ def all_rows(judgement):
     return grouped(
         judgement.rows, ("measured", "ovra", "ratio: ovra / peer, the best peer first",
                          "instructions", "on 32-bit ARM"),
-        lambda row: f"| {row.spec.what} | {value_text(row)} | {ratios_text(row)} | "
+        lambda row: f"| {row.plan.what} | {value_text(row)} | {ratios_text(row)} | "
                     f"{instructions_text(row.instructions)} | "
                     f"{instructions_text(row.arm_instructions)} |")
 
@@ -82,20 +82,20 @@ def goals(judgement):
 
     def line(row):
         peer, ratio = row.judged()
-        held = f"{peer} {ratio_text(ratio)}" if row.spec.goal is not None and ratio else ""
+        held = f"{peer} {ratio_text(ratio)}" if row.plan.goal is not None and ratio else ""
         verdict = verdicts[id(row)]
-        return (f"| {row.spec.what} | {value_text(row)} | {held} | {goal_text(row)} | "
+        return (f"| {row.plan.what} | {value_text(row)} | {held} | {goal_text(row)} | "
                 f"{verdict if verdict == 'met' else f'**{verdict}**'} |")
 
     return grouped([row for row, _ in judgement.goals()],
                    ("goal", "ovra", "ratio", "goal", ""), line)
 
 
-def other_rows(specs, found):
+def other_rows(plans, found):
     """Ovra's figures that no row names."""
-    named = {(spec.name(spec.ours), spec.figure) for spec in specs.rows}
+    named = {(plan.name(plan.ours), plan.figure) for plan in plans.rows}
     named_at_all = {name for name, _ in named}
-    ours = set(specs.sets["strategies"] + specs.sets["ovra"])
+    ours = set(plans.sets["strategies"] + plans.sets["ovra"])
     lines = []
     for name in found.names():
         shape, contestant, *arguments = name.split("/")
@@ -118,7 +118,7 @@ def other_rows(specs, found):
 def answer(judgement, group, what, peer):
     """Ovra's figure of a row, and how it compares with the peer's, as a sentence's part."""
     for row in judgement.rows:
-        if row.spec.group.startswith(group) and row.spec.what == what:
+        if row.plan.group.startswith(group) and row.plan.what == what:
             ratio = dict(row.ratios()).get(peer)
             counted = row.instructions[0]
             return (value_text(row) + (f", {ratio_text(ratio)} of {peer}'s" if ratio else "") +

@@ -9,7 +9,7 @@ import tables
 from instructions import sizes
 from measure import command_of
 from measurements import Measurements
-from specs import Spec, Specs
+from plans import Plan, Plans
 
 SETS = {"ovra": ["ovra"], "peers": ["fast", "slow"]}
 
@@ -18,7 +18,7 @@ class Table:
     """One row in the place of those in rows.toml."""
 
     def __init__(self, **entry):
-        self.rows = [Spec({"title": "Group", "what": "a thing", "name": "thing/{of}",
+        self.rows = [Plan({"title": "Group", "what": "a thing", "name": "thing/{of}",
                            "peers": "peers", **entry}, SETS, "ovra", {})]
 
 
@@ -115,12 +115,12 @@ class NamesTest(unittest.TestCase):
             self.assertEqual(Measurements.load(path).values, {("thing/ovra", "cpu_ns"): [2.5]})
 
     def test_what_no_row_names_is_shown_too(self):
-        specs = Specs()
+        plans = Plans()
         found = Measurements()
         found.add("novelty/ovra", "cpu_ns", 10)
         found.add("novelty/spdlog", "cpu_ns", 20)
         self.assertIn("| novelty/ovra, cpu_ns | 10 ns | spdlog 0.50 |",
-                      tables.other_rows(specs, found))
+                      tables.other_rows(plans, found))
 
 
 if __name__ == "__main__":

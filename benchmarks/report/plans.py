@@ -46,7 +46,7 @@ import tomllib
 BENCHMARKS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
-class Spec:
+class Plan:
     """One row of the table: a contestant of ovra's, and those it is compared with."""
 
     def __init__(self, entry, sets, ours, variables):
@@ -109,7 +109,7 @@ class Spec:
         return {pattern.split("/")[0] for pattern in (self.pattern, self.peer_pattern)}
 
 
-class Specs:
+class Plans:
     def __init__(self):
         self.batches = []
         self.sets = {"ovra": ["ovra"]}
@@ -130,7 +130,7 @@ class Specs:
             ours = entry.get("ours", "ovra")
             for contestant in self.sets[ours] if isinstance(ours, str) else ours:
                 for values in itertools.product(*each.values()):
-                    self.rows.append(Spec(entry, self.sets, contestant, dict(zip(each, values))))
+                    self.rows.append(Plan(entry, self.sets, contestant, dict(zip(each, values))))
 
     def is_left_out(self, name):
         """Whether a contestant would take too long."""
