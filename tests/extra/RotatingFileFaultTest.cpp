@@ -27,7 +27,6 @@ protected:
 // --- single lines
 
 TEST_F(RotatingFileFaultTest, ContinuesAShortWrite) {
-    RotatingFileOptions options;
     RotatingFileLogHandler sink(path, plain());
     for (std::size_t const length : {5u, 5000u}) {
         FileCalls calls;

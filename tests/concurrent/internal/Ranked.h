@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include <ovra/concurrent/internal/RankedTasks.h>
@@ -23,7 +24,10 @@ inline constexpr bool KEEPS = false;
 class Ranked {
 public:
     explicit Ranked(bool doublesRanks)
-        : tasks(new RankedTasks(doublesRanks), [](RankedTasks* made) { made->release(); }) {}
+        : tasks(new RankedTasks(doublesRanks), [](RankedTasks* made) {
+              drop(made->eraseAll());
+              made->release();
+          }) {}
 
     static std::shared_ptr<SubmittedTask> make(std::int32_t index, unsigned int rank) {
         // The next one down is taken.
@@ -67,6 +71,14 @@ public:
     std::vector<std::shared_ptr<SubmittedTask>> owned;
 
 private:
+    // A task that is there keeps itself alive.
+    static void drop(RankedEntry* entry) {
+        while (entry != nullptr) {
+            auto const task = std::move(entry->task);
+            entry = entry->next;
+        }
+    }
+
     std::shared_ptr<RankedTasks> const tasks;
     std::uint64_t added = 0;
 };
