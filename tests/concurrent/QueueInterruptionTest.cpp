@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/ThreadCalls.h>
@@ -24,8 +25,6 @@ class QueueInterruptionTest : public test::BoundedTest {};
 
 template <typename Strategy>
 class QueueInterruptionStrategyTest : public test::BoundedTest {};
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 TYPED_TEST_SUITE(QueueInterruptionStrategyTest, Strategies, StrategyName);
 
 // Calls `change` at the nth moment in the course of `action` at which this thread is about to lock

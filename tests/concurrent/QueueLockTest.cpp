@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/ThreadCalls.h>
@@ -21,10 +22,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class QueueLockTest : public test::BoundedTest {};
-
-pthread_mutex_t* mutexOf(SubmittedTasksQueue& queue) {
-    return mutexesLockedBy([&queue] { queue.isEmpty(); }).at(0);
-}
 
 TEST_F(QueueLockTest, QueueTakesNoLockOnceItIsClosed) {
     auto const queue = makeQueue();

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/ThreadCalls.h>
@@ -19,8 +20,6 @@ class QueueMemoryTest : public test::BoundedTest {};
 
 template <typename Strategy>
 class QueueMemoryStrategyTest : public test::BoundedTest {};
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 TYPED_TEST_SUITE(QueueMemoryStrategyTest, Strategies, StrategyName);
 
 class PatientStrategy : public TaskRankingStrategy {

@@ -13,6 +13,7 @@
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutorWorker.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/ThreadCalls.h>
@@ -27,13 +28,7 @@ class QueueTimingTest : public test::BoundedTest {};
 
 template <typename Strategy>
 class QueueTimingStrategyTest : public test::BoundedTest {};
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 TYPED_TEST_SUITE(QueueTimingStrategyTest, Strategies, StrategyName);
-
-pthread_mutex_t* mutexOf(SubmittedTasksQueue& queue) {
-    return mutexesLockedBy([&queue] { queue.isEmpty(); }).at(0);
-}
 
 // Stops the first other thread that is about to lock the queue's mutex for the nth time.
 class Stop {

@@ -22,10 +22,6 @@ using ::testing::ElementsAre;
 
 class SubmittedTaskRunTest : public test::BoundedTest {};
 
-Executable::Result resultOf(int value) {
-    return static_cast<Executable::Result>(value);
-}
-
 struct Outcome {
     int returned;
     bool cancelled;

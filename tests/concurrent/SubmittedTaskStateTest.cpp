@@ -24,10 +24,6 @@ Executable::State stateOf(int value) {
     return static_cast<Executable::State>(value);
 }
 
-Executable::Result resultOf(int value) {
-    return static_cast<Executable::Result>(value);
-}
-
 TEST_F(SubmittedTaskStateTest, EveryStateMayFollowEveryOther) {
     auto const task = submission();
     auto const handle = linkHandle(task);

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 
@@ -19,26 +20,9 @@ using ::testing::IsEmpty;
 
 class SubmittedTasksQueuePickTest : public test::BoundedTest {};
 
-// Both strategies of the library, where they must not differ.
 template <typename Strategy>
 class SubmittedTasksQueueOrderTest : public test::BoundedTest {};
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 TYPED_TEST_SUITE(SubmittedTasksQueueOrderTest, Strategies, StrategyName);
-
-class ScriptedStrategy : public TaskRankingStrategy {
-public:
-    explicit ScriptedStrategy(std::function<void(SubmittedTask*)> toDo) : action(std::move(toDo)) {}
-    void updateRank(SubmittedTask* task) override { action(task); }
-
-private:
-    std::function<void(SubmittedTask*)> const action;
-};
-
-std::shared_ptr<SubmittedTasksQueue> makeScriptedQueue(std::function<void(SubmittedTask*)> action) {
-    return std::make_shared<SubmittedTasksQueue>(
-        std::make_shared<ScriptedStrategy>(std::move(action)));
-}
 
 // Answers with a score, whatever its index.
 class ScoredTask : public SubmittedTask {

@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/LogRecorder.h>
@@ -27,26 +28,9 @@ static_assert(!std::is_move_constructible_v<SubmittedTasksQueue>);
 
 class SubmittedTasksQueueTest : public test::BoundedTest {};
 
-// Both strategies of the library, where they must not differ.
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 template <typename Strategy>
 class SubmittedTasksQueueClosingTest : public test::BoundedTest {};
 TYPED_TEST_SUITE(SubmittedTasksQueueClosingTest, Strategies, StrategyName);
-
-class ScriptedStrategy : public TaskRankingStrategy {
-public:
-    explicit ScriptedStrategy(std::function<void(SubmittedTask*)> toDo) : action(std::move(toDo)) {}
-    void updateRank(SubmittedTask* task) override { action(task); }
-
-private:
-    std::function<void(SubmittedTask*)> const action;
-};
-
-std::shared_ptr<SubmittedTasksQueue> makeScriptedQueue(std::function<void(SubmittedTask*)> action) {
-    return std::make_shared<SubmittedTasksQueue>(
-        std::make_shared<ScriptedStrategy>(std::move(action)));
-}
 
 // --- adding
 

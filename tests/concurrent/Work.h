@@ -23,9 +23,13 @@ inline Work succeed() {
     return [] { return Executable::SUCCESS; };
 }
 
-/// Work that returns `result`, or what an enumeration can hold beside its enumerators.
+/// A result, or what an enumeration can hold beside its enumerators.
+inline Executable::Result resultOf(int value) {
+    return static_cast<Executable::Result>(value);
+}
+
 inline Work give(int result) {
-    return [result] { return static_cast<Executable::Result>(result); };
+    return [result] { return resultOf(result); };
 }
 
 /// A task class of the application's own.

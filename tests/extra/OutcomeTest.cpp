@@ -16,14 +16,14 @@ namespace {
 
 static_assert(std::is_same_v<std::underlying_type_t<Outcome>, std::int32_t>);
 
-struct Row {
+struct Meaning {
     Outcome outcome;
     std::int32_t value;
     char const* name;
     std::vector<int> errors;
 };
 
-std::vector<Row> const table = {
+std::vector<Meaning> const table = {
     {Outcome::DONE, 0, "DONE", {0}},
     {Outcome::DONE_NOT_SYNCED, 1, "DONE_NOT_SYNCED", {}},
     {Outcome::MISSING, 2, "MISSING", {ENOENT, ENOTDIR}},
@@ -42,7 +42,7 @@ std::vector<Row> const table = {
     {Outcome::OTHER, 15, "OTHER", {}}};
 
 Outcome expected(int error) {
-    for (Row const& row : table) {
+    for (Meaning const& row : table) {
         for (int const listed : row.errors) {
             if (listed == error) {
                 return row.outcome;
@@ -53,7 +53,7 @@ Outcome expected(int error) {
 }
 
 TEST(OutcomeTest, HasTheValuesAndNamesOfTheTable) {
-    for (Row const& row : table) {
+    for (Meaning const& row : table) {
         EXPECT_EQ(static_cast<std::int32_t>(row.outcome), row.value) << row.name;
         EXPECT_STREQ(outcomeName(row.outcome), row.name);
     }

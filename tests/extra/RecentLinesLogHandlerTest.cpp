@@ -37,7 +37,7 @@ using ::testing::IsEmpty;
 
 class RecentLinesLogHandlerTest : public test::BoundedTest {};
 
-void put(RecentLinesLogHandler& sink, std::string const& line) {
+void keep(RecentLinesLogHandler& sink, std::string const& line) {
     sink.handleLogMessage(line.c_str(), log::INFO);
 }
 
@@ -56,16 +56,16 @@ std::string dumpOf(RecentLinesLogHandler const& sink) {
 TEST_F(RecentLinesLogHandlerTest, WritesTheLastLinesOldestFirst) {
     RecentLinesLogHandler sink(3);
     EXPECT_EQ(dumpOf(sink), "");
-    put(sink, "1");
+    keep(sink, "1");
     EXPECT_EQ(dumpOf(sink), "1\n");
-    put(sink, "2");
-    put(sink, "");
+    keep(sink, "2");
+    keep(sink, "");
     EXPECT_EQ(dumpOf(sink), "1\n2\n\n");
-    put(sink, "4");
+    keep(sink, "4");
     EXPECT_EQ(dumpOf(sink), "2\n\n4\n");
     EXPECT_EQ(dumpOf(sink), "2\n\n4\n");
     for (int line = 5; line <= 100; ++line) {
-        put(sink, std::to_string(line));
+        keep(sink, std::to_string(line));
     }
     EXPECT_EQ(dumpOf(sink), "98\n99\n100\n");
 }
@@ -79,21 +79,21 @@ TEST_F(RecentLinesLogHandlerTest, CutsLongLines) {
     for (Row const& row : {Row{4, "123", "123\n"}, Row{4, "1234", "1234\n"},
                            Row{4, "12345", "1234\n"}, Row{0, "12345", "\n"}, Row{1, "12", "1\n"}}) {
         RecentLinesLogHandler sink(2, row.bytesEach);
-        put(sink, row.line);
+        keep(sink, row.line);
         EXPECT_EQ(dumpOf(sink), row.kept);
     }
     RecentLinesLogHandler sink(2);
-    put(sink, std::string(1000, 'x'));
+    keep(sink, std::string(1000, 'x'));
     EXPECT_EQ(dumpOf(sink), std::string(160, 'x') + "\n");
 }
 
 TEST_F(RecentLinesLogHandlerTest, KeepsNothingOfNullLinesAndInNoPlace) {
     RecentLinesLogHandler none(0);
-    put(none, "a line");
+    keep(none, "a line");
     none.handleLogMessage(nullptr, log::INFO);
     EXPECT_EQ(dumpOf(none), "");
     RecentLinesLogHandler sink(2);
-    put(sink, "a line");
+    keep(sink, "a line");
     sink.handleLogMessage(nullptr, log::INFO);
     EXPECT_EQ(dumpOf(sink), "a line\n");
 }
@@ -119,8 +119,8 @@ TEST_F(RecentLinesLogHandlerTest, TakesAllMemoryWhenItIsMade) {
 
 TEST_F(RecentLinesLogHandlerTest, SaysWhenItCannotBeWrittenAndKeepsErrno) {
     RecentLinesLogHandler sink(2);
-    put(sink, "first");
-    put(sink, "second");
+    keep(sink, "first");
+    keep(sink, "second");
     errno = EXDEV;
     EXPECT_FALSE(sink.writeTo(-1));
     EXPECT_EQ(errno, EXDEV);
@@ -153,14 +153,14 @@ TEST_F(RecentLinesLogHandlerTest, SaysWhenItCannotBeWrittenAndKeepsErrno) {
 TEST_F(RecentLinesLogHandlerTest, LeavesOutWhatIsOverwrittenBeforeItsTurn) {
     RecentLinesLogHandler sink(4);
     for (char const* line : {"1", "2", "3", "4"}) {
-        put(sink, line);
+        keep(sink, line);
     }
     std::string written;
     FileCalls calls;
     calls.onCall = [&](FileCall) {
         if (calls.made.size() == 1) {  // "1" is on its way out.
-            put(sink, "5");            // Its place is taken, so this overwrites "2".
-            put(sink, "6");
+            keep(sink, "5");           // Its place is taken, so this overwrites "2".
+            keep(sink, "6");
         }
         return 0;
     };
@@ -173,17 +173,17 @@ TEST_F(RecentLinesLogHandlerTest, LeavesOutWhatIsOverwrittenBeforeItsTurn) {
     close(ends[0]);
     close(ends[1]);
     EXPECT_EQ(dumpOf(sink), "4\n5\n6\n");
-    put(sink, "7");
-    put(sink, "8");
+    keep(sink, "7");
+    keep(sink, "8");
     EXPECT_EQ(dumpOf(sink), "5\n6\n7\n8\n");
 }
 
 TEST_F(RecentLinesLogHandlerTest, DropsNewLinesOnlyWhileEveryPlaceIsBeingWrittenOut) {
     RecentLinesLogHandler sink(1);
-    put(sink, "1");
+    keep(sink, "1");
     FileCalls calls;
     calls.onCall = [&](FileCall) {
-        put(sink, "2");
+        keep(sink, "2");
         return 0;
     };
     int const null = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -191,14 +191,14 @@ TEST_F(RecentLinesLogHandlerTest, DropsNewLinesOnlyWhileEveryPlaceIsBeingWritten
     close(null);
     calls.onCall = nullptr;
     EXPECT_EQ(dumpOf(sink), "");  // "2" was dropped, and "1" is no longer among the last.
-    put(sink, "3");
+    keep(sink, "3");
     EXPECT_EQ(dumpOf(sink), "3\n");
 }
 
 TEST_F(RecentLinesLogHandlerTest, TwoCanWriteItOutAtOnce) {
     RecentLinesLogHandler sink(3);
     for (char const* line : {"1", "2", "3"}) {
-        put(sink, line);
+        keep(sink, line);
     }
     std::string inner;
     FileCalls calls;
@@ -211,7 +211,7 @@ TEST_F(RecentLinesLogHandlerTest, TwoCanWriteItOutAtOnce) {
     close(null);
     EXPECT_EQ(inner, "1\n2\n3\n");
     for (char const* line : {"4", "5", "6"}) {
-        put(sink, line);
+        keep(sink, line);
     }
     calls.onCall = nullptr;
     EXPECT_EQ(dumpOf(sink), "4\n5\n6\n");
@@ -333,7 +333,7 @@ TEST_F(RecentLinesLogHandlerTest, ShowsNoLineMixedWhileFourThreadsLog) {
             loggers.emplace_back([&, thread] {
                 long number = 0;
                 do {
-                    put(sink, numberedLine(thread, number++));
+                    keep(sink, numberedLine(thread, number++));
                     areLogging.open();
                 } while (!isDone);
             });
@@ -347,7 +347,7 @@ TEST_F(RecentLinesLogHandlerTest, ShowsNoLineMixedWhileFourThreadsLog) {
             logger.join();
         }
         for (std::size_t line = 0; line < places; ++line) {
-            put(sink, numberedLine(4, static_cast<long>(line)));
+            keep(sink, numberedLine(4, static_cast<long>(line)));
         }
         std::string const last = dumpOf(sink);
         expectWholeAndOrdered(last);

@@ -1,7 +1,6 @@
 #include <ovra/extra/RemoveTree.h>
 
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tests/extra/Mounted.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Contained.h>
 
@@ -54,20 +54,6 @@ protected:
         makeLink("../../..", at(name + "/d/deeper/up"));
         writeFile(at(name + "/f"));
     }
-};
-
-class Mounted {
-public:
-    Mounted(std::string const& from, std::string const& onto, char const* type, unsigned long flags)
-        : path(onto) {
-        EXPECT_EQ(mount(from.c_str(), path.c_str(), type, flags, nullptr), 0) << errno;
-    }
-    Mounted(Mounted const&) = delete;
-    Mounted& operator=(Mounted const&) = delete;
-    ~Mounted() { EXPECT_EQ(umount2(path.c_str(), MNT_DETACH), 0) << errno; }
-
-private:
-    std::string const path;
 };
 
 TEST_F(RemoveTreeTest, RemovesEveryKindOfEntry) {

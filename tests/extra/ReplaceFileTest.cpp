@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tests/extra/Mounted.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Contained.h>
 
@@ -50,21 +51,6 @@ protected:
     if (!ovra::test::hasOwnRoot()) {                                         \
         GTEST_SKIP() << "an ordinary user may not mount or give away files"; \
     }
-
-class Mounted {
-public:
-    Mounted(std::string const& from, std::string const& onto, char const* type, unsigned long flags,
-            char const* options = nullptr)
-        : path(onto) {
-        EXPECT_EQ(mount(from.c_str(), path.c_str(), type, flags, options), 0) << errno;
-    }
-    Mounted(Mounted const&) = delete;
-    Mounted& operator=(Mounted const&) = delete;
-    ~Mounted() { EXPECT_EQ(umount2(path.c_str(), MNT_DETACH), 0) << errno; }
-
-private:
-    std::string const path;
-};
 
 TEST_F(ReplaceFileTest, ReplacesAFile) {
     writeFile(at("f"), "old contents");

@@ -17,6 +17,7 @@
 #include <ovra/fs/FilePath.h>
 
 #include <tests/fs/Allocations.h>
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/fs/TestPeers.h>
 
@@ -28,8 +29,6 @@ using test::makeDirectory;
 using test::makeLink;
 using test::openDescriptors;
 using test::writeFile;
-
-constexpr std::ios_base::openmode NO_MODE{};
 
 // Longer than any string keeps inside itself.
 std::string const LONG = "-a-name-that-is-too-long-to-be-kept-inside-the-string";

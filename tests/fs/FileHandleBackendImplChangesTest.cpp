@@ -11,6 +11,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
@@ -32,8 +33,6 @@ using test::readFile;
 using test::setPermissions;
 using test::statusOf;
 using test::writeFile;
-
-constexpr std::ios_base::openmode NO_MODE{};
 
 class FileHandleBackendImplChangesTest : public test::TemporaryDirectoryTest {};
 

@@ -10,6 +10,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
@@ -22,8 +23,6 @@ using test::makeLink;
 using test::readFile;
 using test::statusOf;
 using test::writeFile;
-
-constexpr std::ios_base::openmode NO_MODE{};
 
 /// What a class derived from the back end sees and may decide.
 class FileHandleBackendImplDerivedTest : public test::TemporaryDirectoryTest {};

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
@@ -26,8 +27,6 @@ using test::makePipe;
 using test::modeOf;
 using test::readFile;
 using test::writeFile;
-
-constexpr std::ios_base::openmode NO_MODE{};
 
 class FileHandleBackendImplStreamsTest : public test::TemporaryDirectoryTest {};
 

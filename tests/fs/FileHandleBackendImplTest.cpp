@@ -17,6 +17,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 
 namespace ovra::fs {
@@ -40,8 +41,6 @@ using test::setModificationTime;
 using test::setPermissions;
 using test::statusOf;
 using test::writeFile;
-
-constexpr std::ios_base::openmode NO_MODE{};
 
 static_assert(std::is_base_of_v<FileHandleBackend, FileHandleBackendImpl>);
 static_assert(std::is_constructible_v<FileHandleBackendImpl, std::string const&>);

@@ -14,6 +14,7 @@
 
 #include <ovra/fs/FileHandleBackendImpl.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/fs/TestPeers.h>
 #include <tests/fs/VirtualSlots.h>
@@ -29,9 +30,6 @@ using ::testing::NotNull;
 using ovra::test::virtualSlot;
 using test::slotCount;
 using test::writeFile;
-
-template <typename Member, typename Expected>
-constexpr bool IS = std::is_same_v<Member, Expected>;
 
 using Names = std::vector<std::string>;
 using Input = std::unique_ptr<std::istream>;

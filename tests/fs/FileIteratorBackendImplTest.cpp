@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/fs/VirtualSlots.h>
 
@@ -21,9 +22,6 @@ using test::openDescriptors;
 using test::slotCount;
 using test::WorkingDirectory;
 using test::writeFile;
-
-template <typename Member, typename Expected>
-constexpr bool IS = std::is_same_v<Member, Expected>;
 
 template <typename Class>
 constexpr bool hasTheOperations() {

@@ -14,6 +14,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
+#include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/fs/TestPeers.h>
 
@@ -35,9 +36,6 @@ using test::OrdinaryUser;
 using test::setPermissions;
 using test::WorkingDirectory;
 using test::writeFile;
-
-template <typename Member, typename Expected>
-constexpr bool IS = std::is_same_v<Member, Expected>;
 
 static_assert(sizeof(FileIterator) == sizeof(void*), "the back end and nothing else");
 static_assert(IS<decltype(&FileIterator::operator*), FilePath (FileIterator::*)() const>);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <tests/fs/FilePathModel.h>
+#include <tests/fs/FileTest.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/RandomSource.h>
 
@@ -21,9 +22,6 @@ using ovra::test::seedNote;
 using test::agreesWithTheModel;
 using test::Components;
 using test::componentsOf;
-
-template <typename Member, typename Expected>
-constexpr bool IS = std::is_same_v<Member, Expected>;
 
 using Text = std::string const& (FilePath::*)() const;
 using Question = bool (FilePath::*)() const;

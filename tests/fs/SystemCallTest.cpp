@@ -1,3 +1,4 @@
+#include <tests/fs/FileTest.h>
 #include <tests/fs/SystemCallTest.h>
 
 #include <algorithm>
@@ -35,8 +36,6 @@ using test::SystemCallTest;
 using test::withoutReading;
 using test::WorkingDirectory;
 using test::writeFile;
-
-constexpr std::ios_base::openmode NO_MODE{};
 
 TEST_F(SystemCallTest, NeedsNoneForPaths) {
     SystemCalls calls(root);

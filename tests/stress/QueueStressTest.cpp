@@ -59,9 +59,9 @@ private:
     test::RandomSource random{test::runSeed()};
 };
 
-using Strategies =
+using AllStrategies =
     ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy, Shuffling>;
-TYPED_TEST_SUITE(QueueStressTest, Strategies, StrategyName);
+TYPED_TEST_SUITE(QueueStressTest, AllStrategies, StrategyName);
 
 TYPED_TEST(QueueStressTest, EachTaskIsPickedOnceWhileRanksChange) {
     int const each = test::scaled(1500);
