@@ -21,8 +21,9 @@ namespace ovra::concurrent {
 ///
 /// Derive from `Task`, which adds a name, rather than from this class.
 ///
-/// *Threads*: an executor calls `execute()` on one worker thread at a time. The caller synchronises
-/// what the work shares with other threads.
+/// *Threads*: an executor calls `execute()` on one worker thread at a time for each submission. An
+/// object that is submitted twice can run on two threads at once. The caller synchronises what the
+/// work shares with other threads.
 class OVRA_API Executable {
 public:
     /// Where a submitted task stands. Unscoped, so `Executable::DONE` is the usual spelling.
@@ -31,7 +32,7 @@ public:
         READY = 2,        ///< Named for completeness: the executor moves no task into it.
         EXECUTING = 3,    ///< A worker has started the task.
         CANCELLED = 4,    ///< Cancellation was requested; the work may still be running.
-        DONE = 5,  ///< Ended normally; also what a handle reports for a task that no longer exists.
+        DONE = 5,  ///< Ended normally; also the state of a handle made for a task that is gone.
     };
 
     /// What became of the work.
@@ -52,7 +53,8 @@ public:
 
     /// Runs the work once.
     ///
-    /// Returns `SUCCESS`, `FAILURE` or `REPEAT`. Any other value becomes the result unchanged.
+    /// Returns `SUCCESS`, `FAILURE` or `REPEAT`. Any other value becomes the result unchanged, or
+    /// `ABORTED` if the task was cancelled.
     /// Whatever is thrown becomes `FAILURE`; a `std::exception` is kept on the task's handle.
     virtual Result execute() = 0;
 };

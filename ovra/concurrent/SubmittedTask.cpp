@@ -122,8 +122,10 @@ void SubmittedTask::setRank(unsigned int const& newRank) {
 }
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
-    changeRank([this, newPriority] {
-        rank.priority = newPriority;
+    changeRank([this, newPriority, isStored = false]() mutable {
+        if (!std::exchange(isStored, true)) {
+            rank.priority = newPriority;  // Once, however often the rank is tried.
+        }
         return clampedRank(initialRankOf(newPriority));
     });
 }

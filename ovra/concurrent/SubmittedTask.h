@@ -28,9 +28,9 @@ struct SubmittedTaskProxy;
 /// derive from this class to see every change of state and result.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
-/// by a waiting caller. The task refers to its handle weakly. Queue one object once. Queued twice,
-/// it is either removed with its first entry or run twice; the second run ends the process, because
-/// the promise cannot be fulfilled again.
+/// by a waiting caller. The task refers to its handle weakly. Queue one object once. If both
+/// entries are queued when the object is picked, the pick removes both. If the second comes later,
+/// the object runs twice, which ends the process: the promise cannot be fulfilled again.
 ///
 /// *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be called from
 /// any thread. `execute()` and then `performCallback()` are called on one worker thread, with no
@@ -40,16 +40,17 @@ struct SubmittedTaskProxy;
 ///
 /// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
 /// that queue for a moment. That lock is a leaf: the three calls never wait for the queue's own
-/// lock, and what a pick calls may call them.
+/// lock, and what a pick calls may call them. Memory may be allocated under it, so an application's
+/// `operator new` must not call them.
 ///
 /// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
 /// of an overridden virtual operation ends the process if that happens on a worker. If it leaves a
-/// pick on one of the application's own threads, the tasks whose ranks the queue computes keep the
-/// ranks that they had. An operation that cannot take a lock throws `std::system_error`.
+/// pick on one of the application's own threads, no task is removed; tasks newer than the one that
+/// threw keep their updated ranks. An operation that cannot take a lock throws `std::system_error`.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to
 /// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
-/// the process from 2147483646, so an earlier task has a larger index.
+/// the process from 2147483646, and wrap after -2147483648.
 class OVRA_API SubmittedTask {
 public:
     /// Makes a `Task` of a function and a borrowed name.
@@ -116,7 +117,7 @@ public:
     Executable::State getState() const;
     /// The result stored last; `NO_RESULT` at first.
     Executable::Result getResult() const;
-    /// The number given at construction; smaller than that of every task made before.
+    /// The number given at construction: one less than that of the task made before, modulo 2^32.
     std::int32_t getUniqueIndex() const;
     /// Whether the state is `CANCELLED`.
     bool isCancelled() const;
@@ -179,14 +180,14 @@ private:
     OVRA_LOCAL void finish(Executable::Result outcome);
 
     std::shared_ptr<Task> task;
-    std::weak_ptr<TaskHandle> handle;  // Set under `mutex`, before the task is queued.
+    std::weak_ptr<TaskHandle> handle;  // Set under `mutex`, once another thread can see the task.
     std::function<void(std::shared_ptr<Task>)> callback;
     mutable std::mutex mutex;
     TaskEnd end;
     RankedEntry rank;  // And the priority.
 
     // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
-    // also reads them unlocked, in execute().
+    // also reads them unlocked, in execute() and isCancelledNow().
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 };

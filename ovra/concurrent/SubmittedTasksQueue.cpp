@@ -3,7 +3,6 @@
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
-#include <ovra/concurrent/internal/InitialRank.h>
 #include <ovra/concurrent/internal/IsExactly.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
 
@@ -32,19 +31,18 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::add(std::shared_ptr<SubmittedTa
     }
     auto handle = TaskHandle::of(task, memory);
     RankedEntry& entry = task->rankedEntry();
-    bool const isRanked = computesRanks && isExactly<SubmittedTask>(*task) &&
-                          !entry.wasAdded.exchange(true) &&
-                          entry.given() >= initialRankOf(entry.priority);
+    bool const isRanked =
+        computesRanks && isExactly<SubmittedTask>(*task) && !entry.wasAdded.exchange(true);
     std::forward_list<QueuedTask> added;  // Made ahead of the lock, and released after it.
     if (!isRanked) {
         added.push_front({std::move(task), 0});
     }
     std::lock_guard<std::mutex> const lock(mutex);
-    ++addedSoFar;
-    if (isRanked) {
-        ranked->insert(entry, task, addedSoFar);
-    } else {
-        added.front().second = addedSoFar;
+    if (!isRanked || !ranked->insert(entry, task, ++addedSoFar)) {
+        if (isRanked) {
+            added.push_front({std::move(task), 0});
+        }
+        added.front().second = ++addedSoFar;
         tasks.splice_after(tasks.before_begin(), added);
     }
     condition.notify_one();
@@ -59,17 +57,22 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     std::lock_guard<std::mutex> const lock(mutex);
     SortKey best;
     std::shared_ptr<SubmittedTask> found;
-    for (auto const& [task, order] : tasks) {
-        ranked->scanTo(order);
-        unsigned int const score =
-            task->getRank() + static_cast<unsigned int>(task->getUniqueIndex());
-        if (SortKey const key{score, order, &task->rankedEntry()}; best < key) {
-            best = key;
-            found = task;
+    try {
+        for (auto const& [task, order] : tasks) {
+            ranked->scanTo(order);
+            unsigned int const score =
+                task->getRank() + static_cast<unsigned int>(task->getUniqueIndex());
+            if (SortKey const key{score, order, &task->rankedEntry()}; best < key) {
+                best = key;
+                found = task;
+            }
+            if (strategy) {
+                strategy->updateRank(task.get());
+            }
         }
-        if (strategy) {
-            strategy->updateRank(task.get());
-        }
+    } catch (...) {
+        ranked->endScan();
+        throw;
     }
     // The shortcut: does the same for the tasks whose ranks are computed.
     if (auto next = ranked->pick(best)) {
@@ -88,10 +91,10 @@ void SubmittedTasksQueue::close() {
 void SubmittedTasksQueue::drop() {
     std::forward_list<QueuedTask> dropped;  // Destroyed with no lock held.
     std::unique_lock<std::mutex> lock(mutex);
+    RankedEntry* entry = ranked->eraseAll();
     closed = true;
     condition.notify_all();
     dropped.swap(tasks);
-    RankedEntry* entry = ranked->eraseAll();
     lock.unlock();
     while (entry != nullptr) {
         auto const task = std::move(entry->task);

@@ -32,10 +32,11 @@ class TaskRankingStrategy;
 ///
 /// *Threads*: Thread-safe. The lock is held while the strategy runs and while a worker is woken,
 /// and is taken before a task's mutex. `addTask()`, `getNextTask()`, `isEmpty()` and `close()`
-/// block for that lock only.
+/// block for locks only, not for work.
 ///
 /// *Failure*: refusals are empty pointers. An operation that cannot take a lock throws
-/// `std::system_error`.
+/// `std::system_error`; the constructor and `addTask()` throw `std::bad_alloc`. A task that
+/// `addTask()` fails to queue may have lost its link to an earlier handle.
 ///
 /// *Limits*: as many tasks as memory holds.
 class OVRA_API SubmittedTasksQueue {
@@ -54,8 +55,9 @@ public:
     /// A task added while another thread closes the queue may get a handle and yet never run.
     std::shared_ptr<TaskHandle> addTask(std::shared_ptr<SubmittedTask> task);
 
-    /// Removes and returns the task with the largest score, after applying the strategy to every
-    /// queued task; an empty pointer at once if the queue is empty or closed. Never waits for work.
+    /// Removes and returns the task with the largest score; an empty pointer at once if the queue
+    /// is empty or closed. Applies the strategy to every queued task, each after its score was
+    /// compared. Never waits for work.
     ///
     /// A task with a score of exactly 0 is never chosen, and keeps idle workers busy looking. In
     /// the first 2147483647 submissions only a task of a derived class with a rank of its own can

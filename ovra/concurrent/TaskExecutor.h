@@ -11,7 +11,7 @@
 
 namespace ovra::concurrent {
 
-/// Runs submitted work in the background, the highest priority first.
+/// Runs submitted work in the background, higher priorities earlier.
 ///
 /// *Ownership*: held through `std::shared_ptr`; keep it for as long as submitted work must still
 /// run.

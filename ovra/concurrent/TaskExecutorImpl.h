@@ -26,9 +26,9 @@ class TaskExecutorWorker;
 /// - A task that waits for another task of the same one-worker executor never returns.
 /// - Two executors that are destroyed on each other's workers wait for each other for good.
 ///
-/// After `fork()` the child has no workers: what it submits is queued and never runs. The child
-/// hangs when it submits to the executor or destroys it, if another thread held one of the
-/// library's locks when the process forked.
+/// After `fork()` the child has no workers: what it submits is queued and never runs. If another
+/// thread held one of the library's locks when the process forked, the child hangs when it needs
+/// that lock: to submit, to ask the executor or a task, to cancel, or to destroy the executor.
 ///
 /// *Failure*: see the constructor and `TaskExecutor`.
 ///

@@ -10,7 +10,8 @@ namespace ovra::concurrent {
 /// The number of worker threads of each shared executor: 1, so its tasks run one at a time.
 extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 
-/// The process-wide executor that serves strictly by priority.
+/// The process-wide executor that serves by priority; `HighestPriorityTaskRankingStrategy` says how
+/// far age counts.
 ///
 /// *Ownership*: every call returns a reference to the same executor, made on the first call. It is
 /// released with the library's statics at process exit or unload, where the last reference closes

@@ -10,11 +10,12 @@ class SubmittedTask;
 ///
 /// *Ownership*: shared by the queues that use it.
 ///
-/// *Threads*: `updateRank` runs on a worker thread that holds the queue's lock: it must not call
-/// the queue or its executor, which would deadlock. One strategy shared by several queues may be
-/// called by several threads at once; the two strategies below are stateless.
+/// *Threads*: `updateRank` runs on the thread that picks, usually a worker, which holds the queue's
+/// lock: it must not call the queue or its executor, which would deadlock. One strategy shared by
+/// several queues may be called by several threads at once; the two strategies below are stateless.
 ///
-/// *Failure*: an exception out of `updateRank` leaves the worker thread and ends the process.
+/// *Failure*: an exception out of `updateRank` leaves `SubmittedTasksQueue::getNextTask()`. On a
+/// worker, that ends the process.
 ///
 /// *Units*: ranks run from 1 to `SubmittedTask::HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier.
 class OVRA_API TaskRankingStrategy {
@@ -28,13 +29,15 @@ public:
 
     /// Changes the rank of `task`, never null, in place.
     ///
-    /// Called at every pick, once for each task that is queued, newest first, right after that
-    /// task's score was compared; the task that the pick removes is updated too.
+    /// Called at every pick, once for each entry of the queue, newest first, right after that
+    /// task's score was compared; the task that the pick removes is updated too. A task that is
+    /// queued twice has two entries.
     virtual void updateRank(SubmittedTask* task) = 0;
 };
 
-/// Leaves every rank as it is: strict order of priority. Low-priority work can wait for ever while
-/// work of higher priority keeps arriving.
+/// Leaves every rank as it is. Only age then raises a waiting task, by 1 for each submission: a
+/// `LOW` task runs before a `NORMAL` one submitted 1000 or more submissions later, and waits for
+/// nearly a million `HIGH` ones.
 class OVRA_API HighestPriorityTaskRankingStrategy : public TaskRankingStrategy {
 public:
     HighestPriorityTaskRankingStrategy() = default;

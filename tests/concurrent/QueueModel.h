@@ -41,6 +41,7 @@ enum TaskKind {
     RANDOM_PRIORITY,  // Any priority, another one each time.
     LOOKING,          // The rank of another task.
     MEDDLING,         // Changes the rank or the priority of another task whenever it is asked.
+    THROWING,         // Ends a pick by an exception, now and then.
     TASK_KINDS
 };
 
@@ -60,6 +61,9 @@ inline char const* nameOf(StrategyKind kind) {
     return NAMES[kind];
 }
 
+// What a subclass throws out of a pick.
+struct Thrown {};
+
 // What a scripted strategy or a subclass can do, on either side.
 class Hands {
 public:
@@ -73,6 +77,7 @@ public:
 
     std::vector<int> present;  // All tasks that exist.
     std::vector<int> plain;    // Those without a subclass.
+    bool isPicking = false;
 };
 
 template <typename Source>
@@ -119,6 +124,9 @@ public:
             case MEDDLING:
                 meddle(hands);
                 return stored;
+            case THROWING:
+                throwInAPick(hands);
+                return stored;
             default:
                 return stored;
         }
@@ -126,6 +134,8 @@ public:
     std::int32_t priority(std::int32_t stored, Hands& hands) {
         if (kind == MEDDLING) {
             meddle(hands);
+        } else if (kind == THROWING) {
+            throwInAPick(hands);
         }
         return kind == RANDOM_PRIORITY ? random.between(-1, 6) : stored;
     }
@@ -133,6 +143,11 @@ public:
 private:
     int other(Hands const& hands) {
         return hands.plain[random.below(static_cast<std::uint32_t>(hands.plain.size()))];
+    }
+    void throwInAPick(Hands const& hands) {
+        if (hands.isPicking && random.oneIn(4)) {
+            throw Thrown();
+        }
     }
     void meddle(Hands& hands) {
         if (hands.plain.empty() || random.oneIn(3)) {

@@ -117,6 +117,24 @@ TEST_F(QueueTimingTest, QueueClosedAtAnyMomentEndsTheWorker) {
     }
 }
 
+TEST_F(QueueTimingTest, RankThatFallsBelowThePriorityWhileTheTaskIsAddedIsLifted) {
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    auto const task = submission(succeed(), HIGH);
+    {
+        Stop stop(*queue, 1);
+        std::thread submitter([&] { queue->addTask(task); });
+        ASSERT_TRUE(stop.waitUntilReached());
+        // As setRank() leaves it that looked at the priority before it was raised.
+        task->rankedEntry().rank = 5;
+        stop.letProceed();
+        submitter.join();
+    }
+    queue->addTask(submission(succeed(), HIGHEST));
+
+    EXPECT_NE(queue->getNextTask(), task);
+    EXPECT_EQ(task->getRank(), 1000000u);
+}
+
 // Closes the queue when it has already agreed to take the task.
 std::shared_ptr<TaskHandle> addWhileClosing(SubmittedTasksQueue& queue,
                                             std::shared_ptr<SubmittedTask> task) {

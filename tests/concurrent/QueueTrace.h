@@ -224,17 +224,29 @@ private:
 
     void pick(QueuePair& queue) {
         std::shared_ptr<SubmittedTask> picked;
-        {
+        int const found = resultOfPick(real, [&] {
             ShortMemory const memory(*this, 1);
             picked = queue.real->getNextTask();
-        }
-        int const expected = model.pick(queue.model);
-        int const found = picked ? real.ids.at(picked.get()) : -1;
-        ASSERT_EQ(found, expected)
+            return picked ? real.ids.at(picked.get()) : -1;
+        });
+        ASSERT_EQ(found, resultOfPick(model, [&] { return model.pick(queue.model); }))
             << where() << " picking from the queue " << nameOf(queue.model.strategy);
         if (picked) {
             real.tasks.at(found).owned = std::move(picked);
         }
+    }
+
+    // -2: an exception ended the pick.
+    template <typename Pick>
+    static int resultOfPick(Hands& hands, Pick pick) {
+        hands.isPicking = true;
+        int result = -2;
+        try {
+            result = pick();
+        } catch (Thrown const&) {
+        }
+        hands.isPicking = false;
+        return result;
     }
 
     void changePriority(int id) { changePriority(id, anyPriority(random)); }

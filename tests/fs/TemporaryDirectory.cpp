@@ -160,10 +160,10 @@ void setModificationTime(std::string const& path, std::int64_t seconds, long nan
 
 std::string patternlessBytes(std::size_t count) {
     std::string bytes(count, '\0');
-    std::uint32_t state = 1;
+    std::uint32_t number = 1;
     for (char& byte : bytes) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
+        number = number * 1664525u + 1013904223u;
+        byte = static_cast<char>(number >> 24);
     }
     return bytes;
 }

@@ -12,6 +12,7 @@
  *   - while a worker sleeps, no more tasks are queued than workers are on their way to the queue
  *     (so no wake-up is lost and no task waits beside an idle worker), until the queue is closed;
  *   - a promise is fulfilled once, with the result set, and before the callback;
+ *   - of several waits for one task, one is not refused;
  *   - a task is taken at most once, and is never touched when nobody holds it;
  * and when nothing can move any more:
  *   - every worker has ended and been joined, if the executor was shut down;
@@ -24,7 +25,7 @@
  *
  * Sizes (-D): WORKERS, TASKS, SUBMITTERS, WAITERS, CANCELLERS, SPURIOUS (how many wake-ups may come
  * from nowhere: a bound, so that they cannot make up for lost ones), SHUTDOWN (0 or 1),
- * CANCELLED_THREADS (how many waiters may be cancelled).
+ * CANCELLED_THREADS (how many waiters may be cancelled), SECOND_WAITS (of the first task).
  * Faults (-D, one at a time) break the protocol in the ways that tools/test-model lists.
  */
 
@@ -54,6 +55,10 @@
 #define CANCELLED_THREADS 1
 #endif
 
+#ifndef SECOND_WAITS
+#define SECOND_WAITS 0
+#endif
+
 #define NONE 255
 
 /* SubmittedTasksQueue */
@@ -69,10 +74,13 @@ bool posted[TASKS];  /* The waiter's semaphore, on its stack. */
 bool hasStack[TASKS];
 byte cancelledThreads = CANCELLED_THREADS;
 
-/* TaskEnd: the one word that says who waits. */
+/* TaskEnd: the one word that says who waits, or one of its marks. */
 #define NOBODY 0
 #define WAITER 1
-#define FULFILLED 2
+#define LEFT 2
+#define FULFILLED 3
+#define OVER 4
+#define HAS_ENDED(t) (end[t] == FULFILLED || end[t] == OVER)
 byte end[TASKS];
 
 /* TaskExecutorWorker */
@@ -89,6 +97,7 @@ byte holders[TASKS];     /* Strong references. */
 bool taken[TASKS];       /* A worker has fetched it. */
 bool dropped[TASKS];     /* By close(), or added behind it. */
 bool waiting[TASKS];
+byte waits[TASKS];       /* That were not refused. */
 bool busy[WORKERS];
 bool joined;
 
@@ -197,6 +206,7 @@ proctype canceller(byte t) {
 
 /* TaskHandle::waitForCompletion, over TaskEnd::wait */
 proctype waiter(byte t) {
+    byte found = NOBODY;
     atomic {
         answered[t] ->
         if
@@ -204,20 +214,41 @@ proctype waiter(byte t) {
         :: else -> goto done
         fi
     }
-#ifdef WAIT_WITHOUT_EXCHANGE
-    if
-    :: end[t] == FULFILLED -> holders[t]--; goto done
-    :: end[t] != FULFILLED
-    fi;
-#endif
+    /* TaskEnd::retrieve */
     atomic {
-        if
-#if !defined(LATE_WAITER_NOT_RELEASED) && !defined(WAIT_WITHOUT_EXCHANGE)
-        :: end[t] == FULFILLED -> assert(hasResult[t]); holders[t]--; goto done
+        found = end[t];
+#ifdef WAIT_WITHOUT_EXCHANGE
+    };
+    atomic {
 #endif
-        :: else -> end[t] = WAITER; hasStack[t] = true; waiting[t] = true
+        if
+        :: found == NOBODY ->
+            end[t] = WAITER;
+            hasStack[t] = true;
+            waiting[t] = true;
+            assert(waits[t] == 0);
+            waits[t]++
+        :: else
         fi
-    }
+    };
+    if
+    :: found == NOBODY
+    :: atomic { found != NOBODY ->
+            if
+            :: found == FULFILLED && end[t] == FULFILLED ->
+                assert(hasResult[t]);
+                assert(waits[t] == 0);
+#ifndef LATE_WAIT_LEAVES_NO_MARK
+                end[t] = OVER;
+#endif
+                waits[t]++
+            :: else ->
+                assert(waits[t] == 1)  /* Refused. */
+            fi;
+            holders[t]--;
+            goto done
+        }
+    fi;
 end_wait:
     if
     :: atomic { posted[t] -> assert(hasResult[t]) }
@@ -225,12 +256,16 @@ end_wait:
 #ifndef CANCELLED_WAIT_LEFT_BEHIND
 #ifdef TAKEN_BACK_WITHOUT_EXCHANGE
         if
-        :: end[t] == WAITER -> end[t] = NOBODY
+        :: end[t] == WAITER -> end[t] = LEFT
         :: end[t] != WAITER -> posted[t]
         fi
 #else
         if
+#ifdef CANCELLED_WAIT_LEAVES_NO_MARK
         :: atomic { end[t] == WAITER -> end[t] = NOBODY }
+#else
+        :: atomic { end[t] == WAITER -> end[t] = LEFT }
+#endif
         :: atomic { end[t] != WAITER };
 #ifndef CANCELLED_WAITER_LEAVES_BEFORE_POST
             posted[t]
@@ -249,13 +284,18 @@ inline setPromiseValue(t) {
     atomic {
         assert(holders[t] > 0);
         assert(hasResult[t]);
-        assert(end[t] != FULFILLED);
+        assert(!HAS_ENDED(t));
+        wasWaited = end[t] != NOBODY;
         isAwaited = end[t] == WAITER;
 #ifdef FULFILLED_WITHOUT_EXCHANGE
     };
     atomic {
 #endif
-        end[t] = FULFILLED
+#ifdef END_FORGETS_THE_WAIT
+        wasWaited = false;
+#endif
+        end[t] = (wasWaited -> OVER : FULFILLED);
+        wasWaited = false
     };
     if
     :: atomic { isAwaited -> assert(hasStack[t]); posted[t] = true; isAwaited = false }
@@ -265,7 +305,7 @@ inline setPromiseValue(t) {
 
 /* SubmittedTask::performCallback */
 inline performCallback(t) {
-    assert(end[t] == FULFILLED && (!waiting[t] || posted[t]))
+    assert(HAS_ENDED(t) && (!waiting[t] || posted[t]))
 }
 
 inline release(self) {
@@ -383,6 +423,7 @@ end_asleep:
 proctype worker(byte self) {
     byte next = NONE;
     bool isAwaited = false;
+    bool wasWaited = false;
     do
     :: terminated[self] -> break
     :: !terminated[self] ->
@@ -483,7 +524,7 @@ end_judge:
     :: t < TASKS ->
         assert(answered[t]);
         assert(!waiting[t] || dropped[t]);
-        assert(!submitted[t] || dropped[t] || end[t] == FULFILLED);
+        assert(!submitted[t] || dropped[t] || HAS_ENDED(t));
         assert(holders[t] == waiting[t] + queued[t]);
         t++
     :: else -> break
@@ -505,6 +546,11 @@ init {
         i = 0;
         do
         :: i < WAITERS -> run waiter(i); i++
+        :: else -> break
+        od;
+        i = 0;
+        do
+        :: i < SECOND_WAITS -> run waiter(0); i++
         :: else -> break
         od;
         i = 0;

@@ -33,7 +33,7 @@ struct RankedEntry {
     std::atomic<bool> wasAdded{false};  // To a queue that computes ranks.
     std::uint8_t list = 0;
 
-    // Set once, before COMPUTED. This entry is one of its owners.
+    // Set once, before COMPUTED. The entry holds a share of it until the task is destroyed.
     RankedTasks* home = nullptr;
 
     // Guarded by the lock of `home`, as is `list`.

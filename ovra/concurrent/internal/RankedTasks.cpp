@@ -4,16 +4,9 @@
 #include <new>
 #include <utility>
 
+#include <ovra/concurrent/internal/InitialRank.h>
+
 namespace ovra::concurrent {
-
-namespace {
-
-constexpr std::uint64_t MAX_DOUBLINGS = 31;  // Enough to take the least rank to the highest.
-
-// Threads that submit at the same time may add tasks in another order than they made them.
-constexpr int LOOK_BACK = 8;
-
-}  // namespace
 
 RankedEntry::~RankedEntry() {
     if (home != nullptr) {
@@ -34,20 +27,25 @@ unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCou
 
 unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
     std::lock_guard<std::mutex> const lock(mutex);
-    return entry.isComputed() ? rankAt(entry, isUpdated(entry) ? picks + 1 : picks) : entry.given();
+    return entry.isComputed() ? currentRank(entry) : entry.given();
 }
 
-void RankedTasks::insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task,
+bool RankedTasks::insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task,
                          std::uint64_t order) {
     std::lock_guard<std::mutex> const lock(mutex);
     ++owners;
     entry.home = this;
-    entry.task = std::move(task);
     entry.since = picks;
     entry.order = order;
     entry.rank |= RankedEntry::COMPUTED;
+    if (entry.given() < initialRankOf(entry.priority)) {
+        entry.rank &= ~RankedEntry::COMPUTED;
+        return false;
+    }
+    entry.task = std::move(task);
     place(entry);
     ++size;
+    return true;
 }
 
 bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> const& newRank) {
@@ -120,9 +118,7 @@ void RankedTasks::unlink(RankedEntry& entry) {
     List& list = lists[entry.list];
     (entry.previous != nullptr ? entry.previous->next : list.first) = entry.next;
     (entry.next != nullptr ? entry.next->previous : list.last) = entry.previous;
-    if (list.negative == &entry) {
-        list.negative = entry.next;
-    }
+    list.negative = list.negative == &entry ? entry.next : list.negative;
 }
 
 void RankedTasks::skipNonNegative(List& chain) const {
@@ -134,8 +130,14 @@ void RankedTasks::skipNonNegative(List& chain) const {
 void RankedTasks::scanTo(std::uint64_t order) {
     if (!isEmpty()) {
         std::lock_guard<std::mutex> const lock(mutex);
-        passed = order < scannedTo ? passed : SortKey();  // An exception ended the scan before.
         scannedTo = order;
+    }
+}
+
+void RankedTasks::endScan() {
+    std::lock_guard<std::mutex> const lock(mutex);
+    for (RankedEntry* entry = unlinkAll(RankedEntry::COMPUTED); entry != nullptr;) {
+        place(*std::exchange(entry, entry->next));
     }
 }
 
@@ -178,23 +180,27 @@ std::shared_ptr<SubmittedTask> RankedTasks::pick(SortKey const& scanned) {
     return std::move(entry->task);
 }
 
-RankedEntry* RankedTasks::eraseAll() {
-    std::lock_guard<std::mutex> const lock(mutex);
-    for (SortKey const& key : finals) {
+RankedEntry* RankedTasks::unlinkAll(unsigned int flag) {
+    for (SortKey const& key : std::exchange(finals, {})) {
         link(*key.entry, UNORDERED, nullptr);
     }
-    finals.clear();
     RankedEntry* all = nullptr;
     for (List const& list : std::exchange(lists, {})) {
-        for (RankedEntry* entry = list.first; entry != nullptr;) {
-            RankedEntry& current = *std::exchange(entry, entry->next);
-            current.rank = rankAt(current, picks);
-            current.next = std::exchange(all, &current);
+        for (RankedEntry* entry = list.last; entry != nullptr; entry = entry->previous) {
+            entry->rank = currentRank(*entry) | flag;
+            entry->since = picks;
+            entry->next = std::exchange(all, entry);
         }
     }
+    scannedTo = std::numeric_limits<std::uint64_t>::max();
     passed = SortKey();
-    size = 0;
     return all;
+}
+
+RankedEntry* RankedTasks::eraseAll() {
+    std::lock_guard<std::mutex> const lock(mutex);
+    size = 0;
+    return unlinkAll(0);
 }
 
 }  // namespace ovra::concurrent

@@ -14,7 +14,7 @@
 namespace ovra::concurrent {
 
 /// What tasks are compared by. The larger score runs first; of two equal scores, the task added
-/// later.
+/// later. The default stands for no task, and is larger than the key of any task with score 0.
 struct SortKey {
     unsigned int score = 0;
     std::uint64_t order = std::numeric_limits<std::uint64_t>::max();
@@ -33,8 +33,9 @@ struct SortKey {
 /// priority arrive in that order.
 ///
 /// The tasks are linked in chains, in which each task stays ahead of the next. A pick compares the
-/// first task of each chain. A task whose changed rank fits into no chain is compared at each pick
-/// until its rank is final; then it joins a set.
+/// first task of each chain, and the first whose sum of rank and index is negative. A task whose
+/// changed rank fits into no chain is compared at each pick until its rank is final; then it joins
+/// a set.
 ///
 /// Private to the library. *Threads*: Thread-safe. The lock is a leaf. The queue's lock comes
 /// before it and guards which tasks are here.
@@ -49,8 +50,9 @@ public:
         }
     }
 
-    /// Takes in a task that was never in a `RankedTasks` before.
-    void insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
+    /// Takes in a task that was never in a `RankedTasks` before. False, and the task is left, if
+    /// its rank is below that of its priority: the formula does not lift ranks.
+    bool insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
     /// Removes all tasks without allocating. Returns them linked by `next`, for the caller to
     /// destroy without a lock.
     RankedEntry* eraseAll();
@@ -59,6 +61,8 @@ public:
     /// Notes how far the scan of a pick has come: every task newer than `order` has been compared,
     /// and its rank updated.
     void scanTo(std::uint64_t order);
+    /// Ends a scan without a pick. The tasks it passed keep their updated ranks.
+    void endScan();
     /// Ends a pick: chooses the best of the tasks here and of `scanned`, which the scan found.
     /// Removes and returns the chosen task if it is here. Null if it is not.
     std::shared_ptr<SubmittedTask> pick(SortKey const& scanned);
@@ -70,6 +74,8 @@ public:
 
 private:
     static constexpr std::uint32_t HIGHEST_RANK = 0x7fffffff;
+    static constexpr std::uint64_t MAX_DOUBLINGS = 31;  // From the least rank to the highest.
+    static constexpr int LOOK_BACK = 8;  // Threads that submit at once may add out of order.
     static constexpr std::uint8_t UNORDERED = 4;  // The lists before are chains.
     static constexpr std::uint8_t FINAL = 5;
 
@@ -81,6 +87,9 @@ private:
 
     bool isUpdated(RankedEntry const& entry) const { return entry.order > scannedTo; }
     unsigned int rankAt(RankedEntry const& entry, std::uint64_t pickCount) const;
+    unsigned int currentRank(RankedEntry const& entry) const {
+        return rankAt(entry, isUpdated(entry) ? picks + 1 : picks);
+    }
     bool isFinal(RankedEntry const& entry) const {
         return !doubles || rankAt(entry, picks) == HIGHEST_RANK;
     }
@@ -95,6 +104,7 @@ private:
     void unlink(RankedEntry& entry);
     void skipNonNegative(List& chain) const;
     SortKey best();
+    RankedEntry* unlinkAll(unsigned int flag);
 
     bool const doubles;
     std::atomic<unsigned int> owners{1};
@@ -103,7 +113,9 @@ private:
     mutable std::mutex mutex;  // Guards the rest.
     std::uint64_t picks = 0;
     std::uint64_t scannedTo = std::numeric_limits<std::uint64_t>::max();
-    SortKey passed;  // Of the tasks whose rank changed after the scan passed them, the best.
+    // A task whose rank changes after the scan has passed it takes part in this pick with its old
+    // rank. This is the best of the old keys.
+    SortKey passed;
     std::array<List, UNORDERED + 1> lists;
     std::set<SortKey> finals;
 };

@@ -1,5 +1,6 @@
 // Ranks that change while a pick scans.
 
+#include <cstdint>
 #include <optional>
 #include <vector>
 
@@ -72,6 +73,37 @@ TEST(RankedTasksScanTest, ChangeAheadOfTheScanIsCompared) {
 
     EXPECT_EQ(ranked.pick(), 20);
     EXPECT_EQ(older.rank, 10000u);
+}
+
+TEST(RankedTasksScanTest, ScanThatEndsWithoutAPickLeavesTheUpdatedRanks) {
+    Ranked ranked(DOUBLES);
+    auto const& older = ranked.add(20, 5);
+    auto& changed = ranked.add(15, 5);
+    auto const& newer = ranked.add(10, 5);
+    for (unsigned int const rank : {10u, 20u, 40u}) {
+        ranked->scanTo(1);  // The order of the older one.
+        ranked.setRank(changed, 7);
+        ranked->endScan();
+        EXPECT_EQ(ranked->rankOf(newer), rank);
+        EXPECT_EQ(ranked->rankOf(changed), 7u);
+        EXPECT_EQ(ranked->rankOf(older), 5u);
+    }
+    EXPECT_EQ(ranked.drain(), (std::vector<std::int32_t>{10, 20, 15}));
+}
+
+TEST(RankedTasksScanTest, ChangeAfterAScanWithoutAPickIsComparedAtTheNext) {
+    for (bool const doubles : {KEEPS, DOUBLES}) {
+        for (unsigned int const rank : {40u, 100u}) {
+            Ranked ranked(doubles);
+            ranked.add(20, 50);
+            auto& newer = ranked.add(10, 1000);
+            ranked->scanTo(1);
+            ranked.setRank(newer, 2);
+            ranked->endScan();
+            ranked.setRank(newer, rank);
+            EXPECT_EQ(ranked.pick(), rank == 100u ? 10 : 20);
+        }
+    }
 }
 
 TEST(RankedTasksScanTest, PickTakesNothingUnlessItIsBetterThanWhatWasScanned) {
