@@ -1,8 +1,9 @@
+#include <ovra/concurrent/TaskExecutorImpl.h>
+
 #include <algorithm>
 
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
-#include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutorWorker.h>
 #include <ovra/concurrent/internal/SubmissionMemory.h>
 

@@ -1,3 +1,5 @@
+#include <ovra/concurrent/TaskExecutorWorker.h>
+
 #include <pthread.h>
 
 #include <exception>
@@ -6,7 +8,6 @@
 
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
-#include <ovra/concurrent/TaskExecutorWorker.h>
 #include <ovra/log/Log.h>
 
 namespace ovra::concurrent {

@@ -1,6 +1,7 @@
+#include <ovra/concurrent/TaskExecutors.h>
+
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskExecutorImpl.h>
-#include <ovra/concurrent/TaskExecutors.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
 #include <ovra/log/Log.h>
 

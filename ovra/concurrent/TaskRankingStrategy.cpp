@@ -1,7 +1,8 @@
+#include <ovra/concurrent/TaskRankingStrategy.h>
+
 #include <algorithm>
 
 #include <ovra/concurrent/SubmittedTask.h>
-#include <ovra/concurrent/TaskRankingStrategy.h>
 
 namespace ovra::concurrent {
 

@@ -29,6 +29,8 @@ LOCK = "ovra/extra/internal/ForkSafeLock.cpp"
 RING = "ovra/extra/RecentLinesLogHandler.cpp"
 
 GUARD = "    std::lock_guard<std::mutex> const lock(mutex);\n"
+ADDITION = "    if (!isRanked || !ranked->insert("
+CLOSING_LOCK = "    std::unique_lock<std::mutex> lock(mutex);\n    RankedEntry"
 
 
 def without_lock(source, head, *scenarios):
@@ -142,18 +144,18 @@ FAULTS = [
             "            }\n", "            rank.home->setRank(rank, newRank);\n"
             "            return;\n")], ["RankOfThePicked"]),
     Fault("the mark set before the home", RANKED,
-          [("    entry.rank |= RankedEntry::COMPUTED;\n    place(entry);", "    place(entry);"),
+          [("    entry.rank |= RankedEntry::COMPUTED;\n    if", "    if"),
            ("    entry.home = this;\n",
             "    entry.rank |= RankedEntry::COMPUTED;\n    entry.home = this;\n")],
           ["RankAgainstInsert"]),
     Fault("the mark set in two steps", RANKED,
-          [("    entry.rank |= RankedEntry::COMPUTED;\n    place",
-            "    entry.rank = entry.rank | RankedEntry::COMPUTED;\n    place")],
+          [("    entry.rank |= RankedEntry::COMPUTED;\n    if",
+            "    entry.rank = entry.rank | RankedEntry::COMPUTED;\n    if")],
           ["RankAgainstInsert"]),
     Fault("the mark set relaxed", RANKED,
-          [("    entry.rank |= RankedEntry::COMPUTED;\n    place",
+          [("    entry.rank |= RankedEntry::COMPUTED;\n    if",
             "    entry.rank.fetch_or(RankedEntry::COMPUTED, std::memory_order_relaxed);\n"
-            "    place")], ["RankAgainstInsert"]),
+            "    if")], ["RankAgainstInsert"]),
     Fault("the mark looked at relaxed", TASK,
           [("        unsigned int stored = rank.rank;",
             "        unsigned int stored = rank.rank.load(std::memory_order_relaxed);")],
@@ -175,8 +177,8 @@ FAULTS = [
           [("    if (!entry.isComputed()) {\n        return false;\n    }\n", "")],
           ["RankOfThePicked"]),
     Fault("no second look at the mark when a rank is read", RANKED,
-          [("return entry.isComputed() ? rankAt(entry, isUpdated(entry) ? picks + 1 : picks) "
-            ": entry.given();", "return rankAt(entry, isUpdated(entry) ? picks + 1 : picks);")],
+          [("return entry.isComputed() ? currentRank(entry) : entry.given();",
+            "return currentRank(entry);")],
           ["RankOfThePicked"]),
     Fault("the owners counted in two steps", "ovra/concurrent/internal/RankedTasks.h",
           [("if (--owners == 0) {", "owners = owners - 1;\n        if (owners == 0) {")],
@@ -190,19 +192,19 @@ FAULTS = [
           ["AddAgainstWait"]),
     Fault("a worker is notified before the lock", QUEUE,
           [("    condition.notify_one();\n", ""),
-           (f"{GUARD}    ++addedSoFar;", f"    condition.notify_one();\n{GUARD}    ++addedSoFar;")],
+           (f"{GUARD}{ADDITION}", f"    condition.notify_one();\n{GUARD}{ADDITION}")],
           ["AddAgainstWait"]),
     Fault("a worker is notified before the task is queued", QUEUE,
           [("    condition.notify_one();\n", ""),
-           ("    ++addedSoFar;", "    condition.notify_one();\n    ++addedSoFar;")],
+           (ADDITION, f"    condition.notify_one();\n{ADDITION}")],
           ["AddAgainstWait"], ONE_LOCK),
     Fault("a worker is notified after the lock", QUEUE,
-          [(f"{GUARD}    ++addedSoFar;",
-            "    std::unique_lock<std::mutex> lock(mutex);\n    ++addedSoFar;"),
+          [(f"{GUARD}{ADDITION}",
+            f"    std::unique_lock<std::mutex> lock(mutex);\n{ADDITION}"),
            ("    condition.notify_one();\n", "    lock.unlock();\n    condition.notify_one();\n")],
           ["AddAgainstWait"], "the worker that sleeps is woken a little later"),
     Fault("a task added without the lock", QUEUE,
-          [(f"{GUARD}    ++addedSoFar;", "    ++addedSoFar;")], ["AddAgainstWait"]),
+          [(f"{GUARD}{ADDITION}", ADDITION)], ["AddAgainstWait"]),
     Fault("a task picked without the lock", QUEUE,
           [(f"{GUARD}    SortKey best;", "    SortKey best;")], ["AddAgainstWait"]),
     without_lock(QUEUE, "bool SubmittedTasksQueue::isEmpty() {", "AddAgainstWait"),
@@ -211,20 +213,17 @@ FAULTS = [
           ["CloseAgainstWait"]),
     Fault("a close wakes all before the lock", QUEUE,
           [("    condition.notify_all();\n", ""),
-           ("    std::unique_lock<std::mutex> lock(mutex);\n    closed",
-            "    condition.notify_all();\n    std::unique_lock<std::mutex> lock(mutex);\n"
-            "    closed")], ["CloseAgainstWait"]),
+           (CLOSING_LOCK, f"    condition.notify_all();\n{CLOSING_LOCK}")],
+          ["CloseAgainstWait"]),
     Fault("a close wakes all before it is marked", QUEUE,
           [("    closed = true;\n    condition.notify_all();\n",
             "    condition.notify_all();\n    closed = true;\n")], ["CloseAgainstWait"], ONE_LOCK),
     Fault("a close marked, and all woken, before the lock", QUEUE,
-          [("    std::unique_lock<std::mutex> lock(mutex);\n    closed = true;\n"
-            "    condition.notify_all();\n",
-            "    closed = true;\n    condition.notify_all();\n"
-            "    std::unique_lock<std::mutex> lock(mutex);\n")], ["CloseAgainstWait"]),
+          [("    closed = true;\n    condition.notify_all();\n", ""),
+           (CLOSING_LOCK, f"    closed = true;\n    condition.notify_all();\n{CLOSING_LOCK}")],
+          ["CloseAgainstWait"]),
     Fault("a close marked before the lock", QUEUE,
-          [("    std::unique_lock<std::mutex> lock(mutex);\n    closed = true;\n",
-            "    closed = true;\n    std::unique_lock<std::mutex> lock(mutex);\n")],
+          [("    closed = true;\n", ""), (CLOSING_LOCK, f"    closed = true;\n{CLOSING_LOCK}")],
           ["CloseAgainstWait"], "the lock that is taken before the wake-up orders it all the same"),
     Fault("no look at the queue before a worker sleeps", WORKER,
           [("if (!source->hasTasks()) {", "if (true) {")], ["AddAgainstWait"]),

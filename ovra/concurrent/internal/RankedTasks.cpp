@@ -8,12 +8,6 @@
 
 namespace ovra::concurrent {
 
-RankedEntry::~RankedEntry() {
-    if (home != nullptr) {
-        home->release();
-    }
-}
-
 // The formula.
 unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCount) const {
     unsigned int const given = entry.given();
@@ -39,7 +33,7 @@ bool RankedTasks::insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& tas
     entry.order = order;
     entry.rank |= RankedEntry::COMPUTED;
     if (entry.given() < initialRankOf(entry.priority)) {
-        entry.rank &= ~RankedEntry::COMPUTED;
+        entry.rank = entry.given();
         return false;
     }
     entry.task = std::move(task);
