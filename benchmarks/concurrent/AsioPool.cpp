@@ -15,7 +15,7 @@ public:
     explicit AsioPool(int workers) : pool(static_cast<std::size_t>(workers)) {}
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency, char const* name) {
+    Ticket submit(Work const& work, JobPriority, char const* name) {
         Job<Work> job(work, name);
         Ticket ticket = job.ticket();
         boost::asio::post(pool, std::move(job));

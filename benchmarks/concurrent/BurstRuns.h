@@ -36,11 +36,11 @@ private:
     };
 
     template <std::size_t SIZE>
-    static Ticket submit(Pool& pool, Counter& counter, Urgency urgency) {
+    static Ticket submit(Pool& pool, Counter& counter, JobPriority priority) {
         if constexpr (SIZE > sizeof(Count)) {
-            return pool.submit(CountWith<SIZE>(&counter), urgency, "task");
+            return pool.submit(CountWith<SIZE>(&counter), priority, "task");
         } else {
-            return pool.submit(Count{&counter}, urgency, "task");
+            return pool.submit(Count{&counter}, priority, "task");
         }
     }
 
@@ -48,7 +48,7 @@ private:
     static void submitMany(Pool& pool, std::vector<Ticket>& tickets, std::int64_t count,
                            Counter& counter) {
         for (std::int64_t left = count; left > 0; --left) {
-            tickets.push_back(pool.submit(Count{&counter}, urgencyOf(left - 1), "task"));
+            tickets.push_back(pool.submit(Count{&counter}, jobPriorityOf(left - 1), "task"));
         }
     }
 
@@ -115,7 +115,7 @@ private:
         double const processorBefore = processorSeconds();
         auto const begin = Clock::now();
         for (std::int64_t i = 0; i < count; ++i) {
-            tickets.push_back(submit<SIZE>(pool, counter, urgencyOf(i)));
+            tickets.push_back(submit<SIZE>(pool, counter, jobPriorityOf(i)));
         }
         auto const submitted = Clock::now();
         std::size_t const heldQueued = heapUse().held;

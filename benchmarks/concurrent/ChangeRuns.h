@@ -21,7 +21,7 @@ public:
         return Run::add("reprioritise", pool,
                         [](Run& run) {
                             atOnce(run, [](Pool& tasks, Ticket& ticket) {
-                                tasks.reprioritise(ticket, Urgency::HIGH);
+                                tasks.reprioritise(ticket, JobPriority::HIGH);
                             });
                         }) &&
                Run::add("cancel", pool,
@@ -58,7 +58,7 @@ private:
         for (std::int64_t round = 0; round < rounds; ++round) {
             ClosedGate<Pool> gate(pool, 1);
             for (std::size_t i = 0; i < count; ++i) {
-                tickets.push_back(pool.submit(Count{&counter}, Urgency::NORMAL, "task"));
+                tickets.push_back(pool.submit(Count{&counter}, JobPriority::NORMAL, "task"));
             }
             double const processorBefore = processorSeconds();
             changing.start();
@@ -90,12 +90,12 @@ private:
         ClosedGate<Pool> gate(pool, 1);
         auto const changeOne = [&pool, &ran, &tickets, &chosen, changes] {
             if (ran < changes) {
-                pool.reprioritise(tickets[chosen[ran]], urgencyOf(std::int64_t(ran)));
+                pool.reprioritise(tickets[chosen[ran]], jobPriorityOf(std::int64_t(ran)));
             }
             ++ran;
         };
         for (std::size_t i = 0; i < count; ++i) {
-            tickets.push_back(pool.submit(changeOne, urgencyOf(std::int64_t(i)), "task"));
+            tickets.push_back(pool.submit(changeOne, jobPriorityOf(std::int64_t(i)), "task"));
         }
         double const processorBefore = processorSeconds();
         gate.open();

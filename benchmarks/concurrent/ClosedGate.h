@@ -14,7 +14,7 @@ public:
     ClosedGate(Pool& pool, int workers) {
         auto const pass = [this] { gate.pass(); };
         for (int i = 0; i < workers; ++i) {
-            passing.push_back(pool.submit(pass, Urgency::HIGH, "gate"));
+            passing.push_back(pool.submit(pass, JobPriority::HIGH, "gate"));
         }
         gate.awaitArrivals(workers);
     }

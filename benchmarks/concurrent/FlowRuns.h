@@ -40,7 +40,7 @@ private:
         Counter counter{0};
         std::vector<Ticket> tickets;
         for (std::size_t i = 0; i < IN_FLIGHT; ++i) {
-            tickets.push_back(pool.submit(Count{&counter}, Urgency::NORMAL, "task"));
+            tickets.push_back(pool.submit(Count{&counter}, JobPriority::NORMAL, "task"));
         }
         std::size_t oldest = 0;
         std::int64_t const switchesBefore = contextSwitches();
@@ -48,7 +48,7 @@ private:
         auto const begin = Clock::now();
         for (std::int64_t i = 0; i < count; ++i) {
             Pool::wait(tickets[oldest]);
-            tickets[oldest] = pool.submit(Count{&counter}, Urgency::NORMAL, "task");
+            tickets[oldest] = pool.submit(Count{&counter}, JobPriority::NORMAL, "task");
             oldest = oldest + 1 < IN_FLIGHT ? oldest + 1 : 0;
         }
         double const tasks = static_cast<double>(count);
@@ -72,7 +72,7 @@ private:
         nanoseconds.reserve(count);
         for (std::size_t i = 0; i < count; ++i) {
             auto const begin = Clock::now();
-            tickets.push_back(pool.submit(spin, Urgency::NORMAL, "task"));
+            tickets.push_back(pool.submit(spin, JobPriority::NORMAL, "task"));
             nanoseconds.push_back(secondsBetween(begin, Clock::now()) * 1e9);
             spin();
         }
@@ -93,7 +93,7 @@ private:
             Clock::time_point started;
             auto const begin = Clock::now();
             Ticket ticket =
-                pool.submit([&started] { started = Clock::now(); }, Urgency::NORMAL, "task");
+                pool.submit([&started] { started = Clock::now(); }, JobPriority::NORMAL, "task");
             Pool::wait(ticket);
             nanoseconds.push_back(secondsBetween(begin, started) * 1e9);
         }
@@ -120,7 +120,7 @@ private:
             tickets.reserve(static_cast<std::size_t>(count));
             auto const begin = Clock::now();
             for (std::int64_t i = 0; i < count; ++i) {
-                tickets.push_back(pool.submit(spin, Urgency::NORMAL, "task"));
+                tickets.push_back(pool.submit(spin, JobPriority::NORMAL, "task"));
             }
             waitFromFirst<Pool>(tickets);
             ofPool += secondsBetween(begin, Clock::now());
@@ -175,7 +175,7 @@ private:
                 tickets.reserve(static_cast<std::size_t>(each));
                 gate.pass();
                 for (std::int64_t i = 0; i < each; ++i) {
-                    tickets.push_back(pool.submit(count, Urgency::NORMAL, "task"));
+                    tickets.push_back(pool.submit(count, JobPriority::NORMAL, "task"));
                 }
                 waitFromFirst<Pool>(tickets);
             });
@@ -203,7 +203,7 @@ private:
         kiB("smaps_rollup", "Private_Dirty:");
         double const before = kiB("smaps_rollup", "Private_Dirty:");
         Pool pool(1);
-        Ticket ticket = pool.submit(Count{&counter}, Urgency::NORMAL, "task");
+        Ticket ticket = pool.submit(Count{&counter}, JobPriority::NORMAL, "task");
         Pool::wait(ticket);
         ticket = Ticket();
         run.report("kib", kiB("smaps_rollup", "Private_Dirty:") - before);

@@ -20,8 +20,8 @@ public:
     ~GlibPool() { g_thread_pool_free(pool, FALSE, TRUE); }
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency urgency, char const* name) {
-        auto* const job = new JobOf<Work>(work, urgency, name);
+    Ticket submit(Work const& work, JobPriority priority, char const* name) {
+        auto* const job = new JobOf<Work>(work, priority, name);
         Ticket ticket = job->work.ticket();
         g_thread_pool_push(pool, job, nullptr);
         return ticket;
@@ -30,17 +30,17 @@ public:
 
 private:
     struct AnyJob {
-        explicit AnyJob(Urgency jobUrgency) : urgency(jobUrgency) {}
+        explicit AnyJob(JobPriority jobPriority) : priority(jobPriority) {}
         virtual ~AnyJob() = default;
         virtual void run() = 0;
 
-        Urgency const urgency;
+        JobPriority const priority;
     };
 
     template <typename Work>
     struct JobOf : AnyJob {
-        JobOf(Work const& jobWork, Urgency jobUrgency, char const* name)
-            : AnyJob(jobUrgency), work(jobWork, name) {}
+        JobOf(Work const& jobWork, JobPriority jobPriority, char const* name)
+            : AnyJob(jobPriority), work(jobWork, name) {}
         void run() override {
             work();
             delete this;
@@ -50,8 +50,8 @@ private:
     };
 
     static gint compare(gconstpointer left, gconstpointer right, gpointer) {
-        return static_cast<gint>(static_cast<AnyJob const*>(right)->urgency) -
-               static_cast<gint>(static_cast<AnyJob const*>(left)->urgency);
+        return static_cast<gint>(static_cast<AnyJob const*>(right)->priority) -
+               static_cast<gint>(static_cast<AnyJob const*>(left)->priority);
     }
 
     GThreadPool* pool;

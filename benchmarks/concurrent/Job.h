@@ -7,7 +7,7 @@
 
 namespace ovra::bench {
 
-enum class Urgency { LOW, NORMAL, HIGH };
+enum class JobPriority { LOW, NORMAL, HIGH };
 
 using Ticket = std::future<bool>;
 

@@ -21,28 +21,28 @@ public:
               std::make_shared<concurrent::SubmittedTasksQueue>(std::make_shared<Strategy>())) {}
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+    Ticket submit(Work const& work, JobPriority priority, char const* name) {
         return executor.submitTask(
             [work] {
                 work();
                 return concurrent::Executable::SUCCESS;
             },
-            priorityOf(urgency), {}, name);
+            priorityOf(priority), {}, name);
     }
     static void wait(Ticket& ticket) { ticket->waitForCompletion(); }
-    void reprioritise(Ticket& ticket, Urgency urgency) {
-        ticket->updatePriority(priorityOf(urgency));
+    void reprioritise(Ticket& ticket, JobPriority priority) {
+        ticket->updatePriority(priorityOf(priority));
     }
     void cancel(Ticket& ticket) { ticket->cancel(); }
 
 private:
-    static concurrent::TaskPriority priorityOf(Urgency urgency) {
-        switch (urgency) {
-            case Urgency::HIGH:
+    static concurrent::TaskPriority priorityOf(JobPriority priority) {
+        switch (priority) {
+            case JobPriority::HIGH:
                 return concurrent::HIGH;
-            case Urgency::NORMAL:
+            case JobPriority::NORMAL:
                 return concurrent::NORMAL;
-            case Urgency::LOW:
+            case JobPriority::LOW:
                 break;
         }
         return concurrent::LOW;

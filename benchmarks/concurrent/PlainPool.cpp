@@ -45,15 +45,15 @@ public:
     }
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+    Ticket submit(Work const& work, JobPriority priority, char const* name) {
         auto const job = std::make_shared<JobOf<Work>>(work, name);
         Ticket ticket{job, job->work.ticket()};
-        push(job, urgency);
+        push(job, priority);
         return ticket;
     }
     static void wait(Ticket& ticket) { ticket.done.get(); }
     // The old entry stays, and is skipped when its turn comes.
-    void reprioritise(Ticket& ticket, Urgency urgency) { push(ticket.job, urgency); }
+    void reprioritise(Ticket& ticket, JobPriority priority) { push(ticket.job, priority); }
     void cancel(Ticket& ticket) { ticket.job->isCancelled = true; }
 
 private:
@@ -68,17 +68,17 @@ private:
 
     struct Entry {
         bool operator<(Entry const& other) const {
-            return urgency != other.urgency ? urgency < other.urgency : order > other.order;
+            return priority != other.priority ? priority < other.priority : order > other.order;
         }
 
-        Urgency urgency;
+        JobPriority priority;
         std::uint64_t order;
         std::shared_ptr<AnyJob> job;
     };
 
-    void push(std::shared_ptr<AnyJob> job, Urgency urgency) {
+    void push(std::shared_ptr<AnyJob> job, JobPriority priority) {
         std::lock_guard<std::mutex> const lock(mutex);
-        entries.push(Entry{urgency, ++pushedSoFar, std::move(job)});
+        entries.push(Entry{priority, ++pushedSoFar, std::move(job)});
         condition.notify_one();
     }
 

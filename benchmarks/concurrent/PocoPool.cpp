@@ -31,10 +31,10 @@ public:
     }
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+    Ticket submit(Work const& work, JobPriority priority, char const* name) {
         Poco::AutoPtr<JobOf<Work>> job(new JobOf<Work>(work, name));
         Ticket ticket = job->work.ticket();
-        queue.enqueueNotification(job, LAST - 1 - static_cast<int>(urgency));
+        queue.enqueueNotification(job, LAST - 1 - static_cast<int>(priority));
         return ticket;
     }
     static void wait(Ticket& ticket) { ticket.get(); }

@@ -23,16 +23,16 @@ public:
     }
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+    Ticket submit(Work const& work, JobPriority priority, char const* name) {
         auto* const runnable = new Runnable<Work>(work, name);
         Ticket ticket{runnable, runnable->work.ticket()};
-        pool.start(runnable, static_cast<int>(urgency));
+        pool.start(runnable, static_cast<int>(priority));
         return ticket;
     }
     static void wait(Ticket& ticket) { ticket.done.get(); }
-    void reprioritise(Ticket& ticket, Urgency urgency) {
+    void reprioritise(Ticket& ticket, JobPriority priority) {
         if (pool.tryTake(ticket.runnable)) {
-            pool.start(ticket.runnable, static_cast<int>(urgency));
+            pool.start(ticket.runnable, static_cast<int>(priority));
         }
     }
     void cancel(Ticket& ticket) {

@@ -18,8 +18,9 @@ struct Count {
 };
 
 /// The three priorities in turn.
-inline Urgency urgencyOf(std::int64_t index) {
-    static constexpr Urgency URGENCIES[] = {Urgency::LOW, Urgency::NORMAL, Urgency::HIGH};
+inline JobPriority jobPriorityOf(std::int64_t index) {
+    static constexpr JobPriority URGENCIES[] = {JobPriority::LOW, JobPriority::NORMAL,
+                                                JobPriority::HIGH};
     return URGENCIES[index % 3];
 }
 

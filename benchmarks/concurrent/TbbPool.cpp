@@ -20,22 +20,22 @@ public:
           high(workers, 0, tbb::task_arena::priority::high) {}
 
     template <typename Work>
-    Ticket submit(Work const& work, Urgency urgency, char const* name) {
+    Ticket submit(Work const& work, JobPriority priority, char const* name) {
         Job<Work> job(work, name);
         Ticket ticket = job.ticket();
-        arenaOf(urgency).enqueue(std::move(job));
+        arenaOf(priority).enqueue(std::move(job));
         return ticket;
     }
     static void wait(Ticket& ticket) { ticket.get(); }
 
 private:
-    tbb::task_arena& arenaOf(Urgency urgency) {
-        switch (urgency) {
-            case Urgency::HIGH:
+    tbb::task_arena& arenaOf(JobPriority priority) {
+        switch (priority) {
+            case JobPriority::HIGH:
                 return high;
-            case Urgency::NORMAL:
+            case JobPriority::NORMAL:
                 return normal;
-            case Urgency::LOW:
+            case JobPriority::LOW:
                 break;
         }
         return low;
