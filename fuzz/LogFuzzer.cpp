@@ -166,17 +166,17 @@ class Received {
 public:
     Received() {
         s_systemLog.clear();
-        hostsOwn().clear();
+        ownLines().clear();
         addLogHandler(STANDARD_STREAM_HANDLER, "streams");
         addLogHandler(PLATFORM_HANDLER, "system log");
         addLogHandler(FILE_HANDLER, file().c_str());
         addLogHandler(std::make_shared<test::FunctionSink>([](char const* line, LogLevel level) {
-                          hostsOwn().push_back(std::to_string(level) + " " + line);
+                          ownLines().push_back(std::to_string(level) + " " + line);
                       }),
-                      "host's own");
+                      "the caller's own");
     }
 
-    static std::vector<std::string>& hostsOwn() {
+    static std::vector<std::string>& ownLines() {
         static std::vector<std::string> lines;
         return lines;
     }
@@ -223,7 +223,7 @@ void compare(FuzzedDataProvider& bytes) {
         (level == CRITICAL || level == ERROR ? errors : output) += line + "\n<flush>";
     }
 
-    EXPECT_EQ(Received::hostsOwn(), lines);
+    EXPECT_EQ(Received::ownLines(), lines);
     EXPECT_EQ(s_systemLog, systemLog);
     EXPECT_EQ(test::contentOf(Received::file()), file);
     EXPECT_EQ(received.output.text, output);

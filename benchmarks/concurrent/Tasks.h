@@ -19,9 +19,9 @@ struct Count {
 
 /// The three priorities in turn.
 inline JobPriority jobPriorityOf(std::int64_t index) {
-    static constexpr JobPriority URGENCIES[] = {JobPriority::LOW, JobPriority::NORMAL,
-                                                JobPriority::HIGH};
-    return URGENCIES[index % 3];
+    static constexpr JobPriority PRIORITIES[] = {JobPriority::LOW, JobPriority::NORMAL,
+                                                 JobPriority::HIGH};
+    return PRIORITIES[index % 3];
 }
 
 inline void requireRun(Run& run, Counter const& counter, std::int64_t expected) {

@@ -1,5 +1,5 @@
 // What becomes of an executor's work when the process, or the executor, ends under it. Each case
-// is a process of its own: see Host.cpp for the ends and Scene.h for the situations.
+// is a process of its own: see Application.cpp for the ends and Scene.h for the situations.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -85,7 +85,7 @@ Ending runHost(std::string const& end, std::string const& situation) {
     if (child == 0) {
         dup2(fileno(output.get()), STDOUT_FILENO);
         dup2(fileno(errors.get()), STDERR_FILENO);
-        std::string words[] = {LIFECYCLE_HOST, end, situation};
+        std::string words[] = {LIFECYCLE_APPLICATION, end, situation};
         char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
         execv(arguments[0], arguments);
         _exit(127);
@@ -271,7 +271,7 @@ TEST_P(LoggingEndTest, ReachesTheSinks) {
     Ending const ending = runHost(GetParam().end, GetParam().situation);
 
     EXPECT_THAT(ending.said, ElementsAreArray(GetParam().said));
-    EXPECT_EQ(ending.errors, isQuick ? "[host:ERROR] accepted\n" : "[host:ERROR] still here\n");
+    EXPECT_EQ(ending.errors, isQuick ? "[app:ERROR] accepted\n" : "[app:ERROR] still here\n");
     EXPECT_EQ(ending.outcome, "exit 0");
 }
 

@@ -10,7 +10,7 @@ struct Plugin {
     /// Puts the shared executor into a situation, as `Scene` does; the work goes on until that
     /// executor is being destroyed. Each event is told, from whichever thread.
     void (*begin)(char const* situation, Gate* waiterIsOut, void (*tell)(char const* event));
-    /// Takes what `begin` submitted last, opens the gate, waits and lets go of it.
+    /// Takes what `begin` submitted last, opens the gate, waits and releases it.
     void (*wait)(Gate* isTaken);
     /// Whether that task is held by somebody beside the queue or the worker.
     bool (*isAwaited)();

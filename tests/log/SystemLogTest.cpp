@@ -213,23 +213,23 @@ TEST_F(SystemLogTest, RegisteredPlatformSinkSendsEachLineAgain) {
     EXPECT_TRUE(isEmpty());
 }
 
-TEST_F(SystemLogTest, IdentityAndFacilityAreTheHosts) {
+TEST_F(SystemLogTest, IdentityAndFacilityAreTheApplications) {
     // In a process of its own: the C library keeps a facility for good.
-    pid_t const host = fork();
-    ASSERT_GE(host, 0);
-    if (host == 0) {
-        openlog("host", LOG_PID, LOG_LOCAL3);
+    pid_t const child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        openlog("app", LOG_PID, LOG_LOCAL3);
         log(ERROR, "tag", "one");
         log(CRITICAL, "tag", "two");
         _exit(0);
     }
-    std::string const identity = " host\\[" + std::to_string(host) + "\\]: ";
+    std::string const identity = " app\\[" + std::to_string(child) + "\\]: ";
     EXPECT_THAT(receive(), MatchesRegex("<" + std::to_string(LOG_LOCAL3 | LOG_ERR) + ">[^[]+" +
                                         identity + "\\[tag:ERROR\\] one"));
     EXPECT_THAT(receive(), MatchesRegex("<" + std::to_string(LOG_LOCAL3 | LOG_CRIT) + ">[^[]+" +
                                         identity + "\\[tag:CRITICAL\\] two"));
     int status = -1;
-    EXPECT_EQ(waitpid(host, &status, 0), host);
+    EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
 }
 

@@ -103,21 +103,21 @@ using Strategies =
 TYPED_TEST_SUITE(ExecutorCrowdTest, Strategies, StrategyName);
 
 TYPED_TEST(ExecutorCrowdTest, EveryTaskComesToItsEnd) {
-    constexpr int HOSTS = 6;
+    constexpr int CALLERS = 6;
     test::RandomSource seeds(test::runSeed());
     SCOPED_TRACE(test::seedNote());
     for (unsigned int const workers : {1u, 3u, 12u}) {
         Ledger ledger;
         auto const queue = makeQueue<TypeParam>();
         auto executor = std::make_unique<TaskExecutorImpl>(workers, queue);
-        std::vector<std::thread> hosts;
-        for (int i = 0; i < HOSTS; ++i) {
-            hosts.emplace_back([&, random = test::RandomSource(seeds.next())] {
+        std::vector<std::thread> callers;
+        for (int i = 0; i < CALLERS; ++i) {
+            callers.emplace_back([&, random = test::RandomSource(seeds.next())] {
                 useExecutor(*executor, ledger, random, test::scaled(700));
             });
         }
-        for (auto& host : hosts) {
-            host.join();
+        for (auto& caller : callers) {
+            caller.join();
         }
         EXPECT_TRUE(executor->isIdle());
         executor.reset();
@@ -130,21 +130,21 @@ TYPED_TEST(ExecutorCrowdTest, EveryTaskComesToItsEnd) {
     }
 }
 
-TEST_F(ExecutorStressTest, SharedExecutorsServeManyHosts) {
-    constexpr int HOSTS = 4;
+TEST_F(ExecutorStressTest, SharedExecutorsServeManyCallers) {
+    constexpr int CALLERS = 4;
     Ledger ledger;
     test::RandomSource seeds(test::runSeed() + 1);
     SCOPED_TRACE(test::seedNote());
-    std::vector<std::thread> hosts;
-    for (int i = 0; i < HOSTS; ++i) {
-        hosts.emplace_back([&, i, random = test::RandomSource(seeds.next())] {
+    std::vector<std::thread> callers;
+    for (int i = 0; i < CALLERS; ++i) {
+        callers.emplace_back([&, i, random = test::RandomSource(seeds.next())] {
             auto const executor =
                 i % 2 == 0 ? getNoStarveTaskExecutor() : getHighestPriorityTaskExecutor();
             useExecutor(*executor, ledger, random, test::scaled(500));
         });
     }
-    for (auto& host : hosts) {
-        host.join();
+    for (auto& caller : callers) {
+        caller.join();
     }
 
     EXPECT_EQ(ledger.wrongStates, 0);

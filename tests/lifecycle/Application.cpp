@@ -1,6 +1,6 @@
 // An application that ends, or forks, while an executor is in the middle of something:
 //
-//     lifecycleHost <end> <situation>
+//     lifecycleApplication <end> <situation>
 //
 // Prints what happens, a line each. See Scene.h for the situations.
 
@@ -41,7 +41,7 @@ void destroyed(std::string const& situation) {
     sayOutcome(scene);
 }
 
-// The worker itself lets go of the executor's last reference.
+// The worker itself releases the last reference to the executor.
 void ownWorker(std::string const& situation) {
     auto executor = makeExecutor();
     std::weak_ptr<concurrent::SubmittedTask> submitted;
@@ -89,7 +89,7 @@ void ownWorker(std::string const& situation) {
     Gate().wait();  // The process ends under it.
 }
 
-// Another worker still runs a task when the first lets go.
+// Another worker still runs a task when the first releases the executor.
 void ownWorkerOfTwo(std::string const& situation) {
     auto executor = makeExecutor(2);
     Scene const scene(situation, executor);
@@ -149,7 +149,7 @@ void quickExit(std::string const& situation) {
     std::at_quick_exit([] {
         auto const handle = getNoStarveTaskExecutor()->submitTask(
             [] { return Executable::SUCCESS; }, concurrent::NORMAL, {}, "late");
-        log::log(log::ERROR, "host", "%s", handle ? "accepted" : "refused");
+        log::log(log::ERROR, "app", "%s", handle ? "accepted" : "refused");
     });
     say("ending");
     std::quick_exit(0);
@@ -229,7 +229,7 @@ public:
 Late late;
 
 void staticLogs(std::string const& situation) {
-    late.atTheEnd = [] { log::log(log::ERROR, "host", "still here"); };
+    late.atTheEnd = [] { log::log(log::ERROR, "app", "still here"); };
     exitWhile(situation);
 }
 
