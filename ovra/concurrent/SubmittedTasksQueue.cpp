@@ -78,7 +78,9 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     if (auto next = ranked->pick(best)) {
         found = std::move(next);
     }
-    tasks.remove_if([&](QueuedTask const& queued) { return queued.first == found; });
+    if (!tasks.empty()) {
+        tasks.remove_if([&](QueuedTask const& queued) { return queued.first == found; });
+    }
     return found;
 }
 

@@ -10,13 +10,10 @@ namespace ovra::concurrent {
 
 // The formula.
 unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCount) const {
-    unsigned int const given = entry.given();
-    if (!doubles || pickCount <= entry.since) {
-        return given;
-    }
-    std::uint64_t const doublings = std::min(pickCount - entry.since, MAX_DOUBLINGS);
-    return static_cast<unsigned int>(
-        std::min<std::uint64_t>(std::uint64_t{given} << doublings, HIGHEST_RANK));
+    std::uint64_t const doublings =
+        doubles && pickCount > entry.since ? pickCount - entry.since : 0;
+    std::uint64_t const rank = std::uint64_t{entry.given()} << std::min(doublings, MAX_DOUBLINGS);
+    return static_cast<unsigned int>(std::min<std::uint64_t>(rank, HIGHEST_RANK));
 }
 
 unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
@@ -151,9 +148,12 @@ SortKey RankedTasks::best() {
         }
     }
     for (std::uint8_t chain = 0; chain < UNORDERED; ++chain) {
-        skipNonNegative(lists[chain]);
-        for (RankedEntry* const entry : {lists[chain].first, lists[chain].negative}) {
-            best = entry != nullptr ? std::max(best, keyOf(*entry)) : best;
+        if (RankedEntry* const first = lists[chain].first; first != nullptr) {
+            best = std::max(best, keyOf(*first));
+            skipNonNegative(lists[chain]);
+        }
+        if (RankedEntry* const negative = lists[chain].negative; negative != nullptr) {
+            best = std::max(best, keyOf(*negative));
         }
     }
     return finals.empty() ? best : std::max(best, *finals.rbegin());
