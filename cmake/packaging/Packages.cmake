@@ -4,6 +4,8 @@
 if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf" OR
     CMAKE_CXX_COMPILER MATCHES "arm-linux-gnueabihf")
   set(OVRA_DEBIAN_ARCHITECTURE armhf)
+elseif(CMAKE_CXX_COMPILER MATCHES "aarch64-linux-gnu")
+  set(OVRA_DEBIAN_ARCHITECTURE arm64)
 else()
   execute_process(COMMAND dpkg --print-architecture
     OUTPUT_VARIABLE OVRA_DEBIAN_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
@@ -19,10 +21,16 @@ endif()
 # --- what Debian wants to find beside the files themselves
 
 set(staging ${PROJECT_BINARY_DIR}/packaging)
-find_program(OVRA_GZIP gzip REQUIRED)
+find_program(OVRA_GZIP gzip)
+if(NOT OVRA_GZIP OR OVRA_LIBRARY_TYPE STREQUAL STATIC)
+  return()
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${staging}/changelog COPYONLY)
 execute_process(COMMAND ${OVRA_GZIP} --best --no-name --stdout ${staging}/changelog
-  OUTPUT_FILE ${staging}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
+  OUTPUT_FILE ${staging}/changelog.Debian.gz RESULT_VARIABLE failed)
+if(failed)
+  message(FATAL_ERROR "gzip cannot pack the change log: ${failed}")
+endif()
 file(WRITE ${staging}/triggers "activate-noawait ldconfig\n")
 
 foreach(component IN LISTS runtimes ITEMS development)
