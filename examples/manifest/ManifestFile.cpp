@@ -43,7 +43,8 @@ std::string targetOf(std::string path) {
             break;
         }
         std::string const target(text, static_cast<std::size_t>(length));
-        path = target[0] == '/' ? target : path.substr(0, path.rfind('/') + 1) + target;
+        path.resize(target[0] == '/' ? 0 : path.rfind('/') + 1);
+        path += target;
     }
     return path;
 }
