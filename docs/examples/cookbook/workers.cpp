@@ -22,7 +22,7 @@ std::shared_ptr<TaskExecutor> makeBackgroundExecutor() {
     pthread_attr_t small;
     pthread_getattr_default_np(&before);
     pthread_getattr_default_np(&small);
-    pthread_attr_setstacksize(&small, 256 * 1024);
+    pthread_attr_setstacksize(&small, 1024 * 1024);
     pthread_setattr_default_np(&small);
 
     cpu_set_t allowed;
