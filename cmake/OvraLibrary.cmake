@@ -25,11 +25,14 @@ function(ovra_library_objects target)
 endfunction()
 
 # ovra_library(<target> <objects> <map>): a shared object of these objects, which exports what the
-# version script says.
+# version script says; or an archive of them.
 function(ovra_library target objects map)
   ovra_target(${target})
   target_sources(${target} PRIVATE $<TARGET_OBJECTS:${objects}>)
   target_compile_features(${target} PUBLIC cxx_std_17)
+  if(OVRA_LIBRARY_TYPE STREQUAL STATIC)
+    return()
+  endif()
   target_link_options(${target} PRIVATE
     LINKER:-z,relro,-z,now,-z,noexecstack,--as-needed,-Bsymbolic-functions)
   if(NOT OVRA_COVERAGE)
@@ -41,8 +44,29 @@ function(ovra_library target objects map)
   set_target_properties(${target} PROPERTIES
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
-    LINK_DEPENDS ${map}
-    VERIFY_INTERFACE_HEADER_SETS ON)
+    LINK_DEPENDS ${map})
+endfunction()
+
+# ovra_check_headers(<library> <header>...): the target all_verify_interface_header_sets compiles each
+# of these headers alone.
+function(ovra_check_headers library)
+  if(CMAKE_VERSION VERSION_LESS 3.25)
+    return()
+  endif()
+  add_library(${library}_headers INTERFACE)
+  target_link_libraries(${library}_headers INTERFACE ${library})
+  target_sources(${library}_headers INTERFACE
+    FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARGN})
+  set_target_properties(${library}_headers PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+endfunction()
+
+# ovra_install_headers(<header>...): named from the top of the sources, each keeps its directory.
+function(ovra_install_headers)
+  foreach(header IN LISTS ARGN)
+    get_filename_component(directory ${header} DIRECTORY)
+    install(FILES ${PROJECT_SOURCE_DIR}/${header}
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${directory} COMPONENT development)
+  endforeach()
 endfunction()
 
 # ovra_install_pkg_config(<template> <file>)

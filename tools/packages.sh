@@ -12,19 +12,21 @@ need_packages() {
   local as_root=()
   if [ "$(id -u)" -ne 0 ]; then
     if ! command -v sudo >/dev/null; then
-      echo "Missing packages: ${missing[*]}. Install them, or run this as root or where sudo works." >&2
+      echo "Missing packages, and no sudo to install them. As root:" >&2
+      echo "  apt-get install --yes --no-install-recommends ${missing[*]}" >&2
       exit 1
     fi
     as_root=(sudo)
   fi
-  echo "Installing: ${missing[*]}"
+  echo "Installing, which may take some minutes: ${missing[*]}"
   # An index that is out of date names packages that no longer exist: refresh it and try once more.
   if ! install_packages >/dev/null 2>&1; then
     local log
     log=$(mktemp)
     if ! { "${as_root[@]}" apt-get update && install_packages; } >"$log" 2>&1; then
       cat "$log" >&2
-      echo "Could not install: ${missing[*]}. See the messages above." >&2
+      echo "Could not install them; see above. Where the network works, as root:" >&2
+      echo "  apt-get update && apt-get install --yes --no-install-recommends ${missing[*]}" >&2
       exit 1
     fi
     rm -f "$log"

@@ -4,6 +4,8 @@
 if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf" OR
     CMAKE_CXX_COMPILER MATCHES "arm-linux-gnueabihf")
   set(OVRA_DEBIAN_ARCHITECTURE armhf)
+elseif(CMAKE_CXX_COMPILER MATCHES "aarch64-linux-gnu")
+  set(OVRA_DEBIAN_ARCHITECTURE arm64)
 else()
   execute_process(COMMAND dpkg --print-architecture
     OUTPUT_VARIABLE OVRA_DEBIAN_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
@@ -11,21 +13,32 @@ endif()
 set(OVRA_RUNTIME_PACKAGE lib${PROJECT_NAME}${PROJECT_VERSION_MAJOR})
 set(OVRA_EXTRA_PACKAGE lib${PROJECT_NAME}-extra${PROJECT_VERSION_MAJOR})
 set(OVRA_DEVELOPMENT_PACKAGE lib${PROJECT_NAME}-dev)
+set(OVRA_TOOLS_PACKAGE ovra-tools)
 set(runtimes runtime) # What a device needs.
 if(OVRA_BUILD_EXTRA)
   list(APPEND runtimes extra)
+endif()
+set(others development)
+if(TARGET ovra-manifest)
+  list(APPEND others tools)
 endif()
 
 # --- what Debian wants to find beside the files themselves
 
 set(staging ${PROJECT_BINARY_DIR}/packaging)
-find_program(OVRA_GZIP gzip REQUIRED)
+find_program(OVRA_GZIP gzip)
+if(NOT OVRA_GZIP OR OVRA_LIBRARY_TYPE STREQUAL STATIC)
+  return()
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog ${staging}/changelog COPYONLY)
 execute_process(COMMAND ${OVRA_GZIP} --best --no-name --stdout ${staging}/changelog
-  OUTPUT_FILE ${staging}/changelog.Debian.gz COMMAND_ERROR_IS_FATAL ANY)
+  OUTPUT_FILE ${staging}/changelog.Debian.gz RESULT_VARIABLE failed)
+if(failed)
+  message(FATAL_ERROR "gzip cannot pack the change log: ${failed}")
+endif()
 file(WRITE ${staging}/triggers "activate-noawait ldconfig\n")
 
-foreach(component IN LISTS runtimes ITEMS development)
+foreach(component IN LISTS runtimes others)
   string(TOUPPER ${component} upper)
   set(package ${OVRA_${upper}_PACKAGE})
   set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package})
@@ -41,6 +54,12 @@ foreach(component IN LISTS runtimes ITEMS development)
   set(CPACK_COMPONENT_${upper}_DOCUMENTS_GROUP ${component})
   list(APPEND components ${component} ${component}_documents)
 endforeach()
+install(DIRECTORY docs/guide docs/examples
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${OVRA_DEVELOPMENT_PACKAGE}
+  COMPONENT development_documents EXCLUDE_FROM_ALL)
+install(FILES examples/tasks.cpp examples/logging.cpp examples/files.cpp
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${OVRA_DEVELOPMENT_PACKAGE}/examples/longer
+  COMPONENT development_documents EXCLUDE_FROM_ALL)
 
 # --- the packages
 
@@ -114,6 +133,17 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
 "support library for applications on embedded Linux: development files
 ${about}
 
-This package holds the headers and what CMake and pkg-config need to find them.")
+This package holds the headers, what CMake and pkg-config need to find them,
+and the guide with its examples.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${OVRA_TOOLS_PACKAGE})
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${OVRA_RUNTIME_PACKAGE} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+"SHA-256 manifests of directory trees
+ovra-manifest hashes the files of directory trees in the background, and checks
+them against a manifest in the format of sha256sum. It is an application of the
+library ovra.")
 
 include(CPack)

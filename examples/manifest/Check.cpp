@@ -7,6 +7,7 @@
 #include <iostream>
 #include <istream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 
 #include "HashTask.h"
 #include "Hasher.h"
+#include "Logging.h"
 #include "ManifestLine.h"
 #include "Messages.h"
 #include "Progress.h"
@@ -67,31 +69,53 @@ std::string asOneLine(std::string const& path) {
 // Prints the outcome of each file, and counts.
 class Report {
 public:
+    explicit Report(Options const& how) : options(how) {}
+
     void add(ManifestEntry const& entry, HashTask const& task) {
         std::string const& digest = task.digest();
-        if (!task.error().empty()) {
+        if (options.ignoreMissing && task.isMissing()) {
+            ++missing;
+        } else if (!task.error().empty()) {
             complain(quoted(entry.path) + ": " + task.error());
             ++unreadable;
-            std::cout << asOneLine(entry.path) + ": FAILED open or read\n";
+            print(entry, ": FAILED open or read\n");
         } else if (digest.empty()) {
             return;  // Not begun before Ctrl-C.
         } else if (std::equal(digest.begin(), digest.end(), entry.digest.begin(), sameDigit)) {
-            std::cout << asOneLine(entry.path) + ": OK\n";
+            ++well;
+            if (!options.quiet) {
+                print(entry, ": OK\n");
+            }
         } else {
             ++different;
-            std::cout << asOneLine(entry.path) + ": FAILED\n";
+            print(entry, ": FAILED\n");
         }
         ++told;
     }
 
-    void warn(std::size_t malformedLines) const {
+    // A file of the tree that the manifest does not list.
+    void addNew(std::string const& path) {
+        ++unlisted;
+        print({"", path}, ": NEW\n");
+    }
+
+    void warn(std::size_t malformedLines, std::string const& manifest) const {
+        if (options.status) {
+            return;
+        }
         warnOf(malformedLines, "line is improperly formatted", "lines are improperly formatted");
         warnOf(unreadable, "listed file could not be read", "listed files could not be read");
         warnOf(different, "computed checksum did NOT match", "computed checksums did NOT match");
+        warnOf(unlisted, "file is not listed", "files are not listed");
+        if (options.ignoreMissing && well == 0) {
+            complain(manifest + ": no file was verified");
+        }
     }
 
     std::size_t filesTold() const { return told; }
-    bool isAllWell() const { return unreadable == 0 && different == 0; }
+    bool isAllWell() const {
+        return unreadable == 0 && different == 0 && unlisted == 0 && (well > 0 || missing == 0);
+    }
 
 private:
     static bool sameDigit(char computed, char listed) {
@@ -103,7 +127,17 @@ private:
         }
     }
 
+    void print(ManifestEntry const& entry, char const* outcome) const {
+        if (!options.status) {
+            std::cout << asOneLine(entry.path) + outcome;
+        }
+    }
+
+    Options const& options;
     std::size_t told = 0;
+    std::size_t well = 0;
+    std::size_t missing = 0;  // Those that are ignored.
+    std::size_t unlisted = 0;
     std::size_t unreadable = 0;
     std::size_t different = 0;
 };
@@ -145,6 +179,28 @@ void verifyAll(std::vector<ManifestEntry> const& entries, Options const& options
     std::cout << std::flush;
 }
 
+// Whether all of the tree could be seen.
+bool reportNew(Manifest const& manifest, Options const& options, Interrupt const& interrupt,
+               Report& report) {
+    Walk walk(interrupt);
+    for (std::string const& ownFile : {options.manifest, logFile(options)}) {
+        if (!ownFile.empty()) {
+            walk.leaveOut(ownFile);
+        }
+    }
+    walk.addFilesBelow(options.newBelow);
+    std::set<std::string> listed;
+    for (auto const& entry : manifest.entries) {
+        listed.insert(entry.path);
+    }
+    for (auto const& file : walk.sortedFiles()) {
+        if (listed.count(file.path) == 0) {
+            report.addNew(file.path);
+        }
+    }
+    return walk.isComplete();
+}
+
 }  // namespace
 
 ExitStatus check(Options const& options, Interrupt& interrupt) {
@@ -158,7 +214,7 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
     }
     Manifest const manifest = readManifest(*stream, isStandardInput, interrupt);
 
-    Report report;
+    Report report(options);
     verifyAll(manifest.entries, options, interrupt, report);
     if (interrupt.requested()) {
         complain("interrupted after " + std::to_string(report.filesTold()) + " of " +
@@ -173,12 +229,15 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
         complain(name + ": no properly formatted checksum lines found");
         return TROUBLE;
     }
-    report.warn(manifest.malformedLines);
+    bool const isTreeSeen =
+        options.newBelow.empty() || reportNew(manifest, options, interrupt, report);
+    report.warn(manifest.malformedLines, name);
     if (!std::cout) {
         complain("standard output: cannot be written");
         return TROUBLE;
     }
-    return report.isAllWell() ? ALL_WELL : TROUBLE;
+    bool const isStrict = options.strict && manifest.malformedLines > 0;
+    return report.isAllWell() && isTreeSeen && !isStrict ? ALL_WELL : TROUBLE;
 }
 
 }  // namespace manifest

@@ -33,7 +33,8 @@ bool isAtOrBelow(std::string directory, std::string const& path) {
 }
 
 Walk walkAll(Options const& options, Interrupt const& interrupt) {
-    Walk walk(interrupt);
+    Progress progress(!options.verbose);
+    Walk walk(interrupt, &progress);
     for (std::string const& ownFile : {options.output, logFile(options)}) {
         if (!ownFile.empty()) {
             walk.leaveOut(ownFile);
@@ -42,6 +43,7 @@ Walk walkAll(Options const& options, Interrupt const& interrupt) {
     for (auto const& directory : options.directories) {
         walk.addFilesBelow(directory);
     }
+    progress.finish();
     return walk;
 }
 
@@ -99,7 +101,8 @@ ExitStatus create(Options const& options, Interrupt& interrupt) {
     Walk walk = walkAll(options, interrupt);
     std::vector<FoundFile> const files = walk.sortedFiles();
     if (interrupt.requested()) {
-        return interrupted(0, files.size());
+        complain("interrupted while looking for files: no manifest written");
+        return INTERRUPTED;
     }
 
     std::int64_t bytes = 0;

@@ -1,6 +1,10 @@
 #include "HashTask.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstddef>
+#include <system_error>
 #include <utility>
 
 #include <ovra/fs/FileHandle.h>
@@ -13,6 +17,14 @@ namespace manifest {
 namespace {
 
 constexpr std::size_t BLOCK_BYTES = 65536;
+
+// Opening it would wait for a writer that may never come. The pipes that a shell hands over, such
+// as standard input, have one.
+bool isNamedPipe(std::string const& path) {
+    struct stat status = {};
+    return path.compare(0, 5, "/dev/") != 0 && stat(path.c_str(), &status) == 0 &&
+           S_ISFIFO(status.st_mode);
+}
 
 }  // namespace
 
@@ -34,6 +46,10 @@ ovra::concurrent::Executable::Result HashTask::execute() {
 }
 
 ovra::concurrent::Executable::Result HashTask::readAndHash() {
+    if (isNamedPipe(file)) {
+        reason = "is a named pipe";
+        return FAILURE;
+    }
     ovra::fs::FileHandle const handle(file);
     auto const stream = handle.CreateInputStream(std::ios_base::binary);
     if (!*stream) {
@@ -77,6 +93,10 @@ std::string const& HashTask::digest() const {
 
 std::string const& HashTask::error() const {
     return reason;
+}
+
+bool HashTask::isMissing() const {
+    return reason == std::generic_category().message(ENOENT);
 }
 
 }  // namespace manifest

@@ -34,6 +34,8 @@ public:
     std::string const& digest() const;
     /// Why the file could not be read; empty otherwise.
     std::string const& error() const;
+    /// Whether it could not because it does not exist.
+    bool isMissing() const;
 
 private:
     Result readAndHash();

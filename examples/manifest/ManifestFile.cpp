@@ -1,9 +1,11 @@
 #include "ManifestFile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <stdexcept>
@@ -32,6 +34,33 @@ std::string withDirectory(std::string const& path) {
     fail(path, std::generic_category().message(errno));
 }
 
+// Where a chain of links leads, also if nothing is there yet.
+std::string targetOf(std::string path) {
+    for (int links = 0; links < 40; ++links) {
+        char text[PATH_MAX];
+        ssize_t const length = readlink(path.c_str(), text, sizeof text);
+        if (length <= 0) {
+            break;
+        }
+        std::string const target(text, static_cast<std::size_t>(length));
+        path.resize(target[0] == '/' ? 0 : path.rfind('/') + 1);
+        path += target;
+    }
+    return path;
+}
+
+// Whether all of it is on the disk, or the reason in `errno`.
+bool writeAndSync(int descriptor, std::string const& text) {
+    for (std::size_t written = 0; written < text.size();) {
+        ssize_t const count = ::write(descriptor, text.data() + written, text.size() - written);
+        if (count == -1 && errno != EINTR) {
+            return false;
+        }
+        written += count == -1 ? 0 : static_cast<std::size_t>(count);
+    }
+    return fsync(descriptor) == 0;
+}
+
 // The permissions that a new file gets from the shell's redirection.
 unsigned long defaultPermissions() {
     mode_t const mask = umask(0);
@@ -42,7 +71,9 @@ unsigned long defaultPermissions() {
 }  // namespace
 
 ManifestFile::ManifestFile(std::string const& path)
-    : name(path), place(withDirectory(path)), directory(place.substr(0, place.rfind('/') + 1)) {
+    : name(path),
+      place(targetOf(withDirectory(path))),
+      directory(place.substr(0, place.rfind('/') + 1)) {
     requirePlace();
     if (access(directory.c_str(), W_OK | X_OK) != 0) {
         failWithErrno(name);
@@ -62,17 +93,17 @@ void ManifestFile::write(std::string const& text) {
     if (created == -1) {
         failWithErrno(name);
     }
-    close(created);
     temporary = chosen;
 
     FileHandle file(temporary);
     FileHandle const older(place);
     file.SetPermissions(older.IsFile() ? older.Permissions() : defaultPermissions());
-    auto const stream = file.CreateOutputStream(std::ios_base::binary);
-    stream->write(text.data(), static_cast<std::streamsize>(text.size()));
-    stream->flush();
-    if (!*stream) {
-        fail(name, "cannot be written");
+    bool const isWritten = writeAndSync(created, text);
+    int const reason = errno;
+    close(created);
+    if (!isWritten) {
+        errno = reason;
+        failWithErrno(name);
     }
 }
 
@@ -83,6 +114,12 @@ void ManifestFile::moveIntoPlace() {
         fail(name, "cannot be put in place");
     }
     temporary.clear();
+    // The new name, too, outlasts a loss of power; where a directory cannot be synced, it may not.
+    int const opened = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (opened != -1) {
+        fsync(opened);
+        close(opened);
+    }
 }
 
 // Moving to a directory would land inside it, and moving onto a device would replace that.

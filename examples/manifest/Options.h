@@ -17,7 +17,14 @@ struct Options {
     std::string first;                     ///< What lies below is hashed first; may be empty.
     std::string log;                       ///< A file or directory for the log; may be empty.
     bool verbose = false;                  ///< Log to the standard streams.
-    unsigned int jobs = 0;                 ///< Worker threads; 0: the shared executor.
+    unsigned int jobs = 0;                 ///< Worker threads; 0: unknown, the shared executor.
+
+    // How check reports, as for sha256sum.
+    bool quiet = false;          ///< Only what is not well.
+    bool status = false;         ///< Nothing: the exit status says it.
+    bool strict = false;         ///< A line that is no entry is a failure.
+    bool ignoreMissing = false;  ///< A file that does not exist is none.
+    std::string newBelow;        ///< Files below here must be listed; may be empty.
 };
 
 /// The program was called in a way that cannot work; `what()` is one line that says why.

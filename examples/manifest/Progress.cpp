@@ -1,23 +1,69 @@
 #include "Progress.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace manifest {
 
 namespace {
 
 constexpr double BYTES_PER_MEGABYTE = 1e6;
-constexpr char ERASE_LINE[] = "\r\033[K";
+constexpr double SECONDS_BEFORE_A_GUESS = 2;
+
+// NOLINTBEGIN(concurrency-mt-unsafe): nothing changes the environment.
+bool isDumb() {
+    char const* const terminal = std::getenv("TERM");
+    return terminal != nullptr && std::strcmp(terminal, "dumb") == 0;
+}
+
+bool takesEscapes() {
+    char const* const plain = std::getenv("NO_COLOR");
+    return plain == nullptr || *plain == '\0';
+}
+// NOLINTEND(concurrency-mt-unsafe)
+
+// As many columns as a line may have without reaching the next one.
+std::size_t usableColumns() {
+    winsize size = {};
+    bool const isKnown = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+    return (isKnown ? size.ws_col : 80) - 1U;
+}
+
+std::string eraseLine() {
+    return takesEscapes() ? "\r\033[K" : '\r' + std::string(usableColumns(), ' ') + '\r';
+}
+
+// 24857 -> "24 857"
+std::string grouped(std::size_t number) {
+    std::string text = std::to_string(number);
+    for (std::size_t at = text.size(); at > 3; at -= 3) {
+        text.insert(at - 3, 1, ' ');
+    }
+    return text;
+}
 
 }  // namespace
 
 Progress::Progress(std::size_t totalFiles, std::int64_t totalBytes, bool wanted)
     : filesTotal(totalFiles),
       bytesTotal(totalBytes),
-      active(wanted && isatty(STDERR_FILENO) != 0) {}
+      active(wanted && isatty(STDERR_FILENO) != 0 && !isDumb()) {}
+
+Progress::Progress(bool wanted) : Progress(0, 0, wanted) {
+    looking = true;
+}
+
+void Progress::found() {
+    ++filesDone;
+    if (active) {
+        draw();
+    }
+}
 
 void Progress::advance(std::int64_t bytes) {
     bytesDone += bytes;
@@ -33,7 +79,7 @@ void Progress::fileDone() {
 void Progress::hide() {
     std::lock_guard<std::mutex> const lock(mutex);
     if (visible) {
-        std::fputs(ERASE_LINE, stderr);
+        std::fputs(eraseLine().c_str(), stderr);
         visible = false;
     }
 }
@@ -59,22 +105,31 @@ void Progress::draw() {
     }
     nextDrawing = now + std::chrono::milliseconds(100);
     visible = true;
-    std::string const text = ERASE_LINE + line(std::chrono::duration<double>(now - start).count());
-    std::fputs(text.c_str(), stderr);
+    std::string text = line(std::chrono::duration<double>(now - start).count());
+    text.resize(std::min(text.size(), usableColumns()));
+    std::fputs((eraseLine() + text).c_str(), stderr);
 }
 
 std::string Progress::line(double seconds) const {
+    if (looking) {
+        return "walking, " + grouped(filesDone) + " found";
+    }
     auto const done = static_cast<double>(bytesDone);
     auto const all = static_cast<double>(bytesTotal);
     double const perSecond = seconds > 0 ? done / seconds : 0;
-    double const left = perSecond > 0 ? std::max(0.0, all - done) / perSecond : 0;
-    long const secondsLeft = left < 1e6 ? static_cast<long>(left) : 999999;
 
     char text[160];
-    std::snprintf(text, sizeof text, "%zu of %zu files, %.1f of %.1f MB, %.1f MB/s, %ld:%02ld left",
+    std::snprintf(text, sizeof text, "%zu of %zu files, %.1f of %.1f MB, %.1f MB/s",
                   filesDone.load(), filesTotal, done / BYTES_PER_MEGABYTE, all / BYTES_PER_MEGABYTE,
-                  perSecond / BYTES_PER_MEGABYTE, secondsLeft / 60, secondsLeft % 60);
-    return text;
+                  perSecond / BYTES_PER_MEGABYTE);
+    std::string result = text;
+    if (seconds >= SECONDS_BEFORE_A_GUESS && perSecond > 0) {
+        double const left = std::max(0.0, all - done) / perSecond;
+        long const secondsLeft = left < 1e6 ? static_cast<long>(left) : 999999;
+        std::snprintf(text, sizeof text, ", %ld:%02ld left", secondsLeft / 60, secondsLeft % 60);
+        result += text;
+    }
+    return result;
 }
 
 }  // namespace manifest

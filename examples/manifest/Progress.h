@@ -9,8 +9,9 @@
 
 namespace manifest {
 
-/// A line on the terminal that shows how far the work has come; nothing where standard error is no
-/// terminal.
+/// A line on the terminal that shows how far the work has come, cut to the terminal's width;
+/// nothing where standard error is no terminal, or a dumb one (TERM). With NO_COLOR set it takes no
+/// escape sequences. The time left is shown after two seconds, when it means something.
 ///
 /// It has no thread of its own: the thread that reports an advance draws the line, ten times a
 /// second at most. Thread-safe.
@@ -18,6 +19,12 @@ class Progress {
 public:
     /// What there is to do.
     Progress(std::size_t totalFiles, std::int64_t totalBytes, bool wanted);
+
+    /// Of the search for what there is to do.
+    explicit Progress(bool wanted);
+
+    /// One more file was found.
+    void found();
 
     void advance(std::int64_t bytes);
     void fileDone();
@@ -38,6 +45,7 @@ private:
 
     std::size_t const filesTotal;
     std::int64_t const bytesTotal;
+    bool looking = false;
     Clock::time_point const start = Clock::now();
     std::atomic<std::size_t> filesDone{0};
     std::atomic<std::int64_t> bytesDone{0};

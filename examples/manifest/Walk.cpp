@@ -17,7 +17,7 @@ namespace manifest {
 using ovra::fs::FileHandle;
 using ovra::fs::FileIterator;
 
-Walk::Walk(Interrupt const& ctrlC) : interrupt(ctrlC) {}
+Walk::Walk(Interrupt const& ctrlC, Progress* shown) : interrupt(ctrlC), progress(shown) {}
 
 void Walk::leaveOut(std::string const& path) {
     std::size_t const nameBegin = path.rfind('/') + 1;
@@ -53,6 +53,11 @@ bool Walk::isComplete() const {
 }
 
 void Walk::readDirectory(std::string const& directory, std::vector<std::string>& pending) {
+    struct stat status = {};
+    if (stat((directory + '/').c_str(), &status) == 0 &&
+        !visited.insert({status.st_dev, status.st_ino}).second) {
+        return;
+    }
     FileHandle handle(directory.empty() ? "/" : directory);
     FileIterator entry = handle.Begin();
     if (entry == handle.End()) {
@@ -82,6 +87,9 @@ void Walk::addEntry(std::string const& path, std::vector<std::string>& pending) 
         pending.push_back(path);
     } else if (entry.IsFile()) {
         files.push_back({path, entry.Size()});
+        if (progress != nullptr) {
+            progress->found();
+        }
     } else if (!entry.Exists()) {
         // A dangling link is skipped like any other link, and so is an entry that has vanished
         // since it was listed. Anything else here cannot be seen.
@@ -101,6 +109,9 @@ bool Walk::isLeftOut(std::string const& directory, std::string const& name) cons
 }
 
 void Walk::failed(std::string const& path, std::string const& reason) {
+    if (progress != nullptr) {
+        progress->hide();
+    }
     complain(quoted(path) + ": " + reason);
     complete = false;
 }

@@ -3,10 +3,13 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Interrupt.h"
+#include "Progress.h"
 
 namespace manifest {
 
@@ -18,11 +21,12 @@ struct FoundFile {
 /// Finds the regular files below directories.
 ///
 /// Links below a directory are neither followed nor listed, so a cycle of links does no harm; a
-/// directory that is itself named through a link is entered. What cannot be read is reported and
-/// left out.
+/// directory that is itself named through a link is entered. A directory is read once, whichever
+/// way it is reached first. What cannot be read is reported and left out.
 class Walk {
 public:
-    explicit Walk(Interrupt const& ctrlC);
+    /// `shown`, which may be null, shows how many files were found.
+    explicit Walk(Interrupt const& ctrlC, Progress* shown = nullptr);
 
     /// Leaves out the entry at `path`, whichever way the scan reaches its directory.
     void leaveOut(std::string const& path);
@@ -50,7 +54,9 @@ private:
     void failed(std::string const& path, std::string const& reason);
 
     Interrupt const& interrupt;
+    Progress* const progress;
     std::vector<LeftOut> leftOut;
+    std::set<std::pair<dev_t, ino_t>> visited;
     std::vector<FoundFile> files;
     bool complete = true;
 };

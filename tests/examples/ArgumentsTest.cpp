@@ -51,12 +51,17 @@ TEST_F(ArgumentsTest, WrongOnesAreNamedInOneLine) {
         {{"create", "d", "-o", ""}, "-o needs a value"},
         {{"create", "d", "--log", ""}, "--log needs a value"},
         {{"create", "d", "--first"}, "--first needs a value"},
-        {{"create", "d", "-x"}, "unknown option -x"},
-        {{"create", "d", "--fast please"}, "unknown option '--fast please'"},
+        {{"create", "d", "-x"}, "unknown option -x: see --help"},
+        {{"create", "d", "--fast please"}, "unknown option '--fast please': see --help"},
         {{"create", "d", "--verbose=yes", "-o", "m"}, "--verbose takes no value"},
         {{"create", "d", "-o", "m", "--verbose=yes"}, "--verbose takes no value"},
         {{"create", "d", "--verbose"},
          "create --verbose needs -o: log lines go to standard output"},
+        {{"create", "d", "-j0"}, "-j needs a number from 1 up, not 0"},
+        {{"create", "d", "--quiet"},
+         "--quiet, --status, --strict, --ignore-missing and --new belong to check"},
+        {{"check", "m", "--quiet", "--status"}, "--quiet or --status, not both"},
+        {{"check", "m", "-qq"}, "-q takes no value"},
         {{"check"}, "check needs one manifest"},
         {{"check", "a", "b"}, "check needs one manifest"},
         {{"check", "a", "-o", "b"}, "-o and --first belong to create"},
@@ -79,6 +84,8 @@ TEST_F(ArgumentsTest, OrderAndSpellingAreFree) {
     for (std::vector<std::string> const& arguments :
          {std::vector<std::string>{"--jobs", "2", "create", "d"},
           {"create", "--jobs=2", "--", "d"},
+          {"create", "-j2", "d"},
+          {"create", "-j", "2", "d"},
           {"--first=d/a", "create", "d", "--jobs", "200"}}) {
         SCOPED_TRACE(::testing::PrintToString(arguments));
         Outcome const outcome = call(arguments);
@@ -88,11 +95,20 @@ TEST_F(ArgumentsTest, OrderAndSpellingAreFree) {
     }
 }
 
+TEST_F(ArgumentsTest, ValueMayFollowItsLetterAtOnce) {
+    scratch.write("d/a", "a");
+    EXPECT_EQ(0, call({"create", "d", "-omanifest"}).exitStatus);
+    EXPECT_THAT(scratch.read("manifest"), ::testing::EndsWith("  d/a\n"));
+}
+
 TEST_F(ArgumentsTest, HelpAndVersion) {
     Outcome const help = call({"create", "--help"});
+    EXPECT_EQ(help.out, call({"-h"}).out);
     EXPECT_EQ(0, help.exitStatus);
     EXPECT_THAT(help.out, StartsWith("Usage: ovra-manifest create DIR..."));
-    for (auto const* option : {"-o FILE", "--jobs N", "--first PATH", "--log PATH", "--verbose"}) {
+    for (auto const* option :
+         {"-o FILE", "--jobs N", "--first PATH", "--log PATH", "--verbose", "-j, --jobs N",
+          "-q, --quiet", "--status", "--strict", "--ignore-missing", "--new DIR"}) {
         EXPECT_THAT(help.out, HasSubstr(option));
     }
     EXPECT_THAT(help.err, IsEmpty());

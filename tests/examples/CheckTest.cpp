@@ -74,6 +74,9 @@ protected:
     }
 
     ScratchDirectory scratch;
+    // The named pipe "pipe" under a name below /dev, as of what a shell hands over: only such are
+    // opened.
+    std::string const pipe = "/dev/.." + scratch.path("pipe");
 };
 
 TEST_F(CheckTest, AgreesWithSha256sum) {
@@ -258,38 +261,40 @@ TEST_F(CheckTest, AcceptsWhatCreateMakes) {
 TEST_F(CheckTest, ResultsAppearInTheOrderOfTheManifestAsTheyCome) {
     // The second file, a pipe, can only be read once the test writes to it.
     ASSERT_EQ(0, mkfifo(scratch.path("pipe").c_str(), 0600));
-    scratch.write("manifest", WRONG + "  missing\n" + ALPHA + "  pipe\n" + WRONG + "  gone\n");
+    scratch.write("manifest",
+                  WRONG + "  missing\n" + ALPHA + "  " + pipe + "\n" + WRONG + "  gone\n");
     Process program(command({"manifest", "--jobs", "2"}));
     ASSERT_TRUE(program.waitForError("missing: No such file or directory\n"));
     scratch.write("pipe", "alpha");
     Outcome const outcome = program.finish();
-    EXPECT_EQ("missing: FAILED open or read\npipe: OK\ngone: FAILED open or read\n", outcome.out);
+    EXPECT_EQ("missing: FAILED open or read\n" + pipe + ": OK\ngone: FAILED open or read\n",
+              outcome.out);
     EXPECT_EQ(1, outcome.exitStatus);
 }
 
 TEST_F(CheckTest, InterruptFinishesWhatIsBeingReadAndSkipsTheRest) {
     // One worker: it is reading the pipe when the interrupt comes, and has not begun what follows.
     ASSERT_EQ(0, mkfifo(scratch.path("pipe").c_str(), 0600));
-    scratch.write("manifest",
-                  ALPHA + "  a\n" + ALPHA + "  pipe\n" + BETA + "  b c\n" + ALPHA + "  a\n");
-    Process program(command({"manifest"}));
+    scratch.write("manifest", ALPHA + "  a\n" + ALPHA + "  " + pipe + "\n" + BETA + "  b c\n" +
+                                  ALPHA + "  a\n");
+    Process program(command({"manifest", "--jobs", "1"}));
     {
-        std::ofstream pipe(scratch.path("pipe"));  // Returns when the program has opened it too.
+        std::ofstream writer(scratch.path("pipe"));  // Returns when the program has opened it too.
         program.send(SIGINT);
         ASSERT_TRUE(program.waitForError("interrupted: finishing the files that are being read\n"));
-        pipe << "alpha";
+        writer << "alpha";
     }
     Outcome const outcome = program.finish();
-    EXPECT_EQ("a: OK\npipe: OK\n", outcome.out);
+    EXPECT_EQ("a: OK\n" + pipe + ": OK\n", outcome.out);
     EXPECT_THAT(outcome.err, EndsWith("ovra-manifest: interrupted after 2 of 4 files\n"));
     EXPECT_EQ(130, outcome.exitStatus);
 }
 
 TEST_F(CheckTest, SecondInterruptEndsItAtOnce) {
     ASSERT_EQ(0, mkfifo(scratch.path("pipe").c_str(), 0600));
-    scratch.write("manifest", ALPHA + "  pipe\n");
+    scratch.write("manifest", ALPHA + "  " + pipe + "\n");
     Process program(command({"manifest"}));
-    std::ofstream const pipe(scratch.path("pipe"));
+    std::ofstream const writer(scratch.path("pipe"));
     program.send(SIGINT);
     ASSERT_TRUE(program.waitForError("interrupted: finishing"));
     program.send(SIGINT);

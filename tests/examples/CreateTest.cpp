@@ -119,7 +119,16 @@ TEST_F(CreateTest, SeveralDirectoriesMakeOneSortedList) {
     scratch.write("z/a", "1");
     scratch.write("y/b", "2");
     expectSame({"z", "y"});
-    expectSame({"z", "y", "z"});
+}
+
+TEST_F(CreateTest, WhatSeveralDirectoriesReachIsListedOnce) {
+    scratch.write("z/a", "1");
+    scratch.write("z/deep/b", "2");
+    scratch.link("z", "again");
+    std::string const once = expected({"z"});
+    EXPECT_EQ(once, create({"z", "z"}).out);
+    EXPECT_EQ(once, create({"z", "z/deep", "./z/", "again"}).out);
+    EXPECT_EQ(once, create({"z/deep", "z"}).out);
 }
 
 TEST_F(CreateTest, LinksAreNeitherFollowedNorListed) {
@@ -264,9 +273,24 @@ TEST_F(CreateTest, FullDiskLeavesTheOlderManifest) {
     limited.fileBytes = 1000;
     Outcome const outcome = run(limited);
     EXPECT_EQ(1, outcome.exitStatus);
-    EXPECT_EQ("ovra-manifest: manifest: cannot be written\n", outcome.err);
+    EXPECT_EQ("ovra-manifest: manifest: File too large\n", outcome.err);
     EXPECT_EQ("old", scratch.read("manifest"));
     EXPECT_EQ(2u, scratch.entries());
+}
+
+TEST_F(CreateTest, LinkStaysAndItsTargetGetsTheManifest) {
+    scratch.write("d/a", "a");
+    scratch.makeDirectory("elsewhere");
+    scratch.link("elsewhere/there", "relative");
+    scratch.link(scratch.path("relative"), "manifest");
+    for (int round = 0; round < 2; ++round) {  // The target is made, then replaced.
+        EXPECT_EQ(0, create({"d", "-o", "manifest"}).exitStatus);
+        EXPECT_TRUE(std::filesystem::is_symlink(scratch.path("manifest")));
+        EXPECT_TRUE(std::filesystem::is_symlink(scratch.path("relative")));
+        EXPECT_EQ(expected({"d"}), scratch.read("elsewhere/there"));
+        EXPECT_EQ(1u, scratch.entries("elsewhere"));
+        scratch.write("elsewhere/there", "old");
+    }
 }
 
 TEST_F(CreateTest, StandardOutputThatCannotBeWrittenIsAFailure) {
@@ -395,24 +419,29 @@ TEST_F(CreateTest, ProgressIsShownOnATerminalAndTakenAwayAgain) {
     watched.onTerminal = true;
     Outcome const outcome = run(watched);
     EXPECT_EQ(0, outcome.exitStatus);
-    EXPECT_THAT(outcome.err, StartsWith("\r\x1b[K0 of 2 files, "));
+    EXPECT_THAT(outcome.err, StartsWith("\r\x1b[Kwalking, 1 found"));
+    EXPECT_THAT(outcome.err, HasSubstr("\r\x1b[K0 of 2 files, "));
     EXPECT_THAT(outcome.err, HasSubstr(" of 2.5 MB, "));
-    EXPECT_THAT(outcome.err, HasSubstr(" MB/s, "));
-    EXPECT_THAT(outcome.err, EndsWith(" left\r\x1b[K"));
+    EXPECT_THAT(outcome.err, EndsWith(" MB/s\r\x1b[K"));
+    EXPECT_THAT(outcome.err, Not(HasSubstr(" left"))) << "nobody knows that yet";
+
+    watched.noColour = true;
+    EXPECT_THAT(run(watched).err, Not(HasSubstr("\x1b")));
+    watched.terminal = "dumb";
+    EXPECT_THAT(run(watched).err, IsEmpty());
 }
 
 TEST_F(CreateTest, LogFileTellsOfEveryTask) {
     scratch.write("d/a", "a");
     scratch.write("d/per%s%n\ncent", "p");
     scratch.write("d/large", std::string(1 << 20, 'l'));
-    EXPECT_EQ(0, create({"d", "--log", "log", "--first", "d/large"}).exitStatus);
+    EXPECT_EQ(0, create({"d", "--log", "log", "--first", "d/large", "--jobs", "3"}).exitStatus);
     std::string const log = scratch.read("log");
     // Doubled for the system log, which reads each line as a format; and one line stays one.
     EXPECT_THAT(log, HasSubstr("Moving current task 'd/per%%s%%n?cent' into DONE state.\n"));
     EXPECT_THAT(log, HasSubstr("[create():INFO] 2 tasks at HIGH, 1 at NORMAL, 1 of them raised to "
                                "HIGHEST.\n"));
     EXPECT_THAT(log, HasSubstr("[create():INFO] Read 3 of 3 files, 1048578 bytes, in "));
-    EXPECT_THAT(log, HasSubstr("NoStarveTaskExecutor Number of executor threads - 1\n"));
 }
 
 TEST_F(CreateTest, FailuresAreLoggedAsWarnings) {

@@ -22,12 +22,14 @@ struct Command {
     std::string directory;               ///< Where it runs.
     std::string input;                   ///< Its standard input; a few kilobytes at most.
     std::string locale = "C";
-    std::string outputFile;         ///< Instead of keeping its standard output.
-    bool onTerminal = false;        ///< Standard error is a terminal.
-    bool unprivileged = false;      ///< As root: without root's rights to files.
-    bool interruptIgnored = false;  ///< SIGINT is ignored from the start.
-    unsigned long descriptors = 0;  ///< The limit on open files, if not 0.
-    unsigned long fileBytes = 0;    ///< The limit on the size of files it writes, if not 0.
+    std::string outputFile;          ///< Instead of keeping its standard output.
+    bool onTerminal = false;         ///< Standard error is a terminal.
+    std::string terminal = "xterm";  ///< TERM.
+    bool noColour = false;           ///< NO_COLOR is set.
+    bool unprivileged = false;       ///< As root: without root's rights to files.
+    bool interruptIgnored = false;   ///< SIGINT is ignored from the start.
+    unsigned long descriptors = 0;   ///< The limit on open files, if not 0.
+    unsigned long fileBytes = 0;     ///< The limit on the size of files it writes, if not 0.
 };
 
 /// A program that runs beside the test. It is killed if the test ends first.

@@ -8,14 +8,6 @@
 
 namespace ovra::concurrent {
 
-// The formula.
-unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCount) const {
-    std::uint64_t const doublings =
-        doubles && pickCount > entry.since ? pickCount - entry.since : 0;
-    std::uint64_t const rank = std::uint64_t{entry.given()} << std::min(doublings, MAX_DOUBLINGS);
-    return static_cast<unsigned int>(std::min<std::uint64_t>(rank, HIGHEST_RANK));
-}
-
 unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
     std::lock_guard<std::mutex> const lock(mutex);
     return entry.isComputed() ? currentRank(entry) : entry.given();
