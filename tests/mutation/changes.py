@@ -39,6 +39,7 @@ STATEMENT = (r"(?<=\n) +(?!return |throw [a-z]|using |case |if |for |while |do |
 LOCK = r"(?:std::)?lock_guard<(?:[^<>;]|<[^<>;]*>)+> (?:const )?\w+\([^;]*\);"
 ANY_LOCK = r"(?:std::)?(?:lock_guard|unique_lock)<(?:[^<>;]|<[^<>;]*>)+> (?:const )?\w+\([^;]*\);"
 NOTIFY = r"[\w.>-]+(?:\.|->)notify_(?:one|all)\(\);|\bsem_post\([^;]*\);"
+CALL = r"(?:[\w:]|\.|->)+\("
 # A statement of any kind that stands in lines of its own and has no block.
 LINE = r"(?<=\n)( +)(?!return\b|throw\b|using\b|case\b|break\b|continue\b)([\w:*+-][^;{}]*;)(?=\s*\n)"
 
@@ -66,14 +67,14 @@ def begins_statement(code, place):
 
 
 def swaps_of(code, text):
-    """Two neighbouring statements of one block, one of which calls something, change places."""
+    """Two neighbouring statements of one block, one a call or a lock, change places."""
     before = None
     for found in re.finditer(LINE, code):
         if not begins_statement(code, found.start()):
             before = None
             continue
         if before and before[1] == found[1] and not code[before.end():found.start()].strip() and \
-                "(" in before[2] + found[2]:
+                any(re.match(rf"{CALL}|{ANY_LOCK}", line[2]) for line in (before, found)):
             first, second = before.span(2), found.span(2)
             yield (first[0], second[1], text[second[0]:second[1]] + text[first[1]:second[0]] +
                    text[first[0]:first[1]], "swap")

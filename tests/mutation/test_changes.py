@@ -33,7 +33,7 @@ class ChangesTest(unittest.TestCase):
         self.expect("swap", function(lock, "++n;"), function("++n;", lock))
 
     def test_plain_assignments_stay_in_place(self):
-        self.expect("swap", function("a = 1;", "b = 2;"))
+        self.expect("swap", function("a = 1;", "b = std::move(c);"))
 
     def test_statements_of_two_blocks_stay_in_place(self):
         self.expect("swap", function("f();", "if (a) {", "    g();", "}"))
