@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
@@ -82,6 +83,39 @@ TYPED_TEST(QueueInstructionTest, PrioritySetWhileAnotherTaskIsPickedIsKept) {
             ASSERT_LE(task->getRank(), 2 * rankOf(LOW)) << step.nth;
             ASSERT_EQ(queue->getNextTask(), other) << step.nth;
             ASSERT_EQ(queue->getNextTask(), task) << step.nth;
+        },
+        [&] { task->setPriority(LOW); }, [&] { picked = queue->getNextTask(); });
+}
+
+// A class of the application's own: its tasks are scanned.
+class ScannedTask : public SubmittedTask {
+public:
+    using SubmittedTask::SubmittedTask;
+};
+
+TYPED_TEST(QueueInstructionTest, PrioritySetDuringAScanCountsAtThatPickOrAtTheNext) {
+    std::shared_ptr<SubmittedTasksQueue> queue;
+    std::shared_ptr<SubmittedTask> task;
+    std::shared_ptr<SubmittedTask> picked;
+    bool const doubles = std::is_same_v<TypeParam, NoStarveTaskRankingStrategy>;
+    inBothOrders(
+        [&](Stepping& step, Step const& first, Step const& second) {
+            queue = makeQueue<TypeParam>();
+            task = submission(succeed(), HIGHEST);
+            for (int i = 0; i < 4; ++i) {
+                queue->addTask(
+                    std::make_shared<ScannedTask>(succeed(), NORMAL, Callback(), "scanned"));
+                if (i == 2) {
+                    queue->addTask(task);
+                }
+            }
+
+            step(first, second);
+
+            // Set before the pick compared the task, whose rank it then updates; or afterwards,
+            // when the old rank has made it the best.
+            unsigned int const updates = doubles && picked != task ? 2 : 1;
+            ASSERT_EQ(task->getRank(), updates * rankOf(LOW)) << step.nth;
         },
         [&] { task->setPriority(LOW); }, [&] { picked = queue->getNextTask(); });
 }

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstring>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <tests/support/Bounded.h>
@@ -22,7 +23,14 @@ namespace ovra::test {
 
 namespace {
 
-std::vector<std::uintptr_t> places;  // In the order in which they were first reached.
+constexpr int MOST_VISITS = 3;
+
+struct Place {
+    std::uintptr_t address;
+    int visits;
+};
+
+std::vector<Place> places;  // In the order in which they were first reached.
 
 }  // namespace
 
@@ -61,6 +69,8 @@ Code codeOfTheLibrary() {
 // What the handler of a trap uses. One round runs at a time.
 Code library;
 std::uintptr_t breakpoint = 0;
+int visitsLeft = 0;
+bool isPassing = false;
 unsigned char replaced = 0;
 sem_t mayChange;
 sem_t hasStopped;  // The change has been made, or waits for a lock.
@@ -78,18 +88,39 @@ void await(sem_t& semaphore) {
     }
 }
 
+void notePlace(std::uintptr_t address) {
+    if (address < library.begin || address >= library.end) {
+        return;
+    }
+    auto const found = std::find_if(places.begin(), places.end(), [address](Place const& known) {
+        return known.address == address;
+    });
+    if (found == places.end()) {
+        places.push_back({address, 1});
+    } else {
+        found->visits = std::min(found->visits + 1, MOST_VISITS);
+    }
+}
+
 void onTrap(int, siginfo_t*, void* context) {
     auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
     auto const place = static_cast<std::uintptr_t>(registers[REG_RIP]);
     if (breakpoint == 0) {
-        if (place >= library.begin && place < library.end &&
-            std::find(places.begin(), places.end(), place) == places.end()) {
-            places.push_back(place);
-        }
+        notePlace(place);
+        return;
+    }
+    if (std::exchange(isPassing, false)) {  // One instruction after a visit that did not count.
+        setByte(breakpoint, BREAKPOINT);
+        registers[REG_EFL] &= ~TRAP_FLAG;
         return;
     }
     setByte(breakpoint, replaced);
     registers[REG_RIP] = static_cast<greg_t>(breakpoint);
+    if (--visitsLeft > 0) {
+        isPassing = true;
+        registers[REG_EFL] |= TRAP_FLAG;
+        return;
+    }
     sem_post(&mayChange);
     await(hasStopped);
 }
@@ -121,6 +152,7 @@ char const* noSteppingBecause() {
 void Stepping::operator()(std::function<void()> const& action,
                           std::function<void()> const& change) {
     breakpoint = place;
+    visitsLeft = nthVisit;
     if (place == 0) {
         library = codeOfTheLibrary();
         places.reserve(library.end - library.begin);  // The action may be allocating at a trap.
@@ -175,13 +207,16 @@ void Stepping::operator()(std::function<void()> const& action,
 
 void atEachInstruction(std::function<void(Stepping&)> const& round) {
     places.clear();
-    Stepping first(0, 0);
+    Stepping first(0, 0, 0);
     round(first);
     auto const found = places;
     EXPECT_GT(found.size(), 3u);
-    for (std::size_t i = 0; i < found.size() && !::testing::Test::HasFailure(); ++i) {
-        Stepping stepping(static_cast<int>(i) + 1, found[i]);
-        round(stepping);
+    int nth = 0;
+    for (Place const& place : found) {
+        for (int visit = 1; visit <= place.visits && !::testing::Test::HasFailure(); ++visit) {
+            Stepping stepping(++nth, place.address, visit);
+            round(stepping);
+        }
     }
 }
 
