@@ -75,11 +75,16 @@ unsigned char replaced = 0;
 sem_t mayChange;
 sem_t hasStopped;  // The change has been made, or waits for a lock.
 
+unsigned char volatile* byteAt(std::uintptr_t place) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the processor says where it is as a number.
+    return reinterpret_cast<unsigned char volatile*>(place);
+}
+
 void setByte(std::uintptr_t place, unsigned char value) {
     auto const page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    auto* const start = reinterpret_cast<void*>(place & ~(page - 1));
+    auto* const start = const_cast<unsigned char*>(byteAt(place & ~(page - 1)));
     mprotect(start, page, PROT_READ | PROT_WRITE | PROT_EXEC);
-    *reinterpret_cast<unsigned char volatile*>(place) = value;
+    *byteAt(place) = value;
     mprotect(start, page, PROT_READ | PROT_EXEC);
 }
 
@@ -182,7 +187,7 @@ void Stepping::operator()(std::function<void()> const& action,
     });
     calls.install();
     withTrapHandler([&] {
-        replaced = *reinterpret_cast<unsigned char*>(place);
+        replaced = *byteAt(place);
         setByte(place, BREAKPOINT);
         action();
         setByte(place, replaced);
