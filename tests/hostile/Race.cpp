@@ -30,6 +30,7 @@ class FreeForAll {
 public:
     explicit FreeForAll(std::uint64_t seed) : random(seed) {
         queues = {makeQueue(), makeQueue<NoStarveTaskRankingStrategy>()};
+        handles.reserve(TASKS);
         for (auto& task : tasks) {
             task = submission(succeed(), static_cast<TaskPriority>(random.between(1, 4)));
             handles.push_back(linkHandle(task));
@@ -120,8 +121,8 @@ int main(int count, char** arguments) {
         std::fputs("race <seconds> <seed>\n", stderr);
         return 2;
     }
-    auto const end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::atoi(arguments[1]));
+    auto const end = std::chrono::steady_clock::now() +
+                     std::chrono::seconds(std::strtol(arguments[1], nullptr, 10));
     RandomSource seeds(std::strtoull(arguments[2], nullptr, 0));
     std::int64_t rounds = 0;
     for (; std::chrono::steady_clock::now() < end; ++rounds) {
