@@ -225,6 +225,38 @@ TEST_F(QueueTimingTest, PickThatMeetsTheClosingYieldsNothing) {
     EXPECT_EQ(picked, nullptr);
 }
 
+TEST_F(QueueTimingTest, PickThatIsTheFirstAfterTheClosingYieldsNothing) {
+    auto const queue = makeQueue();
+    queue->addTask(submission());
+    auto* const mutex = mutexOf(*queue);
+    pthread_t const owner = pthread_self();
+    std::shared_ptr<SubmittedTask> picked = submission();
+    std::thread picker;
+    test::Gate found;  // That the queue is open.
+    test::Gate closed;
+    test::ThreadCalls calls;
+    calls.onLock = [&](pthread_mutex_t* locked) {
+        if (locked == mutex && pthread_equal(owner, pthread_self()) == 0) {
+            found.open();
+            closed.wait();
+        }
+        return 0;
+    };
+    calls.afterUnlock = [&](pthread_mutex_t* unlocked) {
+        if (unlocked == mutex && pthread_equal(owner, pthread_self()) != 0) {
+            closed.open();
+            picker.join();
+        }
+    };
+    calls.install();
+    picker = std::thread([&] { picked = queue->getNextTask(); });
+    found.wait();
+
+    queue->close();
+
+    EXPECT_EQ(picked, nullptr);
+}
+
 TEST_F(QueueTimingTest, AddingWakesOneWorkerUnderTheLock) {
     auto const queue = makeQueue();
     auto* const mutex = mutexOf(*queue);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <new>
@@ -397,6 +398,35 @@ TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeUnderANewNameLeavesLoggingA
         }
     }
     EXPECT_GE(failures, 3u);
+}
+
+// How often a lack of memory, at each allocation in turn, loses what the file of a sink held.
+int lossesOf(std::string const& path, std::function<void()> const& makeSink) {
+    int losses = 0;
+    int failures = 0;
+    for (bool isComplete = false; !isComplete;) {
+        writeFile(path, "earlier");
+        AllocationProbe allocations;
+        allocations.failingAllocation = ++failures;
+        try {
+            makeSink();
+            isComplete = true;
+        } catch (std::bad_alloc const&) {
+            allocations.failingAllocation = 0;
+            losses += contentOf(path) == "earlier" ? 0 : 1;
+        }
+    }
+    EXPECT_GE(failures, 3);
+    return losses;
+}
+
+TEST(LogHandlerRegistrationTest, EntryThatFindsNoMemoryLosesNoEarlierLog) {
+    TemporaryDirectory const directory;
+    std::string const path = directory.path("a path too long for a string to hold by itself");
+    int const lossesOfTheSink =
+        lossesOf(path, [&] { createLogHandler(FILE_HANDLER, path.c_str()); });
+    Registration const registration(path);
+    EXPECT_EQ(lossesOf(path, [&] { addLogHandler(FILE_HANDLER, path.c_str()); }), lossesOfTheSink);
 }
 
 // --- use and release
