@@ -12,3 +12,4 @@
 #include <ovra/extra/Space.h>
 #include <ovra/extra/SubmitAsync.h>
 #include <ovra/extra/SwitchLogHandler.h>
+#include <ovra/extra/TaskGroup.h>
