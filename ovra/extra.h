@@ -9,6 +9,7 @@
 #include <ovra/extra/RemoveTree.h>
 #include <ovra/extra/ReplaceFile.h>
 #include <ovra/extra/RotatingFileLogHandler.h>
+#include <ovra/extra/ScheduledTasks.h>
 #include <ovra/extra/Space.h>
 #include <ovra/extra/SubmitAsync.h>
 #include <ovra/extra/SwitchLogHandler.h>

@@ -27,6 +27,7 @@ protected:
     // Afterwards no worker still holds an exception, whose count ThreadSanitizer does not see.
     void waitForTheWorker() { executor.reset(); }
 
+    test::LogRecorder const recorder;  // Made before the worker.
     std::shared_ptr<concurrent::TaskExecutorImpl> executor = makeExecutor(1);
 };
 
@@ -118,7 +119,6 @@ TEST_F(SubmitAsyncTest, FutureHandleAndLogHaveTheVeryException) {
     struct Special : std::runtime_error {
         using std::runtime_error::runtime_error;
     };
-    test::LogRecorder const recorder;
     Occupation occupation(*executor);
     Special const* thrown = nullptr;
     auto async = submitAsync(

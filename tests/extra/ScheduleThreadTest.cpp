@@ -1,0 +1,256 @@
+// The thread behind ScheduledTasks, by a clock that the test sets.
+
+#include <ovra/extra/internal/ScheduleThread.h>
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tests/extra/ManualClock.h>
+#include <tests/extra/WorkSupport.h>
+#include <tests/support/Bounded.h>
+
+namespace ovra::extra {
+namespace {
+
+using concurrent::Executable;
+using concurrent::NORMAL;
+using ovra::test::Gate;
+using std::chrono::milliseconds;
+using test::ManualClock;
+using test::ManualExecutor;
+using test::RecordingExecutor;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class ScheduleThreadTest : public ovra::test::BoundedTest {
+protected:
+    ~ScheduleThreadTest() override {
+        if (thread) {
+            thread->stop();
+        }
+    }
+
+    static Clock::Time at(std::int64_t ms) { return ManualClock::at(ms); }
+    static constexpr Clock::Time NEVER = Clock::Time::max();
+
+    Schedules::Job job(std::string const& text) {
+        auto const made = std::make_shared<ScheduledJob>();
+        made->function = [this, text] {
+            ran.push_back(text);
+            return Executable::SUCCESS;
+        };
+        made->priority = NORMAL;
+        return made;
+    }
+    std::uint64_t after(int delayMs, std::string const& text) {
+        return thread->add(milliseconds(delayMs), milliseconds(0), job(text));
+    }
+    std::uint64_t every(int periodMs, std::string const& text) {
+        return thread->add(milliseconds(periodMs), milliseconds(periodMs), job(text));
+    }
+    // Sets the time, and waits until everything that is due then has been submitted.
+    void set(std::int64_t ms, Clock::Time next) {
+        clock->set(ms);
+        clock->awaitWaitFor(next);
+    }
+    std::vector<std::string> runAll() {
+        executor->runAll();
+        return std::exchange(ran, {});
+    }
+
+    std::shared_ptr<ManualClock> const clock = std::make_shared<ManualClock>();
+    std::shared_ptr<ManualExecutor> const executor = std::make_shared<ManualExecutor>();
+    std::shared_ptr<ScheduleThread> thread = std::make_shared<ScheduleThread>(executor, clock);
+    std::vector<std::string> ran;
+};
+
+TEST_F(ScheduleThreadTest, SubmitsInTheOrderOfDueTimes) {
+    after(30, "c");
+    after(10, "a");
+    after(20, "b");
+    clock->awaitWaitFor(at(1010));
+    after(30, "d");
+    EXPECT_THAT(runAll(), IsEmpty());
+    set(1010, at(1020));
+    EXPECT_THAT(runAll(), ElementsAre("a"));
+    set(1040, NEVER);
+    EXPECT_THAT(runAll(), ElementsAre("b", "c", "d"));
+}
+
+TEST_F(ScheduleThreadTest, NowAndEarlierIsAtOnce) {
+    after(0, "now");
+    after(-5, "earlier");
+    thread->add(milliseconds::min(), milliseconds(0), job("earliest"));
+    after(1, "last");
+    clock->awaitWaitFor(at(1001));
+    EXPECT_THAT(runAll(), ElementsAre("now", "earlier", "earliest"));
+}
+
+TEST_F(ScheduleThreadTest, RecursAtAFixedRateFromOnePeriodOn) {
+    every(100, "tick");
+    clock->awaitWaitFor(at(1100));
+    EXPECT_THAT(runAll(), IsEmpty());
+    set(1099, at(1100));
+    EXPECT_THAT(runAll(), IsEmpty());
+    set(1150, at(1200));  // Late: the grid stays.
+    EXPECT_THAT(runAll(), ElementsAre("tick"));
+    set(1200, at(1300));
+    EXPECT_THAT(runAll(), ElementsAre("tick"));
+}
+
+TEST_F(ScheduleThreadTest, NoBurstAfterAStall) {
+    every(100, "tick");
+    every(30, "tock");
+    clock->awaitWaitFor(at(1030));
+    set(5050, at(5080));
+    EXPECT_THAT(runAll(), ElementsAre("tock", "tick"));
+    set(5100, at(5110));
+    EXPECT_THAT(runAll(), ElementsAre("tock", "tick"));
+}
+
+TEST_F(ScheduleThreadTest, NoSecondRunWhileOneIsUnderWay) {
+    every(100, "tick");
+    clock->awaitWaitFor(at(1100));
+    set(1100, at(1200));
+    set(1200, at(1300));
+    set(1300, at(1400));
+    EXPECT_THAT(runAll(), ElementsAre("tick"));
+    set(1400, at(1500));
+    auto task = executor->takeNext();
+    ASSERT_NE(task, nullptr);
+    task->execute();
+    set(1500, at(1600));
+    EXPECT_EQ(executor->takeNext(), nullptr) << "its callback has not run";
+    task->performCallback();
+    set(1600, at(1700));  // Although the last task still exists.
+    auto const next = executor->takeNext();
+    EXPECT_NE(next, nullptr);
+    task.reset();
+    set(1700, at(1800));  // Nor does its end count for the next one.
+    EXPECT_EQ(executor->takeNext(), nullptr);
+}
+
+TEST_F(ScheduleThreadTest, WhatTheExecutorDroppedHasEnded) {
+    every(100, "tick");
+    clock->awaitWaitFor(at(1100));
+    set(1100, at(1200));
+    executor->takeNext().reset();
+    set(1200, at(1300));
+    EXPECT_THAT(runAll(), ElementsAre("tick"));
+}
+
+TEST_F(ScheduleThreadTest, ARefusalEndsWhatRecurs) {
+    auto const tick = every(100, "tick");
+    auto const tock = every(300, "tock");
+    clock->awaitWaitFor(at(1100));
+    executor->close();
+    set(1100, at(1300));
+    EXPECT_FALSE(thread->remove(tick));
+    EXPECT_TRUE(thread->remove(tock));
+}
+
+TEST_F(ScheduleThreadTest, ASubmissionThatThrowsEndsWhatRecursAndNothingElse) {
+    auto const throwing = std::make_shared<RecordingExecutor>();
+    throwing->throws = true;
+    thread = nullptr;
+    thread = std::make_shared<ScheduleThread>(throwing, clock);
+    auto const tick = every(100, "tick");
+    clock->awaitWaitFor(at(1100));
+    set(1100, NEVER);
+    EXPECT_EQ(throwing->submissions, 1);
+    EXPECT_FALSE(thread->remove(tick));
+    throwing->throws = false;
+    after(0, "next");
+    ovra::test::yieldUntil([&] { return throwing.use_count() > 0 && clock->waitsSoFar() >= 3; });
+    EXPECT_EQ(throwing->submissions, 2);
+}
+
+TEST_F(ScheduleThreadTest, WhatIsCancelledIsNotSubmitted) {
+    auto const a = after(10, "a");
+    auto const b = every(10, "b");
+    auto const c = after(10, "c");
+    clock->awaitWaitFor(at(1010));
+    EXPECT_TRUE(thread->remove(a));
+    EXPECT_FALSE(thread->remove(a));
+    EXPECT_TRUE(thread->remove(b));
+    EXPECT_FALSE(thread->remove(0));
+    EXPECT_FALSE(thread->remove(c + 1));
+    set(1010, NEVER);
+    EXPECT_FALSE(thread->remove(c));  // Submitted: it still runs.
+    EXPECT_THAT(runAll(), ElementsAre("c"));
+}
+
+TEST_F(ScheduleThreadTest, CancelFromInsideEndsIt) {
+    std::uint64_t id = 0;
+    auto const tick = job("");
+    bool wasThere = false;
+    tick->function = [&] {
+        ran.push_back("tick");
+        wasThere = thread->remove(id);
+        after(7, "follows");
+        return Executable::SUCCESS;
+    };
+    id = thread->add(milliseconds(100), milliseconds(100), tick);
+    clock->awaitWaitFor(at(1100));
+    set(1100, at(1200));
+    EXPECT_THAT(runAll(), ElementsAre("tick"));
+    EXPECT_TRUE(wasThere);
+    set(1107, NEVER);
+    EXPECT_THAT(runAll(), ElementsAre("follows"));
+}
+
+TEST_F(ScheduleThreadTest, SleepsUntilTheFirstDueTime) {
+    after(100, "a");
+    clock->awaitWaitFor(at(1100));
+    EXPECT_EQ(clock->waitsSoFar(), 1);
+    after(200, "b");  // Later: the thread is not woken.
+    every(300, "c");
+    clock->set(1099);
+    EXPECT_EQ(clock->waitsSoFar(), 1);
+    after(0, "first");
+    ovra::test::yieldUntil([&] { return !executor->isIdle(); });
+    clock->awaitWaitFor(at(1100));
+    EXPECT_LE(clock->waitsSoFar(), 2);
+}
+
+TEST_F(ScheduleThreadTest, StopDropsWhatIsDueLaterAndWaitsForNoTask) {
+    auto const held = std::make_shared<int>(1);
+    auto const dropped = job("");
+    dropped->function = [this, held] {
+        ran.push_back("submitted");
+        return Executable::SUCCESS;
+    };
+    thread->add(milliseconds(0), milliseconds(0), dropped);
+    auto const later = job("");
+    later->function = [copy = held] { return Executable::SUCCESS; };
+    thread->add(milliseconds(10), milliseconds(0), later);
+    later->function = nullptr;
+    clock->awaitWaitFor(at(1010));
+    thread->stop();
+    thread.reset();
+    clock->set(2000);
+    EXPECT_THAT(runAll(), ElementsAre("submitted"));
+}
+
+TEST_F(ScheduleThreadTest, ReleasesFunctionsWithoutALock) {
+    bool isReleased = false;
+    auto const made = std::make_shared<ScheduledJob>();
+    made->priority = NORMAL;
+    made->function = [this, atEnd = ovra::test::atEnd([&] {
+                          isReleased = true;
+                          thread->remove(99);
+                      })] { return Executable::SUCCESS; };
+    auto job = made;
+    auto const id = thread->add(milliseconds(10), milliseconds(10), job);
+    std::weak_ptr<ScheduledJob> const seen = job;
+    job.reset();
+    const_cast<std::shared_ptr<ScheduledJob>&>(made).reset();
+    thread->remove(id);
+    EXPECT_TRUE(isReleased);
+    EXPECT_TRUE(seen.expired());
+}
+
+}  // namespace
+}  // namespace ovra::extra
