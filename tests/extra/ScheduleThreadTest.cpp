@@ -2,7 +2,13 @@
 
 #include <ovra/extra/internal/ScheduleThread.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -235,21 +241,64 @@ TEST_F(ScheduleThreadTest, StopDropsWhatIsDueLaterAndWaitsForNoTask) {
 }
 
 TEST_F(ScheduleThreadTest, ReleasesFunctionsWithoutALock) {
-    bool isReleased = false;
-    auto const made = std::make_shared<ScheduledJob>();
-    made->priority = NORMAL;
-    made->function = [this, atEnd = ovra::test::atEnd([&] {
-                          isReleased = true;
-                          thread->remove(99);
-                      })] { return Executable::SUCCESS; };
-    auto job = made;
-    auto const id = thread->add(milliseconds(10), milliseconds(10), job);
-    std::weak_ptr<ScheduledJob> const seen = job;
-    job.reset();
-    const_cast<std::shared_ptr<ScheduledJob>&>(made).reset();
-    thread->remove(id);
-    EXPECT_TRUE(isReleased);
-    EXPECT_TRUE(seen.expired());
+    int released = 0;
+    auto const add = [&](int delayMs, int periodMs) {
+        auto const made = std::make_shared<ScheduledJob>();
+        made->priority = NORMAL;
+        made->function = [atEnd = ovra::test::atEnd([&] {
+                              ++released;
+                              thread->remove(99);
+                          })] { return Executable::SUCCESS; };
+        return thread->add(milliseconds(delayMs), milliseconds(periodMs), made);
+    };
+    thread->remove(add(10, 10));
+    EXPECT_EQ(released, 1);
+    // Refused, and so released by the thread itself.
+    executor->close();
+    add(5, 0);
+    add(5, 5);
+    clock->awaitWaitFor(at(1005));
+    set(1005, NEVER);
+    EXPECT_EQ(released, 3);
+}
+
+// Keeps a thread inside `now()`, and so under the lock.
+class StoppingClock : public ManualClock {
+public:
+    Time now() const override {
+        if (stops.exchange(false)) {
+            entered.open();
+            released.wait();
+        }
+        return ManualClock::now();
+    }
+    mutable std::atomic<bool> stops{false};
+    mutable Gate entered;
+    mutable Gate released;
+};
+
+TEST_F(ScheduleThreadTest, AForkedProcessNeedsNoLock) {
+    auto const stopping = std::make_shared<StoppingClock>();
+    thread = std::make_shared<ScheduleThread>(executor, stopping);
+    auto const id = after(100, "a");
+    stopping->awaitWaitFor(at(1100));
+    stopping->stops = true;
+    std::thread adding([&] { after(200, "b"); });
+    stopping->entered.wait();
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(60);
+        bool const isRefused = after(0, "c") == 0 && !thread->remove(id);
+        thread->stop();
+        thread.reset();
+        _exit(isRefused ? 0 : 1);
+    }
+    stopping->released.open();
+    adding.join();
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(thread->remove(id));
 }
 
 }  // namespace
