@@ -4,6 +4,7 @@
 #include <ovra/extra/LockFile.h>
 #include <ovra/extra/LogEvery.h>
 #include <ovra/extra/MakeTask.h>
+#include <ovra/extra/MonitoredExecutor.h>
 #include <ovra/extra/Outcome.h>
 #include <ovra/extra/RecentLinesLogHandler.h>
 #include <ovra/extra/RemoveTree.h>

@@ -26,8 +26,8 @@ class ScheduleThread;
 /// does nothing, and the destructor joins nothing and keeps the executor for good.
 ///
 /// *Failure*: 0 instead of a number if the executor is null, the function empty, or the system
-/// provides no thread. `std::bad_alloc` leaves everything as it was. What the functions throw is the
-/// executor's matter. `errno` is kept.
+/// provides no thread. `std::bad_alloc` leaves everything as it was. What the functions throw is
+/// the executor's matter. `errno` is kept.
 ///
 /// *Units*: numbers count up from 1. The clock is monotonic: it stands still while the device
 /// sleeps. A time that the clock does not reach never comes.

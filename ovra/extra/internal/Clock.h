@@ -18,8 +18,8 @@ public:
 
     virtual Time now() const { return std::chrono::steady_clock::now(); }
 
-    /// Waits with the lock open until `condition` is notified or `end` has come; the last time there
-    /// is never comes.
+    /// Waits with the lock open until `condition` is notified or `end` has come; the last time
+    /// there is never comes.
     virtual void wait(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                       Time end) {
         if (end == Time::max()) {

@@ -153,8 +153,8 @@ void ScheduleThread::run() {
 bool ScheduleThread::submit(Schedules::Job const& job) {
     try {
         auto const task = std::make_shared<ScheduledTask>(job);
-        return executor->submitTask(task, job->priority,
-                                    [task](auto const&) { task->end(); }) != nullptr;
+        return executor->submitTask(task, job->priority, [task](auto const&) { task->end(); }) !=
+               nullptr;
     } catch (abi::__forced_unwind&) {
         throw;
     } catch (...) {

@@ -15,7 +15,8 @@ namespace ovra::extra {
 
 /// The thread that submits what is due; what is behind `ScheduledTasks`.
 ///
-/// *Ownership*: shared by its owner and the thread. Before the owner releases it, it calls `stop()`.
+/// *Ownership*: shared by its owner and the thread. Before the owner releases it, it calls
+/// `stop()`.
 class ScheduleThread : public std::enable_shared_from_this<ScheduleThread> {
 public:
     ScheduleThread(std::shared_ptr<concurrent::TaskExecutor> servedExecutor,

@@ -45,9 +45,9 @@ public:
 
     /// The earliest time when something is due; the last time there is, if nothing is.
     Time nextDue() const;
-    /// Takes what has been due for longest; of several the one that was added first. If that recurs,
-    /// it is due again at the first of its times that is later than `now`. Something must be due.
-    /// Allocates nothing.
+    /// Takes what has been due for longest; of several the one that was added first. If that
+    /// recurs, it is due again at the first of its times that is later than `now`. Something must
+    /// be due. Allocates nothing.
     Due takeDue(Time now);
 
 private:
