@@ -10,6 +10,8 @@
 
 namespace ovra::extra {
 
+class TaskMonitor;
+
 /// What a `MonitoredExecutor` has counted. At every moment
 /// `submitted == waiting + running + ended + dropped`.
 struct TaskCounts {
@@ -70,14 +72,14 @@ public:
     bool writeTo(int descriptor) const;
 
 private:
-    class Monitor;
-    class WatchedTask;
-
     OVRA_LOCAL std::shared_ptr<concurrent::TaskHandle> submit(
-        std::shared_ptr<WatchedTask> const& task, concurrent::TaskPriority priority);
+        std::shared_ptr<concurrent::Task> const& task,
+        std::function<concurrent::Executable::Result()> const& function,
+        concurrent::TaskPriority priority,
+        std::function<void(std::shared_ptr<concurrent::Task>)> const& callback, char const* name);
 
     std::shared_ptr<concurrent::TaskExecutor> const executor;
-    std::shared_ptr<Monitor> const monitor;
+    std::shared_ptr<TaskMonitor> const monitor;
 };
 
 }  // namespace ovra::extra

@@ -29,7 +29,7 @@ std::uint64_t add(ScheduleThread& thread, milliseconds delay, milliseconds perio
 }  // namespace
 
 ScheduledTasks::ScheduledTasks(std::shared_ptr<concurrent::TaskExecutor> executor)
-    : thread(std::make_shared<ScheduleThread>(std::move(executor), std::make_shared<Clock>())) {}
+    : thread(new ScheduleThread(std::move(executor))) {}
 
 ScheduledTasks::~ScheduledTasks() {
     KeptErrno const keptErrno;

@@ -59,11 +59,11 @@ public:
                         concurrent::TaskPriority priority, char const* name);
 
     /// Ends a schedule. False if there is none of this number: it has ended, or was submitted once
-    /// and for all. What has been submitted still runs.
+    /// and for all. What has been submitted still runs. Looks at the schedules one by one.
     bool cancel(std::uint64_t id);
 
 private:
-    std::shared_ptr<ScheduleThread> const thread;
+    ScheduleThread* const thread;
 };
 
 }  // namespace ovra::extra

@@ -1,11 +1,11 @@
 #include <ovra/extra/TaskGroup.h>
 
 #include <condition_variable>
-#include <list>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include <ovra/extra/internal/Clock.h>
 #include <ovra/extra/internal/KeptErrno.h>
 #include <ovra/extra/internal/Later.h>
 
@@ -18,108 +18,139 @@ using Handle = std::shared_ptr<concurrent::TaskHandle>;
 
 }  // namespace
 
-// The handles of the pending tasks, each empty until its submission has returned. Shared by the
-// group and its tasks.
-class TaskGroup::Tasks : public std::enable_shared_from_this<Tasks> {
+// The pending tasks. Shared by the group and its tasks.
+class TaskGroup::Tasks {
 public:
-    explicit Tasks(std::size_t most) : limit(most) {}
+    // A task from just before its submission to its end. Its callback owns it.
+    class Pending {
+    public:
+        Pending(std::shared_ptr<Tasks> const& group, Callback const& original);
+        Pending(Pending const&) = delete;
+        Pending& operator=(Pending const&) = delete;
+        ~Pending();
 
-    // `submission` gets the callback to submit with.
-    template <typename Submission>
-    Handle submit(Callback const& callback, Submission const& submission) {
-        auto const pendingTask = std::make_shared<Pending>(shared_from_this(), callback);
-        if (!pendingTask->begin()) {
-            return nullptr;
-        }
-        Handle handle = submission([pendingTask](std::shared_ptr<concurrent::Task> const& task) {
-            pendingTask->callBack(task);
-        });
-        pendingTask->setHandle(handle);
-        return handle;
-    }
+        // Counts the task. False at the limit.
+        bool begin();
+        // Keeps the handle as long as the task is counted.
+        Handle keep(Handle handle);
+        void callBack(std::shared_ptr<concurrent::Task> const& task);
+        // The callback to submit with.
+        static Callback callbackOf(std::shared_ptr<Pending> const& pendingTask);
+
+        // Guarded by the tasks' mutex.
+        Handle handle;
+        Pending* previous = nullptr;
+        Pending* next = nullptr;
+
+    private:
+        void end();
+
+        std::shared_ptr<Tasks> const tasks;
+        Callback const callback;
+        bool isCounted = false;  // Guarded by the tasks' mutex.
+    };
+
+    explicit Tasks(std::size_t most) : limit(most) {}
 
     std::size_t count() {
         std::lock_guard<std::mutex> const lock(mutex);
-        return handles.size();
+        return size;
     }
 
     void wait() {
         std::unique_lock<std::mutex> lock(mutex);
-        condition.wait(lock, [this] { return handles.empty(); });
+        while (size > 0) {
+            condition.wait(lock);
+        }
     }
 
-    bool waitUntil(std::chrono::steady_clock::time_point end) {
+    bool waitUntil(Clock::Time end) {
         std::unique_lock<std::mutex> lock(mutex);
-        return condition.wait_until(lock, end, [this] { return handles.empty(); });
+        while (size > 0 && Clock::system().now() < end) {
+            Clock::system().wait(condition, lock, end);
+        }
+        return size == 0;
     }
 
     std::vector<Handle> allHandles() {
         std::lock_guard<std::mutex> const lock(mutex);
-        return std::vector<Handle>(handles.begin(), handles.end());
+        std::vector<Handle> handles;
+        for (Pending const* pending = first; pending != nullptr; pending = pending->next) {
+            handles.push_back(pending->handle);
+        }
+        return handles;
     }
 
 private:
-    // A task from just before its submission to its end. Its callback owns it.
-    class Pending {
-    public:
-        Pending(std::shared_ptr<Tasks> group, Callback const& original)
-            : tasks(std::move(group)), callback(original) {}
-        Pending(Pending const&) = delete;
-        Pending& operator=(Pending const&) = delete;
-        ~Pending() { end(); }
-
-        // False at the limit.
-        bool begin() {
-            std::lock_guard<std::mutex> const lock(tasks->mutex);
-            if (tasks->limit != 0 && tasks->handles.size() >= tasks->limit) {
-                return false;
-            }
-            tasks->handles.splice(tasks->handles.end(), place);
-            isCounted = true;
-            return true;
-        }
-        void setHandle(Handle const& handle) {
-            std::lock_guard<std::mutex> const lock(tasks->mutex);
-            if (isCounted) {
-                *position = handle;
-            }
-        }
-        void callBack(std::shared_ptr<concurrent::Task> const& task) {
-            struct End {
-                ~End() { pending.end(); }
-                Pending& pending;
-            } const atEnd{*this};
-            if (callback) {
-                callback(task);
-            }
-        }
-
-    private:
-        void end() {
-            std::list<Handle> ended;  // Destroyed without the lock.
-            std::lock_guard<std::mutex> const lock(tasks->mutex);
-            if (!isCounted) {
-                return;
-            }
-            isCounted = false;
-            ended.splice(ended.end(), tasks->handles, position);
-            if (tasks->handles.empty()) {
-                tasks->condition.notify_all();
-            }
-        }
-
-        std::shared_ptr<Tasks> const tasks;
-        Callback const callback;
-        std::list<Handle> place{1};  // Moves to the tasks while this one is counted.
-        std::list<Handle>::iterator const position = place.begin();
-        bool isCounted = false;  // Guarded by the tasks' mutex.
-    };
-
     std::size_t const limit;
     std::mutex mutex;
     std::condition_variable condition;  // No task is pending.
-    std::list<Handle> handles;
+    Pending* first = nullptr;
+    std::size_t size = 0;
 };
+
+TaskGroup::Tasks::Pending::Pending(std::shared_ptr<Tasks> const& group, Callback const& original)
+    : tasks(group), callback(original) {}
+
+TaskGroup::Tasks::Pending::~Pending() {
+    end();
+}
+
+bool TaskGroup::Tasks::Pending::begin() {
+    std::lock_guard<std::mutex> const lock(tasks->mutex);
+    if (tasks->limit != 0 && tasks->size >= tasks->limit) {
+        return false;
+    }
+    next = tasks->first;
+    if (next != nullptr) {
+        next->previous = this;
+    }
+    tasks->first = this;
+    ++tasks->size;
+    isCounted = true;
+    return true;
+}
+
+Handle TaskGroup::Tasks::Pending::keep(Handle handleOfTask) {
+    std::lock_guard<std::mutex> const lock(tasks->mutex);
+    if (isCounted) {
+        handle = handleOfTask;
+    }
+    return handleOfTask;
+}
+
+void TaskGroup::Tasks::Pending::callBack(std::shared_ptr<concurrent::Task> const& task) {
+    struct End {
+        ~End() { pending.end(); }
+        Pending& pending;
+    } const atEnd{*this};
+    if (callback) {
+        callback(task);
+    }
+}
+
+void TaskGroup::Tasks::Pending::end() {
+    Handle released;  // Without the lock.
+    std::lock_guard<std::mutex> const lock(tasks->mutex);
+    if (!isCounted) {
+        return;
+    }
+    isCounted = false;
+    released.swap(handle);
+    (previous != nullptr ? previous->next : tasks->first) = next;
+    if (next != nullptr) {
+        next->previous = previous;
+    }
+    if (--tasks->size == 0) {
+        tasks->condition.notify_all();
+    }
+}
+
+Callback TaskGroup::Tasks::Pending::callbackOf(std::shared_ptr<Pending> const& pendingTask) {
+    return [pendingTask](std::shared_ptr<concurrent::Task> const& task) {
+        pendingTask->callBack(task);
+    };
+}
 
 TaskGroup::TaskGroup(std::shared_ptr<concurrent::TaskExecutor> groupExecutor, std::size_t limit)
     : executor(std::move(groupExecutor)), tasks(std::make_shared<Tasks>(limit)) {}
@@ -132,9 +163,12 @@ Handle TaskGroup::submitTask(std::shared_ptr<concurrent::Task> const& task,
     if (!executor || (!task && !callback)) {
         return nullptr;
     }
-    return tasks->submit(callback, [&](Callback const& counted) {
-        return executor->submitTask(task, priority, counted);
-    });
+    auto const pendingTask = std::make_shared<Tasks::Pending>(tasks, callback);
+    if (!pendingTask->begin()) {
+        return nullptr;
+    }
+    return pendingTask->keep(
+        executor->submitTask(task, priority, Tasks::Pending::callbackOf(pendingTask)));
 }
 
 Handle TaskGroup::submitTask(std::function<concurrent::Executable::Result()> const& function,
@@ -144,9 +178,12 @@ Handle TaskGroup::submitTask(std::function<concurrent::Executable::Result()> con
     if (!executor || (!function && !callback)) {
         return nullptr;
     }
-    return tasks->submit(callback, [&](Callback const& counted) {
-        return executor->submitTask(function, priority, counted, name);
-    });
+    auto const pendingTask = std::make_shared<Tasks::Pending>(tasks, callback);
+    if (!pendingTask->begin()) {
+        return nullptr;
+    }
+    return pendingTask->keep(
+        executor->submitTask(function, priority, Tasks::Pending::callbackOf(pendingTask), name));
 }
 
 std::size_t TaskGroup::pending() const {
@@ -160,7 +197,7 @@ void TaskGroup::wait() {
 
 bool TaskGroup::waitFor(std::chrono::milliseconds limit) {
     KeptErrno const keptErrno;
-    return tasks->waitUntil(later(std::chrono::steady_clock::now(), limit));
+    return tasks->waitUntil(later(Clock::system().now(), limit));
 }
 
 void TaskGroup::cancelAll() {

@@ -68,7 +68,7 @@ public:
     void cancelAll();
 
 private:
-    class Tasks;
+    class OVRA_LOCAL Tasks;
 
     std::shared_ptr<concurrent::TaskExecutor> const executor;
     std::shared_ptr<Tasks> const tasks;

@@ -8,6 +8,11 @@ namespace ovra::extra::test {
 /// A clock that a test sets, for one thread that waits by it. Begins at 1000 ms.
 class ManualClock : public Clock {
 public:
+    ManualClock() = default;
+    ManualClock(ManualClock const&) = delete;
+    ManualClock& operator=(ManualClock const&) = delete;
+    virtual ~ManualClock() = default;
+
     static Time at(std::int64_t ms) { return Time(std::chrono::milliseconds(ms)); }
 
     Time now() const override {

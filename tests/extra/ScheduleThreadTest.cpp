@@ -33,7 +33,7 @@ using ::testing::IsEmpty;
 class ScheduleThreadTest : public ovra::test::BoundedTest {
 protected:
     ~ScheduleThreadTest() override {
-        if (thread) {
+        if (thread != nullptr) {
             thread->stop();
         }
     }
@@ -66,9 +66,10 @@ protected:
         return std::exchange(ran, {});
     }
 
-    std::shared_ptr<ManualClock> const clock = std::make_shared<ManualClock>();
+    ManualClock ownClock;
+    ManualClock* const clock = &ownClock;
     std::shared_ptr<ManualExecutor> const executor = std::make_shared<ManualExecutor>();
-    std::shared_ptr<ScheduleThread> thread = std::make_shared<ScheduleThread>(executor, clock);
+    ScheduleThread* thread = new ScheduleThread(executor, ownClock);
     std::vector<std::string> ran;
 };
 
@@ -160,8 +161,8 @@ TEST_F(ScheduleThreadTest, ARefusalEndsWhatRecurs) {
 TEST_F(ScheduleThreadTest, ASubmissionThatThrowsEndsWhatRecursAndNothingElse) {
     auto const throwing = std::make_shared<RecordingExecutor>();
     throwing->throws = true;
-    thread = nullptr;
-    thread = std::make_shared<ScheduleThread>(throwing, clock);
+    thread->stop();
+    thread = new ScheduleThread(throwing, ownClock);
     auto const tick = every(100, "tick");
     clock->awaitWaitFor(at(1100));
     set(1100, NEVER);
@@ -235,7 +236,8 @@ TEST_F(ScheduleThreadTest, StopDropsWhatIsDueLaterAndWaitsForNoTask) {
     later->function = nullptr;
     clock->awaitWaitFor(at(1010));
     thread->stop();
-    thread.reset();
+    thread = nullptr;
+    EXPECT_EQ(held.use_count(), 2);  // Here, and in the task that was submitted.
     clock->set(2000);
     EXPECT_THAT(runAll(), ElementsAre("submitted"));
 }
@@ -278,8 +280,10 @@ public:
 };
 
 TEST_F(ScheduleThreadTest, AForkedProcessNeedsNoLock) {
-    auto const stopping = std::make_shared<StoppingClock>();
-    thread = std::make_shared<ScheduleThread>(executor, stopping);
+    StoppingClock stoppingClock;
+    auto* const stopping = &stoppingClock;
+    thread->stop();
+    thread = new ScheduleThread(executor, stoppingClock);
     auto const id = after(100, "a");
     stopping->awaitWaitFor(at(1100));
     stopping->stops = true;
@@ -290,7 +294,6 @@ TEST_F(ScheduleThreadTest, AForkedProcessNeedsNoLock) {
         alarm(60);
         bool const isRefused = after(0, "c") == 0 && !thread->remove(id);
         thread->stop();
-        thread.reset();
         _exit(isRefused ? 0 : 1);
     }
     stopping->released.open();
@@ -299,6 +302,8 @@ TEST_F(ScheduleThreadTest, AForkedProcessNeedsNoLock) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(thread->remove(id));
+    thread->stop();
+    thread = nullptr;
 }
 
 }  // namespace

@@ -11,23 +11,17 @@ class Clock {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    Clock() = default;
-    Clock(Clock const&) = delete;
-    Clock& operator=(Clock const&) = delete;
-    virtual ~Clock() = default;
+    /// The system's clock.
+    static Clock& system();
 
-    virtual Time now() const { return std::chrono::steady_clock::now(); }
-
-    /// Waits with the lock open until `condition` is notified or `end` has come; the last time
-    /// there is never comes.
+    virtual Time now() const;
+    /// Waits with the lock open until `condition` is notified or `end` has come.
     virtual void wait(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-                      Time end) {
-        if (end == Time::max()) {
-            condition.wait(lock);
-        } else {
-            condition.wait_until(lock, end);
-        }
-    }
+                      Time end);
+
+protected:
+    Clock() = default;
+    ~Clock() = default;
 };
 
 }  // namespace ovra::extra

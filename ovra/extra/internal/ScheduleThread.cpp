@@ -1,10 +1,9 @@
 #include <ovra/extra/internal/ScheduleThread.h>
 
 #include <cxxabi.h>
-#include <pthread.h>
 #include <signal.h>
 
-#include <system_error>
+#include <atomic>
 #include <utility>
 
 #include <ovra/extra/internal/ForkCount.h>
@@ -61,10 +60,8 @@ std::uint32_t countedForks() {
 }  // namespace
 
 ScheduleThread::ScheduleThread(std::shared_ptr<concurrent::TaskExecutor> servedExecutor,
-                               std::shared_ptr<Clock> usedClock)
-    : executor(std::move(servedExecutor)),
-      clock(std::move(usedClock)),
-      forksBefore(countedForks()) {}
+                               Clock& usedClock)
+    : executor(std::move(servedExecutor)), clock(usedClock), forksBefore(countedForks()) {}
 
 std::uint64_t ScheduleThread::add(std::chrono::milliseconds delay, std::chrono::milliseconds period,
                                   Schedules::Job const& job) {
@@ -75,7 +72,7 @@ std::uint64_t ScheduleThread::add(std::chrono::milliseconds delay, std::chrono::
     if (!start()) {
         return 0;
     }
-    Clock::Time const due = later(clock->now(), delay);
+    Clock::Time const due = later(clock.now(), delay);
     if (due < schedules.nextDue()) {
         condition.notify_one();
     }
@@ -94,20 +91,21 @@ bool ScheduleThread::remove(std::uint64_t id) {
 
 void ScheduleThread::stop() {
     if (isForked()) {
-        // Its thread and perhaps its lock are the parent's.
-        kept = shared_from_this();
         return;
     }
     {
         std::lock_guard<std::mutex> const lock(mutex);
         isStopping = true;
+        if (isStarted && pthread_equal(thread, pthread_self()) != 0) {
+            isItsOwnOwner = true;
+            return;
+        }
         condition.notify_one();
     }
-    if (thread.get_id() == std::this_thread::get_id()) {
-        thread.detach();
-    } else if (thread.joinable()) {
-        thread.join();
+    if (isStarted) {
+        pthread_join(thread, nullptr);
     }
+    delete this;
 }
 
 bool ScheduleThread::isForked() const {
@@ -115,26 +113,31 @@ bool ScheduleThread::isForked() const {
 }
 
 bool ScheduleThread::start() {
-    if (thread.joinable()) {
-        return true;
-    }
-    try {
+    if (!isStarted) {
         SignalsBlocked const blocked;
-        thread = std::thread([self = shared_from_this()] { self->run(); });
-        return true;
-    } catch (std::system_error const&) {
-        return false;
+        isStarted = pthread_create(&thread, nullptr, begin, this) == 0;
     }
+    return isStarted;
+}
+
+void* ScheduleThread::begin(void* object) {
+    auto* const self = static_cast<ScheduleThread*>(object);
+    pthread_setname_np(pthread_self(), "ovra-scheduled");
+    self->run();
+    if (self->isItsOwnOwner) {
+        pthread_detach(pthread_self());
+        delete self;
+    }
+    return nullptr;
 }
 
 void ScheduleThread::run() {
-    pthread_setname_np(pthread_self(), "ovra-scheduled");
     std::unique_lock<std::mutex> lock(mutex);
     while (!isStopping) {
-        Clock::Time const now = clock->now();
+        Clock::Time const now = clock.now();
         Clock::Time const next = schedules.nextDue();
         if (next > now) {
-            clock->wait(condition, lock, next);
+            clock.wait(condition, lock, next);
             continue;
         }
         Schedules::Due due = schedules.takeDue(now);

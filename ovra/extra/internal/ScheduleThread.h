@@ -1,11 +1,12 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include <ovra/concurrent/TaskExecutor.h>
 #include <ovra/extra/internal/Clock.h>
@@ -15,12 +16,14 @@ namespace ovra::extra {
 
 /// The thread that submits what is due; what is behind `ScheduledTasks`.
 ///
-/// *Ownership*: shared by its owner and the thread. Before the owner releases it, it calls
-/// `stop()`.
-class ScheduleThread : public std::enable_shared_from_this<ScheduleThread> {
+/// *Ownership*: the caller's, until `stop()`.
+class ScheduleThread {
 public:
-    ScheduleThread(std::shared_ptr<concurrent::TaskExecutor> servedExecutor,
-                   std::shared_ptr<Clock> usedClock);
+    /// The clock must outlive the thread.
+    explicit ScheduleThread(std::shared_ptr<concurrent::TaskExecutor> servedExecutor,
+                            Clock& usedClock = Clock::system());
+    ScheduleThread(ScheduleThread const&) = delete;
+    ScheduleThread& operator=(ScheduleThread const&) = delete;
 
     /// See `Schedules::add`. Starts the thread if there is none; 0 if that fails, or in a forked
     /// process.
@@ -28,26 +31,32 @@ public:
                       Schedules::Job const& job);
     /// Whether there was such a schedule. False in a forked process.
     bool remove(std::uint64_t id);
-    /// Joins the thread, unless it is the caller's own, or another process's.
+    /// Ends the thread and destroys this object. On the thread itself, that happens when what it is
+    /// submitting has been submitted. In a forked process the object stays, for good: its thread,
+    /// and perhaps its lock, are the parent's.
     void stop();
 
 private:
+    ~ScheduleThread() = default;
+
+    static void* begin(void* object);
     bool isForked() const;
     bool start();
     void run();
     bool submit(Schedules::Job const& job);
 
     std::shared_ptr<concurrent::TaskExecutor> const executor;
-    std::shared_ptr<Clock> const clock;
+    Clock& clock;
     std::uint32_t const forksBefore;
-    std::shared_ptr<ScheduleThread> kept;  // Itself, in a forked process: for good.
 
     std::mutex mutex;
     std::condition_variable condition;  // The first due time has changed, or the end has come.
     // Guarded by `mutex`.
     Schedules schedules;
-    std::thread thread;
+    bool isStarted = false;
     bool isStopping = false;
+    bool isItsOwnOwner = false;
+    pthread_t thread{};  // If started.
 };
 
 }  // namespace ovra::extra

@@ -5,41 +5,41 @@
 namespace ovra::extra {
 
 std::uint64_t Schedules::add(Time due, std::chrono::milliseconds period, Job job) {
-    std::uint64_t const id = lastId + 1;
-    decltype(order) added{{due, id}};
-    schedules.emplace(id, Schedule{due, period, std::move(job)});
-    order.merge(added);
-    lastId = id;
-    return id;
+    schedules.emplace(std::pair(due, lastId + 1), Schedule{period, std::move(job)});
+    return ++lastId;
 }
 
 Schedules::Job Schedules::remove(std::uint64_t id) {
-    auto const found = schedules.find(id);
-    if (found == schedules.end()) {
-        return nullptr;
+    for (auto place = schedules.begin(); place != schedules.end(); ++place) {
+        if (place->first.second == id) {
+            Job job = std::move(place->second.job);
+            schedules.erase(place);
+            return job;
+        }
     }
-    Job job = std::move(found->second.job);
-    order.erase({found->second.due, id});
-    schedules.erase(found);
-    return job;
+    return nullptr;
 }
 
 Schedules::Time Schedules::nextDue() const {
-    return order.empty() ? Time::max() : order.begin()->first;
+    return schedules.empty() ? Time::max() : schedules.begin()->first.first;
 }
 
 Schedules::Due Schedules::takeDue(Time now) {
-    std::uint64_t const id = order.begin()->second;
-    Schedule& schedule = schedules.find(id)->second;
-    if (schedule.period == std::chrono::milliseconds::zero()) {
-        return {id, remove(id)};
+    auto const first = schedules.begin();
+    auto const [due, id] = first->first;
+    auto const& [period, job] = first->second;
+    if (period == std::chrono::milliseconds::zero()) {
+        Due result{id, job};
+        schedules.erase(first);
+        return result;
     }
-    auto const missed = (now - schedule.due) / schedule.period;
-    schedule.due = later(schedule.due + missed * schedule.period, schedule.period);
-    auto place = order.extract(order.begin());
-    place.value().first = schedule.due;
-    order.insert(std::move(place));
-    return {id, schedule.job->isUnderWay ? nullptr : schedule.job};
+    Due result{id, job->isUnderWay ? nullptr : job};
+    Time const next = later(due + (now - due) / period * period, period);
+    if (auto taken = schedules.extract(first)) {  // Always, which the compiler does not see.
+        taken.key().first = next;
+        schedules.insert(std::move(taken));
+    }
+    return result;
 }
 
 }  // namespace ovra::extra

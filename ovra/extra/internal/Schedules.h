@@ -7,7 +7,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 
@@ -40,7 +39,8 @@ public:
     /// A schedule for `due`, and then every `period` after that; 0: only once. Returns its number:
     /// 1, 2 and so on. If it throws `std::bad_alloc`, nothing has changed.
     std::uint64_t add(Time due, std::chrono::milliseconds period, Job job);
-    /// Returns what the schedule would have submitted; empty if there is no such schedule.
+    /// Returns what the schedule would have submitted; empty if there is no such schedule. Looks at
+    /// them one by one.
     Job remove(std::uint64_t id);
 
     /// The earliest time when something is due; the last time there is, if nothing is.
@@ -52,14 +52,12 @@ public:
 
 private:
     struct Schedule {
-        Time due;
         std::chrono::milliseconds period;
         Job job;
     };
 
     std::uint64_t lastId = 0;
-    std::map<std::uint64_t, Schedule> schedules;
-    std::set<std::pair<Time, std::uint64_t>> order;
+    std::map<std::pair<Time, std::uint64_t>, Schedule> schedules;  // By due time and number.
 };
 
 }  // namespace ovra::extra
