@@ -24,11 +24,11 @@ public:
               Time end) override {
         {
             std::lock_guard<std::mutex> const guard(mutex);
-            waitersMutex = lock.mutex();
-            waitersCondition = &condition;
             if (end <= time) {
                 return;
             }
+            waitersMutex = lock.mutex();
+            waitersCondition = &condition;
             ++waits;
             isWaiting = true;
             waitsFor = end;
@@ -37,6 +37,7 @@ public:
         condition.wait(lock);
         std::lock_guard<std::mutex> const guard(mutex);
         isWaiting = false;
+        waitersMutex = nullptr;
     }
 
     void set(std::int64_t ms) {

@@ -91,6 +91,8 @@ TEST_F(SubmitAsyncEndTest, QueuedWorkRunsOrItsPromiseIsBroken) {
         });
         auto const handle = async.handle;
         bringAbout(end, async, executor, *ownQueue, [&] { occupation.release(); });
+        async.future.wait();
+        executor.reset();  // Now no worker holds the exception.
         EXPECT_EQ(endOf(async.future), end == End::DROP_HANDLE ? "7" : "broken")
             << static_cast<int>(end);
         EXPECT_EQ(hasRun, end == End::DROP_HANDLE);
@@ -237,12 +239,14 @@ TEST_F(SubmitAsyncEndTest, DestroyingAnAsyncDoesNothing) {
 
 TEST_F(SubmitAsyncEndTest, AThreadThatEndsInTheFunctionBreaksThePromise) {
     // The worker that ended so is joined as any other.
-    auto const executor = makeExecutor(1);
+    auto executor = makeExecutor(1);
     auto const held = std::make_shared<int>(1);
     auto async = submitAsync(*executor, [copy = held] {
         pthread_exit(nullptr);
         return *copy;
     });
+    async.future.wait();
+    executor.reset();
     EXPECT_EQ(endOf(async.future), "broken");
     EXPECT_EQ(held.use_count(), 1);
 }
