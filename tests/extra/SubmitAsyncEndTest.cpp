@@ -280,7 +280,7 @@ TEST_F(SubmitAsyncEndTest, CopiesOfAFlagShareIt) {
 
 TEST_F(SubmitAsyncEndTest, ExecutorsDestroyedAtRandomMoments) {
     RandomSource random(test::runSeed());
-    int const rounds = test::scaled(2000);
+    int const rounds = test::SANITIZED ? 2000 : test::scaled(2000);
     int counts[3] = {};
     for (int round = 0; round < rounds; ++round) {
         restartDeadline();
