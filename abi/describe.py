@@ -132,7 +132,8 @@ def main():
         operations = dump.virtual_operations(name)
         for slot, entry in enumerate(tables.get(name, [])):
             if entry == "pure":
-                entry = f"pure {operations[slot]}"
+                # A class that only a header uses is not in the library's debug information.
+                entry = f"pure {operations.get(slot, '?')}"
             elif slot in operations:
                 entry = f"{entry.rpartition('::')[0]}::{operations[slot]}"
             print(f"  slot {slot}: {entry}")

@@ -1,10 +1,7 @@
 #include <ovra/extra/RecentLinesLogHandler.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -12,6 +9,7 @@
 
 #include <ovra/extra/internal/ForkCount.h>
 #include <ovra/extra/internal/KeptErrno.h>
+#include <ovra/extra/internal/WriteWhole.h>
 
 namespace ovra::extra {
 
@@ -36,21 +34,6 @@ constexpr Word MOST_TICKETS = std::numeric_limits<Word>::max() / ONE_TICKET;
 
 Word beingFilled() {
     return Word{forkCount()} << 1 | BEING_FILLED;
-}
-
-bool writeWhole(int descriptor, char const* bytes, std::size_t count) {
-    while (count > 0) {
-        ssize_t const written = ::write(descriptor, bytes, count);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        bytes += written;
-        count -= static_cast<std::size_t>(written);
-    }
-    return true;
 }
 
 }  // namespace
