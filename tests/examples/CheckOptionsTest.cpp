@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <tests/examples/Digests.h>
 #include <tests/examples/Process.h>
 #include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
@@ -12,11 +13,6 @@ namespace {
 using namespace ovra::test;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-// The digests of "alpha" and "beta".
-std::string const ALPHA = "8ed3f6ad685b959ead7022518e1af76cd816f8e8ec7ccdda1ed4018e8f2223f8";
-std::string const BETA = "f44e64e75f3948e9f73f8dfa94721c4ce8cbb4f265c4790c702b2d41cfbf2753";
-std::string const WRONG(64, '0');
 
 class CheckOptionsTest : public BoundedTest {
 protected:

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <map>
 
+#include <tests/examples/Digests.h>
 #include <tests/examples/Process.h>
 #include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
@@ -19,11 +20,6 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-// The digests of "alpha" and "beta".
-std::string const ALPHA = "8ed3f6ad685b959ead7022518e1af76cd816f8e8ec7ccdda1ed4018e8f2223f8";
-std::string const BETA = "f44e64e75f3948e9f73f8dfa94721c4ce8cbb4f265c4790c702b2d41cfbf2753";
-std::string const WRONG(64, '0');
 
 std::string upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <tests/concurrent/ExecutorTest.h>
+#include <tests/extra/AsyncSupport.h>
 #include <tests/fs/Allocations.h>
 
 namespace ovra::extra {
@@ -17,17 +18,6 @@ class MakeTaskTest : public concurrent::ExecutorTest {};
 Executable::Result fail() {
     return Executable::FAILURE;
 }
-
-// Counts how it is treated.
-struct Counted {
-    explicit Counted(int* copyCounter) : copies(copyCounter) {}
-    Counted(Counted const& other) : copies(other.copies) { ++*copies; }
-    Counted(Counted&&) = default;
-    Counted& operator=(Counted const&) = delete;
-    ~Counted() = default;
-    Executable::Result operator()() const { return Executable::SUCCESS; }
-    int* copies;
-};
 
 TEST_F(MakeTaskTest, CallsTheFunctionAndReturnsItsResult) {
     int calls = 0;

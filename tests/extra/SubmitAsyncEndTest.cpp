@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <ovra/extra/SubmitAsync.h>
 #include <tests/concurrent/ExecutorTest.h>
+#include <tests/extra/AsyncSupport.h>
 #include <tests/support/RandomSource.h>
 
 namespace ovra::extra {
@@ -40,11 +41,6 @@ std::string endOf(std::future<Value>& future) {
     } catch (std::exception const& exception) {
         return exception.what();
     }
-}
-
-template <typename Value>
-bool isReady(std::future<Value> const& future) {
-    return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
 enum class End { CANCEL, CANCEL_HANDLE, DESTROY_EXECUTOR, CLOSE_QUEUE, DROP_HANDLE };

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tests/concurrent/ExecutorTest.h>
+#include <tests/extra/AsyncSupport.h>
 #include <tests/fs/Allocations.h>
 #include <tests/support/LogRecorder.h>
 
@@ -30,11 +31,6 @@ protected:
     test::LogRecorder const recorder;  // Made before the worker.
     std::shared_ptr<concurrent::TaskExecutorImpl> executor = makeExecutor(1);
 };
-
-template <typename Value>
-bool isReady(std::future<Value> const& future) {
-    return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-}
 
 int seven() {
     return 7;
@@ -71,14 +67,6 @@ TEST_F(SubmitAsyncTest, MoveOnlyWorkIsMovedAndNothingIsCopied) {
     auto async = submitAsync(*executor, [held = std::move(number)] { return *held; });
     EXPECT_EQ(async.future.get(), 5);
 
-    struct Counted {
-        explicit Counted(int* counter) : copies(counter) {}
-        Counted(Counted const& other) : copies(other.copies) { ++*copies; }
-        Counted(Counted&&) = default;
-        Counted& operator=(Counted const&) = delete;
-        ~Counted() = default;
-        int* copies;
-    };
     int copies = 0;
     auto counted = submitAsync(*executor, [held = Counted(&copies)] { return held; });
     // The value is a copy of what was captured, and the only one.
