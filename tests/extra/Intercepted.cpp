@@ -171,6 +171,9 @@ extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsign
         if (observer != nullptr && observer->hidesMounts) {
             static_cast<struct statx*>(status)->stx_attributes = 0;
         }
+        if (observer != nullptr && observer->sharesNumbers) {
+            static_cast<struct statx*>(status)->stx_ino = 1;
+        }
         return result;
     });
 }

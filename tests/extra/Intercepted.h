@@ -43,6 +43,9 @@ public:
     /// Nothing says that it is a mount point, as on systems before Linux 5.8.
     bool hidesMounts = false;
 
+    /// All entries have the same number.
+    bool sharesNumbers = false;
+
     /// A directory ends after so many entries.
     int mostEntries = 1 << 30;
 
