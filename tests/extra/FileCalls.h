@@ -6,8 +6,8 @@
 
 namespace ovra::test {
 
-enum class FileCall { OPEN, READ, WRITE, STAT, LSTAT, FSTAT, RENAME, UNLINK, LOCK, SYNC };
-inline constexpr int FILE_CALLS = 10;
+enum class FileCall { OPEN, READ, WRITE, STAT, LSTAT, FSTAT, RENAME, UNLINK, LOCK, SYNC, SYNC_ALL };
+inline constexpr int FILE_CALLS = 11;
 
 char const* nameOf(FileCall call);
 

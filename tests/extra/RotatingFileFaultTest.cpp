@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -100,7 +101,9 @@ TEST_F(RotatingFileFaultTest, CountsTheLineWhoseReportCannotBeWritten) {
     {
         FileCalls calls;  // There is space for the report, and then no more.
         int writes = 0;
-        calls.onCall = [&](FileCall) { return ++writes > 1 ? ENOSPC : 0; };
+        calls.onCall = [&](FileCall call) {
+            return call == FileCall::WRITE && ++writes > 1 ? ENOSPC : 0;
+        };
         put(sink, "lost too");
     }
     put(sink, "whole");
@@ -128,6 +131,63 @@ TEST_F(RotatingFileFaultTest, TakesAWriteOfNothingForAFailure) {
     put(sink, "lost");
     EXPECT_EQ(sink.lostLines(), 1u);
     EXPECT_EQ(calls.count(FileCall::WRITE), 1);
+}
+
+// The disk is full, and has space for a piece of the other's line only.
+TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornOnceItHasLostOne) {
+    for (bool const isTornFirst : {false, true}) {
+        writeFile(path, "");
+        RotatingFileLogHandler sink(path, plain());
+        RotatingFileLogHandler other(path, plain());
+        auto const tear = [&] {
+            FileCalls calls;
+            int writes = 0;
+            calls.onCall = [&](FileCall) { return ++writes > 1 ? ENOSPC : 0; };
+            calls.onWrite = [](std::size_t) { return std::size_t{4}; };
+            put(other, "torn line");
+        };
+        auto const lose = [&] {
+            FileCalls calls;
+            calls.onCall = [](FileCall) { return ENOSPC; };
+            put(sink, "lost");
+        };
+        if (isTornFirst) {
+            tear();
+            lose();
+        } else {
+            lose();
+            tear();
+        }
+        put(sink, "whole");
+        put(other, "whole too");  // Ended by now: no second newline.
+        EXPECT_EQ(contentOf(path),
+                  "torn\n[ovra:WARNING] 1 lines lost\nwhole\n[ovra:WARNING] 1 lines lost\n"
+                  "whole too\n");
+    }
+}
+
+TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornWhenItLooksAtTheSize) {
+    RotatingFileLogHandler sink(path, plain(100));
+    put(sink, "first");
+    std::ofstream(path, std::ios::app) << "torn";
+    // More than a quarter of what was left: looks before, whatever the clock says.
+    put(sink, std::string(60, 'x'));
+    EXPECT_EQ(contentOf(path), "first\ntorn\n" + std::string(60, 'x') + "\n");
+}
+
+// Nobody can know the end of such a file, and a newline that is not needed would be an empty line.
+TEST_F(RotatingFileFaultTest, LeavesATornLineWhereItMayNotRead) {
+    writeFile(path, "torn ");
+    FileCalls calls;
+    int opens = 0;
+    calls.onCall = [&](FileCall call) {
+        return (call == FileCall::OPEN && ++opens == 1) ? EACCES
+               : call == FileCall::READ                 ? EBADF
+                                                        : 0;
+    };
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "a line");
+    EXPECT_EQ(contentOf(path), "torn a line\n");
 }
 
 TEST_F(RotatingFileFaultTest, AppendsWithoutReadingWhereItMayNotRead) {
@@ -255,6 +315,19 @@ TEST_F(RotatingFileFaultTest, SaysThatASyncFailed) {
     }
 }
 
+TEST_F(RotatingFileFaultTest, SaysThatTheFilesItHasLeftCannotBeSynced) {
+    RotatingFileLogHandler sink(path, plain(8, 5));
+    put(sink, "line 1");
+    put(sink, "line 2");
+    FileCalls calls;
+    calls.onCall = [](FileCall call) { return call == FileCall::SYNC_ALL ? EIO : 0; };
+    EXPECT_FALSE(sink.sync());
+    EXPECT_EQ(calls.count(FileCall::SYNC), 2);  // What can be synced is.
+    EXPECT_FALSE(sink.sync());
+    calls.onCall = nullptr;
+    EXPECT_TRUE(sink.sync());
+}
+
 TEST_F(RotatingFileFaultTest, LosesNoLineToASyncThatFails) {
     RotatingFileOptions options = plain();
     options.syncLevel = log::VERBOSE;
@@ -265,6 +338,10 @@ TEST_F(RotatingFileFaultTest, LosesNoLineToASyncThatFails) {
     put(sink, "another");
     EXPECT_EQ(contentOf(path), "a line\nanother\n");
     EXPECT_EQ(sink.lostLines(), 0u);
+    // Only this call can say so.
+    calls.onCall = nullptr;
+    EXPECT_FALSE(sink.sync());
+    EXPECT_TRUE(sink.sync());
 }
 
 // --- every call, in turn
