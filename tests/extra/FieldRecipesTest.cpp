@@ -99,8 +99,8 @@ void waitForText(std::string const& file, std::string const& text) {
 
 TEST_F(FieldRecipesTest, TheServiceFollowsItsLogFile) {
     Fed service(recipe("serviceLog"), path);
-    service.feed("one\ntwo\n");
-    waitForText(path, "two");
+    service.feed("one\n%s%s%s%n\n");  // What comes from outside may hold anything.
+    waitForText(path, "%n");
     std::filesystem::rename(path, path + ".1");
     service.send(SIGHUP);
     // The signal may come after the next line, which then is the last in the old file.
@@ -114,7 +114,7 @@ TEST_F(FieldRecipesTest, TheServiceFollowsItsLogFile) {
     ASSERT_GE(before.size(), 3u);
     EXPECT_EQ(before[0], "[service:INFO] Working on one.");
     EXPECT_EQ(before[1], "[service:WARNING] The battery is low.");
-    EXPECT_EQ(before[2], "[service:INFO] Working on two.");
+    EXPECT_EQ(before[2], "[service:INFO] Working on %s%s%s%n.");
     EXPECT_EQ(messagesOf(contentOf(path)).back(), "[service:INFO] Working on last.");
 }
 
@@ -131,10 +131,10 @@ TEST_F(FieldRecipesTest, TheCrashLeavesItsLastLines) {
 TEST_F(FieldRecipesTest, TheSwitchChangesWhatIsLoggedAndWhere) {
     std::string const other = directory.path("other");
     Fed service(recipe("switchSink"), path);
-    service.feed("first\ntalk\nsecond\nhush\nthird\ntalk\nother " + other + "\nfourth\n");
+    service.feed("first\ntalk\nsecond\nhush\nthird\ntalk\nother " + other + "\n%s%s%s%n\n");
     EXPECT_EQ(service.finish(), 0);
     EXPECT_THAT(messagesOf(contentOf(path)), ElementsAre("[service:DEBUG] second"));
-    EXPECT_THAT(messagesOf(contentOf(other)), ElementsAre("[service:DEBUG] fourth"));
+    EXPECT_THAT(messagesOf(contentOf(other)), ElementsAre("[service:DEBUG] %s%s%s%n"));
 }
 
 TEST_F(FieldRecipesTest, TheFileIsSavedOrTheReasonSaid) {
