@@ -177,6 +177,21 @@ TEST_F(LockFileTest, AForkedChildTakesTheLockWhenItIsFree) {
     EXPECT_EQ(tryByAnother(), Outcome::DONE);
 }
 
+TEST_F(LockFileTest, AChildThatNoHandlerKnowsOfLeavesTheLockOfItsParent) {
+    LockFile lock(at("lock"));
+    EXPECT_EQ(tryLock(lock), Outcome::DONE);
+    pid_t const child = _Fork();
+    if (child == 0) {
+        bool const isLocked = lock.isLocked();
+        lock.unlock();
+        _exit(isLocked ? 1 : 0);
+    }
+    int status = 1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tryByAnother(), Outcome::BUSY);
+}
+
 // In a container, a service can be process 1, and so can what it starts in a container below.
 TEST_F(LockFileTest, AForkedChildWithTheSameIdLeavesTheLockOfItsParent) {
     constexpr int MAY_NOT = 77;
