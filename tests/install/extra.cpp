@@ -4,12 +4,19 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
-// Uses a little of each part of the second library.
+#include <ovra/log/Log.h>
+
+// Uses a little of each part of the second library. As an ordinary user: it could harm nothing,
+// whatever was built into the library.
 int main() {
     using namespace ovra::extra;
 
+    if (geteuid() == 0 && (setegid(65534) != 0 || seteuid(65534) != 0)) {
+        return 1;
+    }
     std::string directory = "/tmp/ovra-consumer-XXXXXX";
     if (mkdtemp(directory.data()) == nullptr) {
         return 1;
@@ -24,6 +31,28 @@ int main() {
                 space.totalBytes > 0 && removeTree(std::string()) == Outcome::MISSING &&
                 attempt([] { return false; }) == Outcome::REFUSED;
     }
+    std::string const log = directory + "/log";
+    auto const lines = std::make_shared<RotatingFileLogHandler>(log);
+    auto const recent = std::make_shared<RecentLinesLogHandler>(10);
+    auto const both = std::make_shared<SwitchLogHandler>(lines);
+    ovra::log::addLogHandler(both, "file");
+    ovra::log::setLogLevel(ovra::log::INFO);
+    for (int round = 0; round < 3; ++round) {
+        OVRA_LOG_EVERY(1000000, ovra::log::INFO, "consumer", "line %d", round);
+    }
+    works = works && lines->sync() && lines->lostLines() == 0;
+    both->exchange(recent);
+    OVRA_LOG_EVERY(1000000, ovra::log::INFO, "consumer", "kept %s", "line");
+    std::FILE* const dump = std::fopen(file.c_str(), "w+");
+    char text[100] = {};
+    works = works && dump != nullptr && recent->writeTo(fileno(dump));
+    if (dump != nullptr) {
+        std::rewind(dump);
+        works = works && std::fgets(text, sizeof text, dump) != nullptr &&
+                text == std::string("[consumer:INFO] kept line\n");
+        std::fclose(dump);
+    }
+    unlink(log.c_str());
     unlink(file.c_str());
     rmdir(directory.c_str());
     std::printf("ovra-extra: %s\n", works ? "works" : "does not work");
