@@ -88,6 +88,12 @@ long allocations() {
     return allocated;
 }
 
+bool countsAllocations() {
+    long const before = allocated;
+    std::free(std::malloc(1));
+    return allocated != before;
+}
+
 }  // namespace ovra::test
 
 using namespace ovra::test;

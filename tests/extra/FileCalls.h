@@ -32,8 +32,10 @@ public:
     int count(FileCall call) const;
 };
 
-/// Blocks of memory that the calling thread has asked for so far. Always 0 where a sanitizer has
-/// the heap.
+/// Blocks of memory that the calling thread has asked for so far, if `countsAllocations`.
 long allocations();
+
+/// False where a sanitizer has the heap, and under clang.
+bool countsAllocations();
 
 }  // namespace ovra::test
