@@ -8,6 +8,8 @@
 
 namespace ovra::extra {
 
+class LineRing;
+
 /// Keeps the last lines in memory of a fixed size, for a crash handler to write out.
 ///
 ///     more than `lines` lines        -> the oldest are overwritten
@@ -53,8 +55,7 @@ public:
     bool writeTo(int descriptor) const;
 
 private:
-    class Ring;
-    std::unique_ptr<Ring> const ring;
+    std::unique_ptr<LineRing> const ring;
 };
 
 }  // namespace ovra::extra
