@@ -222,6 +222,16 @@ extern "C" int ovraTest_fchmod(int descriptor, mode_t mode) {
                     [=] { return nextFunction<int(int, mode_t)>("fchmod")(descriptor, mode); });
 }
 
+extern "C" int ovraTest_fchown(int descriptor, uid_t user, gid_t group) asm("fchown");
+extern "C" int ovraTest_fchown(int descriptor, uid_t user, gid_t group) {
+    SystemCall call = onPath("fchown", descriptor, nullptr);
+    call.user = user;
+    call.group = group;
+    return observed(call, [=] {
+        return nextFunction<int(int, uid_t, gid_t)>("fchown")(descriptor, user, group);
+    });
+}
+
 extern "C" int ovraTest_flock(int descriptor, int operation) asm("flock");
 extern "C" int ovraTest_flock(int descriptor, int operation) {
     return observed(onPath("flock", descriptor, nullptr, operation),

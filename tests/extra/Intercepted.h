@@ -18,6 +18,8 @@ struct SystemCall {
     std::string bytes = {};    ///< What is written.
     int flags = 0;
     mode_t mode = 0;
+    uid_t user = 0;
+    gid_t group = 0;
     long result = 0;  ///< Known afterwards.
 };
 
