@@ -98,7 +98,8 @@ TEST(TimeStampTest, AForkedChildWritesTheTimeWhateverAnotherThreadWasWriting) {
             char stamp[TIME_STAMP_LENGTH];
             char expected[TIME_STAMP_LENGTH];
             // The second that the thread was changing to, or that from which it was changing.
-            std::int64_t const second = round % 2 == 0 ? current : 2 * FROM + 1 - current;
+            std::int64_t const next = current;
+            std::int64_t const second = round % 2 == 0 ? next : 2 * FROM + 1 - next;
             stamps.write(stamp, second, 7);
             writeTimeStamp(expected, second, 7);
             _exit(std::memcmp(stamp, expected, TIME_STAMP_LENGTH) == 0 ? 0 : 1);
