@@ -19,6 +19,7 @@ COMPILED = [
     "ovra/extra/SwitchLogHandler.cpp",
     "ovra/extra/internal/ForkCount.cpp",
     "ovra/extra/internal/ForkSafeLock.cpp",
+    "ovra/extra/internal/LineRing.cpp",
     "ovra/log/Log.cpp",
     "ovra/log/internal/VerbatimScope.cpp",
 ]
@@ -102,7 +103,7 @@ WATCHED = {
         ("2 * sizeof(int) + sizeof(Part)", "2 * sizeof(model::atomic<long>) + 64 + sizeof(Part)"),
         ("return alignof(SubmittedTask);", "return sizeof(SubmissionMemory);"),
     ],
-    "ovra/extra/RecentLinesLogHandler.cpp": [plain("std::size_t", "length", "0")],
+    "ovra/extra/internal/LineRing.h": [plain("std::size_t", "length", "0")],
 }
 
 
