@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <ovra/extra/internal/Descriptor.h>
+#include <ovra/extra/internal/ForkCount.h>
 
 namespace ovra::extra {
 
@@ -69,6 +70,7 @@ Outcome LockFile::tryLock() {
         return Outcome::REFUSED;
     }
     unlock();
+    countForks();
     return attempt([this] {
         for (int tries = 0; tries < MOST_TRIES; ++tries) {
             Descriptor file = openToLock(path);
@@ -85,6 +87,7 @@ Outcome LockFile::tryLock() {
             }
             if (isStillNamed(path, status)) {
                 owner = ::getpid();
+                forks = forkCount();
                 writeId(file, owner);
                 descriptor = file.release();
                 return true;
@@ -116,7 +119,7 @@ void LockFile::unlock() {
 }
 
 bool LockFile::isLocked() const {
-    return descriptor >= 0 && owner == ::getpid();
+    return descriptor >= 0 && owner == ::getpid() && forks == forkCount();
 }
 
 }  // namespace ovra::extra

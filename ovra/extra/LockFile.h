@@ -13,15 +13,22 @@ namespace ovra::extra {
 ///
 /// The lock belongs to this object, so that a second object on the same file, in this process or
 /// another, finds it held. The lock is advisory (flock(2)): it stops nobody who does not ask for
-/// it. While it is held, the file contains the id of the process, for people to read.
+/// it. While it is held, the file contains the id of the process, for people to read, unless the
+/// process may only read the file.
 ///
 /// *Ownership*: the lock ends with unlock(), with this object or with the process, however that
-/// ends. After `exec` the new program does not hold it. In a forked child this object does not hold
-/// the lock: unlock() and the destructor only close the child's copy of the descriptor, and leave
-/// the parent's lock. But while a child keeps that copy, the lock outlives a parent that ends
-/// without unlock(). The file itself stays, with the id of its last holder.
+/// ends. A program that the process executes does not hold it. The file itself stays, with the id
+/// of its last holder.
+///
+/// *After fork*: the parent holds the lock, the child does not. In the child, unlock() and the
+/// destructor only close a copy of the descriptor. If the parent ends without unlock(), the lock
+/// lasts until the child has closed its copy: by unlock(), by the destructor, by `exec` or when
+/// the child ends.
 ///
 /// *Threads*: Not thread-safe: the caller synchronises.
+///
+/// *Failure*: tryLock() returns the reason. Throws only `std::bad_alloc`, and then the lock is not
+/// taken.
 class OVRA_EXTRA_API LockFile {
 public:
     /// Touches nothing yet. tryLock() looks for a relative path in the current directory of that
@@ -55,7 +62,10 @@ public:
 private:
     std::string const path;
     int descriptor = -1;
-    std::int32_t owner = 0;  // The process that took the lock.
+    // The process that took the lock. A child can have the same id, in a namespace of its own, and
+    // one that was made without `fork` has the same count.
+    std::int32_t owner = 0;
+    std::uint32_t forks = 0;
 };
 
 }  // namespace ovra::extra

@@ -26,8 +26,8 @@
 ///
 ///     OVRA_LOG_EVERY(10000, ovra::log::WARNING, "net", "Cannot reach %s.", server);
 ///
-/// *Place*: in a template or an inline function each instantiation counts by itself, unless the
-/// linker makes one of several.
+/// *Place*: each place in the source counts by itself, and each instantiation of a template does.
+/// An inline function in a header counts once for each shared object that contains it.
 ///
 /// *Threads*: Thread-safe, takes no lock of its own. Of several lines at the same moment one goes
 /// out.
@@ -42,7 +42,8 @@ namespace ovra::extra {
 /// What `OVRA_LOG_EVERY` keeps for each place that uses it.
 ///
 /// *Threads*: Thread-safe. *Failure*: as `ovra::log::log`: a message that cannot be formatted is
-/// dropped in silence. `errno` is kept.
+/// dropped in silence; it begins a period all the same, and the next line says how many were held
+/// back before. `errno` is kept.
 class LogEvery {
 public:
     constexpr LogEvery() = default;
@@ -58,7 +59,9 @@ public:
         if (std::optional<unsigned long> const count = begin(milliseconds)) {
             std::va_list arguments;
             va_start(arguments, format);
-            logFormatted(level, tag, *count, format, arguments);
+            if (!logFormatted(level, tag, *count, format, arguments)) {
+                held[period.load() & 1].fetch_add(*count);  // The next line reports them.
+            }
             va_end(arguments);
         }
     }
@@ -88,7 +91,8 @@ private:
         return std::nullopt;
     }
 
-    static OVRA_PRINTF(4, 0) void logFormatted(log::LogLevel level, char const* tag,
+    // Returns whether the message could be formatted.
+    static OVRA_PRINTF(4, 0) bool logFormatted(log::LogLevel level, char const* tag,
                                                unsigned long heldBack, char const* format,
                                                std::va_list arguments) {
         struct Free {
@@ -104,6 +108,7 @@ private:
             log::log(level, tag, "%s", message.get());
         }
         errno = error;
+        return isFormatted;
     }
 
     // Twice the time when the present period ends, plus 0 or 1 in turn: the index of that period's

@@ -8,6 +8,8 @@
 
 namespace ovra::extra {
 
+class LineRing;
+
 /// Keeps the last lines in memory of a fixed size, for a crash handler to write out.
 ///
 ///     more than `lines` lines        -> the oldest are overwritten
@@ -19,12 +21,15 @@ namespace ovra::extra {
 /// bytes more each. Destroy the sink only when nobody logs to it or writes it out. If a signal
 /// handler uses it, keep it as long as the process lives.
 ///
-/// *Threads*: Thread-safe, without a lock and without waiting. A thread that is stopped in the
-/// middle of a line blocks the place of that line, and nothing else. While all `lines` places are
-/// blocked like that, or are being written out, new lines are dropped. A thread that was stopped
-/// until its line would have been overwritten anyway drops that line. After `fork` the child has
-/// the lines of the parent, except those that other threads were keeping at that moment. The place
-/// of a line that another thread was writing out at that moment stays taken in the child.
+/// *Threads*: Thread-safe. No call takes a lock or waits for another thread. There is a place for
+/// each of the `lines` lines, and a new line is dropped in two cases only:
+///
+///     each place, tried one after the other, is being filled or written out by another thread
+///     the thread is held up until `lines` later lines have been kept
+///
+/// *After fork*: the child has the lines of the parent, except those that other threads were
+/// keeping at that moment. If another thread was writing out a line, the child never uses the place
+/// of that line again.
 ///
 /// *Failure*: the constructor may throw `std::bad_alloc`. `errno` is kept.
 ///
@@ -43,13 +48,14 @@ public:
     /// and stops at the first failure. Blocks as `descriptor` does.
     ///
     /// Async-signal-safe, in the middle of `handleLogMessage` too. Left out are a line that is
-    /// being kept at that moment, one that is overwritten before its turn comes, and one that came
-    /// after the call. No line is a mixture of two.
+    /// being kept at that moment, one that is overwritten before its turn comes, one that came
+    /// after the call, and one that 15 other calls are writing out. No line is a mixture of two.
+    ///
+    /// A pipe whose reader has closed it raises SIGPIPE, as for any writer.
     bool writeTo(int descriptor) const;
 
 private:
-    class Ring;
-    std::unique_ptr<Ring> const ring;
+    std::unique_ptr<LineRing> const ring;
 };
 
 }  // namespace ovra::extra

@@ -20,16 +20,20 @@ namespace ovra::extra {
 /// Links on the way to `root` are followed. No link at `root` or below it is. Nobody can lead the
 /// removal out of the tree by putting a link in the place of a directory, or by moving a directory.
 /// A directory that is moved out while it is being emptied may be emptied further, and nothing
-/// around its new place is touched.
+/// around its new place is touched. What others put in the place of `root` meanwhile is removed as
+/// well.
 ///
 /// Mount points below `root` are not crossed: they stay, and with them the directories that they
 /// are in (`BUSY`). A directory on another device counts as a mount point. A mount point at `root`
-/// itself is emptied, and stays (`BUSY`).
+/// itself is emptied, and stays (`BUSY`). One mount point is not recognised, and is emptied: before
+/// Linux 5.8, in a directory that the process may not change, if it shows the device that `root`
+/// is on.
 ///
 /// *Limits*: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree
-/// is; the heap holds the names of the directories that are still to be removed. Paths may be
-/// longer than the system accepts. A directory to which others keep adding entries is given up
-/// after ten scans (`EXISTS`).
+/// is. The heap holds the names of the directories that are still to be removed, and about 100
+/// bytes for each level. The path of `root` may be as long as the system accepts; the paths below
+/// it may be longer. A directory to which others keep adding entries is given up after ten scans,
+/// and so is a `root` that others have replaced ten times (`EXISTS`).
 ///
 /// *Threads*: Thread-safe. Two calls that remove one tree at the same time help each other.
 ///

@@ -237,7 +237,7 @@ bool sync(std::string const& path) {
         return false;
     }
     Descriptor entry = openBelow(AT_FDCWD, path.c_str(), O_RDONLY | O_NONBLOCK);
-    if (!entry.isOpen() && errno == EACCES) {
+    if (!entry.isOpen() && errno == EACCES && S_ISREG(status.st_mode)) {
         entry = openBelow(AT_FDCWD, path.c_str(), O_WRONLY | O_NONBLOCK);
     }
     return entry.isOpen() && ::fstat(entry.get(), &status) == 0 && isSyncable(status.st_mode) &&

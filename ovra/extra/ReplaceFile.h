@@ -14,8 +14,9 @@ namespace ovra::extra {
 ///
 /// The new contents are written beside the file, as ".NAME.XXXXXX", where NAME is cut if the whole
 /// would be too long. That temporary file is made exclusively and has the mode 0600 until it is
-/// complete. It is synced and renamed over `file`; then the directory is synced. Only a process
-/// that ends in the middle can leave it behind.
+/// complete. It is synced and renamed over `file`; then the directory is synced. For a new file,
+/// an empty one of such a name is made and removed first: its mode says what the umask leaves. A
+/// temporary file stays if the process ends in the middle, or if the system refuses to remove it.
 ///
 ///     a regular file             -> replaced; its mode and owner are kept, see below
 ///     nothing                    -> made, with the mode 0666 less the umask
@@ -28,7 +29,8 @@ namespace ovra::extra {
 ///     a path with a NUL byte     -> REFUSED
 ///     empty contents             -> an empty file
 ///
-/// Other hard links to the old file keep the old contents. Access control lists and extended
+/// The file is a new one to the system: other hard links to the old file, and whoever has the old
+/// file open, keep the old contents. Access control lists and extended
 /// attributes of the old file are not kept. The owner and the group are kept as far as the process
 /// is allowed to give a file away; where they are not kept, the set-user-id and set-group-id bits
 /// are cleared.
@@ -36,7 +38,9 @@ namespace ovra::extra {
 /// *Threads*: Thread-safe. Two calls that replace one file at the same time leave the contents of
 /// one of them.
 ///
-/// *Failure*: the old file is untouched and the temporary file is removed. `DONE_NOT_SYNCED`: the
+/// *Failure*: the old file is untouched and the temporary file is removed. A limit on the size of
+/// files (`RLIMIT_FSIZE`) raises SIGXFSZ, which ends the process unless it is ignored; then the
+/// result is `FULL`. `DONE_NOT_SYNCED`: the
 /// new contents are in place, but the directory could not be opened or synced, so that a loss of
 /// power may bring the old contents back. A sync that fails is not tried again. Throws
 /// `std::bad_alloc`, and then nothing has changed.

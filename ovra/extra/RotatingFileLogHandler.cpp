@@ -1,8 +1,9 @@
 #include <ovra/extra/RotatingFileLogHandler.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdlib>
+#include <climits>
 #include <string>
 
 #include <ovra/extra/internal/KeptErrno.h>
@@ -23,18 +24,18 @@ std::string inDirectory(fs::FilePath const& file) {
     return isDirectory ? file.Resolve("ovra.log").Path() : file.Path();
 }
 
-// The target of a link: if the link itself were moved, the target would stay behind for ever.
-std::string resolved(std::string const& path) {
-    struct stat status;
-    if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
-        LogFile::open(path.c_str());  // Makes the target of a dangling link.
-        struct Free {
-            void operator()(char* text) const { std::free(text); }
-        };
-        std::unique_ptr<char, Free> const target(::realpath(path.c_str(), nullptr));
-        if (target) {
-            return target.get();
+// The target of a link, which need not exist yet: if the link itself were moved, the target would
+// stay behind for ever.
+std::string resolved(std::string path) {
+    constexpr int MOST_LINKS = 40;  // As many as the system follows.
+    char target[PATH_MAX];
+    for (int links = 0; links < MOST_LINKS; ++links) {
+        ssize_t const length = ::readlink(path.c_str(), target, sizeof target);
+        if (length <= 0) {
+            break;
         }
+        path.resize(*target == '/' ? 0 : path.rfind('/') + 1);
+        path.append(target, static_cast<std::size_t>(length));
     }
     return path;
 }

@@ -20,6 +20,7 @@ struct RotatingFileOptions {
     /// Whether each line begins with the time, as "2026-11-21T16:32:37.236Z " (UTC).
     bool stampTimes = true;
     /// A line at least as severe is on the disk when its call returns; `DISABLED`: no call waits.
+    /// If that fails, the next `sync` says so.
     log::LogLevel syncLevel = log::DISABLED;
 };
 
@@ -31,21 +32,32 @@ struct RotatingFileOptions {
 /// that share the file never mix lines. Nothing is allocated for a line.
 ///
 /// *The file*: made with mode 0640 less the umask, if it does not exist; its directory must. A
-/// directory -> "ovra.log" inside it. A link -> its target, as found when the sink is made.
-/// Anything but a regular file, and a path with a NUL byte, is refused without blocking, and the
-/// lines count as lost. Each opening looks for a relative path in the current directory of that
-/// moment. If an earlier run left the last line without its newline, that newline is written first.
+/// directory -> "ovra.log" inside it. A link -> its target, which need not exist yet, as found when
+/// the sink is made. Anything but a regular file, and a path with a NUL byte, is refused without
+/// blocking, and the lines count as lost. Each opening looks for a relative path in the current
+/// directory of that moment.
+///
+/// *Torn lines*: a full disk, or a loss of power, can tear a line. The next line begins with the
+/// newline that is missing, whether this sink or an earlier run left the torn line. If another
+/// process left it, this sink notices after a line of its own was lost, and with a cap at its next
+/// look at the size; until then a line may follow the torn one without a newline. Where the file
+/// may not be read, only what this sink has torn itself is known.
 ///
 /// *The cap*: a line that would take the file over `maxBytes` first moves "x.1" to "x.2" and so on,
-/// then x to "x.1"; the oldest is removed. The name after the last one, "x.3" where two are kept,
-/// is used for a moment: nothing stays there. What an earlier run left counts towards the size.
+/// then x to "x.1"; the oldest is removed. What an earlier run left counts towards the size.
 ///
 ///     an empty file                       -> not moved: a longer line goes out alone
 ///     the file cannot be moved            -> goes on in the same file; the others keep their names
 ///     it was moved, a new one cannot open -> goes on in the moved file
 ///     generations 0                       -> the file is removed and made again
-///     another process has moved it        -> the path is opened again
-///     somebody has removed it             -> the path is opened again
+///     another process has moved it        -> the path is opened again once a line no longer fits
+///     somebody has removed it             -> the path is opened again at the next look; where that
+///                                            fails, lines go into the removed file, not counted
+///
+/// Where several files are kept, the name after the last one, "x.3" for two, is used while the
+/// files are moved. A file of that name is lost. If the process is killed at that moment, or the
+/// oldest file cannot be removed, "x.3" stays until the next move. Files with higher numbers, which
+/// a run with more generations left, stay for ever.
 ///
 /// Several processes may share a capped file. Each notices what the others write at the next tick
 /// of the system's clock (after 10 ms at most), or earlier where space is short. Until then the
@@ -82,7 +94,13 @@ public:
     void requestReopen();
 
     /// Returns once every line written by this sink is on the disk, and so is the name of a new
-    /// file. False if that failed, or if no file is open. Other lines wait meanwhile.
+    /// file. Other lines wait meanwhile. If a file with lines of this sink was moved away or left
+    /// since the last call, everything on the file system is synced, which can take long.
+    ///
+    /// False if no file is open, if that failed, or if a sync for `syncLevel` has failed since the
+    /// last call. The system may report a loss only once: what was written before such a call may
+    /// be lost, and a later `true` stands for later lines only. Before Linux 5.8 the system does
+    /// not report what it could not write of files that were moved away.
     bool sync();
 
     /// Lines that could not be written, since construction.

@@ -13,8 +13,8 @@ struct Space {
     std::uint64_t totalBytes = 0;      ///< Of the whole file system.
     std::uint64_t freeBytes = 0;       ///< Includes those reserved for the superuser.
     std::uint64_t availableBytes = 0;  ///< What an ordinary user can still write.
-    std::uint64_t totalEntries = 0;    ///< 0 where the file system does not count them.
-    std::uint64_t freeEntries = 0;     ///< How many more files and directories can be made.
+    std::uint64_t totalEntries = 0;    ///< 0 where the file system counts none: btrfs, vfat.
+    std::uint64_t freeEntries = 0;     ///< Those that can still be made; 0 if `totalEntries` is 0.
     bool readOnly = false;             ///< Mounted for reading only.
 };
 

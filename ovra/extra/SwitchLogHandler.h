@@ -17,8 +17,10 @@ namespace ovra::extra {
 /// *Threads*: Thread-safe. The target is called with no lock held, by several threads at once: it
 /// serialises its own writes, and may call the switch. A line that began before an `exchange` may
 /// still reach the old target after it. After `fork` parent and child each have a switch of their
-/// own, also when another thread was inside a line at that moment. A switch that leads back to
-/// itself never returns.
+/// own, also when another thread was inside a line at that moment.
+///
+/// A switch that passes lines back to itself, directly or through other sinks, calls itself until
+/// the stack ends, and with it the process.
 ///
 /// *Failure*: what the target throws is passed on, to be discarded by `log`. Only `std::bad_alloc`
 /// is thrown by the switch itself, and by the constructor alone. `errno` is kept, as far as the

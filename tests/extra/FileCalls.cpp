@@ -78,13 +78,20 @@ int FileCalls::count(FileCall call) const {
 }
 
 char const* nameOf(FileCall call) {
-    static char const* const names[FILE_CALLS] = {"open",  "read",   "write",  "stat",  "lstat",
-                                                  "fstat", "rename", "unlink", "flock", "sync"};
+    static char const* const names[FILE_CALLS] = {"open",  "read",  "write",  "stat",
+                                                  "lstat", "fstat", "rename", "unlink",
+                                                  "flock", "sync",  "syncfs"};
     return names[static_cast<int>(call)];
 }
 
 long allocations() {
     return allocated;
+}
+
+bool countsAllocations() {
+    long const before = allocated;
+    std::free(std::malloc(1));
+    return allocated != before;
 }
 
 }  // namespace ovra::test
@@ -113,14 +120,15 @@ OVRA_HIDE(FileCall::READ, ssize_t, pread64, (int file, void* bytes, std::size_t 
           file, bytes, count, at)
 
 // A test that counts syncs does not wait for the disk.
-#define OVRA_HIDE_SYNC(function)                                          \
-    INTERPOSED int function(int file) {                                   \
-        static auto* const real = nextFunction<int(int)>(#function);      \
-        return fails(FileCall::SYNC) ? -1 : isWatched() ? 0 : real(file); \
+#define OVRA_HIDE_SYNC(call, function)                               \
+    INTERPOSED int function(int file) {                              \
+        static auto* const real = nextFunction<int(int)>(#function); \
+        return fails(call) ? -1 : isWatched() ? 0 : real(file);      \
     }
 
-OVRA_HIDE_SYNC(fdatasync)
-OVRA_HIDE_SYNC(fsync)
+OVRA_HIDE_SYNC(FileCall::SYNC, fdatasync)
+OVRA_HIDE_SYNC(FileCall::SYNC, fsync)
+OVRA_HIDE_SYNC(FileCall::SYNC_ALL, syncfs)
 
 INTERPOSED int openat64(int directory, char const* path, int flags, ...) {
     std::va_list arguments;

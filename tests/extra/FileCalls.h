@@ -6,8 +6,8 @@
 
 namespace ovra::test {
 
-enum class FileCall { OPEN, READ, WRITE, STAT, LSTAT, FSTAT, RENAME, UNLINK, LOCK, SYNC };
-inline constexpr int FILE_CALLS = 10;
+enum class FileCall { OPEN, READ, WRITE, STAT, LSTAT, FSTAT, RENAME, UNLINK, LOCK, SYNC, SYNC_ALL };
+inline constexpr int FILE_CALLS = 11;
 
 char const* nameOf(FileCall call);
 
@@ -32,8 +32,10 @@ public:
     int count(FileCall call) const;
 };
 
-/// Blocks of memory that the calling thread has asked for so far. Always 0 where a sanitizer has
-/// the heap.
+/// Blocks of memory that the calling thread has asked for so far, if `countsAllocations`.
 long allocations();
+
+/// False where a sanitizer has the heap, and under clang.
+bool countsAllocations();
 
 }  // namespace ovra::test

@@ -163,7 +163,7 @@ std::vector<Operation> others() {
          true},
         {"syncFile, of a directory",
          "DONE",
-         {memory, any(Call::STAT, "@"), any(Call::OPEN, "@|WRONG_KIND"), any(Call::SYNC, "@")},
+         {memory, any(Call::STAT, "@"), any(Call::OPEN, "@"), any(Call::SYNC, "@")},
          [] {
              auto const path = std::make_shared<FilePath>(tree().at("directory"));
              return Action([path] { return shown(extra::syncFile(*path)); });

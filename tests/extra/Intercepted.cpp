@@ -171,6 +171,9 @@ extern "C" int ovraTest_statx(int directory, char const* path, int flags, unsign
         if (observer != nullptr && observer->hidesMounts) {
             static_cast<struct statx*>(status)->stx_attributes = 0;
         }
+        if (observer != nullptr && observer->sharesNumbers) {
+            static_cast<struct statx*>(status)->stx_ino = 1;
+        }
         return result;
     });
 }
@@ -217,6 +220,16 @@ extern "C" int ovraTest_fchmod(int descriptor, mode_t mode) asm("fchmod");
 extern "C" int ovraTest_fchmod(int descriptor, mode_t mode) {
     return observed(onPath("fchmod", descriptor, nullptr, 0, mode),
                     [=] { return nextFunction<int(int, mode_t)>("fchmod")(descriptor, mode); });
+}
+
+extern "C" int ovraTest_fchown(int descriptor, uid_t user, gid_t group) asm("fchown");
+extern "C" int ovraTest_fchown(int descriptor, uid_t user, gid_t group) {
+    SystemCall call = onPath("fchown", descriptor, nullptr);
+    call.user = user;
+    call.group = group;
+    return observed(call, [=] {
+        return nextFunction<int(int, uid_t, gid_t)>("fchown")(descriptor, user, group);
+    });
 }
 
 extern "C" int ovraTest_flock(int descriptor, int operation) asm("flock");

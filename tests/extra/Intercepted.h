@@ -18,6 +18,8 @@ struct SystemCall {
     std::string bytes = {};    ///< What is written.
     int flags = 0;
     mode_t mode = 0;
+    uid_t user = 0;
+    gid_t group = 0;
     long result = 0;  ///< Known afterwards.
 };
 
@@ -42,6 +44,9 @@ public:
 
     /// Nothing says that it is a mount point, as on systems before Linux 5.8.
     bool hidesMounts = false;
+
+    /// All entries have the same number.
+    bool sharesNumbers = false;
 
     /// A directory ends after so many entries.
     int mostEntries = 1 << 30;

@@ -177,6 +177,60 @@ TEST_F(LockFileTest, AForkedChildTakesTheLockWhenItIsFree) {
     EXPECT_EQ(tryByAnother(), Outcome::DONE);
 }
 
+TEST_F(LockFileTest, AChildThatNoHandlerKnowsOfLeavesTheLockOfItsParent) {
+    LockFile lock(at("lock"));
+    EXPECT_EQ(tryLock(lock), Outcome::DONE);
+    pid_t const child = _Fork();
+    if (child == 0) {
+        bool const isLocked = lock.isLocked();
+        lock.unlock();
+        _exit(isLocked ? 1 : 0);
+    }
+    int status = 1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(tryByAnother(), Outcome::BUSY);
+}
+
+// In a container, a service can be process 1, and so can what it starts in a container below.
+TEST_F(LockFileTest, AForkedChildWithTheSameIdLeavesTheLockOfItsParent) {
+    constexpr int MAY_NOT = 77;
+    // Runs `work` in a child that is process 1 to itself; returns its exit status.
+    auto const asProcessOne = [](auto const& work) {
+        if (unshare(CLONE_NEWPID) != 0) {
+            return MAY_NOT;
+        }
+        pid_t const child = fork();
+        if (child == 0) {
+            _exit(work());
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    };
+    pid_t const tester = fork();
+    if (tester == 0) {
+        _exit(asProcessOne([&] {
+            LockFile lock(at("lock"));
+            bool const isTaken = getpid() == 1 && lock.tryLock() == Outcome::DONE;
+            int const inChild = asProcessOne([&] {
+                bool const isSame = getpid() == 1;
+                bool const isHeld = lock.isLocked();
+                lock.unlock();
+                return isSame && !isHeld ? 0 : 2;
+            });
+            bool const isKept = lock.isLocked() && tryByAnother() == Outcome::BUSY;
+            return inChild == MAY_NOT ? MAY_NOT : !isTaken ? 3 : !isKept ? 4 : inChild;
+        }));
+    }
+    int status = 0;
+    waitpid(tester, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == MAY_NOT) {
+        GTEST_SKIP() << "Needs to make a namespace of processes.";
+    }
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(LockFileTest, AProgramThatIsExecutedDoesNotKeepIt) {
     int started[2];
     int end[2];

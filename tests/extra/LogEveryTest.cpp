@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cwchar>
 #include <limits>
 #include <memory>
 #include <thread>
@@ -156,6 +157,22 @@ TEST_F(LogEveryTest, IsAStatementThatEvaluatesItsArgumentsOnceAndKeepsErrno) {
     EXPECT_EQ(errno, EXDEV);
     EXPECT_EQ(evaluated, 2);
     EXPECT_THAT(taken(), ElementsAre("[tag:INFO] 1"));
+}
+
+TEST_F(LogEveryTest, AMessageThatCannotBeFormattedLosesNoCount) {
+    constexpr std::wint_t NO_CHARACTER = 0xd800;
+    LogEvery place;
+    auto const line = [&] { place.log(100, log::INFO, "tag", "a line"); };
+    line();
+    line();
+    line();
+    clockMs += 100;
+    place.log(100, log::INFO, "tag", "%lc", NO_CHARACTER);
+    EXPECT_THAT(taken(), ElementsAre("[tag:INFO] a line"));
+    line();
+    clockMs += 100;
+    line();
+    EXPECT_THAT(taken(), ElementsAre("[tag:INFO] a line (and 3 more like it)"));
 }
 
 TEST_F(LogEveryTest, OneOfEightThreadsLogsAndTheOthersAreCounted) {

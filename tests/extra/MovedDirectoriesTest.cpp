@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <functional>
@@ -20,6 +21,7 @@
 #include <tests/support/Contained.h>
 
 #include <tests/extra/Intercepted.h>
+#include <tests/extra/Mounted.h>
 
 namespace ovra::extra {
 
@@ -28,6 +30,7 @@ namespace {
 using namespace ovra::fs::test;
 using test::Intercepted;
 using test::SystemCall;
+using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
 constexpr int DEPTH = 14;  // More than are kept open.
@@ -77,6 +80,8 @@ protected:
         ASSERT_FALSE(entryExists(at(name)));
     }
 
+    bool sharesNumbers = false;
+
     /// Removes the tree once for every call that this takes, and calls `meddle` before that call.
     /// Returns how often `meddle` did something.
     int meddleEverywhere(std::function<bool()> const& meddle,
@@ -88,6 +93,7 @@ protected:
             Outcome outcome;
             {
                 Intercepted calls;
+                calls.sharesNumbers = sharesNumbers;
                 int made = 0;
                 isReached = false;
                 calls.before = [&](SystemCall const&) {
@@ -174,19 +180,97 @@ TEST_F(MovedDirectoriesTest, WhatIsMovedWithinTheTreeIsRemovedThere) {
     EXPECT_GT(effects, 20);
 }
 
-TEST_F(MovedDirectoriesTest, ARootThatIsMovedIsNotLookedForElsewhere) {
-    int const effects = meddleEverywhere(
+// The root is not looked for elsewhere: what has its name then is removed.
+TEST_F(MovedDirectoriesTest, WhatTakesTheNameOfTheRootIsRemoved) {
+    std::function<void()> const replacements[] = {
+        [&] { EXPECT_EQ(symlink(at("outside").c_str(), at("t").c_str()), 0); },
+        [&] { writeFile(at("t")); },
         [&] {
-            bool const isMoved = rename(at("t").c_str(), at("outside/moved").c_str()) == 0;
-            return isMoved && symlink(at("outside").c_str(), at("t").c_str()) == 0;
+            makeDirectory(at("t"));
+            makeDirectory(at("t/d"));
+            writeFile(at("t/d/new"));
         },
-        [&](Outcome) {
-            clear("outside/moved");
-            if (entryExists(at("t"))) {
-                EXPECT_EQ(linkContents(at("t")), at("outside"));
-            }
-        });
-    EXPECT_GT(effects, 20);
+        [] {},
+    };
+    for (auto const& replace : replacements) {
+        int const effects = meddleEverywhere(
+            [&] {
+                bool const isMoved = rename(at("t").c_str(), at("outside/moved").c_str()) == 0;
+                if (isMoved) {
+                    replace();
+                }
+                return isMoved;
+            },
+            [&](Outcome outcome) {
+                // Nothing was there at the first look.
+                bool const isMissing = outcome == Outcome::MISSING;
+                EXPECT_TRUE(isMissing || outcome == Outcome::DONE) << outcomeName(outcome);
+                EXPECT_FALSE(entryExists(at("t")));
+                clear("outside/moved");
+            });
+        EXPECT_GT(effects, 20);
+    }
+}
+
+TEST_F(MovedDirectoriesTest, GivesUpOnARootThatOthersKeepReplacing) {
+    makeDirectory(at("t"));
+    writeFile(at("t/f"));
+    Intercepted calls;
+    int replaced = 0;
+    calls.before = [&](SystemCall const& call) {
+        // Just before the root, emptied by then, is removed.
+        if (call.name == "unlinkat" && call.path == "t" && namesIn(at("t")).empty()) {
+            EXPECT_EQ(rename(at("t").c_str(), at("outside/" + std::to_string(replaced)).c_str()),
+                      0);
+            makeDirectory(at("t"));
+            writeFile(at("t/f"));
+            ++replaced;
+        }
+        return 0;
+    };
+    EXPECT_EQ(removeTree(at("t")), Outcome::EXISTS);
+    EXPECT_EQ(replaced, 10);
+    EXPECT_TRUE(entryExists(at("t/f")));
+}
+
+TEST_F(MovedDirectoriesTest, ARootThatIsADirectoryAgainIsRemovedAsOne) {
+    makeDirectory(at("t"));
+    writeFile(at("t/f"));
+    Intercepted calls;
+    int tries = 0;
+    calls.before = [&](SystemCall const& call) {
+        if (call.name == "unlinkat" && call.path == "t" && ++tries == 1) {
+            rename(at("t").c_str(), at("outside/moved").c_str());
+            makeLink(at("outside"), at("t"));
+        } else if (call.name == "unlinkat" && call.path == "t" && tries == 2) {
+            EXPECT_EQ(call.flags, 0);
+            unlink(at("t").c_str());
+            rename(at("outside/moved").c_str(), at("t").c_str());
+        }
+        return 0;
+    };
+    EXPECT_EQ(removeTree(at("t")), Outcome::DONE);
+    EXPECT_GT(tries, 2);
+    EXPECT_FALSE(entryExists(at("t")));
+    expectOutsideWhole();
+}
+
+// The process runs out of descriptors just when it looks whether the root is still there.
+TEST_F(MovedDirectoriesTest, IsNeverDoneWhileTheRootStands) {
+    makeDirectory(at("t"));
+    writeFile(at("t/f"));
+    Intercepted calls;
+    bool isScanned = false;
+    calls.before = [&](SystemCall const& call) {
+        if (call.name == "unlinkat" && call.path == "f") {
+            isScanned = true;
+        } else if (call.name == "unlinkat" && call.path == "t" && isScanned) {
+            writeFile(at("t/new"));
+        }
+        return isScanned && call.name == "openat" ? EMFILE : 0;
+    };
+    EXPECT_EQ(removeTree(at("t")), Outcome::NO_DESCRIPTORS);
+    EXPECT_TRUE(entryExists(at("t/new")));
 }
 
 TEST_F(MovedDirectoriesTest, NewEntriesAreRemovedAsWell) {
@@ -253,6 +337,77 @@ TEST_F(MovedDirectoriesTest, MountPointsOfTheSameDeviceAreNotCrossedOnOlderSyste
     expectOutsideWhole();
     ASSERT_EQ(umount2(point.c_str(), MNT_DETACH), 0);
     EXPECT_EQ(removeTree(at("t")), Outcome::DONE);
+}
+
+// The usual system of a device: nothing of the tree has been written to since the system was built.
+TEST_F(MovedDirectoriesTest, ATreeOnAnOverlayIsRemoved) {
+    if (!ovra::test::hasOwnRoot()) {
+        GTEST_SKIP() << "an ordinary user may not mount";
+    }
+    makeDirectory(at("below"));
+    makeDirectory(at("above"));
+    makeDirectory(at("view"));
+    for (bool const isFilledEverywhere : {true, false}) {
+        Mounted const below("below", at("below"), "tmpfs", 0);
+        Mounted const above("above", at("above"), "tmpfs", 0);
+        makeDirectory(at("above/upper"));
+        makeDirectory(at("above/work"));
+        std::string path = at("below/t");
+        for (int number = 0; number < 3 * DEPTH; ++number) {
+            makeDirectory(path);
+            if (isFilledEverywhere || number == 3 * DEPTH - 1) {
+                writeFile(path + "/f");
+            }
+            path += "/d";
+        }
+        std::string const options = "lowerdir=" + at("below") + ",upperdir=" + at("above/upper") +
+                                    ",workdir=" + at("above/work");
+        if (mount("overlay", at("view").c_str(), "overlay", 0, options.c_str()) != 0) {
+            GTEST_SKIP() << "no overlay can be mounted";
+        }
+        {
+            Intercepted calls;
+            EXPECT_EQ(removeTree(at("view/t")), Outcome::DONE);
+            auto const opened = [&](char const* name) {
+                return std::count_if(calls.calls().begin(), calls.calls().end(),
+                                     [&](SystemCall const& call) {
+                                         return call.name == "openat" && call.path == name;
+                                     });
+            };
+            EXPECT_EQ(opened("t"), 1);              // Does not take it for another directory,
+            EXPECT_LE(opened("d"), 3 * 3 * DEPTH);  // and goes down again once, not for each level.
+        }
+        EXPECT_THAT(namesIn(at("view")), ElementsAre());
+        EXPECT_THAT(namesIn(at("below/t")), ::testing::Contains("d"));
+        ASSERT_EQ(umount2(at("view").c_str(), MNT_DETACH), 0);
+    }
+}
+
+// A directory can have the number that another one had before it.
+TEST_F(MovedDirectoriesTest, ADirectoryWithTheSameNumberIsDistinguishedByItsBirth) {
+    auto const birthOf = [](std::string const& path) {
+        struct statx status = {};
+        EXPECT_EQ(statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &status), 0);
+        bool const isKnown = (status.stx_mask & STATX_BTIME) != 0;
+        return isKnown ? status.stx_btime.tv_sec * 1000000000 + status.stx_btime.tv_nsec : 0;
+    };
+    auto const outside = birthOf(at("outside"));
+    if (outside == 0) {
+        GTEST_SKIP() << "the file system keeps no time of birth";
+    }
+    for (auto born = outside; born == outside; born = birthOf(at("later"))) {
+        rmdir(at("later").c_str());
+        makeDirectory(at("later"));  // By the same tick of the clock, at first.
+    }
+    sharesNumbers = true;
+    int const effects =
+        meddleEverywhere([&] { return rename(level(5).c_str(), at("outside/moved").c_str()) == 0; },
+                         [&](Outcome outcome) {
+                             EXPECT_EQ(outcome, Outcome::DONE) << outcomeName(outcome);
+                             EXPECT_FALSE(entryExists(at("t")));
+                             clear("outside/moved");
+                         });
+    EXPECT_GT(effects, 20);
 }
 
 // Never more, whatever is moved: the directories that are open, counted at every call.

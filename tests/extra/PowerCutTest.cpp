@@ -2,6 +2,7 @@
 // beginning of them is replayed on a disk that forgets what was not synced, in every combination.
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <map>
@@ -33,9 +34,12 @@ constexpr int OLD_FILE = -100;  // Instead of a descriptor: what was there befor
 struct Stored {
     std::string bytes;
     mode_t mode = 0;
+    uid_t user = 0;
+    gid_t group = 0;
 
     friend bool operator==(Stored const& left, Stored const& right) {
-        return left.bytes == right.bytes && left.mode == right.mode;
+        return left.bytes == right.bytes && left.mode == right.mode && left.user == right.user &&
+               left.group == right.group;
     }
 };
 
@@ -48,6 +52,9 @@ struct Change {
     std::string bytes;
     mode_t mode = 0;
     bool setsMode = false;
+    uid_t user = 0;
+    gid_t group = 0;
+    bool setsOwner = false;
 
     bool isOfDirectory() const { return !name.empty() || !oldName.empty(); }
 };
@@ -71,12 +78,18 @@ public:
         if (call.name == "openat" && (call.flags & O_CREAT) != 0) {
             int const file = static_cast<int>(call.result);
             sizes[file] = 0;
-            files[file] = Stored{"", call.mode};
+            files[file] = Stored{"", call.mode, geteuid(), getegid()};
             pending.push_back({file, call.path, "", 0, "", 0, false});
         } else if (call.name == "write") {
             addWrite(call);
         } else if (call.name == "fchmod") {
             pending.push_back({call.descriptor, "", "", 0, "", call.mode, true});
+        } else if (call.name == "fchown") {
+            Change change = {call.descriptor, "", "", 0, "", 0, false};
+            change.user = call.user;
+            change.group = call.group;
+            change.setsOwner = true;
+            pending.push_back(change);
         } else if (call.name == "fsync") {
             sync(call.descriptor);
         } else if (call.name == "renameat") {
@@ -148,6 +161,11 @@ private:
             file.mode = change.mode;
             return;
         }
+        if (change.setsOwner) {
+            file.user = change.user != static_cast<uid_t>(-1) ? change.user : file.user;
+            file.group = change.group;
+            return;
+        }
         if (file.bytes.size() < change.offset + change.bytes.size()) {
             file.bytes.resize(change.offset + change.bytes.size());
         }
@@ -160,6 +178,10 @@ private:
     std::map<int, std::size_t> sizes;
     std::vector<Change> pending;
 };
+
+Stored mine(std::string const& bytes, mode_t mode) {
+    return {bytes, mode, geteuid(), getegid()};
+}
 
 class PowerCutTest : public TemporaryDirectoryTest {
 protected:
@@ -223,24 +245,24 @@ TEST_F(PowerCutTest, LeavesTheOldContentsOrTheNew) {
     writeFile(at("f"), "old contents");
     setPermissions(at("f"), 0640);
     auto const calls = record(at("f"), "new", Outcome::DONE);
-    cutEverywhere(calls, "f", Stored{"old contents", 0640}, Stored{"new", 0640});
+    cutEverywhere(calls, "f", mine("old contents", 0640), mine("new", 0640));
 }
 
 TEST_F(PowerCutTest, LeavesTheOldContentsOrTheNewOfSeveralWrites) {
     writeFile(at("f"), "old");
     auto const calls = record(at("f"), "0123456789", Outcome::DONE);
-    cutEverywhere(calls, "f", Stored{"old", 0644}, Stored{"0123456789", 0644});
+    cutEverywhere(calls, "f", mine("old", 0644), mine("0123456789", 0644));
 }
 
 TEST_F(PowerCutTest, LeavesTheOldContentsOrNone) {
     writeFile(at("f"), "old");
     auto const calls = record(at("f"), "", Outcome::DONE);
-    cutEverywhere(calls, "f", Stored{"old", 0644}, Stored{"", 0644});
+    cutEverywhere(calls, "f", mine("old", 0644), mine("", 0644));
 }
 
 TEST_F(PowerCutTest, LeavesNoFileOrTheNewOne) {
     auto const calls = record(at("f"), "new", Outcome::DONE);
-    cutEverywhere(calls, "f", std::nullopt, Stored{"new", 0644});
+    cutEverywhere(calls, "f", std::nullopt, mine("new", 0644));
 }
 
 TEST_F(PowerCutTest, LeavesTheTargetOfALinkOldOrNew) {
@@ -248,7 +270,22 @@ TEST_F(PowerCutTest, LeavesTheTargetOfALinkOldOrNew) {
     writeFile(at("d/f"), "old");
     makeLink("d/f", at("link"));
     auto const calls = record(at("link"), "new", Outcome::DONE);
-    cutEverywhere(calls, "f", Stored{"old", 0644}, Stored{"new", 0644});
+    cutEverywhere(calls, "f", mine("old", 0644), mine("new", 0644));
+}
+
+// Another user's file, which the superuser replaces.
+TEST_F(PowerCutTest, LeavesTheOldFileOrTheNewWithTheOwnerOfTheOld) {
+    if (!isSuperuser()) {
+        GTEST_SKIP() << "an ordinary user may not give files away";
+    }
+    writeFile(at("f"), "old");
+    ASSERT_EQ(chown(at("f").c_str(), 65534, 65533), 0);
+    setPermissions(at("f"), 06755);
+    auto const calls = record(at("f"), "new", Outcome::DONE);
+    cutEverywhere(calls, "f", Stored{"old", 06755, 65534, 65533},
+                  Stored{"new", 06755, 65534, 65533});
+    EXPECT_EQ(statusOf(at("f")).st_uid, 65534u);
+    EXPECT_EQ(permissionsOf(at("f")), 06755u);
 }
 
 // The same, whichever call fails.
@@ -270,8 +307,8 @@ TEST_F(PowerCutTest, LeavesTheOldContentsOrTheNewWhicheverCallFails) {
         bool const isDone = outcome == Outcome::DONE;
         bool const isNew = isDone || outcome == Outcome::DONE_NOT_SYNCED;
         calls.before = nullptr;
-        cutEverywhere(withEachDescriptorUsedOnce(calls.calls()), "f", Stored{"old", 0644},
-                      Stored{"012345", 0644}, isDone);
+        cutEverywhere(withEachDescriptorUsedOnce(calls.calls()), "f", mine("old", 0644),
+                      mine("012345", 0644), isDone);
         EXPECT_EQ(readFile(at("f")), isNew ? "012345" : "old");
         EXPECT_THAT(namesIn(root), ElementsAre("f"));
     }

@@ -1,8 +1,8 @@
-// What becomes of lines when the system fails: each kind of call, each time it is made, with each
-// error, once and from then on.
+// What becomes of lines when the system fails.
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -100,7 +100,9 @@ TEST_F(RotatingFileFaultTest, CountsTheLineWhoseReportCannotBeWritten) {
     {
         FileCalls calls;  // There is space for the report, and then no more.
         int writes = 0;
-        calls.onCall = [&](FileCall) { return ++writes > 1 ? ENOSPC : 0; };
+        calls.onCall = [&](FileCall call) {
+            return call == FileCall::WRITE && ++writes > 1 ? ENOSPC : 0;
+        };
         put(sink, "lost too");
     }
     put(sink, "whole");
@@ -128,6 +130,63 @@ TEST_F(RotatingFileFaultTest, TakesAWriteOfNothingForAFailure) {
     put(sink, "lost");
     EXPECT_EQ(sink.lostLines(), 1u);
     EXPECT_EQ(calls.count(FileCall::WRITE), 1);
+}
+
+// The disk is full, and has space for a piece of the other's line only.
+TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornOnceItHasLostOne) {
+    for (bool const isTornFirst : {false, true}) {
+        writeFile(path, "");
+        RotatingFileLogHandler sink(path, plain());
+        RotatingFileLogHandler other(path, plain());
+        auto const tear = [&] {
+            FileCalls calls;
+            int writes = 0;
+            calls.onCall = [&](FileCall) { return ++writes > 1 ? ENOSPC : 0; };
+            calls.onWrite = [](std::size_t) { return std::size_t{4}; };
+            put(other, "torn line");
+        };
+        auto const lose = [&] {
+            FileCalls calls;
+            calls.onCall = [](FileCall) { return ENOSPC; };
+            put(sink, "lost");
+        };
+        if (isTornFirst) {
+            tear();
+            lose();
+        } else {
+            lose();
+            tear();
+        }
+        put(sink, "whole");
+        put(other, "whole too");  // Ended by now: no second newline.
+        EXPECT_EQ(contentOf(path),
+                  "torn\n[ovra:WARNING] 1 lines lost\nwhole\n[ovra:WARNING] 1 lines lost\n"
+                  "whole too\n");
+    }
+}
+
+TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornWhenItLooksAtTheSize) {
+    RotatingFileLogHandler sink(path, plain(100));
+    put(sink, "first");
+    std::ofstream(path, std::ios::app) << "torn";
+    // More than a quarter of what was left: looks before, whatever the clock says.
+    put(sink, std::string(60, 'x'));
+    EXPECT_EQ(contentOf(path), "first\ntorn\n" + std::string(60, 'x') + "\n");
+}
+
+// Nobody can know the end of such a file, and a newline that is not needed would be an empty line.
+TEST_F(RotatingFileFaultTest, LeavesATornLineWhereItMayNotRead) {
+    writeFile(path, "torn ");
+    FileCalls calls;
+    int opens = 0;
+    calls.onCall = [&](FileCall call) {
+        return (call == FileCall::OPEN && ++opens == 1) ? EACCES
+               : call == FileCall::READ                 ? EBADF
+                                                        : 0;
+    };
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "a line");
+    EXPECT_EQ(contentOf(path), "torn a line\n");
 }
 
 TEST_F(RotatingFileFaultTest, AppendsWithoutReadingWhereItMayNotRead) {
@@ -255,6 +314,19 @@ TEST_F(RotatingFileFaultTest, SaysThatASyncFailed) {
     }
 }
 
+TEST_F(RotatingFileFaultTest, SaysThatTheFilesItHasLeftCannotBeSynced) {
+    RotatingFileLogHandler sink(path, plain(8, 5));
+    put(sink, "line 1");
+    put(sink, "line 2");
+    FileCalls calls;
+    calls.onCall = [](FileCall call) { return call == FileCall::SYNC_ALL ? EIO : 0; };
+    EXPECT_FALSE(sink.sync());
+    EXPECT_EQ(calls.count(FileCall::SYNC), 2);  // What can be synced is.
+    EXPECT_FALSE(sink.sync());
+    calls.onCall = nullptr;
+    EXPECT_TRUE(sink.sync());
+}
+
 TEST_F(RotatingFileFaultTest, LosesNoLineToASyncThatFails) {
     RotatingFileOptions options = plain();
     options.syncLevel = log::VERBOSE;
@@ -265,139 +337,10 @@ TEST_F(RotatingFileFaultTest, LosesNoLineToASyncThatFails) {
     put(sink, "another");
     EXPECT_EQ(contentOf(path), "a line\nanother\n");
     EXPECT_EQ(sink.lostLines(), 0u);
-}
-
-// --- every call, in turn
-
-struct Fault {
-    int position;  // Of all calls, from 1.
-    int error;     // 0: a short write.
-    bool isLasting;
-};
-
-std::vector<int> const& errorsOf(FileCall call) {
-    static std::vector<int> const ofWrite = {0, EINTR, ENOSPC, EDQUOT, EIO, EFBIG, EBADF};
-    static std::vector<int> const ofLook = {EINTR, EIO, EACCES, ENOMEM};  // ENOENT is an answer.
-    static std::vector<int> const ofOthers = {EINTR,  EIO,    EACCES, ENOSPC, EMFILE,
-                                              ENOMEM, ENOENT, EROFS,  EEXIST};
-    return call == FileCall::WRITE ? ofWrite : call == FileCall::LSTAT ? ofLook : ofOthers;
-}
-
-// Writes lines into a capped file, under the fault, and then some without it. Returns how many
-// calls there were. What must hold whatever fails: each line is whole and at its place, or counted.
-int run(std::string const& path, Fault const* fault, std::vector<FileCall>& calls) {
-    constexpr int LINES = 12;
-    for (std::string const& file : filesOf(path)) {
-        std::filesystem::remove(file);
-    }
-    writeFile(path, "earlier\n");
-    RotatingFileOptions options = plain(24, 20);
-    options.syncLevel = log::ERROR;
-    std::uint64_t lost = 0;
-    std::string const what =
-        fault == nullptr
-            ? "no fault"
-            : std::string(nameOf(calls[static_cast<std::size_t>(fault->position - 1)])) +
-                  ", call " + std::to_string(fault->position) +
-                  (fault->isLasting ? " and on: " : ": ") + std::strerror(fault->error);
-    {
-        FileCalls watched;
-        FileCall struck = FileCall::OPEN;
-        bool isStruck = false;
-        int interruptions = 3;
-        if (fault != nullptr) {
-            watched.onCall = [&](FileCall call) {
-                if (static_cast<int>(watched.made.size()) == fault->position) {
-                    isStruck = true;
-                    struck = call;
-                } else if (!isStruck || !fault->isLasting || call != struck) {
-                    return 0;
-                }
-                return fault->error != EINTR || interruptions-- > 0 ? fault->error : 0;
-            };
-            watched.onWrite = [&](std::size_t count) {
-                bool const isHit =
-                    fault->error == 0 && isStruck && struck == FileCall::WRITE &&
-                    (fault->isLasting || static_cast<int>(watched.made.size()) == fault->position);
-                return isHit && count > 1 ? count - 1 : count;
-            };
-        }
-        RotatingFileLogHandler sink(path, options);
-        for (int line = 0; line < LINES; ++line) {
-            put(sink, "line " + std::to_string(line), line % 4 == 0 ? log::ERROR : log::INFO);
-            if (line == LINES / 2) {
-                sink.requestReopen();
-            }
-        }
-        if (fault == nullptr) {
-            calls = watched.made;
-        }
-        watched.onCall = nullptr;
-        watched.onWrite = nullptr;
-        put(sink, "after");
-        lost = sink.lostLines();
-    }
-    std::vector<std::string> const lines = allLinesOf(path);
-    EXPECT_FALSE(lines.empty()) << what;
-    int next = 0;
-    std::uint64_t reported = 0;
-    std::uint64_t missing = 0;
-    bool isAfterSeen = false;
-    for (std::string const& line : lines) {
-        unsigned long count = 0;
-        int number = 0;
-        int end = 0;
-        if (line == "earlier") {
-            EXPECT_EQ(next, 0) << what;
-        } else if (line == "after") {
-            isAfterSeen = true;
-        } else if (std::sscanf(line.c_str(), "[ovra:WARNING] %lu lines lost%n", &count, &end) ==
-                       1 &&
-                   end == static_cast<int>(line.size())) {
-            reported += count;
-        } else if (std::sscanf(line.c_str(), "line %d%n", &number, &end) == 1 &&
-                   end == static_cast<int>(line.size())) {
-            EXPECT_GE(number, next) << what;
-            missing += static_cast<std::uint64_t>(number - next);
-            next = number + 1;
-        } else {
-            ADD_FAILURE() << what << ": a line that nobody wrote: '" << line << "'";
-        }
-    }
-    missing += static_cast<std::uint64_t>(LINES - next);
-    EXPECT_TRUE(isAfterSeen) << what;
-    EXPECT_EQ(missing, lost) << what;
-    EXPECT_EQ(reported, lost) << what;
-    FileCall const failing =
-        fault == nullptr ? FileCall::READ : calls[static_cast<std::size_t>(fault->position - 1)];
-    bool const isPassing = fault == nullptr || fault->error == EINTR || fault->error == 0;
-    bool const mayLose = failing == FileCall::FSTAT ||
-                         (!isPassing && (failing == FileCall::WRITE || failing == FileCall::OPEN));
-    EXPECT_TRUE(lost == 0 || mayLose) << what << " loses " << lost;
-    return static_cast<int>(calls.size());
-}
-
-TEST_F(RotatingFileFaultTest, EachLineIsThereOrCountedWhicheverCallFails) {
-    std::vector<FileCall> calls;
-    run(path, nullptr, calls);
-    ASSERT_EQ(allLinesOf(path).size(), 14u);
-    for (FileCall const call :
-         {FileCall::OPEN, FileCall::READ, FileCall::WRITE, FileCall::STAT, FileCall::LSTAT,
-          FileCall::FSTAT, FileCall::RENAME, FileCall::LOCK, FileCall::SYNC}) {
-        EXPECT_GT(std::count(calls.begin(), calls.end(), call), 0) << nameOf(call);
-    }
-    std::vector<FileCall> const undisturbed = calls;
-    for (std::size_t position = 1; position <= undisturbed.size(); ++position) {
-        for (int const error : errorsOf(undisturbed[position - 1])) {
-            for (bool const isLasting : {false, true}) {
-                Fault const fault = {static_cast<int>(position), error, isLasting};
-                run(path, &fault, calls);
-            }
-        }
-        if (HasFailure()) {
-            break;
-        }
-    }
+    // Only this call can say so.
+    calls.onCall = nullptr;
+    EXPECT_FALSE(sink.sync());
+    EXPECT_TRUE(sink.sync());
 }
 
 }  // namespace

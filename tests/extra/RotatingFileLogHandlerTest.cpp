@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Bounded.h>
 
 #include <tests/extra/FileCalls.h>
@@ -124,6 +125,32 @@ TEST_F(RotatingFileLogHandlerTest, AddsToTheTargetOfALinkAndMovesThatTarget) {
     }
 }
 
+// As where the disk is mounted only later.
+TEST_F(RotatingFileLogHandlerTest, FollowsALinkWhoseTargetCannotBeMadeYet) {
+    std::filesystem::create_directory(directory.path("links"));
+    std::string const volume = directory.path("volume");
+    std::filesystem::create_symlink(volume + "/x", directory.path("links/inner"));
+    std::filesystem::create_symlink("links/inner", path);
+    RotatingFileLogHandler sink(path, plain(10));
+    put(sink, "lost");
+    std::filesystem::create_directory(volume);
+    put(sink, "later");  // After the line that reports the loss, each in a file of its own.
+    put(sink, "a line");
+    EXPECT_EQ(contentOf(volume + "/x"), "a line\n");
+    EXPECT_EQ(contentOf(volume + "/x.1"), "later\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+    EXPECT_FALSE(exists(path + ".1"));
+    EXPECT_FALSE(exists(directory.path("links/inner.1")));
+    EXPECT_EQ(sink.lostLines(), 1u);
+}
+
+TEST_F(RotatingFileLogHandlerTest, LosesLinesToALinkThatLeadsInACircle) {
+    std::filesystem::create_symlink("x", path);
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "a line");
+    EXPECT_EQ(sink.lostLines(), 1u);
+}
+
 TEST_F(RotatingFileLogHandlerTest, RefusesWhatIsNoRegularFileWithoutBlocking) {
     std::string const pipe = directory.path("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -135,6 +162,8 @@ TEST_F(RotatingFileLogHandlerTest, RefusesWhatIsNoRegularFileWithoutBlocking) {
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     close(listener);
     std::string const zero("x\0y", 3);
+    // Devices are named: see ../support/Contained.h.
+    fs::test::OrdinaryUser const user(directory.path());
     for (std::string const& name :
          {pipe, socketPath, std::string("/dev/null"), std::string("/dev/full"), std::string(),
           directory.path("none/x"), directory.path("none/"), directory.path(zero)}) {
@@ -168,6 +197,7 @@ TEST_F(RotatingFileLogHandlerTest, TriesAgainWithEachLineUntilThereIsAFile) {
 TEST_F(RotatingFileLogHandlerTest, IgnoresNullLinesAndKeepsErrno) {
     RotatingFileLogHandler sink(path, plain(1));
     RotatingFileLogHandler lost(directory.path("none/x"), plain(1));
+    test::FileCalls const calls;  // Syncs nothing in earnest.
     for (RotatingFileLogHandler* each : {&sink, &lost}) {
         errno = EXDEV;
         each->handleLogMessage(nullptr, log::INFO);
@@ -196,6 +226,9 @@ TEST_F(RotatingFileLogHandlerTest, WritesLinesOfAnyLengthWithOneCall) {
 }
 
 TEST_F(RotatingFileLogHandlerTest, AllocatesNothingForALine) {
+    if (!test::countsAllocations()) {
+        GTEST_SKIP() << "The heap is not the test's own.";
+    }
     for (std::uint64_t const maxBytes : {0u, 300u, 1000000u}) {
         RotatingFileOptions options;
         options.maxBytes = maxBytes;
@@ -268,14 +301,15 @@ TEST_F(RotatingFileLogHandlerTest, MovesTheFileForTheFirstByteTooMany) {
 }
 
 TEST_F(RotatingFileLogHandlerTest, CountsTheTimeAndTheEndOfATornLineAsBytes) {
-    RotatingFileOptions options = plain(14);
-    writeFile(path, "torn");
-    {
-        RotatingFileLogHandler sink(path, options);
+    for (std::uint64_t const maxBytes : {14u, 13u}) {
+        writeFile(path, "torn");
+        RotatingFileLogHandler sink(path, plain(maxBytes));
         put(sink, "12345678");  // 4 + 1 + 9
+        EXPECT_EQ(contentOf(path), maxBytes == 14 ? "torn\n12345678\n" : "12345678\n");
     }
-    EXPECT_EQ(contentOf(path), "torn\n12345678\n");
+    EXPECT_EQ(contentOf(path + ".1"), "torn");
     std::filesystem::remove(path);
+    RotatingFileOptions options = plain();
     options.stampTimes = true;
     options.maxBytes = 2 * (25 + 7);
     RotatingFileLogHandler sink(path, options);
@@ -435,6 +469,30 @@ TEST_F(RotatingFileLogHandlerTest, SyncsTheNameOfANewFileOnce) {
         syncs.push_back(calls.count(test::FileCall::SYNC));
     }
     EXPECT_THAT(syncs, ElementsAre(2, 1, 2, 1));
+}
+
+TEST_F(RotatingFileLogHandlerTest, SyncsTheFilesThatItHasLeftOnce) {
+    std::filesystem::create_directory(directory.path("in"));
+    RotatingFileLogHandler sink(directory.path("in/x"), plain(10, 5));
+    std::vector<int> wholesale;
+    auto const sync = [&] {
+        test::FileCalls calls;
+        EXPECT_TRUE(sink.sync());
+        wholesale.push_back(calls.count(test::FileCall::SYNC_ALL));
+    };
+    put(sink, "first");
+    sync();
+    put(sink, "second");
+    put(sink, "third");
+    sync();
+    sync();
+    sink.reopen();
+    sync();
+    // Moved by another.
+    std::filesystem::rename(directory.path("in/x"), directory.path("in/moved"));
+    put(sink, "fourth");
+    sync();
+    EXPECT_THAT(wholesale, ElementsAre(0, 1, 0, 1, 1));
 }
 
 }  // namespace

@@ -1,11 +1,18 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <ovra/extra/internal/TimeStamp.h>
+#include <tests/support/Bounded.h>
 #include <tests/support/RandomSource.h>
 
 namespace ovra::extra {
@@ -68,6 +75,42 @@ TEST(TimeStampTest, WritesOneAfterTheOther) {
         stamps.write(&text[0], seconds, milliseconds);
         ASSERT_EQ(text, stampOf(seconds, milliseconds));
     }
+}
+
+// Forked again and again while a thread changes from one second to the next, all the time.
+TEST(TimeStampTest, AForkedChildWritesTheTimeWhateverAnotherThreadWasWriting) {
+    constexpr std::int64_t FROM = 951782399;  // All its digits change with the next second.
+    TimeStamps stamps;
+    std::atomic<std::int64_t> current{FROM};
+    std::atomic<bool> isOver{false};
+    std::thread writer([&] {
+        char ignored[TIME_STAMP_LENGTH];
+        while (!isOver) {
+            current = current == FROM ? FROM + 1 : FROM;
+            stamps.write(ignored, current, 0);
+        }
+    });
+    int const rounds = test::scaled(300);
+    int wrong = 0;
+    for (int round = 0; round < rounds; ++round) {
+        pid_t const child = fork();
+        if (child == 0) {
+            char stamp[TIME_STAMP_LENGTH];
+            char expected[TIME_STAMP_LENGTH];
+            // The second that the thread was changing to, or that from which it was changing.
+            std::int64_t const next = current;
+            std::int64_t const second = round % 2 == 0 ? next : 2 * FROM + 1 - next;
+            stamps.write(stamp, second, 7);
+            writeTimeStamp(expected, second, 7);
+            _exit(std::memcmp(stamp, expected, TIME_STAMP_LENGTH) == 0 ? 0 : 1);
+        }
+        int status = 1;
+        waitpid(child, &status, 0);
+        wrong += status == 0 ? 0 : 1;
+    }
+    isOver = true;
+    writer.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

@@ -33,7 +33,11 @@ TEST_F(UnloadTest, NothingStaysMappedAfterwards) {
         auto* const use = reinterpret_cast<bool (*)(char const*)>(dlsym(plugin, "useLibrary"));
         ASSERT_NE(use, nullptr);
         EXPECT_NE(mappedLibraries().find("libovra-extra.so.0"), std::string::npos);
-        EXPECT_TRUE(use(root.c_str()));
+        {
+            fs::test::OrdinaryUser const user(
+                root);  // It removes a tree: see ../support/Contained.h.
+            EXPECT_TRUE(use(root.c_str()));
+        }
         EXPECT_EQ(dlclose(plugin), 0);
         EXPECT_EQ(mappedLibraries(), "");
     }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include <ovra/concurrent/TaskExecutors.h>
+#include <ovra/log/Log.h>
 
 using namespace ovra::extra;
 
@@ -27,8 +28,12 @@ static bool tasksWork() {
     return number.future.get() == 7 && task->execute() == ovra::concurrent::Executable::FAILURE;
 }
 
-// Uses a little of each part of the second library.
+// Uses a little of each part of the second library. As an ordinary user: it could harm nothing,
+// whatever was built into the library.
 int main() {
+    if (geteuid() == 0 && (setegid(65534) != 0 || seteuid(65534) != 0)) {
+        return 1;
+    }
     std::string directory = "/tmp/ovra-consumer-XXXXXX";
     if (mkdtemp(directory.data()) == nullptr) {
         return 1;
@@ -43,6 +48,28 @@ int main() {
                 space.totalBytes > 0 && removeTree(std::string()) == Outcome::MISSING &&
                 attempt([] { return false; }) == Outcome::REFUSED;
     }
+    std::string const log = directory + "/log";
+    auto const lines = std::make_shared<RotatingFileLogHandler>(log);
+    auto const recent = std::make_shared<RecentLinesLogHandler>(10);
+    auto const both = std::make_shared<SwitchLogHandler>(lines);
+    ovra::log::addLogHandler(both, "file");
+    ovra::log::setLogLevel(ovra::log::INFO);
+    for (int round = 0; round < 3; ++round) {
+        OVRA_LOG_EVERY(1000000, ovra::log::INFO, "consumer", "line %d", round);
+    }
+    works = works && lines->sync() && lines->lostLines() == 0;
+    both->exchange(recent);
+    OVRA_LOG_EVERY(1000000, ovra::log::INFO, "consumer", "kept %s", "line");
+    std::FILE* const dump = std::fopen(file.c_str(), "w+");
+    char text[100] = {};
+    works = works && dump != nullptr && recent->writeTo(fileno(dump));
+    if (dump != nullptr) {
+        std::rewind(dump);
+        works = works && std::fgets(text, sizeof text, dump) != nullptr &&
+                text == std::string("[consumer:INFO] kept line\n");
+        std::fclose(dump);
+    }
+    unlink(log.c_str());
     works = tasksWork() && works;
     unlink(file.c_str());
     rmdir(directory.c_str());

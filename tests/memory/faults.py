@@ -26,7 +26,7 @@ WEAK = "ovra/concurrent/internal/WeakTask.h"
 LOG = "ovra/log/Log.cpp"
 SWITCH = "ovra/extra/SwitchLogHandler.cpp"
 LOCK = "ovra/extra/internal/ForkSafeLock.cpp"
-RING = "ovra/extra/RecentLinesLogHandler.cpp"
+RING = "ovra/extra/internal/LineRing.cpp"
 
 GUARD = "    std::lock_guard<std::mutex> const lock(mutex);\n"
 ADDITION = "    if (!isRanked || !ranked->insert("
@@ -294,10 +294,10 @@ FAULTS = [
              "a ticket taken", "RingOfOne", "RingOfTwo",
              unnoticed="what a line is, its own place says"),
     Fault("a line shown before it is filled in", RING,
-          [("                    place.fill(line, most);\n                    place.word.store("
+          [("                place.fill(line, most);\n                place.word.store("
             "ticket * ONE_TICKET, std::memory_order_release);\n",
-            "                    place.word.store(ticket * ONE_TICKET, "
-            "std::memory_order_release);\n                    place.fill(line, most);\n")],
+            "                place.word.store(ticket * ONE_TICKET, "
+            "std::memory_order_release);\n                place.fill(line, most);\n")],
           ["RingOfOne"]),
     Fault("a line that is read is overwritten", RING,
           [("(seen & (BEING_FILLED | ALL_READERS)) != 0", "(seen & BEING_FILLED) != 0")],
@@ -305,7 +305,7 @@ FAULTS = [
     Fault("a line read without being held", RING,
           [("seen, seen + ONE_READER, std::memory_order_acquire,",
             "seen, seen, std::memory_order_acquire,"),
-           ("                word.fetch_sub(ONE_READER, std::memory_order_release);\n", "")],
+           ("            word.fetch_sub(ONE_READER, std::memory_order_release);\n", "")],
           ["RingOfOne"]),
     Fault("a place that is filled is claimed again", RING,
           [("(seen & (BEING_FILLED | ALL_READERS)) != 0", "(seen & ALL_READERS) != 0")],

@@ -20,6 +20,7 @@ COMPILED = [
     "ovra/extra/SwitchLogHandler.cpp",
     "ovra/extra/internal/ForkCount.cpp",
     "ovra/extra/internal/ForkSafeLock.cpp",
+    "ovra/extra/internal/LineRing.cpp",
     "ovra/log/Log.cpp",
     "ovra/log/internal/VerbatimScope.cpp",
 ]
@@ -103,7 +104,7 @@ WATCHED = {
         ("24 + sizeof(Part)", "2 * sizeof(model::atomic<long>) + 64 + sizeof(Part)"),
         ("return alignof(SubmittedTask);", "return sizeof(SubmissionMemory);"),
     ],
-    "ovra/extra/RecentLinesLogHandler.cpp": [plain("std::size_t", "length", "0")],
+    "ovra/extra/internal/LineRing.h": [plain("std::size_t", "length", "0")],
 }
 
 

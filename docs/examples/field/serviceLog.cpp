@@ -37,7 +37,7 @@ int main(int, char** arguments) {
     sigaction(SIGHUP, &action, nullptr);
 
     for (std::string line; std::getline(std::cin, line);) {
-        log::log(log::INFO, "service", "Working on %s.", line.c_str());
+        log::logVerbatim(log::INFO, "service", "Working on %s.", line.c_str());
         OVRA_LOG_EVERY(60000, log::WARNING, "service", "The battery is low.");
     }
     return logFile->sync() ? 0 : 1;

@@ -25,7 +25,7 @@ int main(int, char** arguments) {
         } else if (line.rfind("other ", 0) == 0) {
             sink->exchange(std::make_shared<extra::RotatingFileLogHandler>(line.substr(6)));
         } else {
-            log::log(log::DEBUG, "service", "%s", line.c_str());
+            log::logVerbatim(log::DEBUG, "service", "%s", line.c_str());
         }
     }
     return 0;

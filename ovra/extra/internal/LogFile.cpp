@@ -46,16 +46,12 @@ LogFile LogFile::open(char const* path) {
     if (!file.isOpen() && errno == EACCES) {
         file.descriptor = openForAppending(path, O_WRONLY);
     }
-    int const opened = file.descriptor.get();
-    if (!file.isOpen() || ::fstat(opened, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!file.isOpen() || ::fstat(file.descriptor.get(), &status) != 0 ||
+        !S_ISREG(status.st_mode)) {
         return LogFile();
     }
     file.knownSize = static_cast<std::uint64_t>(status.st_size);
-    char last = '\n';
-    if (status.st_size > 0) {
-        uninterrupted([&] { return ::pread(opened, &last, 1, status.st_size - 1); });
-    }
-    file.torn = last != '\n';
+    file.lookAtEnd();
     return file;
 }
 
@@ -78,9 +74,23 @@ bool LogFile::look() {
     if (::fstat(descriptor.get(), &status) != 0) {
         return true;
     }
-    knownSize = static_cast<std::uint64_t>(status.st_size);
-    torn = torn && knownSize > 0;
+    auto const size = static_cast<std::uint64_t>(status.st_size);
+    if (size != knownSize) {
+        knownSize = size;
+        lookAtEnd();
+    }
     return status.st_nlink > 0;
+}
+
+void LogFile::lookAtEnd() {
+    char last = '\n';
+    bool const isRead = knownSize > 0 && uninterrupted([&] {
+                                             auto const end = static_cast<off_t>(knownSize);
+                                             return ::pread(descriptor.get(), &last, 1, end - 1);
+                                         }) == 1;
+    if (isRead || knownSize == 0) {
+        torn = last != '\n';
+    }
 }
 
 bool LogFile::append(iovec* pieces, int count) {
@@ -110,6 +120,10 @@ bool LogFile::append(iovec* pieces, int count) {
 
 bool LogFile::sync() const {
     return uninterrupted([&] { return ::fdatasync(descriptor.get()); }) == 0;
+}
+
+bool LogFile::syncFileSystem() const {
+    return uninterrupted([&] { return ::syncfs(descriptor.get()); }) == 0;
 }
 
 bool LogFile::tryLock() const {

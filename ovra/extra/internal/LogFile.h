@@ -28,23 +28,29 @@ public:
     bool isAt(char const* path) const;
 
     /// Asks the system for the size, and returns whether the file still has a name. If the system
-    /// does not answer, keeps the known size and returns true.
+    /// does not answer, keeps the known size and returns true. If others have written to the file,
+    /// looks at its last line too.
     bool look();
     /// The size as far as known: what the last look() saw, and what has been appended here since.
     std::uint64_t size() const { return knownSize; }
-    /// Whether the last line lacks its newline.
+    /// Whether the last line lacks its newline, as far as known. False where the file may only be
+    /// written to, until a line is torn here.
     bool isTorn() const { return torn; }
 
     /// Appends all pieces with one call of the system, and continues if that call wrote less.
     /// Returns whether all has been written. Changes `pieces`.
     bool append(iovec* pieces, int count);
     bool sync() const;
+    /// Syncs everything on the file system that the file is on.
+    bool syncFileSystem() const;
 
     /// Locks the file against others that do so; false if another has it, or it cannot be done.
     bool tryLock() const;
     void unlock() const;
 
 private:
+    void lookAtEnd();
+
     Descriptor descriptor;
     bool torn = false;
     std::uint64_t knownSize = 0;

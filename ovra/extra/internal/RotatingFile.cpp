@@ -50,8 +50,8 @@ void RotatingFile::write(std::string_view line, log::LogLevel level) {
     if (!isReady || (lostUnreported > 0 && !reportLost()) || !append(line)) {
         ++lost;
         ++lostUnreported;
-    } else if (options.syncLevel != log::DISABLED && level <= options.syncLevel) {
-        syncAll();
+    } else if (options.syncLevel != log::DISABLED && level <= options.syncLevel && !syncOpen()) {
+        syncHasFailed = true;
     }
 }
 
@@ -62,7 +62,14 @@ bool RotatingFile::reopen() {
 
 bool RotatingFile::sync() {
     std::lock_guard<ForkSafeLock> const guard(lock);
-    return file.isOpen() && syncAll();
+    if (!file.isOpen()) {
+        return false;
+    }
+    // Where the files are that were left, only the file system knows.
+    bool const isLeftSynced = !hasLeftFiles || file.syncFileSystem();
+    hasLeftFiles = hasLeftFiles && !isLeftSynced;
+    bool const isOpenSynced = syncOpen();
+    return !std::exchange(syncHasFailed, false) && isOpenSynced && isLeftSynced;
 }
 
 std::uint64_t RotatingFile::lostLines() {
@@ -75,10 +82,15 @@ bool RotatingFile::open() {
     if (!opened.isOpen()) {
         return false;
     }
+    take(std::move(opened));
+    return true;
+}
+
+void RotatingFile::take(LogFile opened) {
+    hasLeftFiles = hasLeftFiles || file.isOpen();
     file = std::move(opened);
     entryIsSynced = false;
     lookedAt = -1;
-    return true;
 }
 
 bool RotatingFile::append(std::string_view line) {
@@ -114,6 +126,8 @@ bool RotatingFile::append(std::string_view line) {
 }
 
 bool RotatingFile::reportLost() {
+    // What kept the lines here from the file may have torn a line of somebody else.
+    file.look();
     char text[64] = "[ovra:WARNING] ";
     char* end = std::to_chars(text + std::strlen(text), text + sizeof text, lostUnreported).ptr;
     constexpr std::string_view REST = " lines lost";
@@ -134,12 +148,12 @@ bool RotatingFile::reportLost() {
 void RotatingFile::makeRoom(std::size_t length) {
     constexpr int MOST_FILES = 8;  // As many as others may fill and move away meanwhile.
     std::int64_t const now = coarseTime();
-    if (now == lookedAt && file.size() + length <= trustedSize) {
+    if (now == lookedAt && sizeWith(length) <= trustedSize) {
         return;
     }
     for (int files = 0; files < MOST_FILES; ++files) {
         bool const hasName = file.look();
-        bool const fits = file.size() == 0 || file.size() + length <= options.maxBytes;
+        bool const fits = file.size() == 0 || sizeWith(length) <= options.maxBytes;
         if (hasName && fits) {
             break;
         }
@@ -154,6 +168,11 @@ void RotatingFile::makeRoom(std::size_t length) {
     }
 }
 
+// The size of the file with a line of `length` bytes, and with the newline that ends a torn one.
+std::uint64_t RotatingFile::sizeWith(std::size_t length) const {
+    return file.size() + (file.isTorn() ? 1 : 0) + length;
+}
+
 // Returns whether `file` is another file now.
 bool RotatingFile::moveAway() {
     // A descriptor of its own to lock: a forked process may share the open one, and its lock.
@@ -162,8 +181,7 @@ bool RotatingFile::moveAway() {
         return false;
     }
     if (!named.isSameAs(file)) {
-        file = std::move(named);  // Another process has moved it.
-        entryIsSynced = false;
+        take(std::move(named));  // Another process has moved it.
         return true;
     }
     if (!named.tryLock()) {
@@ -174,7 +192,7 @@ bool RotatingFile::moveAway() {
     return isMoved && open();
 }
 
-bool RotatingFile::syncAll() {
+bool RotatingFile::syncOpen() {
     if (!file.sync()) {
         return false;
     }

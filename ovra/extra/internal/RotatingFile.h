@@ -32,11 +32,13 @@ public:
 private:
     // All of these are called with `lock` held.
     bool open();
+    void take(LogFile opened);
     bool append(std::string_view line);
     bool reportLost();
     void makeRoom(std::size_t length);
+    std::uint64_t sizeWith(std::size_t length) const;
     bool moveAway();
-    bool syncAll();
+    bool syncOpen();
 
     RotatingFileOptions const options;
     std::string const path;
@@ -48,6 +50,8 @@ private:
     LogFile file;
     TimeStamps timeStamps;
     bool entryIsSynced = false;
+    bool hasLeftFiles = false;   // Files with lines of this sink that sync() has not seen to.
+    bool syncHasFailed = false;  // Since the last sync().
     std::uint64_t lost = 0;
     std::uint64_t lostUnreported = 0;
     // Until this time, and up to this size, the size of the last look is trusted.

@@ -48,9 +48,12 @@ bool TreeRemoval::Identity::read(Descriptor const& directory) {
     return true;
 }
 
-bool TreeRemoval::Identity::operator==(Identity const& other) const {
-    return device == other.device && number == other.number && birthSeconds == other.birthSeconds &&
-           birthNanoseconds == other.birthNanoseconds;
+bool TreeRemoval::Identity::hasNumberOf(Identity const& other) const {
+    return device == other.device && number == other.number;
+}
+
+bool TreeRemoval::Identity::hasBirthOf(Identity const& other) const {
+    return birthSeconds == other.birthSeconds && birthNanoseconds == other.birthNanoseconds;
 }
 
 char const* TreeRemoval::Level::current() const {
@@ -126,7 +129,9 @@ void TreeRemoval::enter() {
     }
     Level& parent = levels.back();
     if (error == ENOTDIR) {
-        removeOther(parent.current());  // A directory again? The next scan finds it.
+        if (!removeOther(parent.current()) && entersRootAgain()) {
+            return;  // A directory again. Below the root, the next scan finds it.
+        }
     } else if (error != ENOENT) {
         fail(error);
     }
@@ -171,8 +176,10 @@ void TreeRemoval::leave() {
     }
     Level& level = levels.back();
     Level& parent = levels[outer];
+    bool isReplaced = false;
     if (::unlinkat(parent.directory.get(), parent.current(), AT_REMOVEDIR) != 0) {
         int error = errno;
+        isReplaced = error == ENOTDIR;
         if (isNotEmpty(error) && !level.hasFailed) {
             bool const isStillThere =
                 openAgain(parent.directory, parent.current(), level.identity).isOpen();
@@ -182,15 +189,31 @@ void TreeRemoval::leave() {
                 scan();
                 return;
             }
-            error = isStillThere ? error : ENOENT;
+            isReplaced = !isStillThere;
         }
-        if (!isGone(error)) {
+        if (!isReplaced && !isGone(error)) {
             fail(error);
         }
     }
     parent.hasFailed |= level.hasFailed;
     levels.pop_back();
-    parent.dropCurrent();
+    if (!isReplaced || !entersRootAgain()) {
+        levels.back().dropCurrent();
+    }
+}
+
+// Whether something else, which now has the name of the root, is to be removed as well. Below the
+// root, the next scan of the level above finds such things.
+bool TreeRemoval::entersRootAgain() {
+    Level& outermost = levels.front();
+    if (levels.size() > 1) {
+        return false;
+    }
+    if (++outermost.scans == MOST_SCANS) {
+        fail(EEXIST);
+        return false;
+    }
+    return true;
 }
 
 // False if the entry of the innermost level is a directory.
@@ -214,7 +237,7 @@ bool TreeRemoval::reopen(std::size_t index) {
     if (level.directory.isOpen()) {
         return true;
     }
-    // Something has been moved: go down again, by names, from the root.
+    // Something has been moved, or copied up: go down again, by names, from the root.
     for (std::size_t i = ALWAYS_OPEN; i <= index; ++i) {
         Level& above = levels[i - 1];
         levels[i].directory = openAgain(above.directory, above.current(), levels[i].identity);
@@ -234,11 +257,18 @@ bool TreeRemoval::reopen(std::size_t index) {
     return true;
 }
 
-Descriptor TreeRemoval::openAgain(Descriptor const& from, char const* name,
-                                  Identity const& expected) {
+// Opens the directory `name`, if it is the one that was open before. Any name leads downwards, so
+// that nothing outside the tree can be there, and the number suffices. Only the way up can lead
+// out, to a later directory that was given the same number, and so the birth has to be the same,
+// too. That fails where the directory has changed its birth: on an overlay, when the first change
+// in it copies it to the upper file system.
+Descriptor TreeRemoval::openAgain(Descriptor const& from, char const* name, Identity& known) {
+    bool const isUpwards = std::strcmp(name, "..") == 0;
     Descriptor directory = openDirectory(from, name);
     Identity found;
-    if (directory.isOpen() && found.read(directory) && found == expected) {
+    if (directory.isOpen() && found.read(directory) && found.hasNumberOf(known) &&
+        (!isUpwards || found.hasBirthOf(known))) {
+        known = found;
         return directory;
     }
     if (directory.isOpen()) {

@@ -27,8 +27,8 @@ public:
     Outcome run();
 
 private:
-    /// Two are equal only for one and the same directory. The time of birth distinguishes a
-    /// directory from an earlier one with the same number.
+    /// One directory has the same number for as long as it exists. The time of birth distinguishes
+    /// it from a later one with the same number, but an overlay can change that time.
     struct Identity {
         std::uint64_t device = 0;
         std::uint64_t number = 0;
@@ -37,7 +37,8 @@ private:
         bool isMountPoint = false;
 
         bool read(Descriptor const& directory);
-        bool operator==(Identity const& other) const;
+        bool hasNumberOf(Identity const& other) const;
+        bool hasBirthOf(Identity const& other) const;
     };
 
     struct Level {
@@ -59,7 +60,8 @@ private:
     void leave();
     bool removeOther(char const* name);
     bool reopen(std::size_t index);
-    static Descriptor openAgain(Descriptor const& from, char const* name, Identity const& expected);
+    bool entersRootAgain();
+    static Descriptor openAgain(Descriptor const& from, char const* name, Identity& known);
     void fail(int error);
 
     /// From the parent of the root, which holds the root's name only, to the innermost one.
