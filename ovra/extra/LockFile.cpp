@@ -47,7 +47,7 @@ bool isStillNamed(std::string const& path, struct stat const& locked) {
 
 // For people to read: a failure to write it makes no difference.
 void writeId(Descriptor const& file, int id) {
-    std::string const text = std::to_string(id) + "\n";
+    std::string const text = std::to_string(std::uint64_t{static_cast<unsigned int>(id)}) + "\n";
     if (file.write(text)) {
         [[maybe_unused]] int const ignored =
             ::ftruncate(file.get(), static_cast<off_t>(text.size()));

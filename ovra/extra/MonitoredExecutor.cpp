@@ -14,6 +14,14 @@ namespace {
 using Callback = std::function<void(std::shared_ptr<concurrent::Task>)>;
 using Work = std::function<concurrent::Executable::Result()>;
 
+// A class with a name: that of a lambda would hold all the parameters of submit(), and is part of
+// the library's size.
+struct EndOfTask {
+    void operator()(std::shared_ptr<concurrent::Task> const& given) const { task->callBack(given); }
+
+    WatchedTask* task;  // The executor keeps it for this call.
+};
+
 }  // namespace
 
 MonitoredExecutor::MonitoredExecutor(std::shared_ptr<concurrent::TaskExecutor> watchedExecutor)
@@ -50,11 +58,7 @@ std::shared_ptr<concurrent::TaskHandle> MonitoredExecutor::submit(
         return nullptr;
     }
     auto const watched = std::make_shared<WatchedTask>(monitor, task, function, callback, name);
-    // The executor keeps the task for its callback.
-    auto handle = executor->submitTask(
-        watched, priority, [held = watched.get()](std::shared_ptr<concurrent::Task> const& given) {
-            held->callBack(given);
-        });
+    auto handle = executor->submitTask(watched, priority, EndOfTask{watched.get()});
     if (handle) {
         monitor->accepted(*watched);
     } else {

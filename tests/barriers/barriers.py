@@ -26,7 +26,7 @@ SOURCES = [
     "ovra/concurrent/TaskHandle.cpp",
     "ovra/concurrent/internal/RankedTasks.cpp",
     "ovra/concurrent/internal/TaskEnd.cpp",
-    "ovra/extra/RecentLinesLogHandler.cpp",
+    "ovra/extra/internal/LineRing.cpp",
     "ovra/extra/SwitchLogHandler.cpp",
     "ovra/extra/internal/ForkSafeLock.cpp",
     "ovra/log/Log.cpp",

@@ -8,6 +8,15 @@
 
 namespace ovra::concurrent {
 
+unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCount) const {
+    if (!doubles || pickCount <= entry.since) {
+        return entry.given();
+    }
+    std::uint64_t const doublings = std::min(pickCount - entry.since, MAX_DOUBLINGS);
+    std::uint64_t const rank = std::uint64_t{entry.given()} << doublings;
+    return static_cast<unsigned int>(std::min<std::uint64_t>(rank, HIGHEST_RANK));
+}
+
 unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
     std::lock_guard<std::mutex> const lock(mutex);
     return entry.isComputed() ? currentRank(entry) : entry.given();
@@ -167,9 +176,10 @@ std::shared_ptr<SubmittedTask> RankedTasks::pick(SortKey const& scanned) {
 }
 
 RankedEntry* RankedTasks::unlinkAll(unsigned int flag) {
-    for (SortKey const& key : std::exchange(finals, {})) {
+    for (SortKey const& key : finals) {
         link(*key.entry, UNORDERED, nullptr);
     }
+    finals.clear();
     RankedEntry* all = nullptr;
     for (List const& list : std::exchange(lists, {})) {
         for (RankedEntry* entry = list.last; entry != nullptr; entry = entry->previous) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -87,14 +86,7 @@ private:
     };
 
     bool isUpdated(RankedEntry const& entry) const { return entry.order > scannedTo; }
-    unsigned int rankAt(RankedEntry const& entry, std::uint64_t pickCount) const {
-        if (!doubles || pickCount <= entry.since) {
-            return entry.given();
-        }
-        std::uint64_t const doublings = std::min(pickCount - entry.since, MAX_DOUBLINGS);
-        std::uint64_t const rank = std::uint64_t{entry.given()} << doublings;
-        return static_cast<unsigned int>(std::min<std::uint64_t>(rank, HIGHEST_RANK));
-    }
+    unsigned int rankAt(RankedEntry const& entry, std::uint64_t pickCount) const;
     unsigned int currentRank(RankedEntry const& entry) const {
         return rankAt(entry, isUpdated(entry) ? picks + 1 : picks);
     }

@@ -54,7 +54,7 @@ char const* Generations::name(unsigned int generation, char* buffer) const {
     if (generation > 0) {
         char* const end = buffer + nameSize;
         buffer[path.size()] = '.';
-        *std::to_chars(buffer + path.size() + 1, end, generation).ptr = '\0';
+        *std::to_chars(buffer + path.size() + 1, end, std::uint64_t{generation}).ptr = '\0';
     }
     return buffer;
 }
