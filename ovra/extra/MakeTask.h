@@ -23,7 +23,7 @@ public:
     /// The pointer given, null included.
     char const* name() const override { return taskName; }
 
-    Function function;
+    Function function;  ///< What `execute()` calls.
 
 private:
     char const* taskName;

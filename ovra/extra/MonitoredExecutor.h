@@ -48,12 +48,15 @@ struct TaskCounts {
 /// was submitted. `errno` is kept.
 class OVRA_EXTRA_API MonitoredExecutor : public concurrent::TaskExecutor {
 public:
+    /// Watches what is submitted through it to `executor`, which may be null.
     explicit MonitoredExecutor(std::shared_ptr<concurrent::TaskExecutor> executor);
     ~MonitoredExecutor() override;
 
+    /// As the executor's own. A null task passes through unwatched.
     std::shared_ptr<concurrent::TaskHandle> submitTask(
         std::shared_ptr<concurrent::Task> const& task, concurrent::TaskPriority priority,
         std::function<void(std::shared_ptr<concurrent::Task>)> const& callback) override;
+    /// As the executor's own.
     std::shared_ptr<concurrent::TaskHandle> submitTask(
         std::function<concurrent::Executable::Result()> const& function,
         concurrent::TaskPriority priority,

@@ -36,6 +36,7 @@ class ScheduleThread;
 ///     scheduled.every(1min, [] { return checkDisk(); }, LOW, "disk");
 class OVRA_EXTRA_API ScheduledTasks {
 public:
+    /// Submits to `executor`. With a null one, every schedule is refused.
     explicit ScheduledTasks(std::shared_ptr<concurrent::TaskExecutor> executor);
     ScheduledTasks(ScheduledTasks const&) = delete;
     ScheduledTasks& operator=(ScheduledTasks const&) = delete;

@@ -100,9 +100,11 @@ struct Async {
 template <typename Function, typename Value>
 class AsyncWork final : public AbandonableWork {
 public:
+    /// Takes the function over.
     AsyncWork(Function&& givenFunction, StopFlag givenFlag)
         : flag(std::move(givenFlag)), function(std::move(givenFunction)) {}
 
+    /// The future of the function's value. Once, before the task is submitted.
     std::future<Value> getFuture() { return promise->get_future(); }
 
     void abandon() override {
