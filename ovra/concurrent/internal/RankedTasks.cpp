@@ -46,9 +46,8 @@ bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> cons
         return false;
     }
     bool const updated = isUpdated(entry);
-    if (updated && entry.since <= picks) {
-        passed = std::max(passed, keyOf(entry));  // As this pick has compared it.
-    }
+    // As this pick has compared it.
+    passed = updated && entry.since <= picks ? std::max(passed, keyOf(entry)) : passed;
     unlink(entry);
     entry.rank = newRank() | RankedEntry::COMPUTED;
     entry.since = updated ? picks + 1 : picks;
@@ -153,9 +152,8 @@ SortKey RankedTasks::best() {
             best = std::max(best, keyOf(*first));
             skipNonNegative(lists[chain]);
         }
-        if (RankedEntry* const negative = lists[chain].negative; negative != nullptr) {
-            best = std::max(best, keyOf(*negative));
-        }
+        RankedEntry* const negative = lists[chain].negative;
+        best = negative != nullptr ? std::max(best, keyOf(*negative)) : best;
     }
     return finals.empty() ? best : std::max(best, *finals.rbegin());
 }
