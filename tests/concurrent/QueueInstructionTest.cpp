@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Stepping.h>
@@ -31,8 +32,6 @@ protected:
         }
     }
 };
-using Strategies =
-    ::testing::Types<HighestPriorityTaskRankingStrategy, NoStarveTaskRankingStrategy>;
 TYPED_TEST_SUITE(QueueInstructionTest, Strategies, StrategyName);
 
 // Two steps that run at once: the first is stopped before each of its instructions.
