@@ -194,7 +194,7 @@ TEST_F(LockFileTest, AChildThatNoHandlerKnowsOfLeavesTheLockOfItsParent) {
 
 // In a container, a service can be process 1, and so can what it starts in a container below.
 TEST_F(LockFileTest, AForkedChildWithTheSameIdLeavesTheLockOfItsParent) {
-    constexpr int MAY_NOT = 77;
+    static constexpr int MAY_NOT = 77;
     // Runs `work` in a child that is process 1 to itself; returns its exit status.
     auto const asProcessOne = [](auto const& work) {
         if (unshare(CLONE_NEWPID) != 0) {

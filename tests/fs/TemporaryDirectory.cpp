@@ -322,7 +322,7 @@ DescriptorLimit::~DescriptorLimit() {
         ADD_FAILURE() << "getrlimit: " << std::strerror(errno);
         return;
     }
-    limit.rlim_cur = previous;
+    limit.rlim_cur = static_cast<rlim_t>(previous);
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
         ADD_FAILURE() << "setrlimit: " << std::strerror(errno);
     }
