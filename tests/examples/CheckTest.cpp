@@ -323,7 +323,8 @@ TEST_F(CheckTest, ProgressGivesWayToResultsOnATerminal) {
     if (!hasTerminals()) {
         GTEST_SKIP() << "this machine gives out no terminals: /dev/pts is missing";
     }
-    Command watched = command({"manifest"});
+    // One after the other, so that the second file cannot be done before the first draws.
+    Command watched = command({"--jobs", "1", "manifest"});
     watched.onTerminal = true;
     scratch.write("manifest", ALPHA + "  a\n" + WRONG + "  missing\n");
     Outcome const outcome = run(watched);
