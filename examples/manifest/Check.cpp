@@ -13,6 +13,7 @@
 
 #include <ovra/fs/FileHandle.h>
 
+#include "FileSearch.h"
 #include "HashTask.h"
 #include "Hasher.h"
 #include "Logging.h"
@@ -20,7 +21,6 @@
 #include "Messages.h"
 #include "Progress.h"
 #include "Quote.h"
-#include "Walk.h"
 
 namespace manifest {
 
@@ -182,23 +182,23 @@ void verifyAll(std::vector<ManifestEntry> const& entries, Options const& options
 // Whether all of the tree could be seen.
 bool reportNew(Manifest const& manifest, Options const& options, Interrupt const& interrupt,
                Report& report) {
-    Walk walk(interrupt);
+    FileSearch search(interrupt);
     for (std::string const& ownFile : {options.manifest, logFile(options)}) {
         if (!ownFile.empty()) {
-            walk.leaveOut(ownFile);
+            search.leaveOut(ownFile);
         }
     }
-    walk.addFilesBelow(options.newBelow);
+    search.addFilesBelow(options.newBelow);
     std::set<std::string> listed;
     for (auto const& entry : manifest.entries) {
         listed.insert(entry.path);
     }
-    for (auto const& file : walk.sortedFiles()) {
+    for (auto const& file : search.sortedFiles()) {
         if (listed.count(file.path) == 0) {
             report.addNew(file.path);
         }
     }
-    return walk.isComplete();
+    return search.isComplete();
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 
 #include <ovra/log/Log.h>
 
+#include "FileSearch.h"
 #include "Logging.h"
 #include "ManifestFile.h"
 #include "ManifestLine.h"
 #include "Messages.h"
 #include "Progress.h"
 #include "Quote.h"
-#include "Walk.h"
 
 namespace manifest {
 
@@ -32,19 +32,19 @@ bool isAtOrBelow(std::string directory, std::string const& path) {
     return (path + '/').compare(0, directory.size(), directory) == 0;
 }
 
-Walk walkAll(Options const& options, Interrupt const& interrupt) {
+FileSearch searchAll(Options const& options, Interrupt const& interrupt) {
     Progress progress(!options.verbose);
-    Walk walk(interrupt, &progress);
+    FileSearch search(interrupt, &progress);
     for (std::string const& ownFile : {options.output, logFile(options)}) {
         if (!ownFile.empty()) {
-            walk.leaveOut(ownFile);
+            search.leaveOut(ownFile);
         }
     }
     for (auto const& directory : options.directories) {
-        walk.addFilesBelow(directory);
+        search.addFilesBelow(directory);
     }
     progress.finish();
-    return walk;
+    return search;
 }
 
 // Hashes all files, or as many as were begun before Ctrl-C, and leaves the outcome in the tasks.
@@ -98,8 +98,8 @@ ExitStatus create(Options const& options, Interrupt& interrupt) {
         output.emplace(options.output);
     }
 
-    Walk walk = walkAll(options, interrupt);
-    std::vector<FoundFile> const files = walk.sortedFiles();
+    FileSearch search = searchAll(options, interrupt);
+    std::vector<FoundFile> const files = search.sortedFiles();
     if (interrupt.requested()) {
         complain("interrupted while looking for files: no manifest written");
         return INTERRUPTED;
@@ -116,7 +116,7 @@ ExitStatus create(Options const& options, Interrupt& interrupt) {
     }
     hashAll(tasks, progress, options, interrupt);
 
-    bool allWell = walk.isComplete();
+    bool allWell = search.isComplete();
     std::string lines;
     for (auto const& task : tasks) {
         if (!task->digest().empty()) {

@@ -11,8 +11,8 @@
 #include <ovra/concurrent/TaskExecutors.h>
 
 #include <examples/manifest/Create.h>
+#include <examples/manifest/FileSearch.h>
 #include <examples/manifest/Hasher.h>
-#include <examples/manifest/Walk.h>
 #include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>

@@ -4,13 +4,13 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <examples/manifest/FileSearch.h>
 #include <examples/manifest/Interrupt.h>
 #include <examples/manifest/ManifestFile.h>
 #include <examples/manifest/ManifestLine.h>
 #include <examples/manifest/Messages.h>
 #include <examples/manifest/Quote.h>
 #include <examples/manifest/Sha256.h>
-#include <examples/manifest/Walk.h>
 #include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
@@ -116,20 +116,20 @@ protected:
 TEST_F(WalkTest, StopsOnInterrupt) {
     scratch.write("a", "a");
     interrupt.request();
-    Walk walk(interrupt);
-    walk.addFilesBelow(scratch.path());
-    EXPECT_THAT(walk.sortedFiles(), IsEmpty());
+    FileSearch search(interrupt);
+    search.addFilesBelow(scratch.path());
+    EXPECT_THAT(search.sortedFiles(), IsEmpty());
 }
 
 TEST_F(WalkTest, TellsTheSizes) {
     scratch.write("a", "12345");
-    Walk walk(interrupt);
-    walk.addFilesBelow(scratch.path());
-    auto const files = walk.sortedFiles();
+    FileSearch search(interrupt);
+    search.addFilesBelow(scratch.path());
+    auto const files = search.sortedFiles();
     ASSERT_EQ(1u, files.size());
     EXPECT_EQ(scratch.path("a"), files[0].path);
     EXPECT_EQ(5, files[0].sizeBytes);
-    EXPECT_TRUE(walk.isComplete());
+    EXPECT_TRUE(search.isComplete());
 }
 
 // A script in the background lets its programs ignore SIGINT, and this one inherits that.

@@ -1,4 +1,4 @@
-#include "Walk.h"
+#include "FileSearch.h"
 
 #include <sys/stat.h>
 
@@ -17,9 +17,10 @@ namespace manifest {
 using ovra::fs::FileHandle;
 using ovra::fs::FileIterator;
 
-Walk::Walk(Interrupt const& ctrlC, Progress* shown) : interrupt(ctrlC), progress(shown) {}
+FileSearch::FileSearch(Interrupt const& ctrlC, Progress* shown)
+    : interrupt(ctrlC), progress(shown) {}
 
-void Walk::leaveOut(std::string const& path) {
+void FileSearch::leaveOut(std::string const& path) {
     std::size_t const nameBegin = path.rfind('/') + 1;
     std::string const directory = nameBegin == 0 ? "." : path.substr(0, nameBegin);
     struct stat status = {};
@@ -28,7 +29,7 @@ void Walk::leaveOut(std::string const& path) {
     }
 }
 
-void Walk::addFilesBelow(std::string const& directory) {
+void FileSearch::addFilesBelow(std::string const& directory) {
     // A list of what is still to be read, instead of recursion: one directory is open at a time,
     // however deep the tree is.
     std::vector<std::string> pending{directory};
@@ -42,17 +43,17 @@ void Walk::addFilesBelow(std::string const& directory) {
     }
 }
 
-std::vector<FoundFile> Walk::sortedFiles() {
+std::vector<FoundFile> FileSearch::sortedFiles() {
     std::sort(files.begin(), files.end(),
               [](FoundFile const& left, FoundFile const& right) { return left.path < right.path; });
     return std::move(files);
 }
 
-bool Walk::isComplete() const {
+bool FileSearch::isComplete() const {
     return complete;
 }
 
-void Walk::readDirectory(std::string const& directory, std::vector<std::string>& pending) {
+void FileSearch::readDirectory(std::string const& directory, std::vector<std::string>& pending) {
     struct stat status = {};
     if (stat((directory + '/').c_str(), &status) == 0 &&
         !visited.insert({status.st_dev, status.st_ino}).second) {
@@ -78,7 +79,7 @@ void Walk::readDirectory(std::string const& directory, std::vector<std::string>&
     }
 }
 
-void Walk::addEntry(std::string const& path, std::vector<std::string>& pending) {
+void FileSearch::addEntry(std::string const& path, std::vector<std::string>& pending) {
     FileHandle const entry(path);
     if (entry.IsSymbolicLink()) {
         return;
@@ -100,7 +101,7 @@ void Walk::addEntry(std::string const& path, std::vector<std::string>& pending) 
     }
 }
 
-bool Walk::isLeftOut(std::string const& directory, std::string const& name) const {
+bool FileSearch::isLeftOut(std::string const& directory, std::string const& name) const {
     return std::any_of(leftOut.begin(), leftOut.end(), [&](LeftOut const& entry) {
         struct stat status = {};
         return entry.name == name && stat((directory + '/').c_str(), &status) == 0 &&
@@ -108,7 +109,7 @@ bool Walk::isLeftOut(std::string const& directory, std::string const& name) cons
     });
 }
 
-void Walk::failed(std::string const& path, std::string const& reason) {
+void FileSearch::failed(std::string const& path, std::string const& reason) {
     if (progress != nullptr) {
         progress->hide();
     }

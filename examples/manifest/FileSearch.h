@@ -23,10 +23,10 @@ struct FoundFile {
 /// Links below a directory are neither followed nor listed, so a cycle of links does no harm; a
 /// directory that is itself named through a link is entered. A directory is read once, whichever
 /// way it is reached first. What cannot be read is reported and left out.
-class Walk {
+class FileSearch {
 public:
     /// `shown`, which may be null, shows how many files were found.
-    explicit Walk(Interrupt const& ctrlC, Progress* shown = nullptr);
+    explicit FileSearch(Interrupt const& ctrlC, Progress* shown = nullptr);
 
     /// Leaves out the entry at `path`, whichever way the scan reaches its directory.
     void leaveOut(std::string const& path);
