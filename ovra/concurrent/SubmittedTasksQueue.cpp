@@ -3,20 +3,16 @@
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/TaskHandle.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
-#include <ovra/concurrent/internal/IsExactly.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
 
 namespace ovra::concurrent {
 
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
-    : strategy(std::move(rankingStrategy)) {
-    bool const keeps = !strategy || isExactly<HighestPriorityTaskRankingStrategy>(*strategy);
-    computesRanks = keeps || isExactly<NoStarveTaskRankingStrategy>(*strategy);
-    ranked = new RankedTasks(!keeps);
-}
+    : ranked(new RankedTasks(rankingStrategy.get())), strategy(std::move(rankingStrategy)) {}
 
 SubmittedTasksQueue::~SubmittedTasksQueue() {
-    drop();  // Also what was added while another thread closed the queue.
+    closed = false;  // Drops also what was added while another thread closed the queue.
+    close();
     ranked->release();
 }
 
@@ -30,20 +26,9 @@ std::shared_ptr<TaskHandle> SubmittedTasksQueue::add(std::shared_ptr<SubmittedTa
         return nullptr;
     }
     auto handle = TaskHandle::of(task, memory);
-    RankedEntry& entry = task->rankedEntry();
-    bool const isRanked =
-        computesRanks && isExactly<SubmittedTask>(*task) && !entry.wasAdded.exchange(true);
-    std::forward_list<QueuedTask> added;  // Made ahead of the lock, and released after it.
-    if (!isRanked) {
-        added.push_front({std::move(task), 0});
-    }
     std::lock_guard<std::mutex> const lock(mutex);
-    if (!isRanked || !ranked->insert(entry, task, ++addedSoFar)) {
-        if (isRanked) {
-            added.push_front({std::move(task), 0});
-        }
-        added.front().second = ++addedSoFar;
-        tasks.splice_after(tasks.before_begin(), added);
+    if (!ranked->insert(task, ++addedSoFar)) {
+        tasks.emplace_front(std::move(task), addedSoFar);
     }
     condition.notify_one();
     return handle;
@@ -57,41 +42,28 @@ std::shared_ptr<SubmittedTask> SubmittedTasksQueue::getNextTask() {
     std::lock_guard<std::mutex> const lock(mutex);
     SortKey best;
     std::shared_ptr<SubmittedTask> found;
-    try {
-        for (auto const& [task, order] : tasks) {
-            ranked->scanTo(order);
-            unsigned int const score =
-                task->getRank() + static_cast<unsigned int>(task->getUniqueIndex());
-            if (SortKey const key{score, order, &task->rankedEntry()}; best < key) {
-                best = key;
-                found = task;
-            }
-            if (strategy) {
-                strategy->updateRank(task.get());
-            }
+    for (auto const& [task, order] : tasks) {
+        ranked->scanTo(order);
+        auto const score = task->getRank() + static_cast<unsigned int>(task->getUniqueIndex());
+        if (SortKey const key{score, order, &task->rankedEntry()}; best < key) {
+            best = key;
+            found = task;
         }
-    } catch (...) {
-        ranked->endScan();
-        throw;
+        if (strategy) {
+            strategy->updateRank(task.get());
+        }
     }
     // The shortcut: does the same for the tasks whose ranks are computed.
-    if (auto next = ranked->pick(best)) {
-        found = std::move(next);
-    }
-    if (!tasks.empty()) {
-        tasks.remove_if([&](QueuedTask const& queued) { return queued.first == found; });
-    }
+    ranked->pick(best, found);
+    tasks.remove_if([&](auto const& queued) { return queued.first == found; });
     return found;
 }
 
 void SubmittedTasksQueue::close() {
-    if (!isClosed()) {
-        drop();
+    if (isClosed()) {
+        return;
     }
-}
-
-void SubmittedTasksQueue::drop() {
-    std::forward_list<QueuedTask> dropped;  // Destroyed with no lock held.
+    decltype(tasks) dropped;  // Destroyed with no lock held.
     std::unique_lock<std::mutex> lock(mutex);
     RankedEntry* entry = ranked->eraseAll();
     closed = true;

@@ -83,21 +83,17 @@ public:
 private:
     friend class TaskExecutorWorker;  // Waits on `condition` with `mutex` held.
 
-    // A task, and a number that counts up as tasks are added.
-    using QueuedTask = std::pair<std::shared_ptr<SubmittedTask>, std::uint64_t>;
-
-    OVRA_LOCAL void drop();
     OVRA_LOCAL bool hasTasks() const;
 
     // Guarded by `mutex`.
-    std::forward_list<QueuedTask> tasks;  // What a pick scans, newest first.
-    RankedTasks* ranked;                  // What a pick need not scan.
     std::uint64_t addedSoFar = 0;
+    // What a pick scans, newest first. With each task stands how many were added up to it.
+    std::forward_list<std::pair<std::shared_ptr<SubmittedTask>, std::uint64_t>> tasks;
+    RankedTasks* ranked;  // What a pick need not scan.
 
     std::mutex mutex;
     std::condition_variable condition;  // Something was queued, or the queue was closed.
     std::shared_ptr<TaskRankingStrategy> strategy;
-    bool computesRanks;  // The strategy is one of the library's own.
     std::atomic<bool> closed{false};
 };
 

@@ -21,6 +21,7 @@ QUEUE = "ovra/concurrent/SubmittedTasksQueue.cpp"
 WORKER = "ovra/concurrent/TaskExecutorWorker.cpp"
 EXECUTOR = "ovra/concurrent/TaskExecutorImpl.cpp"
 RANKED = "ovra/concurrent/internal/RankedTasks.cpp"
+RANKED_HEADER = "ovra/concurrent/internal/RankedTasks.h"
 END = "ovra/concurrent/internal/TaskEnd.cpp"
 WEAK = "ovra/concurrent/internal/WeakTask.h"
 LOG = "ovra/log/Log.cpp"
@@ -29,7 +30,7 @@ LOCK = "ovra/extra/internal/ForkSafeLock.cpp"
 RING = "ovra/extra/internal/LineRing.cpp"
 
 GUARD = "    std::lock_guard<std::mutex> const lock(mutex);\n"
-ADDITION = "    if (!isRanked || !ranked->insert("
+ADDITION = "    if (!ranked->insert("
 CLOSING_LOCK = "    std::unique_lock<std::mutex> lock(mutex);\n    RankedEntry"
 
 
@@ -164,28 +165,30 @@ FAULTS = [
           [("    unsigned int const stored = rank.rank;",
             "    unsigned int const stored = rank.rank.load(std::memory_order_relaxed);")],
           ["RankAgainstInsert"]),
-    without_lock(RANKED, "unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {",
-                 "RankAgainstPick"),
+    Fault("`rankOf()` takes no lock", RANKED_HEADER,
+          [(f"    {GUARD}        return entry.isComputed()", "        return entry.isComputed()")],
+          ["RankAgainstPick"]),
     without_lock(RANKED, "bool RankedTasks::setRank(RankedEntry& entry, "
                  "std::function<unsigned int()> const& newRank) {", "RankAgainstPick"),
-    without_lock(RANKED, "std::shared_ptr<SubmittedTask> RankedTasks::pick(SortKey const& scanned) {",
-                 "RankAgainstPick"),
-    without_lock(RANKED, "RankedEntry* RankedTasks::eraseAll() {", "RankAgainstClose"),
+    without_lock(RANKED, "void RankedTasks::pick(SortKey const& scanned, "
+                 "std::shared_ptr<SubmittedTask>& found) {", "RankAgainstPick"),
+    Fault("`eraseAll()` takes no lock", RANKED_HEADER,
+          [(f"    {GUARD}        size = 0;", "        size = 0;")], ["RankAgainstClose"]),
     Fault("`insert()` takes no lock", RANKED,
           [(f"{GUARD}    ++owners;", "    ++owners;")], ["RankAgainstInsert"]),
     Fault("no second look at the mark when a rank is set", RANKED,
           [("    if (!entry.isComputed()) {\n        return false;\n    }\n", "")],
           ["RankOfThePicked"]),
-    Fault("no second look at the mark when a rank is read", RANKED,
-          [("return entry.isComputed() ? currentRank(entry) : entry.given();",
-            "return currentRank(entry);")],
+    Fault("no second look at the mark when a rank is read", RANKED_HEADER,
+          [("return entry.isComputed() ? computeRank(entry, isUpdated(entry)) : entry.given();",
+            "return computeRank(entry, isUpdated(entry));")],
           ["RankOfThePicked"]),
-    Fault("the owners counted in two steps", "ovra/concurrent/internal/RankedTasks.h",
+    Fault("the owners counted in two steps", RANKED_HEADER,
           [("if (--owners == 0) {", "owners = owners - 1;\n        if (owners == 0) {")],
           ["RankAgainstDestruction"]),
-    Fault("the mark of an added object set in two steps", QUEUE,
-          [("!entry.wasAdded.exchange(true)",
-            "(entry.wasAdded ? false : (entry.wasAdded = true))")], ["AddToTwoQueues"]),
+    Fault("the mark of an added object set in two steps", RANKED,
+          [("entry.wasAdded.exchange(true)",
+            "(entry.wasAdded || !(entry.wasAdded = true))")], ["AddToTwoQueues"]),
 
     # The queue and its workers.
     Fault("nobody is notified of a task", QUEUE, [("    condition.notify_one();\n", "")],
@@ -328,7 +331,7 @@ FAULTS += of_unnamed("rank", TASK, RANKS, ["RankAgainstInsert"])
 FAULTS += of_unnamed("priority", TASK, RANKS, RANKS,
                      "read where the rank's own exchange or the lock orders it")
 FAULTS += of_unnamed("owners", RANKED, RANKS, ["RankAgainstDestruction"])
-FAULTS += of_unnamed("wasAdded", QUEUE, ["AddToTwoQueues"], ["AddToTwoQueues"],
+FAULTS += of_unnamed("wasAdded", RANKED, ["AddToTwoQueues"], ["AddToTwoQueues"],
                      "one exchange is the first, in any order")
 FAULTS += of_unnamed("parts", "ovra/concurrent/internal/SubmissionMemory.h", ["ReleaseParts"],
                      ["ReleaseParts"])

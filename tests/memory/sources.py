@@ -88,7 +88,7 @@ WATCHED = {
         unnamed("unsigned int", "owners"),
         plain("std::uint64_t", "size", "0"),
         plain("std::uint64_t", "picks", "0"),
-        plain("std::uint64_t", "scannedTo", "std::numeric_limits<std::uint64_t>::max()"),
+        plain("std::uint64_t", "to", "std::numeric_limits<std::uint64_t>::max()"),
         plain("RankedEntry*", "first", "nullptr"),
         plain("RankedEntry*", "last", "nullptr"),
         plain("RankedEntry*", "negative", "nullptr"),

@@ -62,8 +62,8 @@ inline lock() {
     atomic { !locked -> locked = true }
 }
 
-/* RankedTasks::rankAt: doubled at each pick since. */
-inline rankAt(word, sincePick, result) {
+/* RankedTasks::computeRank: doubled at each pick since. */
+inline computeRank(word, sincePick, result) {
     d_step {
         result = GIVEN(word);
         doublings = picks - sincePick;
@@ -74,7 +74,7 @@ inline rankAt(word, sincePick, result) {
     }
 }
 
-/* SubmittedTasksQueue::push and RankedTasks::insert */
+/* RankedTasks::insert */
 proctype adder() {
     byte t = 0;
     byte seen;
@@ -152,7 +152,7 @@ proctype picker() {
         :: true -> goto next
         fi;
     take:
-        rankAt(rank[t], since[t], value);
+        computeRank(rank[t], since[t], value);
         atomic { rank[t] = value; isHere[t] = false };
     next:
         t = 0;
@@ -257,7 +257,7 @@ proctype getter() {
 #endif
         if
         :: IS_COMPUTED(seen) ->
-            rankAt(seen, since[t], value);
+            computeRank(seen, since[t], value);
             assert(value == stored[t])
         :: else
         fi;
@@ -279,7 +279,7 @@ proctype judge() {
     do
     :: t < TASKS ->
         if
-        :: IS_COMPUTED(rank[t]) -> rankAt(rank[t], since[t], value)
+        :: IS_COMPUTED(rank[t]) -> computeRank(rank[t], since[t], value)
         :: else -> value = rank[t]
         fi;
         assert(value == stored[t]);

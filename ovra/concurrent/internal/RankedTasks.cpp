@@ -4,11 +4,20 @@
 #include <new>
 #include <utility>
 
+#include <ovra/concurrent/SubmittedTask.h>
+#include <ovra/concurrent/TaskRankingStrategy.h>
 #include <ovra/concurrent/internal/InitialRank.h>
+#include <ovra/concurrent/internal/IsExactly.h>
 
 namespace ovra::concurrent {
 
-unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCount) const {
+RankedTasks::RankedTasks(TaskRankingStrategy const* strategy)
+    : doubles(strategy != nullptr && isExactly<NoStarveTaskRankingStrategy>(*strategy)),
+      computes(doubles || strategy == nullptr ||
+               isExactly<HighestPriorityTaskRankingStrategy>(*strategy)) {}
+
+unsigned int RankedTasks::computeRank(RankedEntry const& entry, bool updated) const {
+    std::uint64_t const pickCount = updated ? picks + 1 : picks;
     if (!doubles || pickCount <= entry.since) {
         return entry.given();
     }
@@ -17,17 +26,14 @@ unsigned int RankedTasks::rankAt(RankedEntry const& entry, std::uint64_t pickCou
     return static_cast<unsigned int>(std::min<std::uint64_t>(rank, HIGHEST_RANK));
 }
 
-unsigned int RankedTasks::rankOf(RankedEntry const& entry) const {
-    std::lock_guard<std::mutex> const lock(mutex);
-    return entry.isComputed() ? currentRank(entry) : entry.given();
-}
-
-bool RankedTasks::insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task,
-                         std::uint64_t order) {
+bool RankedTasks::insert(std::shared_ptr<SubmittedTask>& task, std::uint64_t order) {
+    RankedEntry& entry = task->rankedEntry();
+    if (!computes || !isExactly<SubmittedTask>(*task) || entry.wasAdded.exchange(true)) {
+        return false;
+    }
     std::lock_guard<std::mutex> const lock(mutex);
     ++owners;
     entry.home = this;
-    entry.since = picks;
     entry.order = order;
     entry.rank |= RankedEntry::COMPUTED;
     if (entry.given() < initialRankOf(entry.priority)) {
@@ -35,7 +41,7 @@ bool RankedTasks::insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& tas
         return false;
     }
     entry.task = std::move(task);
-    place(entry);
+    enlist(entry);
     ++size;
     return true;
 }
@@ -45,20 +51,26 @@ bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> cons
     if (!entry.isComputed()) {
         return false;
     }
-    bool const updated = isUpdated(entry);
-    // As this pick has compared it.
-    passed = updated && entry.since <= picks ? std::max(passed, keyOf(entry)) : passed;
+    if (isUpdated(entry) && entry.since <= picks) {
+        scan.passed = std::max(scan.passed, keyOf(entry));  // As this pick has compared it.
+    }
     unlink(entry);
     entry.rank = newRank() | RankedEntry::COMPUTED;
+    enlist(entry);
+    return true;
+}
+
+// A rank that is given behind the scan counts from the next pick on.
+void RankedTasks::enlist(RankedEntry& entry) {
+    bool const updated = isUpdated(entry);
     entry.since = updated ? picks + 1 : picks;
     updated ? link(entry, UNORDERED, nullptr) : place(entry);
-    return true;
 }
 
 // Of the chains that the task fits into, takes the one where the task ahead of it has the least
 // rank. So tasks of one rank share a chain, and there is a chain for each priority.
 void RankedTasks::place(RankedEntry& entry) {
-    unsigned int const rank = rankAt(entry, picks);
+    unsigned int const rank = computeRank(entry);
     std::uint8_t chosen = UNORDERED;
     RankedEntry* chosenAhead = nullptr;
     unsigned int least = std::numeric_limits<unsigned int>::max();
@@ -68,10 +80,9 @@ void RankedTasks::place(RankedEntry& entry) {
             ahead = steps < LOOK_BACK ? ahead->previous : nullptr;
         }
         RankedEntry const* const behind = ahead != nullptr ? ahead->next : lists[chain].first;
-        unsigned int const rankAhead = ahead != nullptr ? rankAt(*ahead, picks) : HIGHEST_RANK + 1;
+        unsigned int const rankAhead = ahead != nullptr ? computeRank(*ahead) : HIGHEST_RANK + 1;
         if (rankAhead >= rank && rankAhead < least &&
-            (behind == nullptr ||
-             (behind->index < entry.index && rankAt(*behind, picks) <= rank))) {
+            (behind == nullptr || (behind->index < entry.index && computeRank(*behind) <= rank))) {
             chosen = chain;
             chosenAhead = ahead;
             least = rankAhead;
@@ -95,7 +106,6 @@ void RankedTasks::link(RankedEntry& entry, std::uint8_t place, RankedEntry* ahea
     entry.next = ahead != nullptr ? ahead->next : list.first;
     (ahead != nullptr ? ahead->next : list.first) = &entry;
     (entry.next != nullptr ? entry.next->previous : list.last) = &entry;
-    skipNonNegative(list);
     if (entry.next == list.negative && sumOf(entry) < 0) {
         list.negative = &entry;
     }
@@ -112,30 +122,23 @@ void RankedTasks::unlink(RankedEntry& entry) {
     list.negative = list.negative == &entry ? entry.next : list.negative;
 }
 
-void RankedTasks::skipNonNegative(List& chain) const {
-    while (chain.negative != nullptr && sumOf(*chain.negative) >= 0) {
-        chain.negative = chain.negative->next;
-    }
-}
-
 void RankedTasks::scanTo(std::uint64_t order) {
-    if (!isEmpty()) {
-        std::lock_guard<std::mutex> const lock(mutex);
-        scannedTo = order;
+    if (isEmpty()) {
+        return;
     }
-}
-
-void RankedTasks::endScan() {
     std::lock_guard<std::mutex> const lock(mutex);
-    for (RankedEntry* entry = unlinkAll(RankedEntry::COMPUTED); entry != nullptr;) {
-        place(*std::exchange(entry, entry->next));
+    if (order >= scan.to) {  // An exception has ended the last scan.
+        for (RankedEntry* entry = unlinkAll(RankedEntry::COMPUTED); entry != nullptr;) {
+            place(*std::exchange(entry, entry->next));
+        }
     }
+    scan.to = order;
 }
 
 // Sums decrease along a chain, and negative ones wrap to large scores. So the largest score of a
-// chain is that of its first negative sum or, without one, that of its first task.
+// chain is that of its first task or that of its first negative sum.
 SortKey RankedTasks::best() {
-    SortKey best = std::exchange(passed, SortKey());
+    SortKey best = scan.passed;
     for (RankedEntry* entry = lists[UNORDERED].first; entry != nullptr;) {
         RankedEntry& current = *std::exchange(entry, entry->next);
         if (current.since > picks) {
@@ -148,29 +151,28 @@ SortKey RankedTasks::best() {
         }
     }
     for (std::uint8_t chain = 0; chain < UNORDERED; ++chain) {
-        if (RankedEntry* const first = lists[chain].first; first != nullptr) {
-            best = std::max(best, keyOf(*first));
-            skipNonNegative(lists[chain]);
+        auto& [first, last, negative] = lists[chain];
+        while (negative != nullptr && sumOf(*negative) >= 0) {
+            negative = negative->next;
         }
-        RankedEntry* const negative = lists[chain].negative;
+        best = first != nullptr ? std::max(best, keyOf(*first)) : best;
         best = negative != nullptr ? std::max(best, keyOf(*negative)) : best;
     }
     return finals.empty() ? best : std::max(best, *finals.rbegin());
 }
 
-std::shared_ptr<SubmittedTask> RankedTasks::pick(SortKey const& scanned) {
+void RankedTasks::pick(SortKey const& scanned, std::shared_ptr<SubmittedTask>& found) {
     std::lock_guard<std::mutex> const lock(mutex);
-    SortKey const chosen = std::max(scanned, best());
+    RankedEntry* const entry = std::max(scanned, best()).entry;
     ++picks;
-    scannedTo = std::numeric_limits<std::uint64_t>::max();
-    RankedEntry* const entry = chosen.entry;
+    scan = {};
     if (entry == nullptr || !entry->isComputed() || entry->home != this) {
-        return nullptr;
+        return;
     }
     unlink(*entry);
-    entry->rank = rankAt(*entry, picks);
+    entry->rank = computeRank(*entry);
     --size;
-    return std::move(entry->task);
+    found = std::move(entry->task);
 }
 
 RankedEntry* RankedTasks::unlinkAll(unsigned int flag) {
@@ -181,20 +183,13 @@ RankedEntry* RankedTasks::unlinkAll(unsigned int flag) {
     RankedEntry* all = nullptr;
     for (List const& list : std::exchange(lists, {})) {
         for (RankedEntry* entry = list.last; entry != nullptr; entry = entry->previous) {
-            entry->rank = currentRank(*entry) | flag;
+            entry->rank = computeRank(*entry, isUpdated(*entry)) | flag;
             entry->since = picks;
             entry->next = std::exchange(all, entry);
         }
     }
-    scannedTo = std::numeric_limits<std::uint64_t>::max();
-    passed = SortKey();
+    scan = {};
     return all;
-}
-
-RankedEntry* RankedTasks::eraseAll() {
-    std::lock_guard<std::mutex> const lock(mutex);
-    size = 0;
-    return unlinkAll(0);
 }
 
 }  // namespace ovra::concurrent

@@ -13,6 +13,8 @@
 
 namespace ovra::concurrent {
 
+class TaskRankingStrategy;
+
 /// What tasks are compared by. The larger score runs first; of two equal scores, the task added
 /// later. The default stands for no task, and is larger than the key of any task with score 0.
 struct SortKey {
@@ -41,8 +43,8 @@ struct SortKey {
 /// before it and guards which tasks are here.
 class RankedTasks {
 public:
-    /// Owned by its maker, and by every task that was ever here.
-    explicit RankedTasks(bool doublesRanks) : doubles(doublesRanks) {}
+    /// Owned by its maker, and by every task that was ever here. A null `strategy` keeps ranks.
+    explicit RankedTasks(TaskRankingStrategy const* strategy);
     /// Releases one owner's share. The last release destroys the container.
     void release() {
         if (--owners == 0) {
@@ -50,25 +52,31 @@ public:
         }
     }
 
-    /// Takes in a task that was never in a `RankedTasks` before. False, and the task is left, if
-    /// its rank is below that of its priority: the formula does not lift ranks.
-    bool insert(RankedEntry& entry, std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
+    /// Takes in a task whose ranks follow the formula. False, and the task is left, if the task or
+    /// the strategy may have rules of its own, if the task was added before, or if its rank is
+    /// below that of its priority: the formula does not lift ranks.
+    bool insert(std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
     /// Removes all tasks without allocating. Returns them linked by `next`, for the caller to
     /// destroy without a lock.
-    RankedEntry* eraseAll();
+    RankedEntry* eraseAll() {
+        std::lock_guard<std::mutex> const lock(mutex);
+        size = 0;
+        return unlinkAll(0);
+    }
     bool isEmpty() const { return size == 0; }
 
     /// Notes how far the scan of a pick has come: every task newer than `order` has been compared,
-    /// and its rank updated.
+    /// and its rank updated. If an exception ends the scan, these tasks keep the updated ranks.
     void scanTo(std::uint64_t order);
-    /// Ends a scan without a pick. The tasks it passed keep their updated ranks.
-    void endScan();
-    /// Ends a pick: chooses the best of the tasks here and of `scanned`, which the scan found.
-    /// Removes and returns the chosen task if it is here. Null if it is not.
-    std::shared_ptr<SubmittedTask> pick(SortKey const& scanned);
+    /// Ends a pick: compares the best task here with `scanned`, the key of the task that the scan
+    /// found. If the one here is better, removes it and puts it into `found`.
+    void pick(SortKey const& scanned, std::shared_ptr<SubmittedTask>& found);
 
     /// The rank of a task that was ever here.
-    unsigned int rankOf(RankedEntry const& entry) const;
+    unsigned int rankOf(RankedEntry const& entry) const {
+        std::lock_guard<std::mutex> const lock(mutex);
+        return entry.isComputed() ? computeRank(entry, isUpdated(entry)) : entry.given();
+    }
     /// Gives a task the rank that `newRank()` returns under the lock. False if it is not here.
     bool setRank(RankedEntry& entry, std::function<unsigned int()> const& newRank);
 
@@ -85,37 +93,37 @@ private:
         RankedEntry* negative = nullptr;  // No task ahead of it has a negative sum.
     };
 
-    bool isUpdated(RankedEntry const& entry) const { return entry.order > scannedTo; }
-    unsigned int rankAt(RankedEntry const& entry, std::uint64_t pickCount) const;
-    unsigned int currentRank(RankedEntry const& entry) const {
-        return rankAt(entry, isUpdated(entry) ? picks + 1 : picks);
-    }
+    struct Scan {
+        std::uint64_t to = std::numeric_limits<std::uint64_t>::max();
+        SortKey passed;  // The best old key of the tasks that changed after it had passed them.
+    };
+
+    bool isUpdated(RankedEntry const& entry) const { return entry.order > scan.to; }
+    unsigned int computeRank(RankedEntry const& entry, bool updated = false) const;
     bool isFinal(RankedEntry const& entry) const {
-        return !doubles || rankAt(entry, picks) == HIGHEST_RANK;
+        return !doubles || computeRank(entry) == HIGHEST_RANK;
     }
     std::int64_t sumOf(RankedEntry const& entry) const {
-        return std::int64_t{rankAt(entry, picks)} + entry.index;
+        return std::int64_t{computeRank(entry)} + entry.index;
     }
     SortKey keyOf(RankedEntry& entry) const {  // The score is the sum modulo 2^32.
         return {static_cast<unsigned int>(sumOf(entry)), entry.order, &entry};
     }
+    void enlist(RankedEntry& entry);
     void place(RankedEntry& entry);
     void link(RankedEntry& entry, std::uint8_t place, RankedEntry* ahead);
     void unlink(RankedEntry& entry);
-    void skipNonNegative(List& chain) const;
     SortKey best();
     RankedEntry* unlinkAll(unsigned int flag);
 
     bool const doubles;
+    bool const computes;
     std::atomic<unsigned int> owners{1};
     std::uint64_t size = 0;  // Guarded by the queue's lock.
 
     mutable std::mutex mutex;  // Guards the rest.
     std::uint64_t picks = 0;
-    std::uint64_t scannedTo = std::numeric_limits<std::uint64_t>::max();
-    // A task whose rank changes after the scan has passed it takes part in this pick with its old
-    // rank. This is the best of the old keys.
-    SortKey passed;
+    Scan scan;
     std::array<List, UNORDERED + 1> lists;
     std::set<SortKey> finals;
 };

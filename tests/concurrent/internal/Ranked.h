@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <ovra/concurrent/TaskRankingStrategy.h>
 #include <ovra/concurrent/internal/RankedTasks.h>
 #include <ovra/concurrent/internal/UniqueIndex.h>
 #include <tests/concurrent/Work.h>
@@ -24,7 +25,7 @@ inline constexpr bool KEEPS = false;
 class Ranked {
 public:
     explicit Ranked(bool doublesRanks)
-        : tasks(new RankedTasks(doublesRanks), [](RankedTasks* made) {
+        : tasks(make(doublesRanks), [](RankedTasks* made) {
               drop(made->eraseAll());
               made->release();
           }) {}
@@ -38,7 +39,7 @@ public:
     }
     RankedEntry& insert(std::shared_ptr<SubmittedTask> const& task) {
         auto reference = task;
-        tasks->insert(task->rankedEntry(), reference, ++added);
+        tasks->insert(reference, ++added);
         return task->rankedEntry();
     }
     RankedEntry& add(std::int32_t index, unsigned int rank) {
@@ -46,9 +47,12 @@ public:
         return insert(owned.back());
     }
     std::optional<std::int32_t> pick(SortKey const& scanned = SortKey()) {
-        auto const task = tasks->pick(scanned);
+        std::shared_ptr<SubmittedTask> task;
+        tasks->pick(scanned, task);
         return task ? std::optional<std::int32_t>(task->getUniqueIndex()) : std::nullopt;
     }
+    // A scan that has come to a task which is newer than all here.
+    void beginScan() { tasks->scanTo(++added); }
     // A pick whose scan has found the task, with the best score there is.
     std::optional<std::int32_t> take(RankedEntry& entry) {
         SortKey scanned;
@@ -71,6 +75,10 @@ public:
     std::vector<std::shared_ptr<SubmittedTask>> owned;
 
 private:
+    static RankedTasks* make(bool doublesRanks) {
+        NoStarveTaskRankingStrategy const doubling;
+        return new RankedTasks(doublesRanks ? &doubling : nullptr);
+    }
     // A task that is there keeps itself alive.
     static void drop(RankedEntry* entry) {
         while (entry != nullptr) {

@@ -81,14 +81,40 @@ TEST(RankedTasksScanTest, ScanThatEndsWithoutAPickLeavesTheUpdatedRanks) {
     auto& changed = ranked.add(15, 5);
     auto const& newer = ranked.add(10, 5);
     for (unsigned int const rank : {10u, 20u, 40u}) {
+        ranked.beginScan();
         ranked->scanTo(1);  // The order of the older one.
         ranked.setRank(changed, 7);
-        ranked->endScan();
         EXPECT_EQ(ranked->rankOf(newer), rank);
         EXPECT_EQ(ranked->rankOf(changed), 7u);
         EXPECT_EQ(ranked->rankOf(older), 5u);
     }
+    ranked.beginScan();
+    EXPECT_EQ(ranked->rankOf(newer), 40u) << "passed, and not yet compared again";
+    EXPECT_EQ(ranked->rankOf(changed), 7u);
     EXPECT_EQ(ranked.drain(), (std::vector<std::int32_t>{10, 20, 15}));
+}
+
+TEST(RankedTasksScanTest, NextScanMayBeginWhereTheLastOneEnded) {
+    Ranked ranked(DOUBLES);
+    auto const& newer = ranked.add(10, 5);
+    ranked->scanTo(0);
+    ranked->scanTo(0);
+    EXPECT_EQ(ranked->rankOf(newer), 10u << 1) << "updated by each of two scans";
+}
+
+TEST(RankedTasksScanTest, TaskAddedAfterAScanWithoutAPickIsUpdatedByTheNext) {
+    Ranked ranked(DOUBLES);
+    ranked.add(20, 5);
+    ranked->scanTo(0);
+    auto const& newer = ranked.add(10, 7);
+    EXPECT_EQ(ranked->rankOf(newer), 7u);
+
+    ranked.beginScan();
+    EXPECT_EQ(ranked->rankOf(newer), 7u);
+    ranked->scanTo(0);
+    EXPECT_EQ(ranked->rankOf(newer), 14u);
+    EXPECT_EQ(ranked.pick(), 20) << "its rank was 10 when it was compared";
+    EXPECT_EQ(ranked->rankOf(newer), 14u);
 }
 
 TEST(RankedTasksScanTest, ChangeAfterAScanWithoutAPickIsComparedAtTheNext) {
@@ -99,8 +125,8 @@ TEST(RankedTasksScanTest, ChangeAfterAScanWithoutAPickIsComparedAtTheNext) {
             auto& newer = ranked.add(10, 1000);
             ranked->scanTo(1);
             ranked.setRank(newer, 2);
-            ranked->endScan();
             ranked.setRank(newer, rank);
+            ranked.beginScan();
             EXPECT_EQ(ranked.pick(), rank == 100u ? 10 : 20);
         }
     }
