@@ -19,6 +19,7 @@ need_packages() {
     as_root=(sudo)
   fi
   echo "Installing, which may take some minutes: ${missing[*]}"
+  exec 8>"/tmp/ovra-packages-$(id -u).lock" && flock 8 # One tool at a time.
   # An index that is out of date names packages that no longer exist: refresh it and try once more.
   if ! install_packages >/dev/null 2>&1; then
     local log
@@ -31,6 +32,7 @@ need_packages() {
     fi
     rm -f "$log"
   fi
+  exec 8>&-
 }
 
 # The install step of need_packages, with its variables.
