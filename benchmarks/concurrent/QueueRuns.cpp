@@ -6,6 +6,7 @@
 
 #include <ovra/concurrent/SubmittedTask.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
+#include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskHandle.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
 
@@ -22,8 +23,8 @@ using concurrent::SubmittedTasksQueue;
 using concurrent::TaskHandle;
 using concurrent::TaskPriority;
 
-// What the queue and its tasks cost, without threads: one thread submits as an executor does, picks
-// and executes as a worker does, and releases the handles.
+// What the queue and its tasks cost, without threads: one thread submits to an executor that has no
+// worker, picks and executes as a worker does, and releases the handles.
 template <typename Strategy>
 class QueueRuns {
 public:
@@ -34,8 +35,6 @@ public:
     }
 
 private:
-    QueueRuns() : queue(std::make_shared<Strategy>()) {}
-
     static constexpr TaskPriority PRIORITIES[] = {concurrent::LOW, concurrent::NORMAL,
                                                   concurrent::HIGH};
 
@@ -47,14 +46,13 @@ private:
                 hasRun[i] = 1;
                 return Executable::SUCCESS;
             };
-            handles.push_back(queue.addTask(
-                std::make_shared<SubmittedTask>(work, PRIORITIES[i % 3], nullptr, "task")));
+            handles.push_back(executor.submitTask(work, PRIORITIES[i % 3], nullptr, "task"));
         }
     }
 
     // False when nothing is queued.
     bool runNext() {
-        std::shared_ptr<SubmittedTask> const task = queue.getNextTask();
+        std::shared_ptr<SubmittedTask> const task = queue->getNextTask();
         if (!task) {
             return false;
         }
@@ -139,11 +137,11 @@ private:
         std::size_t const picks = size(run, "picks");
         std::vector<std::shared_ptr<SubmittedTask>> picked(picks);
         // The first pick may do work that was deferred while tasks were added.
-        std::shared_ptr<SubmittedTask> const first = runs.queue.getNextTask();
+        std::shared_ptr<SubmittedTask> const first = runs.queue->getNextTask();
         Stopwatch watch;
         watch.start();
         for (std::shared_ptr<SubmittedTask>& task : picked) {
-            task = runs.queue.getNextTask();
+            task = runs.queue->getNextTask();
         }
         watch.stop();
         if (picks > 0) {
@@ -151,7 +149,9 @@ private:
         }
     }
 
-    SubmittedTasksQueue queue;
+    std::shared_ptr<SubmittedTasksQueue> const queue =
+        std::make_shared<SubmittedTasksQueue>(std::make_shared<Strategy>());
+    concurrent::TaskExecutorImpl executor{0, queue};
     std::vector<char> hasRun;
     std::vector<std::shared_ptr<TaskHandle>> handles;
 };
