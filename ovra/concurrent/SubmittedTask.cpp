@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <functional>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -122,12 +123,14 @@ void SubmittedTask::setRank(unsigned int const& newRank) {
 }
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
+    ++rank.priorityChanges;
     changeRank([this, newPriority, isStored = false]() mutable {
         if (!std::exchange(isStored, true)) {
             rank.priority = newPriority;  // Once, however often the rank is tried.
         }
         return clampedRank(initialRankOf(newPriority));
     });
+    --rank.priorityChanges;
 }
 
 unsigned int SubmittedTask::clampedRank(unsigned int newRank) const {
@@ -135,7 +138,8 @@ unsigned int SubmittedTask::clampedRank(unsigned int newRank) const {
 }
 
 // While a queue computes the rank, `newRank()` runs under the lock that the queue's picks take.
-void SubmittedTask::changeRank(std::function<unsigned int()> const& newRank) {
+template <typename NewRank>
+void SubmittedTask::changeRank(NewRank newRank) {
     if (!isExactly<SubmittedTask>(*this)) {
         rank.rank = newRank();
         return;
@@ -143,7 +147,7 @@ void SubmittedTask::changeRank(std::function<unsigned int()> const& newRank) {
     for (;;) {
         unsigned int stored = rank.rank;
         if ((stored & RankedEntry::COMPUTED) != 0) {
-            if (rank.home->setRank(rank, newRank)) {
+            if (rank.home->setRank(rank, std::ref(newRank))) {  // Needs no memory.
                 return;
             }
         } else if (rank.rank.compare_exchange_strong(stored, newRank())) {

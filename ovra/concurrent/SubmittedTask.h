@@ -39,7 +39,7 @@ struct SubmittedTaskProxy;
 /// lock held: an override must not call the queue or its executor.
 ///
 /// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
-/// that queue for a moment. That lock is a leaf: the three calls never wait for the queue's own
+/// that queue. That lock is a leaf: the three calls never wait for the queue's own
 /// lock, and what a pick calls may call them. Memory may be allocated under it, so an application's
 /// `operator new` must not call them.
 ///
@@ -175,7 +175,8 @@ public:
 
 private:
     OVRA_LOCAL unsigned int clampedRank(unsigned int newRank) const;
-    OVRA_LOCAL void changeRank(std::function<unsigned int()> const& newRank);
+    template <typename NewRank>
+    OVRA_LOCAL void changeRank(NewRank newRank);
     OVRA_LOCAL void logState(Executable::State newState) const;
     OVRA_LOCAL void finish(Executable::Result outcome);
 

@@ -7,12 +7,18 @@
 
 namespace ovra::concurrent {
 
+static void destroy(RankedEntry* entry) {
+    for (std::shared_ptr<SubmittedTask> task; entry != nullptr; entry = entry->next) {
+        task = std::move(entry->task);  // Destroys the one before.
+    }
+}
+
 SubmittedTasksQueue::SubmittedTasksQueue(std::shared_ptr<TaskRankingStrategy> rankingStrategy)
     : ranked(new RankedTasks(rankingStrategy.get())), strategy(std::move(rankingStrategy)) {}
 
 SubmittedTasksQueue::~SubmittedTasksQueue() {
-    closed = false;  // Drops also what was added while another thread closed the queue.
     close();
+    destroy(hasTasks() ? ranked->eraseAll() : nullptr);  // Added while another thread closed it.
     ranked->release();
 }
 
@@ -70,10 +76,7 @@ void SubmittedTasksQueue::close() {
     condition.notify_all();
     dropped.swap(tasks);
     lock.unlock();
-    while (entry != nullptr) {
-        auto const task = std::move(entry->task);
-        entry = entry->next;
-    }
+    destroy(entry);
 }
 
 bool SubmittedTasksQueue::isEmpty() {

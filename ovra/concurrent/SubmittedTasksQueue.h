@@ -30,9 +30,9 @@ class TaskRankingStrategy;
 /// queue owns one reference to each queued task. One queue may serve several executors; the
 /// executor destroyed first closes it.
 ///
-/// *Threads*: Thread-safe. The lock is held while the strategy runs and while a worker is woken,
-/// and is taken before a task's mutex. `addTask()`, `getNextTask()`, `isEmpty()` and `close()`
-/// block for locks only, not for work.
+/// *Threads*: Thread-safe. The lock is held while the strategy runs, while memory is allocated and
+/// while a worker is woken, and is taken before a task's mutex. `addTask()`, `getNextTask()`,
+/// `isEmpty()` and `close()` block for locks only, not for work.
 ///
 /// *Failure*: refusals are empty pointers. An operation that cannot take a lock throws
 /// `std::system_error`; the constructor and `addTask()` throw `std::bad_alloc`. A task that
@@ -87,7 +87,7 @@ private:
 
     // Guarded by `mutex`.
     std::uint64_t addedSoFar = 0;
-    // What a pick scans, newest first. With each task stands how many were added up to it.
+    // What a pick scans, newest first, each task with the count of additions up to it.
     std::forward_list<std::pair<std::shared_ptr<SubmittedTask>, std::uint64_t>> tasks;
     RankedTasks* ranked;  // What a pick need not scan.
 

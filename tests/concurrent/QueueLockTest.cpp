@@ -24,7 +24,7 @@ using ::testing::IsEmpty;
 class QueueLockTest : public test::BoundedTest {};
 
 TEST_F(QueueLockTest, QueueTakesNoLockOnceItIsClosed) {
-    auto const queue = makeQueue();
+    auto queue = makeQueue();
     auto const task = submission();
     queue->close();
 
@@ -33,6 +33,7 @@ TEST_F(QueueLockTest, QueueTakesNoLockOnceItIsClosed) {
                     queue->getNextTask();
                     queue->addTask(task);
                     queue->close();
+                    queue.reset();
                 }),
                 IsEmpty());
 }

@@ -55,6 +55,26 @@ TEST_F(QueueMemoryTest, TaskThatFindsNoMemoryDiesWithoutTheLock) {
     EXPECT_TRUE(died);
 }
 
+TYPED_TEST(QueueMemoryStrategyTest, RanksAndPrioritiesChangeWithoutMemory) {
+    auto const queue = makeQueue<TypeParam>();
+    auto const queued = submission();
+    auto const other = submission();
+    queue->addTask(queued);
+    int allocations = 0;
+    test::ThreadCalls calls;
+    calls.onAllocate = [&](std::size_t) { return ++allocations > 0; };
+    calls.install();
+
+    other->setRank(2000);
+    other->setPriority(HIGH);
+    EXPECT_EQ(allocations, 0) << "nobody computes its rank";
+    queued->setRank(2000);
+    EXPECT_EQ(queued->getRank(), 2000u);
+    queued->setPriority(HIGH);
+    EXPECT_EQ(queued->getPriority(), HIGH);
+    EXPECT_EQ(queued->getRank(), other->getRank());
+}
+
 TYPED_TEST(QueueMemoryStrategyTest, TasksOfTheirFirstPriorityNeedNoMemoryButForTheirHandles) {
     auto const queue = makeQueue<TypeParam>();
     int allocations = 0;

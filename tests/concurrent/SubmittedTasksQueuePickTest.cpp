@@ -393,6 +393,61 @@ TEST_F(SubmittedTasksQueuePickTest, StrategyIsNotAskedOnAnEmptyQueue) {
     EXPECT_EQ(updates, 0);
 }
 
+// Throws for as often as it is told to.
+class ThrowingTask : public SubmittedTask {
+public:
+    ThrowingTask() : SubmittedTask(succeed(), LOW, Callback(), "throwing") {}
+    unsigned int getRank() const override {
+        if (throws-- > 0) {
+            throw std::runtime_error("no rank");
+        }
+        return SubmittedTask::getRank();
+    }
+
+    mutable int throws = 0;
+};
+
+TEST_F(SubmittedTasksQueuePickTest, OverrideThatThrowsLeavesTheRanksOfNewerTasksUpdated) {
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    auto const older = submission(succeed(), LOW);
+    auto const throwing = std::make_shared<ThrowingTask>();
+    auto const newer = submission(succeed(), LOW);
+    for (std::shared_ptr<SubmittedTask> const& task :
+         {older, std::shared_ptr<SubmittedTask>(throwing), newer}) {
+        queue->addTask(task);
+    }
+    throwing->throws = 2;
+    EXPECT_THROW(queue->getNextTask(), std::runtime_error);
+    EXPECT_THROW(queue->getNextTask(), std::runtime_error);
+    EXPECT_EQ(older->getRank(), 1u);
+    EXPECT_EQ(newer->getRank(), 4u);
+
+    auto const newest = submission(succeed(), NORMAL);
+    queue->addTask(newest);
+    newer->setRank(5);
+    older->setRank(7);
+    EXPECT_EQ(queue->getNextTask(), newest);
+    EXPECT_EQ(newest->getRank(), 2000u);
+    EXPECT_EQ(newer->getRank(), 10u);
+    EXPECT_EQ(throwing->getRank(), 2u);
+    EXPECT_EQ(older->getRank(), 14u);
+    EXPECT_EQ(queue->getNextTask(), older);
+    EXPECT_EQ(queue->getNextTask(), newer);
+    EXPECT_EQ(queue->getNextTask(), throwing);
+}
+
+TEST_F(SubmittedTasksQueuePickTest, QueueThatDiesAfterAScanThatThrewLeavesTheRanks) {
+    auto queue = makeQueue<NoStarveTaskRankingStrategy>();
+    auto const throwing = std::make_shared<ThrowingTask>();
+    auto const newer = submission(succeed(), LOW);
+    queue->addTask(throwing);
+    queue->addTask(newer);
+    throwing->throws = 1;
+    EXPECT_THROW(queue->getNextTask(), std::runtime_error);
+    queue.reset();
+    EXPECT_EQ(newer->getRank(), 2u);
+}
+
 TEST_F(SubmittedTasksQueuePickTest, StrategyThatThrowsLeavesTheQueueAsItWas) {
     bool fails = true;
     auto const queue = makeScriptedQueue([&fails](SubmittedTask*) {

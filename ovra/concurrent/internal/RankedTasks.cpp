@@ -36,7 +36,7 @@ bool RankedTasks::insert(std::shared_ptr<SubmittedTask>& task, std::uint64_t ord
     entry.home = this;
     entry.order = order;
     entry.rank |= RankedEntry::COMPUTED;
-    if (entry.given() < initialRankOf(entry.priority)) {
+    if (entry.priorityChanges != 0 || entry.given() < initialRankOf(entry.priority)) {
         entry.rank = entry.given();
         return false;
     }

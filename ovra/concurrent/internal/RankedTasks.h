@@ -35,9 +35,8 @@ struct SortKey {
 /// priority arrive in that order.
 ///
 /// The tasks are linked in chains, in which each task stays ahead of the next. A pick compares the
-/// first task of each chain, and the first whose sum of rank and index is negative. A task whose
-/// changed rank fits into no chain is compared at each pick until its rank is final; then it joins
-/// a set.
+/// first task of each chain, and the first whose sum of rank and index is negative. A task that
+/// fits into no chain is compared at each pick until its rank is final; then it joins a set.
 ///
 /// Private to the library. *Threads*: Thread-safe. The lock is a leaf. The queue's lock comes
 /// before it and guards which tasks are here.
@@ -53,8 +52,8 @@ public:
     }
 
     /// Takes in a task whose ranks follow the formula. False, and the task is left, if the task or
-    /// the strategy may have rules of its own, if the task was added before, or if its rank is
-    /// below that of its priority: the formula does not lift ranks.
+    /// the strategy may have rules of its own, if another container has seen the task, or if its
+    /// rank is or may be below that of its priority: the formula does not lift ranks.
     bool insert(std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
     /// Removes all tasks without allocating. Returns them linked by `next`, for the caller to
     /// destroy without a lock.
