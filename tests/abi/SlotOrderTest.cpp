@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -136,10 +137,31 @@ std::size_t exportedSlotCount(std::string const& mangledName) {
     return static_cast<ElfW(Sym) const*>(entry)->st_size / sizeof(void*) - 2;
 }
 
+// What the exported table holds at a place; null if there is none.
+void* exportedEntry(std::string const& mangledName, std::size_t place) {
+    void* const table = dlsym(RTLD_DEFAULT, ("_ZTV" + mangledName).c_str());
+    return table != nullptr ? static_cast<void**>(table)[2 + place] : nullptr;
+}
+
 class SlotOrderTest : public ::testing::TestWithParam<Table> {};
 
 TEST_P(SlotOrderTest, OperationsFollowTheDestructorInTheirOrder) {
+    std::string const mangled = GetParam().mangledName;
     std::vector<std::size_t> const& slots = GetParam().slots;
+    bool const isAbstract = std::any_of(slots.begin(), slots.end(), [&](std::size_t slot) {
+        return exportedEntry(mangled, slot) == dlsym(RTLD_DEFAULT, "__cxa_pure_virtual");
+    });
+    // That of a whole object, and the one that frees its memory as well. A compiler may leave them
+    // out of the table of an abstract class.
+    std::string const destructor = "_Z" + mangled.substr(0, mangled.size() - 1);
+    for (std::size_t place = 0; place < 2 && !isAbstract; ++place) {
+        void* const expected =
+            dlsym(RTLD_DEFAULT, (destructor + (place == 0 ? "D1Ev" : "D0Ev")).c_str());
+        // Not exported where the class declares none.
+        EXPECT_TRUE(exportedEntry(mangled, place) == expected || expected == nullptr) << place;
+        EXPECT_NE(exportedEntry(mangled, place), nullptr) << place;
+    }
+
     for (std::size_t place = 0; place < slots.size(); ++place) {
         EXPECT_EQ(slots[place], 2 + place);
     }

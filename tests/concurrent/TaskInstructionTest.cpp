@@ -27,6 +27,7 @@ protected:
             auto const task = submission(work);
             auto const handle = linkHandle(task);
             step([&] { task->execute(); }, [&] { look(*handle); });
+            EXPECT_TRUE(handle->isDone()) << "otherwise no look would have anything to see";
         });
     }
 };

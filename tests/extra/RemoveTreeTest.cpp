@@ -271,6 +271,37 @@ TEST_F(RemoveTreeTest, MountPointsAreNotCrossed) {
     EXPECT_THAT(namesIn(at("outside")), UnorderedElementsAre("empty", "d", "f"));
 }
 
+// One at a time: of several, each could hide that another was passed over in silence.
+TEST_F(RemoveTreeTest, EveryKindOfMountPointAloneIsBusyAndStays) {
+    if (!ovra::test::hasOwnRoot()) {
+        GTEST_SKIP() << "an ordinary user may not mount";
+    }
+    makeTree("outside");
+    struct Row {
+        char const* mounted;
+        std::string from;
+        char const* type;
+        unsigned long flags;
+        void (*makePoint)(std::string const&);
+    };
+    auto const makeDirectoryThere = [](std::string const& path) { makeDirectory(path); };
+    auto const makeFileThere = [](std::string const& path) { writeFile(path); };
+    for (Row const& row : {Row{"another device", "other", "tmpfs", 0, makeDirectoryThere},
+                           Row{"a directory", at("outside"), nullptr, MS_BIND, makeDirectoryThere},
+                           Row{"a file", at("outside/f"), nullptr, MS_BIND, makeFileThere}}) {
+        makeTree("t");
+        row.makePoint(at("t/d/point"));
+        {
+            Mounted const mounted(row.from, at("t/d/point"), row.type, row.flags);
+            EXPECT_EQ(outcomeName(remove(at("t"))), std::string("BUSY")) << row.mounted;
+            EXPECT_THAT(namesIn(at("t")), ElementsAre("d")) << row.mounted;
+            EXPECT_THAT(namesIn(at("t/d")), ElementsAre("point")) << row.mounted;
+        }
+        EXPECT_EQ(remove(at("t")), Outcome::DONE) << row.mounted;
+        EXPECT_THAT(namesIn(at("outside")), UnorderedElementsAre("empty", "d", "f")) << row.mounted;
+    }
+}
+
 TEST_F(RemoveTreeTest, MountPointsAreNotCrossedWhereTheDirectoryMayNotBeChanged) {
     if (!ovra::test::hasOwnRoot()) {
         GTEST_SKIP() << "an ordinary user may not mount";

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,6 +32,7 @@ using ovra::test::ThreadCalls;
 using std::chrono::hours;
 using std::chrono::milliseconds;
 using test::RecordingExecutor;
+using ::testing::ElementsAre;
 
 class ScheduledTasksTest : public concurrent::ExecutorTest {};
 
@@ -85,6 +87,25 @@ TEST_F(ScheduledTasksTest, PassesPriorityFunctionAndACopyOfTheName) {
     scheduled.after(milliseconds(-1), succeed(), NORMAL, nullptr);
     again.wait();
     EXPECT_EQ(direct->task->name(), nullptr);
+}
+
+TEST_F(ScheduledTasksTest, NothingIsSubmittedBeforeItsTime) {
+    auto const direct = std::make_shared<Direct>();
+    std::vector<std::string> submitted;
+    Gate now;
+    direct->onSubmission = [&] {
+        submitted.emplace_back(direct->task->name());
+        if (submitted.back() == "now") {
+            now.open();
+        }
+    };
+    ScheduledTasks scheduled(direct);
+    scheduled.every(hours(1), succeed(), NORMAL, "after one period");
+    scheduled.after(hours(1), succeed(), NORMAL, "after the delay");
+    // Whatever was due at its own submission would come before this.
+    scheduled.after(milliseconds(0), succeed(), NORMAL, "now");
+    now.wait();
+    EXPECT_THAT(submitted, ElementsAre("now"));
 }
 
 TEST_F(ScheduledTasksTest, RefusesWhatCannotBeScheduled) {

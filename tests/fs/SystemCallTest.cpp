@@ -44,6 +44,9 @@ TEST_F(SystemCallTest, NeedsNoneForPaths) {
     EXPECT_EQ(path.Resolve("../x").Resolved(), at("x"));
     path.SetPath(at("link"));
     EXPECT_TRUE(path.IsAbsolute());
+    EXPECT_EQ(path.Resolved(), at("link")) << "it is not followed";
+    EXPECT_EQ(FilePath("link").Resolved(), "link");
+    EXPECT_TRUE(FilePath("link").IsRelative());
     EXPECT_THAT(calls.take(), IsEmpty());
 }
 

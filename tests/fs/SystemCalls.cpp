@@ -260,6 +260,40 @@ OVRA_MODE_CALL(mkdir)
 OVRA_OPEN_CALL(fopen)
 OVRA_OPEN_CALL(fopen64)
 
+extern "C" int ovraTest_access(char const* path, int mode) asm("access");
+extern "C" int ovraTest_access(char const* path, int mode) {
+    if (!admitPath("access", path)) {
+        return -1;
+    }
+    return nextFunction<int(char const*, int)>("access")(path, mode);
+}
+
+// What a path could ask that wants to know more than its text says.
+extern "C" char* ovraTest_realpath(char const* path, char* resolved) asm("realpath");
+extern "C" char* ovraTest_realpath(char const* path, char* resolved) {
+    if (!admitPath("realpath", path)) {
+        return nullptr;
+    }
+    return nextFunction<char*(char const*, char*)>("realpath")(path, resolved);
+}
+
+extern "C" ssize_t ovraTest_readlink(char const* path, char* buffer,
+                                     std::size_t size) asm("readlink");
+extern "C" ssize_t ovraTest_readlink(char const* path, char* buffer, std::size_t size) {
+    if (!admitPath("readlink", path)) {
+        return -1;
+    }
+    return nextFunction<ssize_t(char const*, char*, std::size_t)>("readlink")(path, buffer, size);
+}
+
+extern "C" char* ovraTest_getcwd(char* buffer, std::size_t size) asm("getcwd");
+extern "C" char* ovraTest_getcwd(char* buffer, std::size_t size) {
+    if (!admitName("getcwd")) {
+        return nullptr;
+    }
+    return nextFunction<char*(char*, std::size_t)>("getcwd")(buffer, size);
+}
+
 extern "C" void* ovraTest_opendir(char const* path) asm("opendir");
 extern "C" void* ovraTest_opendir(char const* path) {
     if (!admitPath("opendir", path)) {

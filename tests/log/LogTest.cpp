@@ -65,12 +65,16 @@ struct LoggedBeforeMain {
 
 LoggedBeforeMain const loggedBeforeMain;
 
+// After the constructors of the library.
+bool const debuggableBeforeMain = getDepsDebuggable();
+
 TEST(LogTest, GlobalLevelIsErrorBeforeAnyConstructorHasRun) {
     EXPECT_EQ(levelAtStart, ERROR);
 }
 
 TEST(LogTest, DepsDebuggableIsFalseFromTheStart) {
     EXPECT_FALSE(debuggableAtStart);
+    EXPECT_FALSE(debuggableBeforeMain);
 }
 
 TEST(LogTest, WorksBeforeMain) {
