@@ -142,7 +142,7 @@ TEST_F(TaskHandleTest, ReleasesTheExceptionBeforeTheProxy) {
     std::vector<std::string> order;
     struct TellingError : std::runtime_error {
         explicit TellingError(std::shared_ptr<void> toHold)
-            : std::runtime_error("telling"), held(std::move(toHold)) {}
+            : std::runtime_error("holding"), held(std::move(toHold)) {}
         std::shared_ptr<void> held;
     };
     auto proxy = std::make_shared<SubmittedTaskProxy>();

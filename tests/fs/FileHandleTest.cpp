@@ -88,14 +88,14 @@ static_assert(sizeof(FileHandle) == 2 * sizeof(void*), "the virtual table and th
 
 TEST(FileHandleTest, CanBeDestroyedThroughABaseClass) {
     struct Derived : FileHandle {
-        explicit Derived(bool& flag) : FileHandle("unused"), gone(flag) {}
-        ~Derived() override { gone = true; }
-        bool& gone;
+        explicit Derived(bool& flag) : FileHandle("unused"), destroyed(flag) {}
+        ~Derived() override { destroyed = true; }
+        bool& destroyed;
     };
-    bool gone = false;
-    std::unique_ptr<FileHandle> handle = std::make_unique<Derived>(gone);
+    bool destroyed = false;
+    std::unique_ptr<FileHandle> handle = std::make_unique<Derived>(destroyed);
     handle.reset();
-    EXPECT_TRUE(gone);
+    EXPECT_TRUE(destroyed);
 }
 
 TEST(FileHandleTest, HasAVirtualDestructorAndNoOtherVirtualOperation) {

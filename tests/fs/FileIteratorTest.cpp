@@ -283,7 +283,7 @@ TEST_F(FileIteratorOnDiskTest, EqualsAnotherOnTheSameEntry) {
 
 TEST_F(FileIteratorOnDiskTest, NeverEqualsOneOverAnotherDirectoryWhileBothStandOnAnEntry) {
     EXPECT_NE(FileIterator(at("x")), FileIterator(at("x/y")));
-    EXPECT_NE(FileIterator(at("x/y/")), FileIterator(at("x/y"))) << "the same, told otherwise";
+    EXPECT_NE(FileIterator(at("x/y/")), FileIterator(at("x/y"))) << "the same, written otherwise";
 }
 
 TEST_F(FileIteratorOnDiskTest, YieldsTheDirectoryAndASeparatorAtItsEnd) {

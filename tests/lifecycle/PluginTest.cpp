@@ -25,7 +25,7 @@ using ::testing::IsEmpty;
 std::mutex eventsMutex;
 std::vector<std::string> events;
 
-void tell(char const* event) {
+void report(char const* event) {
     std::lock_guard<std::mutex> const lock(eventsMutex);
     events.emplace_back(event);
 }
@@ -81,7 +81,7 @@ void loadAndUnload(std::string const& situation) {
     LoadedPlugin library(LIFECYCLE_PLUGIN);
     Gate isTaken;
     Gate waiterIsOut;
-    library->begin(situation.c_str(), &waiterIsOut, tell);
+    library->begin(situation.c_str(), &waiterIsOut, report);
     std::thread waiter;
     if (situation == "waited") {
         // The last code of the library that this thread runs is behind it when the gate opens.
@@ -149,7 +149,7 @@ void expectApart(LoadedPlugin& first, LoadedPlugin& second) {
     first->runOne();
     second->runOne();
     Gate unused;
-    first->begin("running", &unused, tell);
+    first->begin("running", &unused, report);
     second->runOne();
     EXPECT_THAT(takeEvents(), IsEmpty());
 

@@ -32,7 +32,7 @@ namespace {
 using test::Registration;
 using test::TemporaryDirectory;
 
-// A device that is full until it is told otherwise.
+// A device that is full until `isFull` is false.
 class FullDevice : public std::streambuf {
 public:
     explicit FullDevice(std::ostream& stream) : captured(stream), original(stream.rdbuf(this)) {}
@@ -132,7 +132,7 @@ TEST_F(LogHazardsTest, InterruptedOpeningOfAPipeMakesASinkThatDiscards) {
         handler = std::make_unique<FileLogHandler>(pipe.c_str());
         isMade = true;
     });
-    while (!isMade) {  // Which signal finds it opening, nobody can tell.
+    while (!isMade) {  // Which signal finds it opening, nobody knows.
         pthread_kill(maker.native_handle(), SIGUSR1);
         std::this_thread::yield();
     }

@@ -158,7 +158,7 @@ private:
     std::function<void(char const*, LogLevel)> function;
 };
 
-/// A name in the registry that is of no effect any more once this is gone: entries cannot be
+/// A name in the registry that is of no effect any more once this is destroyed: entries cannot be
 /// removed, but replaced.
 class Registration {
 public:
@@ -192,7 +192,7 @@ public:
           original(stream.rdbuf(this)),
           flags(stream.flags()),
           tied(stream.tie(nullptr)) {
-        // With the stream's tie gone: flushes nothing but what it is asked to.
+        // Without the stream's tie: flushes nothing but what it is asked to.
         stream.unsetf(std::ios_base::unitbuf);
     }
     StreamCapture(StreamCapture const&) = delete;
@@ -241,7 +241,7 @@ private:
     std::ostream* const tied;
 };
 
-/// Large enough to tell one that is kept from whatever else changes.
+/// Large enough to distinguish one that is kept from whatever else changes.
 inline std::string const& largeText() {
     static std::string const text(1 << 20, 'x');
     return text;

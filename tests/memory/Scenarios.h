@@ -114,7 +114,7 @@ struct Wait {
     Handle handle = TaskHandle::of(task, nullptr);
 };
 
-/// The worker's part of a task, which may be gone when the wait begins.
+/// The worker's part of a task, which may have ended when the wait begins.
 struct WaitForGone {
     void run(unsigned int thread) {
         if (thread == 0) {

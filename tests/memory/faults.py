@@ -91,9 +91,9 @@ FAULTS = [
           [("        finish(outcome);\n        logState", "        setPromiseValue();\n"
             "        finish(outcome);\n        logState"),
            ("    setPromiseValue();\n    return result;", "    return result;")], ["Wait"]),
-    Fault("no fence when the task is gone", WEAK,
+    Fault("no fence when the task has ended", WEAK,
           [("std::atomic_thread_fence(std::memory_order_acquire);", "")], ["WaitForGoneByProxy"]),
-    Fault("the fence relaxed when the task is gone", WEAK,
+    Fault("the fence relaxed when the task has ended", WEAK,
           [("std::atomic_thread_fence(std::memory_order_acquire);",
             "std::atomic_thread_fence(std::memory_order_relaxed);")], ["WaitForGoneByProxy"]),
     Fault("`waitForCompletion()` does not read the result", HANDLE,
