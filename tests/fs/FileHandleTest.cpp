@@ -17,7 +17,7 @@
 #include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/fs/TestPeers.h>
-#include <tests/fs/VirtualSlots.h>
+#include <tests/support/VirtualTable.h>
 
 namespace ovra::fs {
 namespace {
@@ -28,7 +28,7 @@ using ::testing::IsNull;
 using ::testing::NotNull;
 
 using ovra::test::virtualSlot;
-using test::slotCount;
+using ovra::test::virtualSlotCount;
 using test::writeFile;
 
 using Names = std::vector<std::string>;
@@ -99,7 +99,7 @@ TEST(FileHandleTest, CanBeDestroyedThroughABaseClass) {
 }
 
 TEST(FileHandleTest, HasAVirtualDestructorAndNoOtherVirtualOperation) {
-    EXPECT_EQ(slotCount("FileHandle"), 2u);
+    EXPECT_EQ(virtualSlotCount("FileHandle", "fs"), 2u);
 }
 
 TEST(FileHandleTest, HasTheBackEndsOperationsInTheirSlots) {
@@ -133,8 +133,8 @@ TEST(FileHandleTest, HasTheBackEndsOperationsInTheirSlots) {
     for (std::size_t i = 0; i < slots.size(); ++i) {
         EXPECT_EQ(slots[i], i + 2) << "operation " << i << " after the destructor";
     }
-    EXPECT_EQ(slotCount("FileHandleBackend"), slots.size() + 2);
-    EXPECT_EQ(slotCount("FileHandleBackendImpl"), slots.size() + 2);
+    EXPECT_EQ(virtualSlotCount("FileHandleBackend", "fs"), slots.size() + 2);
+    EXPECT_EQ(virtualSlotCount("FileHandleBackendImpl", "fs"), slots.size() + 2);
 }
 
 class FileHandleWithoutBackEndTest : public ::testing::Test {

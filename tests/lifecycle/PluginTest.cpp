@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <tests/lifecycle/Plugin.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/Mapped.h>
 
 namespace ovra::test {
 namespace {
@@ -60,17 +60,6 @@ private:
     void* handle;
     Plugin const* functions;
 };
-
-std::vector<std::string> mapped(std::string const& part) {
-    std::ifstream maps("/proc/self/maps");
-    std::vector<std::string> result;
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(part) != std::string::npos) {
-            result.push_back(line);
-        }
-    }
-    return result;
-}
 
 auto threads() {
     namespace stdfs = std::filesystem;

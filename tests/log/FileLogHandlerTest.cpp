@@ -28,6 +28,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+using ovra::test::ScratchDirectory;
 using test::ALL_LEVELS;
 using test::AllocationProbe;
 using test::CLibraryProbe;
@@ -37,13 +38,12 @@ using test::expectThrowsWhenItCannotLock;
 using test::isInside;
 using test::levelOf;
 using test::openDescriptors;
-using test::TemporaryDirectory;
 using test::Trace;
 using test::writeFile;
 
 class FileLogHandlerTest : public ::testing::Test {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("log");
 };
 

@@ -32,16 +32,16 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+using ovra::test::FunctionSink;
+using ovra::test::LevelKeeper;
+using ovra::test::RecordingSink;
+using ovra::test::Registration;
+using ovra::test::ScratchDirectory;
 using test::AllocationProbe;
 using test::CLibraryProbe;
 using test::contentOf;
-using test::FunctionSink;
-using test::LevelKeeper;
 using test::openDescriptors;
-using test::RecordingSink;
-using test::Registration;
 using test::StreamCapture;
-using test::TemporaryDirectory;
 using test::writeFile;
 
 LogHandlerType typeOf(long long value) {
@@ -67,7 +67,7 @@ TEST(LogHandlerRegistrationTest, TypesAreNumberedFromOne) {
 }
 
 TEST(LogHandlerRegistrationTest, FactoryMakesTheKindAskedFor) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     auto const file = createLogHandler(FILE_HANDLER, directory.path("log").c_str());
     auto const platform = createLogHandler(PLATFORM_HANDLER, "name");
     auto const streams = createLogHandler(STANDARD_STREAM_HANDLER, "name");
@@ -77,7 +77,7 @@ TEST(LogHandlerRegistrationTest, FactoryMakesTheKindAskedFor) {
 }
 
 TEST(LogHandlerRegistrationTest, CallerOwnsWhatTheFactoryMakesAlone) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     for (LogHandlerType const type : {FILE_HANDLER, PLATFORM_HANDLER, STANDARD_STREAM_HANDLER}) {
         auto first = createLogHandler(type, path.c_str());
@@ -91,7 +91,7 @@ TEST(LogHandlerRegistrationTest, CallerOwnsWhatTheFactoryMakesAlone) {
 }
 
 TEST(LogHandlerRegistrationTest, WhatTheFactoryMakesIsNotRegistered) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     StreamCapture errors(std::cerr);
     CLibraryProbe probe;
     auto const file = createLogHandler(FILE_HANDLER, directory.path("log").c_str());
@@ -104,7 +104,7 @@ TEST(LogHandlerRegistrationTest, WhatTheFactoryMakesIsNotRegistered) {
 }
 
 TEST(LogHandlerRegistrationTest, FileIsDeletedThroughTheBaseOfItsSink) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::size_t const before = openDescriptors();
     std::shared_ptr<LogHandler> handler =
         createLogHandler(FILE_HANDLER, directory.path("log").c_str());
@@ -120,7 +120,7 @@ TEST(LogHandlerRegistrationTest, OnlyTheFileSinkLooksAtTheName) {
 }
 
 TEST(LogHandlerRegistrationTest, FactoryMakesNothingOfAnUnknownType) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     for (long long const type : UNKNOWN_TYPES) {
         EXPECT_EQ(createLogHandler(typeOf(type), directory.path("log").c_str()), nullptr)
             << "type " << type;
@@ -132,7 +132,7 @@ TEST(LogHandlerRegistrationTest, FactoryMakesNothingOfAnUnknownType) {
 // --- registration
 
 TEST(LogHandlerRegistrationTest, RegisteredFileReceivesEachLine) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     addLogHandler(FILE_HANDLER, path.c_str());
@@ -145,7 +145,7 @@ TEST(LogHandlerRegistrationTest, RegisteredFileReceivesEachLine) {
 }
 
 TEST(LogHandlerRegistrationTest, RegisteredDirectoryGetsAFileOfItsOwn) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     Registration const registration(directory.path());
     addLogHandler(FILE_HANDLER, directory.path().c_str());
     log(ERROR, "tag", "text");
@@ -181,7 +181,7 @@ TEST(LogHandlerRegistrationTest, RegisteredPlatformSinkIsASecondOneWithAMutexOfI
 }
 
 TEST(LogHandlerRegistrationTest, PercentSignsAreInterpretedByTheSystemLogOnly) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     Registration const file(directory.path("log"));
     addLogHandler(FILE_HANDLER, file.name());
     StreamCapture errors(std::cerr);
@@ -227,7 +227,7 @@ TEST(LogHandlerRegistrationTest, OneSinkMayHaveTwoNames) {
 // --- replacement
 
 TEST(LogHandlerRegistrationTest, SameNameLeavesOnlyTheSecondSink) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     StreamCapture errors(std::cerr);
     Registration const registration(path);
@@ -247,7 +247,7 @@ TEST(LogHandlerRegistrationTest, SameNameLeavesOnlyTheSecondSink) {
 }
 
 TEST(LogHandlerRegistrationTest, ReplacedFileIsClosed) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     std::size_t const before = openDescriptors();
@@ -260,7 +260,7 @@ TEST(LogHandlerRegistrationTest, ReplacedFileIsClosed) {
 }
 
 TEST(LogHandlerRegistrationTest, ReplacedFileStartsAfresh) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     addLogHandler(FILE_HANDLER, path.c_str());
@@ -332,7 +332,7 @@ TEST(LogHandlerRegistrationTest, NullNameIsRefusedAndChangesNothing) {
 }
 
 TEST(LogHandlerRegistrationTest, FileThatCannotBeOpenedIsRegisteredAllTheSame) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("missing/log");
     Registration const registration(path);
     auto const sink = addRecordingSink(registration);
@@ -345,7 +345,7 @@ TEST(LogHandlerRegistrationTest, FileThatCannotBeOpenedIsRegisteredAllTheSame) {
 }
 
 TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeLeavesTheRegisteredOne) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("a path too long for a string to hold by itself");
     for (LogHandlerType const type : {FILE_HANDLER, PLATFORM_HANDLER, STANDARD_STREAM_HANDLER}) {
         Registration const registration(path);
@@ -377,7 +377,7 @@ TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeLeavesTheRegisteredOne) {
 }
 
 TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeUnderANewNameLeavesLoggingAsItWas) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     auto const neighbour = std::make_shared<RecordingSink>();
     Registration const neighbours(neighbour);
     CLibraryProbe probe;
@@ -421,7 +421,7 @@ int lossesOf(std::string const& path, std::function<void()> const& makeSink) {
 }
 
 TEST(LogHandlerRegistrationTest, EntryThatFindsNoMemoryLosesNoEarlierLog) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("a path too long for a string to hold by itself");
     int const lossesOfTheSink =
         lossesOf(path, [&] { createLogHandler(FILE_HANDLER, path.c_str()); });
@@ -432,7 +432,7 @@ TEST(LogHandlerRegistrationTest, EntryThatFindsNoMemoryLosesNoEarlierLog) {
 // --- use and release
 
 TEST(LogHandlerRegistrationTest, LibrarysOwnCallsReachTheSinks) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     addLogHandler(FILE_HANDLER, path.c_str());

@@ -33,6 +33,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+using ovra::test::ScratchDirectory;
 using test::ALL_LEVELS;
 using test::AllocationProbe;
 using test::CLibraryProbe;
@@ -42,7 +43,6 @@ using test::expectThrowsWhenItCannotLock;
 using test::levelOf;
 using test::StreamCapture;
 using test::SystemLogCall;
-using test::TemporaryDirectory;
 using test::Trace;
 
 // The place of a virtual operation in the table; a virtual destructor takes two.
@@ -242,7 +242,7 @@ private:
 };
 
 TEST(StandardStreamLogHandlerTest, EachLineReachesTheProcessesStreamsAtOnce) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const output = directory.path("output");
     std::string const errors = directory.path("errors");
     std::string read[4];

@@ -29,8 +29,8 @@ namespace ovra::log {
 
 namespace {
 
-using test::Registration;
-using test::TemporaryDirectory;
+using ovra::test::Registration;
+using ovra::test::ScratchDirectory;
 
 // A device that is full until `isFull` is false.
 class FullDevice : public std::streambuf {
@@ -77,7 +77,7 @@ protected:
         return size > 0 ? std::string(buffer, static_cast<std::size_t>(size)) : std::string();
     }
 
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const pipe = directory.path("pipe");
 };
 

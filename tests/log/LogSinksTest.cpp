@@ -25,12 +25,12 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+using ovra::test::FunctionSink;
+using ovra::test::LevelKeeper;
+using ovra::test::RecordingSink;
+using ovra::test::Registration;
 using test::CLibraryProbe;
-using test::FunctionSink;
-using test::LevelKeeper;
 using test::levelOf;
-using test::RecordingSink;
-using test::Registration;
 using test::StreamCapture;
 
 TEST(LogSinksTest, PlatformSinkNeedsNoRegistrationAndIsCalledOnce) {
@@ -78,7 +78,7 @@ TEST(LogSinksTest, LevelReachesTheSinksUnchanged) {
         log(sent.back(), "tag", "text");
     }
     std::vector<LogLevel> received;
-    for (RecordingSink::Line const& line : sink->lines()) {
+    for (ovra::test::LogLine const& line : sink->lines()) {
         received.push_back(line.level);
     }
     EXPECT_EQ(received, sent);

@@ -25,18 +25,18 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
+using ovra::test::FunctionSink;
+using ovra::test::LevelKeeper;
+using ovra::test::RecordingSink;
+using ovra::test::Registration;
 using test::AllocationProbe;
 using test::CLibraryProbe;
 using test::Formatting;
-using test::FunctionSink;
 using test::heapInUse;
 using test::largeText;
 using test::largeTextsKeptBy;
-using test::LevelKeeper;
 using test::levelOf;
 using test::logLargeText;
-using test::RecordingSink;
-using test::Registration;
 
 // --- what holds before main()
 

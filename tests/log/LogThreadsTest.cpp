@@ -22,17 +22,17 @@ namespace {
 
 using ::testing::ElementsAre;
 
+using ovra::test::FunctionSink;
+using ovra::test::LevelKeeper;
+using ovra::test::RecordingSink;
+using ovra::test::Registration;
+using ovra::test::ScratchDirectory;
 using test::CLibraryProbe;
-using test::FunctionSink;
 using test::Gate;
 using test::largeTextsKeptBy;
-using test::LevelKeeper;
 using test::levelOf;
 using test::logLargeText;
-using test::RecordingSink;
-using test::Registration;
 using test::StreamCapture;
-using test::TemporaryDirectory;
 
 TEST(LogThreadsTest, TakesNoLockOfItsOwn) {
     CLibraryProbe probe;
@@ -101,7 +101,7 @@ void expectLinesOfAllThreads(std::vector<std::string> const& lines, LogLevel lev
 }
 
 TEST(LogThreadsTest, ThreadsLogAtOnceThroughEverySink) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     StreamCapture output(std::cout);
     StreamCapture errors(std::cerr);
     auto const sink = std::make_shared<RecordingSink>();

@@ -38,10 +38,10 @@ using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
-using test::LevelKeeper;
+using ovra::test::LevelKeeper;
+using ovra::test::RecordingSink;
+using ovra::test::Registration;
 using test::levelOf;
-using test::RecordingSink;
-using test::Registration;
 
 std::string failureOf(std::string const& what) {
     return what + ": " + strerror(errno);
