@@ -103,7 +103,7 @@ TEST_F(SubmittedTaskEndTest, DestructionIsSilentAndLeavesTheHandleAlone) {
     EXPECT_EQ(handle->getException(), nullptr);
 }
 
-// Tells when a control block, kept by weak references alone, is given back.
+// Notifies when a control block, kept by weak references alone, is given back.
 template <typename T>
 struct NotifyingAllocator {
     using value_type = T;
@@ -132,7 +132,7 @@ struct NotifyingAllocator {
 TEST_F(SubmittedTaskEndTest, ReleasesPromiseCallbackHandleAndTaskInThisOrder) {
     std::vector<std::string> order;
     std::future<bool> future;
-    std::function<void()> tellOfHandle = [&order] { order.emplace_back("handle"); };
+    std::function<void()> notifyOfHandle = [&order] { order.emplace_back("handle"); };
 
     auto work =
         std::make_shared<NamedTask>([end = test::atEnd([&order] { order.emplace_back("task"); })] {
@@ -148,7 +148,7 @@ TEST_F(SubmittedTaskEndTest, ReleasesPromiseCallbackHandleAndTaskInThisOrder) {
     future = task->getFuture();
     {
         auto const handle = std::allocate_shared<TaskHandle>(
-            NotifyingAllocator<TaskHandle>(&tellOfHandle), nullptr);
+            NotifyingAllocator<TaskHandle>(&notifyOfHandle), nullptr);
         task->setHandle(handle);
     }
     ASSERT_THAT(order, IsEmpty());

@@ -205,7 +205,7 @@ protected:
     std::vector<std::string> outerNames;
 };
 
-TEST_F(FileIteratorOnDiskTest, WalksADirectoryFromBeginToEnd) {
+TEST_F(FileIteratorOnDiskTest, ScansADirectoryFromBeginToEnd) {
     FileHandle directory(at("x/y"));
     std::vector<std::string> paths;
     for (FileIterator entry = directory.Begin(); entry != directory.End(); ++entry) {

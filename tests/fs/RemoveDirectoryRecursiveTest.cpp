@@ -207,7 +207,7 @@ TEST_F(RemoveDirectoryRecursiveTest, EndsSoonInATreeOfLinksUpwardsThatCannotBeRe
     EXPECT_THAT(namesIn(at("d/sub")), UnorderedElementsAre("four", "five"));
 }
 
-TEST_F(RemoveDirectoryRecursiveTest, TellsDirectoriesOfDifferentFileSystemsApart) {
+TEST_F(RemoveDirectoryRecursiveTest, DistinguishesDirectoriesOfDifferentFileSystems) {
     makeDirectory(at("outer"));
     test::ChildOutcome const outcome = test::onPrivateFileSystem(at("outer"), "", [this] {
         makeDirectory(at("outer/inner"));

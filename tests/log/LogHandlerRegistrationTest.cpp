@@ -32,17 +32,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using ovra::test::FunctionSink;
-using ovra::test::LevelKeeper;
-using ovra::test::RecordingSink;
-using ovra::test::Registration;
-using ovra::test::ScratchDirectory;
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::contentOf;
-using test::openDescriptors;
-using test::StreamCapture;
-using test::writeFile;
+using namespace ovra::test;
+using namespace test;
 
 LogHandlerType typeOf(long long value) {
     return static_cast<LogHandlerType>(value);
@@ -453,11 +444,11 @@ TEST(LogHandlerRegistrationTest, LibrarysOwnCallsReachTheSinks) {
     EXPECT_THAT(test::linesOf(contentOf(path)), ::testing::Contains(line));
 }
 
-// Tells when it is destroyed.
-class TellingSink : public LogHandler {
+// Notifies when it is destroyed.
+class NotifyingSink : public LogHandler {
 public:
-    explicit TellingSink(char const* lastWord) : word(lastWord) {}
-    ~TellingSink() override {
+    explicit NotifyingSink(char const* lastWord) : word(lastWord) {}
+    ~NotifyingSink() override {
         EXPECT_EQ(write(STDERR_FILENO, word.data(), word.size()),
                   static_cast<ssize_t>(word.size()));
     }
@@ -469,8 +460,8 @@ private:
 };
 
 [[noreturn]] void exitWithRegisteredSinks() {
-    addLogHandler(std::make_shared<TellingSink>("replaced;"), "sink");
-    addLogHandler(std::make_shared<TellingSink>("released;"), "sink");
+    addLogHandler(std::make_shared<NotifyingSink>("replaced;"), "sink");
+    addLogHandler(std::make_shared<NotifyingSink>("released;"), "sink");
     char const word[] = "exiting;";
     if (write(STDERR_FILENO, word, sizeof word - 1) < 0) {
         std::abort();

@@ -105,7 +105,7 @@ TEST_F(LogHazardsTest, DescriptorOfTheFileSinkPassesToProgramsThatAreExecuted) {
     EXPECT_EQ(flags & FD_CLOEXEC, 0);
 }
 
-TEST_F(LogHazardsTest, FileSinkOnAPipeWhoseReaderHasGoneRaisesASignal) {
+TEST_F(LogHazardsTest, FileSinkOnAPipeWhoseReaderHasClosedRaisesASignal) {
     int const reader = openReader();
     FileLogHandler handler(pipe.c_str());
     close(reader);

@@ -25,13 +25,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using ovra::test::FunctionSink;
-using ovra::test::LevelKeeper;
-using ovra::test::RecordingSink;
-using ovra::test::Registration;
-using test::CLibraryProbe;
-using test::levelOf;
-using test::StreamCapture;
+using namespace ovra::test;
+using namespace test;
 
 TEST(LogSinksTest, PlatformSinkNeedsNoRegistrationAndIsCalledOnce) {
     CLibraryProbe probe;

@@ -25,18 +25,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using ovra::test::FunctionSink;
-using ovra::test::LevelKeeper;
-using ovra::test::RecordingSink;
-using ovra::test::Registration;
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::Formatting;
-using test::heapInUse;
-using test::largeText;
-using test::largeTextsKeptBy;
-using test::levelOf;
-using test::logLargeText;
+using namespace ovra::test;
+using namespace test;
 
 // --- what holds before main()
 

@@ -22,17 +22,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-using ovra::test::FunctionSink;
-using ovra::test::LevelKeeper;
-using ovra::test::RecordingSink;
-using ovra::test::Registration;
-using ovra::test::ScratchDirectory;
-using test::CLibraryProbe;
-using test::Gate;
-using test::largeTextsKeptBy;
-using test::levelOf;
-using test::logLargeText;
-using test::StreamCapture;
+using namespace ovra::test;
+using namespace test;
 
 TEST(LogThreadsTest, TakesNoLockOfItsOwn) {
     CLibraryProbe probe;

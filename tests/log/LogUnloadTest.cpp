@@ -17,11 +17,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-using ovra::test::ScratchDirectory;
-using test::CLibraryProbe;
-using test::contentOf;
-using test::Gate;
-using test::openDescriptors;
+using namespace ovra::test;
+using namespace test;
 
 // The library as an application with plug-ins has it: loaded and unloaded while the process goes
 // on.

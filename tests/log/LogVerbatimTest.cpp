@@ -24,15 +24,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using ovra::test::FunctionSink;
-using ovra::test::LevelKeeper;
-using ovra::test::RecordingSink;
-using ovra::test::Registration;
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::Formatting;
-using test::Gate;
-using test::levelOf;
+using namespace ovra::test;
+using namespace test;
 
 // What a line with "%%" in it shows as: the system log leaves one sign of it, text keeps both.
 char const* const AS_FORMAT = "[tag:ERROR] 100% full";

@@ -38,10 +38,8 @@ using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
-using ovra::test::LevelKeeper;
-using ovra::test::RecordingSink;
-using ovra::test::Registration;
-using test::levelOf;
+using namespace ovra::test;
+using namespace test;
 
 std::string failureOf(std::string const& what) {
     return what + ": " + strerror(errno);

@@ -23,16 +23,8 @@ namespace {
 using concurrent::Executable;
 using concurrent::SubmittedTask;
 using concurrent::Task;
-using ovra::test::BoundedTest;
-using ovra::test::LevelKeeper;
-using ovra::test::RandomSource;
-using ovra::test::Registration;
-using ovra::test::runSeed;
-using ovra::test::scaled;
-using ovra::test::ScratchDirectory;
-using ovra::test::seedNote;
-using test::CLibraryProbe;
-using test::contentOf;
+using namespace ovra::test;
+using namespace test;
 
 // Bytes from 1 to 255, every third of them one that means something to a formatting function.
 std::string anyText(RandomSource& random) {

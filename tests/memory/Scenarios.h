@@ -115,7 +115,7 @@ struct Wait {
 };
 
 /// The worker's part of a task, which may have ended when the wait begins.
-struct WaitForGone {
+struct WaitForEnded {
     void run(unsigned int thread) {
         if (thread == 0) {
             Submission const last(std::move(task));
@@ -127,14 +127,14 @@ struct WaitForGone {
     }
     void check() {}
     virtual void wait() { handle->waitForCompletion(); }
-    virtual ~WaitForGone() = default;
+    virtual ~WaitForEnded() = default;
 
     Effect effect;
     Submission task = effect.task();
     Handle handle = TaskHandle::of(task, nullptr);
 };
 
-struct WaitForGoneByProxy : WaitForGone {
+struct WaitForEndedByProxy : WaitForEnded {
     void wait() override { proxy->waitForCompletion(); }
 
     model::shared_ptr<SubmittedTaskProxy> proxy = SubmittedTask::provideProxy(task);
