@@ -451,13 +451,13 @@ private:
             names = namesOf(node.entries);
         }
         EXPECT_EQ(sorted(handle.ListDirectory()), names);
-        std::vector<std::string> walked;
+        std::vector<std::string> scanned;
         FileIterator const end = FileHandle(entry.path).End();
         for (FileIterator it = handle.Begin(); it != end; ++it) {
-            walked.push_back((*it).FileName());
-            EXPECT_EQ((*it).Path(), entry.path + "/" + walked.back());
+            scanned.push_back((*it).FileName());
+            EXPECT_EQ((*it).Path(), entry.path + "/" + scanned.back());
         }
-        EXPECT_EQ(sorted(walked), names);
+        EXPECT_EQ(sorted(scanned), names);
     }
 
     static std::vector<std::string> sorted(std::vector<std::string> names) {

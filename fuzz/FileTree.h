@@ -11,7 +11,7 @@ namespace ovra::fuzz {
 /// Directories, files and links in memory, under one directory, which is the current one. What an
 /// operation gives and leaves behind is what the system's call of that name would.
 ///
-/// A path that leads out of the directory has no answer here: `hasLeft` tells.
+/// A path that leads out of the directory has no answer here: see `hasLeft`.
 class FileTree {
 public:
     enum Kind { FILE, DIRECTORY, LINK };

@@ -170,10 +170,11 @@ public:
         addLogHandler(STANDARD_STREAM_HANDLER, "streams");
         addLogHandler(PLATFORM_HANDLER, "system log");
         addLogHandler(FILE_HANDLER, file().c_str());
-        addLogHandler(std::make_shared<test::FunctionSink>([](char const* line, LogLevel level) {
-                          ownLines().push_back(std::to_string(level) + " " + line);
-                      }),
-                      "the caller's own");
+        addLogHandler(
+            std::make_shared<ovra::test::FunctionSink>([](char const* line, LogLevel level) {
+                ownLines().push_back(std::to_string(level) + " " + line);
+            }),
+            "the caller's own");
     }
 
     static std::vector<std::string>& ownLines() {
@@ -181,7 +182,7 @@ public:
         return lines;
     }
     static std::string const& file() {
-        static test::TemporaryDirectory const directory;
+        static ovra::test::ScratchDirectory const directory;
         static std::string const path = directory.path("fuzzed.log");
         return path;
     }

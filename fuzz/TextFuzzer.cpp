@@ -68,7 +68,7 @@ void runTask(std::string const& name, std::string const& what, bool throwsText) 
 }
 
 void compare(FuzzedDataProvider& bytes) {
-    static test::TemporaryDirectory const directory;
+    static ovra::test::ScratchDirectory const directory;
     std::string const path = directory.path("fuzzed.log");
     addLogHandler(FILE_HANDLER, path.c_str());
     s_systemLog.clear();

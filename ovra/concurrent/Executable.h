@@ -32,7 +32,7 @@ public:
         READY = 2,        ///< Named for completeness: the executor moves no task into it.
         EXECUTING = 3,    ///< A worker has started the task.
         CANCELLED = 4,    ///< Cancellation was requested; the work may still be running.
-        DONE = 5,  ///< Ended normally; also the state of a handle made for a task that is gone.
+        DONE = 5,         ///< Ended normally; also the state of a handle made for a destroyed task.
     };
 
     /// What became of the work.

@@ -53,10 +53,10 @@ def weakened(name, source, before, after):
 
 
 # Each is to change the barriers on each architecture. The first are among those that the memory
-# model is to find: an order relaxed, or a fence left out when the task is gone.
+# model is to find: an order relaxed, or a fence left out when the task has ended.
 FAULTS = [fault for fault in faults.FAULTS
-          if fault.edits and fault.name.endswith((" relaxed", " relaxed when the task is gone",
-                                                  "no fence when the task is gone"))] + [
+          if fault.edits and fault.name.endswith((" relaxed", " relaxed when the task has ended",
+                                                  "no fence when the task has ended"))] + [
     weakened("a task's state stored relaxed", "ovra/concurrent/SubmittedTask.cpp",
              "    state = newState;", f"    state.store(newState, {RELAXED});"),
     weakened("the close read relaxed", "ovra/concurrent/SubmittedTasksQueue.cpp",

@@ -38,7 +38,7 @@ TEST_F(QueueLockTest, QueueTakesNoLockOnceItIsClosed) {
                 IsEmpty());
 }
 
-TEST_F(QueueLockTest, OpenQueueTellsThatItIsOpenWithoutALock) {
+TEST_F(QueueLockTest, OpenQueueSaysThatItIsOpenWithoutALock) {
     auto const queue = makeQueue();
 
     EXPECT_THAT(mutexesLockedBy([&] { queue->isClosed(); }), IsEmpty());

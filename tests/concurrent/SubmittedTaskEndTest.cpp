@@ -103,36 +103,36 @@ TEST_F(SubmittedTaskEndTest, DestructionIsSilentAndLeavesTheHandleAlone) {
     EXPECT_EQ(handle->getException(), nullptr);
 }
 
-// Tells when a control block, kept by weak references alone, is given back.
+// Notifies when a control block, kept by weak references alone, is given back.
 template <typename T>
-struct TellingAllocator {
+struct NotifyingAllocator {
     using value_type = T;
 
-    explicit TellingAllocator(std::function<void()>* toCall) : tell(toCall) {}
+    explicit NotifyingAllocator(std::function<void()>* toCall) : notify(toCall) {}
     template <typename U>
-    explicit TellingAllocator(TellingAllocator<U> const& other) : tell(other.tell) {}
+    explicit NotifyingAllocator(NotifyingAllocator<U> const& other) : notify(other.notify) {}
 
     T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
     void deallocate(T* memory, std::size_t count) {
-        (*tell)();
+        (*notify)();
         std::allocator<T>().deallocate(memory, count);
     }
     template <typename U>
-    friend bool operator==(TellingAllocator const&, TellingAllocator<U> const&) {
+    friend bool operator==(NotifyingAllocator const&, NotifyingAllocator<U> const&) {
         return true;
     }
     template <typename U>
-    friend bool operator!=(TellingAllocator const&, TellingAllocator<U> const&) {
+    friend bool operator!=(NotifyingAllocator const&, NotifyingAllocator<U> const&) {
         return false;
     }
 
-    std::function<void()>* tell;
+    std::function<void()>* notify;
 };
 
 TEST_F(SubmittedTaskEndTest, ReleasesPromiseCallbackHandleAndTaskInThisOrder) {
     std::vector<std::string> order;
     std::future<bool> future;
-    std::function<void()> tellOfHandle = [&order] { order.emplace_back("handle"); };
+    std::function<void()> notifyOfHandle = [&order] { order.emplace_back("handle"); };
 
     auto work =
         std::make_shared<NamedTask>([end = test::atEnd([&order] { order.emplace_back("task"); })] {
@@ -147,8 +147,8 @@ TEST_F(SubmittedTaskEndTest, ReleasesPromiseCallbackHandleAndTaskInThisOrder) {
     callback = nullptr;
     future = task->getFuture();
     {
-        auto const handle =
-            std::allocate_shared<TaskHandle>(TellingAllocator<TaskHandle>(&tellOfHandle), nullptr);
+        auto const handle = std::allocate_shared<TaskHandle>(
+            NotifyingAllocator<TaskHandle>(&notifyOfHandle), nullptr);
         task->setHandle(handle);
     }
     ASSERT_THAT(order, IsEmpty());

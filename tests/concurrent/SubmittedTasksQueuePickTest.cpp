@@ -465,7 +465,7 @@ TEST_F(SubmittedTasksQueuePickTest, StrategyThatThrowsLeavesTheQueueAsItWas) {
     EXPECT_EQ(queue->getNextTask(), task);
 }
 
-TEST_F(SubmittedTasksQueuePickTest, TellsThatItIsOpenWhileItsLockIsHeld) {
+TEST_F(SubmittedTasksQueuePickTest, SaysThatItIsOpenWhileItsLockIsHeld) {
     test::Gate inside;
     test::Gate release;
     auto const queue = makeScriptedQueue([&](SubmittedTask*) {

@@ -140,9 +140,9 @@ TEST_F(TaskHandleTest, IsDoneWhenDoneOrCancelled) {
 
 TEST_F(TaskHandleTest, ReleasesTheExceptionBeforeTheProxy) {
     std::vector<std::string> order;
-    struct TellingError : std::runtime_error {
-        explicit TellingError(std::shared_ptr<void> toHold)
-            : std::runtime_error("telling"), held(std::move(toHold)) {}
+    struct HoldingError : std::runtime_error {
+        explicit HoldingError(std::shared_ptr<void> toHold)
+            : std::runtime_error("holding"), held(std::move(toHold)) {}
         std::shared_ptr<void> held;
     };
     auto proxy = std::make_shared<SubmittedTaskProxy>();
@@ -150,7 +150,7 @@ TEST_F(TaskHandleTest, ReleasesTheExceptionBeforeTheProxy) {
     auto handle = std::make_shared<TaskHandle>(proxy);
     proxy.reset();
     handle->setException(std::make_exception_ptr(
-        TellingError(test::atEnd([&order] { order.emplace_back("exception"); }))));
+        HoldingError(test::atEnd([&order] { order.emplace_back("exception"); }))));
     ASSERT_THAT(order, IsEmpty());
 
     handle.reset();

@@ -6,8 +6,8 @@
 #include <ovra/Version.h>
 
 #include <tests/examples/Process.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

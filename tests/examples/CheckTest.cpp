@@ -9,9 +9,9 @@
 
 #include <tests/examples/Digests.h>
 #include <tests/examples/Process.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/RandomSource.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

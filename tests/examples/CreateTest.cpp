@@ -4,8 +4,9 @@
 #include <signal.h>
 
 #include <tests/examples/Process.h>
-#include <tests/examples/ScratchDirectory.h>
+#include <tests/examples/StuckLog.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include <tests/examples/Process.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

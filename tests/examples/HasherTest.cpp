@@ -13,9 +13,9 @@
 #include <examples/manifest/Create.h>
 #include <examples/manifest/FileSearch.h>
 #include <examples/manifest/Hasher.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

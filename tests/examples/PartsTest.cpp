@@ -11,9 +11,9 @@
 #include <examples/manifest/Messages.h>
 #include <examples/manifest/Quote.h>
 #include <examples/manifest/Sha256.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

@@ -21,8 +21,8 @@ namespace {
 
 using log::test::contentOf;
 using log::test::linesOf;
-using log::test::TemporaryDirectory;
 using log::test::writeFile;
+using ovra::test::ScratchDirectory;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -31,7 +31,7 @@ std::string const CONVERSIONS = "%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%n";
 
 class FieldRecipesTest : public BoundedTest {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("x");
 };
 

@@ -10,8 +10,10 @@
 #include <utility>
 
 #include <tests/support/NextFunction.h>
+#include <tests/support/Pause.h>
 
 using ovra::test::nextFunction;
+using ovra::test::Pause;
 
 namespace ovra::extra::test {
 
@@ -19,24 +21,13 @@ namespace {
 
 thread_local Intercepted* observer = nullptr;
 
-// Nothing is seen of what the observer does itself.
-class Pause {
-public:
-    Pause() : paused(std::exchange(observer, nullptr)) {}
-    Pause(Pause const&) = delete;
-    Pause& operator=(Pause const&) = delete;
-    ~Pause() { observer = paused; }
-
-    Intercepted* const paused;
-};
-
 // Makes the call, unless the observer lets it fail.
 template <typename Make>
 auto observed(SystemCall call, Make make) -> decltype(make()) {
     if (observer == nullptr) {
         return make();
     }
-    Pause const pause;
+    Pause const pause(observer);
     auto result = static_cast<decltype(make())>(-1);
     if (pause.paused->admit(call)) {
         result = make();

@@ -1,7 +1,5 @@
 #include <ovra/extra/LogEvery.h>
 
-#include <time.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -16,33 +14,13 @@
 #include <tests/log/LogTestSupport.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
-#include <tests/support/NextFunction.h>
-
-namespace {
-
-// Milliseconds; negative: the system's own time.
-std::atomic<std::int64_t> clockMs{-1};
-
-}  // namespace
-
-// The steady clock is read by this.
-extern "C" __attribute__((visibility("default"))) __attribute__((no_sanitize("thread"))) int
-clock_gettime(clockid_t clock, struct timespec* time) noexcept {
-    std::int64_t const now = clockMs.load();
-    if (clock == CLOCK_MONOTONIC && now >= 0) {
-        time->tv_sec = static_cast<time_t>(now / 1000);
-        time->tv_nsec = static_cast<long>(now % 1000 * 1000000);
-        return 0;
-    }
-    static auto* const real =
-        ovra::test::nextFunction<int(clockid_t, struct timespec*)>("clock_gettime");
-    return real(clock, time);
-}
+#include <tests/support/SteadyClock.h>
 
 namespace ovra::extra {
 namespace {
 
-using log::test::RecordingSink;
+using ovra::test::clockMs;
+using ovra::test::RecordingSink;
 using test::Gate;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -59,9 +37,9 @@ protected:
         return texts;
     }
 
-    log::test::LevelKeeper const keeper{log::INFO};
+    ovra::test::LevelKeeper const keeper{log::INFO};
     std::shared_ptr<RecordingSink> const sink = std::make_shared<RecordingSink>();
-    log::test::Registration const registration{sink};
+    ovra::test::Registration const registration{sink};
     std::size_t seen = 0;
 };
 

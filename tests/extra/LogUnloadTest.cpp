@@ -7,14 +7,14 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/Mapped.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace ovra::test {
 namespace {
@@ -25,17 +25,6 @@ class LogUnloadTest : public BoundedTest {
 protected:
     ScratchDirectory const directory;
 };
-
-std::vector<std::string> mapped(std::string const& part) {
-    std::ifstream maps("/proc/self/maps");
-    std::vector<std::string> result;
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(part) != std::string::npos) {
-            result.push_back(line);
-        }
-    }
-    return result;
-}
 
 auto openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),

@@ -1,7 +1,6 @@
 #include <ovra/extra/MonitoredExecutor.h>
 
 #include <fcntl.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,29 +15,8 @@
 #include <gtest/gtest.h>
 #include <tests/concurrent/ExecutorTest.h>
 #include <tests/extra/WorkSupport.h>
-#include <tests/support/NextFunction.h>
 #include <tests/support/RandomSource.h>
-
-namespace {
-
-// Milliseconds; negative: the system's own time.
-std::atomic<std::int64_t> clockMs{-1};
-
-}  // namespace
-
-// The steady clock is read by this.
-extern "C" __attribute__((visibility("default"))) __attribute__((no_sanitize("thread"))) int
-clock_gettime(clockid_t clock, struct timespec* time) noexcept {
-    std::int64_t const now = clockMs.load();
-    if (clock == CLOCK_MONOTONIC && now >= 0) {
-        time->tv_sec = static_cast<time_t>(now / 1000);
-        time->tv_nsec = static_cast<long>(now % 1000 * 1000000);
-        return 0;
-    }
-    static auto* const real =
-        ovra::test::nextFunction<int(clockid_t, struct timespec*)>("clock_gettime");
-    return real(clock, time);
-}
+#include <tests/support/SteadyClock.h>
 
 namespace ovra::extra {
 namespace {
@@ -51,6 +29,7 @@ using concurrent::NORMAL;
 using concurrent::succeed;
 using concurrent::Task;
 using concurrent::TaskHandle;
+using ovra::test::clockMs;
 using test::ManualExecutor;
 using test::RecordingExecutor;
 

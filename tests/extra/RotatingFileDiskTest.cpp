@@ -22,7 +22,7 @@ namespace {
 
 class RotatingFileDiskTest : public test::BoundedTest {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("x");
 };
 

@@ -20,7 +20,7 @@ using ::testing::ElementsAre;
 
 class RotatingFileFaultTest : public test::BoundedTest {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("x");
 };
 

@@ -22,7 +22,7 @@ using ::testing::IsEmpty;
 
 class RotatingFileLogHandlerTest : public test::BoundedTest {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("x");
 };
 

@@ -31,7 +31,7 @@ constexpr unsigned int KEPT = 99;  // No line is dropped.
 
 class RotatingFileProcessTest : public test::BoundedTest {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("x");
 };
 

@@ -14,8 +14,8 @@ namespace ovra::extra {
 
 using log::test::contentOf;
 using log::test::linesOf;
-using log::test::TemporaryDirectory;
 using log::test::writeFile;
+using ovra::test::ScratchDirectory;
 
 /// Options that name what they change, for lines without the time.
 inline RotatingFileOptions plain(std::uint64_t maxBytes = 0, unsigned int generations = 1) {

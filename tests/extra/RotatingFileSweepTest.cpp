@@ -138,7 +138,7 @@ void run(std::string const& path, unsigned int generations, Fault const* fault,
 class RotatingFileSweepTest : public test::BoundedTest,
                               public ::testing::WithParamInterface<unsigned int> {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("x");
 };
 

@@ -17,8 +17,8 @@
 namespace ovra::extra {
 namespace {
 
-using log::test::FunctionSink;
-using log::test::RecordingSink;
+using ovra::test::FunctionSink;
+using ovra::test::RecordingSink;
 using test::Gate;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -250,8 +250,8 @@ TEST_F(SwitchLogHandlerTest, KeepsErrno) {
 
 TEST_F(SwitchLogHandlerTest, StandsInTheRegistryInFrontOfASink) {
     auto const sink = std::make_shared<SwitchLogHandler>(nullptr, log::WARNING);
-    log::test::Registration const registration(sink);
-    log::test::LevelKeeper const keeper(log::VERBOSE);
+    ovra::test::Registration const registration(sink);
+    ovra::test::LevelKeeper const keeper(log::VERBOSE);
     auto const target = std::make_shared<RecordingSink>();
     log::log(log::WARNING, "tag", "before");
     sink->exchange(target);

@@ -39,7 +39,7 @@ std::function<Action()> onIterator(char const* entry, Use use) {
     };
 }
 
-std::string walk(FileIterator& entry) {
+std::string scan(FileIterator& entry) {
     int entries = 0;
     FileIterator const end;
     for (; entry != end; ++entry) {
@@ -291,24 +291,24 @@ std::vector<Operation> iterationOperations() {
               "[first inner second]")},
          on("directory", [](FileHandle& handle) { return shown(handle.ListDirectory()); }),
          {"nothing"}},
-        {"FileIterator(string), walked",
+        {"FileIterator(string), scanned",
          "3",
          {memory, any(Call::MALLOC, "0"), any(Call::OPENDIR, "0"), any(Call::READDIR, "0|1|2|3")},
          [] {
              auto const path = std::make_shared<std::string>(tree().at("directory"));
              return Action([path] {
                  FileIterator entry(*path);
-                 return walk(entry);
+                 return scan(entry);
              });
          },
          {"nothing"}},
-        {"FileIterator(FileIterator), walked",
+        {"FileIterator(FileIterator), scanned",
          "3",
          {memory, any(Call::MALLOC, "0"), any(Call::OPENDIR, "0"), any(Call::READDIR, "0|1|2|3")},
          onIterator("directory",
                     [](FileIterator& entry) {
                         FileIterator copy(entry);
-                        return walk(copy);
+                        return scan(copy);
                     }),
          {"nothing"}},
         {"FileIterator::operator=",
@@ -318,7 +318,7 @@ std::vector<Operation> iterationOperations() {
                     [](FileIterator& entry) {
                         FileIterator other;
                         other = entry;
-                        return walk(other);
+                        return scan(other);
                     }),
          {"nothing"}},
         {"FileIterator::operator*",

@@ -9,20 +9,16 @@
 #include <ovra/log/LogHandlers.h>
 
 #include <tests/faults/Sweep.h>
+#include <tests/support/LogSinks.h>
 
 namespace ovra::faults {
 
 namespace {
 
+using test::CountingSink;
+
 constexpr char const* SINK = "sink";
 constexpr char const* LINE = "[tag:WARNING] a line";
-
-class CountingSink : public log::LogHandler {
-public:
-    void handleLogMessage(char const*, log::LogLevel) override { ++lines; }
-
-    int lines = 0;
-};
 
 // While it lives, `sink` is registered and warnings are delivered.
 class Registered {

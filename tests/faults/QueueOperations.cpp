@@ -57,7 +57,7 @@ std::function<Action()> picking(bool starves, TaskPriority priority, Change chan
         auto const queue = queueUnder(starves);
         auto const tasks = std::make_shared<std::vector<std::shared_ptr<SubmittedTask>>>();
         for (int i = 0; i < 4; ++i) {
-            tasks->push_back(submission(succeed, priority));
+            tasks->push_back(submission(succeed(), priority));
             queue->addTask(tasks->back());
             change(*tasks->back(), i);
         }
@@ -198,7 +198,7 @@ std::vector<Operation> queueOperations() {
          [] {
              auto const queue = queueUnder(false);
              queue->addTask(submission());
-             queue->addTask(submission(succeed, HIGHEST));
+             queue->addTask(submission(succeed(), HIGHEST));
              return Action([queue] {
                  queue->close();
                  return shown(queue->isClosed() && queue->isEmpty() ? "closed" : "open");
@@ -264,7 +264,7 @@ std::vector<Operation> executorOperations() {
             return Action([get] {
                 auto const executor = get();
                 disarm();
-                return outcomeOf(executor->submitTask(succeed, NORMAL, nullptr, "a task"));
+                return outcomeOf(executor->submitTask(succeed(), NORMAL, nullptr, "a task"));
             });
         };
     };
@@ -280,7 +280,7 @@ std::vector<Operation> executorOperations() {
          "result 2",
          {memory, lock},
          onExecutor(1,
-                    [task = std::make_shared<PlainTask>()](TaskExecutorImpl& executor) {
+                    [task = std::make_shared<NamedTask>()](TaskExecutorImpl& executor) {
                         return outcomeOf(executor.submitTask(task, NORMAL, nullptr));
                     })},
         {"TaskExecutorImpl::submitTask(function)",
@@ -288,7 +288,7 @@ std::vector<Operation> executorOperations() {
          {memory, lock},
          onExecutor(1,
                     [](TaskExecutorImpl& executor) {
-                        return outcomeOf(executor.submitTask(succeed, NORMAL, nullptr, "a task"));
+                        return outcomeOf(executor.submitTask(succeed(), NORMAL, nullptr, "a task"));
                     })},
         {"TaskExecutorImpl::addSubmittedTaskToQueue",
          "result 2",

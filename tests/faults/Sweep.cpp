@@ -157,26 +157,26 @@ std::string performAndCount(Operation const& operation, Fault const* fault, Snap
     return complaint;
 }
 
-// What a child process tells, byte by byte: whether the fault struck, how many calls it made and
+// What a child process reports, byte by byte: whether the fault struck, how many calls it made and
 // which, and its complaint.
-struct Told {
+struct Report {
     std::string complaint;
     bool struck = false;
     std::vector<Call> calls;
 };
 
-Told performHere(Operation const& operation, Fault const* fault, Snapshot& done) {
-    Told told;
+Report performHere(Operation const& operation, Fault const* fault, Snapshot& done) {
+    Report report;
     {
         std::string complaint = performAndCount(operation, fault, done);
-        told.complaint.swap(complaint);
+        report.complaint.swap(complaint);
     }
-    told.struck = hasStruck();
-    told.calls = callsMade();
-    return told;
+    report.struck = hasStruck();
+    report.calls = callsMade();
+    return report;
 }
 
-Told performInChild(Operation const& operation, Fault const* fault) {
+Report performInChild(Operation const& operation, Fault const* fault) {
     int ends[2];
     if (pipe(ends) != 0) {
         std::abort();
@@ -202,19 +202,19 @@ Told performInChild(Operation const& operation, Fault const* fault) {
     }
     close(ends[0]);
     int status = 0;
-    Told told;
+    Report report;
     if (child < 0 || waitpid(child, &status, 0) != child || status != 0 || text.empty()) {
-        told.complaint = "ends the process";
-        told.struck = true;
-        return told;
+        report.complaint = "ends the process";
+        report.struck = true;
+        return report;
     }
     std::size_t const end = text.find('\n');
-    told.struck = text[0] == 'y';
-    told.complaint = text.substr(1, end - 1);
+    report.struck = text[0] == 'y';
+    report.complaint = text.substr(1, end - 1);
     for (char const call : text.substr(end + 1)) {
-        told.calls.push_back(static_cast<Call>(call));
+        report.calls.push_back(static_cast<Call>(call));
     }
-    return told;
+    return report;
 }
 
 std::vector<Fault> faultsAt(int position, Call call) {
@@ -268,7 +268,7 @@ Tally sweepOne(Operation const& operation) {
     if (!operation.inChild) {
         perform(operation, nullptr, done);
     }
-    Told const undisturbed = run(nullptr);
+    Report const undisturbed = run(nullptr);
     if (!undisturbed.complaint.empty()) {
         complain("nothing fails", undisturbed.complaint);
         return tally;
@@ -282,12 +282,12 @@ Tally sweepOne(Operation const& operation) {
             continue;
         }
         for (Fault const& fault : faultsAt(position, call)) {
-            Told const told = run(&fault);
-            tally.faults += told.struck ? 1 : 0;
-            if (!told.struck) {
+            Report const report = run(&fault);
+            tally.faults += report.struck ? 1 : 0;
+            if (!report.struck) {
                 complain(describe(fault, call), "has not come to this call");
-            } else if (!told.complaint.empty()) {
-                complain(describe(fault, call), told.complaint);
+            } else if (!report.complaint.empty()) {
+                complain(describe(fault, call), report.complaint);
             }
         }
     }

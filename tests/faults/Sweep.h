@@ -70,7 +70,7 @@ struct Operation {
     char const* again = nullptr;
     /// Each try in a process of its own, for what happens once in the life of a process.
     bool inChild = false;
-    /// Calls whose failure nobody could be told of: a destructor that cannot lock ends the process.
+    /// Calls whose failure nobody could learn of: a destructor that cannot lock ends the process.
     std::vector<Call> spared = {};
     /// Whether it opens again what a signal has interrupted, so that one interruption makes no
     /// difference.

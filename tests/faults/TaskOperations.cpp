@@ -15,7 +15,7 @@ namespace {
 
 // A submission with a live handle.
 struct Followed {
-    explicit Followed(Work const& work = succeed) : task(submission(work)) {
+    explicit Followed(Work const& work = succeed()) : task(submission(work)) {
         handle = std::make_shared<TaskHandle>(SubmittedTask::provideProxy(task));
         task->setHandle(handle);
     }
@@ -25,7 +25,7 @@ struct Followed {
 };
 
 template <typename Use>
-std::function<Action()> onTask(Use use, Work const& work = succeed) {
+std::function<Action()> onTask(Use use, Work const& work = succeed()) {
     return [use, work] {
         auto const logging = std::make_shared<Logging>();
         auto const followed = std::make_shared<Followed>(work);
@@ -64,7 +64,7 @@ std::vector<Operation> submissionOperations() {
             auto const logging = std::make_shared<Logging>();
             auto const followed = std::make_shared<Followed>();
             followed->task =
-                std::make_shared<SubmittedTask>(std::make_shared<PlainTask>(), NORMAL, callback);
+                std::make_shared<SubmittedTask>(std::make_shared<NamedTask>(), NORMAL, callback);
             return Action([logging, followed, call] { return call(*followed); });
         };
     };
@@ -73,7 +73,7 @@ std::vector<Operation> submissionOperations() {
          "1000",
          {memory},
          [] {
-             auto const task = std::make_shared<PlainTask>();
+             auto const task = std::make_shared<NamedTask>();
              auto const callback = std::make_shared<Callback>(
                  [a = 1L, b = 2L, c = 3L](std::shared_ptr<Task> const&) { return a + b + c; });
              return Action([task, callback] {
@@ -95,7 +95,7 @@ std::vector<Operation> submissionOperations() {
          "a task",
          {memory},
          [] {
-             auto const work = std::make_shared<Work>(succeed);
+             auto const work = std::make_shared<Work>(succeed());
              return Action([work] {
                  SubmittedTask const submitted(*work, NORMAL, nullptr, "a task");
                  return shown(submitted.taskName());

@@ -1,36 +1,16 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <vector>
 
-#include <ovra/concurrent/SubmittedTask.h>
-#include <ovra/concurrent/SubmittedTasksQueue.h>
-#include <ovra/concurrent/TaskRankingStrategy.h>
 #include <ovra/log/Log.h>
 
+#include <tests/concurrent/Work.h>
 #include <tests/faults/Sweep.h>
 
 namespace ovra::faults {
 
 using namespace concurrent;
-
-using Work = std::function<Executable::Result()>;
-using Callback = std::function<void(std::shared_ptr<Task>)>;
-
-inline Executable::Result succeed() {
-    return Executable::SUCCESS;
-}
-
-class PlainTask : public Task {
-public:
-    Result execute() override { return SUCCESS; }
-};
-
-inline std::shared_ptr<SubmittedTask> submission(Work const& work = succeed,
-                                                 TaskPriority priority = NORMAL) {
-    return std::make_shared<SubmittedTask>(work, priority, nullptr, "a task");
-}
 
 // What is logged up to this level is formatted and delivered, as long as it lives.
 class Logging {
@@ -42,11 +22,8 @@ public:
 };
 
 inline std::shared_ptr<SubmittedTasksQueue> queueUnder(bool starves) {
-    if (starves) {
-        return std::make_shared<SubmittedTasksQueue>(
-            std::make_shared<HighestPriorityTaskRankingStrategy>());
-    }
-    return std::make_shared<SubmittedTasksQueue>(std::make_shared<NoStarveTaskRankingStrategy>());
+    return starves ? makeQueue<HighestPriorityTaskRankingStrategy>()
+                   : makeQueue<NoStarveTaskRankingStrategy>();
 }
 
 /// The parts of `taskOperations()`.

@@ -256,7 +256,7 @@ TEST_F(AllocationTest, ClosesADirectoryOnEveryWayOut) {
     sweep("iteration", [&] { FileIterator const made(path); });
     sweep("copied iteration", [&] { FileIterator const made(iterator); });
     sweep("Begin", [&] { handle.Begin(); });
-    sweep("walk", [&] {
+    sweep("scan", [&] {
         for (FileIterator entry = handle.Begin(); entry != handle.End(); ++entry) {
             (*entry).FileName();
         }
@@ -410,7 +410,7 @@ TEST_F(AllocationTest, FreesTheStatusRecordWhenItIsDroppedOrCannotBeRead) {
         backend.Exists();
         afterFailure = allocations.living();
     }
-    EXPECT_EQ(afterFailure, -1) << "the record of the first read is gone";
+    EXPECT_EQ(afterFailure, -1) << "the record of the first read is lost";
 }
 
 }  // namespace

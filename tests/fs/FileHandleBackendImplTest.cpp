@@ -54,7 +54,7 @@ class FileHandleBackendImplTest : public test::TemporaryDirectoryTest {};
 
 // --- status
 
-TEST_F(FileHandleBackendImplTest, TellsKindsApart) {
+TEST_F(FileHandleBackendImplTest, DistinguishesKinds) {
     writeFile(at("file"), "12345");
     writeFile(at("empty"), "");
     makeDirectory(at("directory"));

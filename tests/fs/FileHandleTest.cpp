@@ -17,7 +17,7 @@
 #include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/fs/TestPeers.h>
-#include <tests/fs/VirtualSlots.h>
+#include <tests/support/VirtualTable.h>
 
 namespace ovra::fs {
 namespace {
@@ -28,7 +28,7 @@ using ::testing::IsNull;
 using ::testing::NotNull;
 
 using ovra::test::virtualSlot;
-using test::slotCount;
+using ovra::test::virtualSlotCount;
 using test::writeFile;
 
 using Names = std::vector<std::string>;
@@ -88,18 +88,18 @@ static_assert(sizeof(FileHandle) == 2 * sizeof(void*), "the virtual table and th
 
 TEST(FileHandleTest, CanBeDestroyedThroughABaseClass) {
     struct Derived : FileHandle {
-        explicit Derived(bool& flag) : FileHandle("unused"), gone(flag) {}
-        ~Derived() override { gone = true; }
-        bool& gone;
+        explicit Derived(bool& flag) : FileHandle("unused"), destroyed(flag) {}
+        ~Derived() override { destroyed = true; }
+        bool& destroyed;
     };
-    bool gone = false;
-    std::unique_ptr<FileHandle> handle = std::make_unique<Derived>(gone);
+    bool destroyed = false;
+    std::unique_ptr<FileHandle> handle = std::make_unique<Derived>(destroyed);
     handle.reset();
-    EXPECT_TRUE(gone);
+    EXPECT_TRUE(destroyed);
 }
 
 TEST(FileHandleTest, HasAVirtualDestructorAndNoOtherVirtualOperation) {
-    EXPECT_EQ(slotCount("FileHandle"), 2u);
+    EXPECT_EQ(virtualSlotCount("FileHandle", "fs"), 2u);
 }
 
 TEST(FileHandleTest, HasTheBackEndsOperationsInTheirSlots) {
@@ -133,8 +133,8 @@ TEST(FileHandleTest, HasTheBackEndsOperationsInTheirSlots) {
     for (std::size_t i = 0; i < slots.size(); ++i) {
         EXPECT_EQ(slots[i], i + 2) << "operation " << i << " after the destructor";
     }
-    EXPECT_EQ(slotCount("FileHandleBackend"), slots.size() + 2);
-    EXPECT_EQ(slotCount("FileHandleBackendImpl"), slots.size() + 2);
+    EXPECT_EQ(virtualSlotCount("FileHandleBackend", "fs"), slots.size() + 2);
+    EXPECT_EQ(virtualSlotCount("FileHandleBackendImpl", "fs"), slots.size() + 2);
 }
 
 class FileHandleWithoutBackEndTest : public ::testing::Test {

@@ -10,16 +10,16 @@
 
 #include <tests/fs/FileTest.h>
 #include <tests/fs/TemporaryDirectory.h>
-#include <tests/fs/VirtualSlots.h>
+#include <tests/support/VirtualTable.h>
 
 namespace ovra::fs {
 namespace {
 
 using ovra::test::virtualSlot;
+using ovra::test::virtualSlotCount;
 using test::makeLink;
 using test::namesIn;
 using test::openDescriptors;
-using test::slotCount;
 using test::WorkingDirectory;
 using test::writeFile;
 
@@ -48,9 +48,10 @@ TEST_F(FileIteratorBackendImplTest, HasTheBackEndsOperationsInTheirSlots) {
     EXPECT_EQ(virtualSlot(&FileIteratorBackend::Index), 4u);
     EXPECT_EQ(virtualSlot(&FileIteratorBackend::Name), 5u);
     EXPECT_EQ(virtualSlot(&FileIteratorBackend::Next), 6u);
-    EXPECT_EQ(slotCount("FileIteratorBackend"), 7u);
-    EXPECT_EQ(slotCount("FileIteratorBackendImpl"), 7u);
-    EXPECT_EQ(slotCount("FileIterator"), 0u) << "the iterator itself is no polymorphic class";
+    EXPECT_EQ(virtualSlotCount("FileIteratorBackend", "fs"), 7u);
+    EXPECT_EQ(virtualSlotCount("FileIteratorBackendImpl", "fs"), 7u);
+    EXPECT_EQ(virtualSlotCount("FileIterator", "fs"), 0u)
+        << "the iterator itself is no polymorphic class";
 }
 
 TEST_F(FileIteratorBackendImplTest, StandsOnTheFirstEntryAtOnceAndCountsFromZero) {

@@ -205,7 +205,7 @@ protected:
     std::vector<std::string> outerNames;
 };
 
-TEST_F(FileIteratorOnDiskTest, WalksADirectoryFromBeginToEnd) {
+TEST_F(FileIteratorOnDiskTest, ScansADirectoryFromBeginToEnd) {
     FileHandle directory(at("x/y"));
     std::vector<std::string> paths;
     for (FileIterator entry = directory.Begin(); entry != directory.End(); ++entry) {
@@ -283,7 +283,7 @@ TEST_F(FileIteratorOnDiskTest, EqualsAnotherOnTheSameEntry) {
 
 TEST_F(FileIteratorOnDiskTest, NeverEqualsOneOverAnotherDirectoryWhileBothStandOnAnEntry) {
     EXPECT_NE(FileIterator(at("x")), FileIterator(at("x/y")));
-    EXPECT_NE(FileIterator(at("x/y/")), FileIterator(at("x/y"))) << "the same, told otherwise";
+    EXPECT_NE(FileIterator(at("x/y/")), FileIterator(at("x/y"))) << "the same, written otherwise";
 }
 
 TEST_F(FileIteratorOnDiskTest, YieldsTheDirectoryAndASeparatorAtItsEnd) {

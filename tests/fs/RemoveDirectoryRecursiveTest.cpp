@@ -100,8 +100,8 @@ TEST_F(RemoveDirectoryRecursiveTest, KeepsWhatIsNeitherFileNorDirectory) {
     makeLink("../sub/pipe", at("d/fourth/link-to-pipe"));
     makeDirectory(at("d/fifth"));
     makeLink("/dev/null", at("d/fifth/link-to-device"));
-    makeDirectory(at("d/gone"));
-    writeFile(at("d/gone/file"));
+    makeDirectory(at("d/removed"));
+    writeFile(at("d/removed/file"));
     writeFile(at("d/file"));
     EXPECT_FALSE(removeRecursively(at("d")));
     EXPECT_THAT(namesIn(at("d")), UnorderedElementsAre("sub", "other", "third", "fourth", "fifth"));
@@ -207,7 +207,7 @@ TEST_F(RemoveDirectoryRecursiveTest, EndsSoonInATreeOfLinksUpwardsThatCannotBeRe
     EXPECT_THAT(namesIn(at("d/sub")), UnorderedElementsAre("four", "five"));
 }
 
-TEST_F(RemoveDirectoryRecursiveTest, TellsDirectoriesOfDifferentFileSystemsApart) {
+TEST_F(RemoveDirectoryRecursiveTest, DistinguishesDirectoriesOfDifferentFileSystems) {
     makeDirectory(at("outer"));
     test::ChildOutcome const outcome = test::onPrivateFileSystem(at("outer"), "", [this] {
         makeDirectory(at("outer/inner"));
@@ -251,7 +251,7 @@ TEST_F(RemoveDirectoryRecursiveTest, KeepsAnEmptyDirectoryWhoseParentMayNotBeWri
     writeFile(at("fixed/d/file"));
     setPermissions(at("fixed"), 0555);
     EXPECT_FALSE(removeRecursively(at("fixed/d")));
-    EXPECT_THAT(namesIn(at("fixed/d")), IsEmpty()) << "what could be removed is gone";
+    EXPECT_THAT(namesIn(at("fixed/d")), IsEmpty()) << "what could be removed is no longer there";
 }
 
 TEST_F(RemoveDirectoryRecursiveTest, RemovesThreeHundredLevels) {
@@ -290,7 +290,7 @@ TEST_F(RemoveDirectoryRecursiveTest, KeepsWhatNoPathIsLongEnoughFor) {
     EXPECT_FALSE(removeRecursively(at(name)));
     EXPECT_TRUE(entryExists(longestPath)) << "it holds what could not be named";
     EXPECT_TRUE(entryExists(at("file"))) << "beside the tree, not in it";
-    EXPECT_THAT(namesIn(at(name)), ElementsAre(name)) << "its file is gone";
+    EXPECT_THAT(namesIn(at(name)), ElementsAre(name)) << "its file was removed";
 }
 
 TEST_F(RemoveDirectoryRecursiveTest, KeepsWhatIsDeeperThanTheDescriptorsReach) {

@@ -1,4 +1,3 @@
-#include <tests/fs/FileTest.h>
 #include <tests/fs/SystemCallTest.h>
 
 #include <algorithm>
@@ -17,6 +16,8 @@
 #include <ovra/fs/FileHandleBackendImpl.h>
 #include <ovra/fs/FileIterator.h>
 #include <ovra/fs/FilePath.h>
+
+#include <tests/fs/FileTest.h>
 
 namespace ovra::fs {
 namespace {

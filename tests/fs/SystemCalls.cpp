@@ -11,25 +11,16 @@
 #include <utility>
 
 #include <tests/support/NextFunction.h>
+#include <tests/support/Pause.h>
 
 using ovra::test::nextFunction;
+using ovra::test::Pause;
 
 namespace ovra::fs::test {
 
 namespace {
 
 thread_local SystemCalls* recorder = nullptr;
-
-/// Nothing is recorded of what the recorder does itself.
-class Pause {
-public:
-    Pause() : paused(std::exchange(recorder, nullptr)) {}
-    Pause(Pause const&) = delete;
-    Pause& operator=(Pause const&) = delete;
-    ~Pause() { recorder = paused; }
-
-    SystemCalls* const paused;
-};
 
 std::string octal(unsigned int mode) {
     char text[16];
@@ -50,7 +41,7 @@ bool admit(Describe describe) {
     if (recorder == nullptr) {
         return true;
     }
-    Pause const pause;
+    Pause const pause(recorder);
     int const error = pause.paused->enter(describe(*pause.paused));
     if (error != 0) {
         errno = error;
@@ -114,7 +105,7 @@ SystemCalls::~SystemCalls() {
 }
 
 std::vector<std::string> SystemCalls::take() {
-    Pause const pause;
+    Pause const pause(recorder);
     return std::exchange(calls, {});
 }
 

@@ -45,33 +45,6 @@ std::vector<std::string> namesIn(DIR* stream) {
     return names;
 }
 
-// Relative to open directories, so that no tree is too deep and no link leads out of it.
-void removeEverything(int parent, std::string const& name) {
-    if (unlinkat(parent, name.c_str(), 0) == 0) {
-        return;
-    }
-    fchmodat(parent, name.c_str(), 0700, 0);
-    int const descriptor =
-        openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (descriptor < 0) {
-        return;
-    }
-    DIR* const stream = fdopendir(descriptor);
-    for (std::string const& child : namesIn(stream)) {
-        removeEverything(descriptor, child);
-    }
-    closedir(stream);
-    unlinkat(parent, name.c_str(), AT_REMOVEDIR);
-}
-
-std::string makeRoot() {
-    char const* const base = std::getenv("TMPDIR");
-    std::string path =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/ovra-XXXXXX";
-    require(mkdtemp(path.data()) != nullptr, "mkdtemp " + path);
-    return path;
-}
-
 void writeControlFile(char const* path, std::string const& text) {
     std::ofstream(path) << text;
 }
@@ -207,10 +180,9 @@ std::vector<std::string> namesIn(std::string const& directory) {
 }
 
 TemporaryDirectoryTest::TemporaryDirectoryTest()
-    : previousMask(umask(022)), descriptors(openDescriptors()), root(makeRoot()) {}
+    : previousMask(umask(022)), descriptors(openDescriptors()), root(scratch.path()) {}
 
 TemporaryDirectoryTest::~TemporaryDirectoryTest() {
-    removeEverything(AT_FDCWD, root);
     umask(previousMask);
 }
 

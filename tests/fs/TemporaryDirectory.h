@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <tests/support/Bounded.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace ovra::fs::test {
 
@@ -61,6 +62,7 @@ private:
     ovra::test::Watchdog watchdog;
     mode_t const previousMask;
     std::map<int, std::string> const descriptors;
+    ovra::test::ScratchDirectory const scratch;
 
 protected:
     std::string const root;

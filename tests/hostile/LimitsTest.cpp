@@ -21,6 +21,7 @@
 #include <ovra/ovra.h>
 #include <tests/fs/TemporaryDirectory.h>
 #include <tests/support/Gate.h>
+#include <tests/support/LogSinks.h>
 
 // No line of these tests reaches the machine's system log.
 extern "C" __attribute__((visibility("default"))) void syslog(int, char const*, ...) {}
@@ -31,6 +32,7 @@ namespace {
 
 using namespace concurrent;
 using fs::FileHandle;
+using test::CountingSink;
 using test::Gate;
 
 class LimitsTest : public fs::test::TemporaryDirectoryTest {};
@@ -252,13 +254,6 @@ void liftAddressSpaceLimit() {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_AS, &limit);
 }
-
-class CountingSink : public log::LogHandler {
-public:
-    void handleLogMessage(char const*, log::LogLevel) override { ++lines; }
-
-    std::atomic<int> lines{0};
-};
 
 void workWithoutMemory(std::string const& directory) {
     FileHandle file(directory + "/file");

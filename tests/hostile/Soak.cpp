@@ -1,5 +1,5 @@
-// Runs tasks, logs and files together until it is told to end, and prints what it has done once a
-// second. tools/soak starts it and watches what it holds.
+// Runs tasks, logs and files together for some seconds, and prints each second what it has done.
+// tools/soak starts it and watches what it holds.
 //
 //   soak <directory> <seconds>
 
@@ -132,7 +132,7 @@ void workOnFiles(std::string const& root) {
         for (auto entry = top.Begin(); entry != top.End(); ++entry) {
             ++entries;
         }
-        expect(entries >= 2, "a directory is walked");
+        expect(entries >= 2, "a directory is scanned");
         expect(top.RemoveDirectoryRecursive(), "a tree is removed");
         ++filesDone;
     }

@@ -37,7 +37,7 @@ void destroyed(std::string const& situation) {
     Scene const scene(situation, executor);
     say("ending");
     executor.reset();
-    say("executor gone");
+    say("executor destroyed");
     sayOutcome(scene);
 }
 
@@ -111,7 +111,7 @@ Scene* shared = nullptr;
 void makeSharedScene(std::string const& situation) {
     // Registered before the executor is made, so that it runs after the executor is destroyed.
     std::atexit([] {
-        say("executor gone");
+        say("executor destroyed");
         sayOutcome(*shared);
     });
     shared = new Scene(situation, getNoStarveTaskExecutor());
@@ -196,7 +196,7 @@ void forkAndGoOn(std::string const& situation) {
     done.wait();
     say("ending");
     executor.reset();
-    say("executor gone");
+    say("executor destroyed");
     sayOutcome(scene);
 }
 
@@ -249,7 +249,7 @@ void staticSubmits(std::string const& situation) {
         shared->goOn();
         handle->waitForCompletion();
         executor.reset();
-        say("executor gone");
+        say("executor destroyed");
     };
     shared = new Scene(situation, getNoStarveTaskExecutor());
     shared->leaveWaiter();

@@ -139,15 +139,16 @@ TEST_P(OrderlyEndTest, HappensSo) {
     EXPECT_THAT(ending.errors, IsEmpty());
 }
 
-Lines const NOTHING_TO_DO = {"ending", "executor gone", "outcome: DONE 2"};
+Lines const NOTHING_TO_DO = {"ending", "executor destroyed", "outcome: DONE 2"};
 Lines const QUEUED_IS_DROPPED = {"ending",      "queued work dropped", "work ended",
-                                 "called back", "executor gone",       "outcome: UNSCHEDULED 1"};
-Lines const WORK_IS_AWAITED = {"ending", "work ended", "called back", "executor gone",
+                                 "called back", "executor destroyed",  "outcome: UNSCHEDULED 1"};
+Lines const WORK_IS_AWAITED = {"ending", "work ended", "called back", "executor destroyed",
                                "outcome: DONE 2"};
-Lines const CALLBACK_IS_AWAITED = {"ending", "callback ended", "executor gone", "outcome: DONE 2"};
-Lines const WAITER_IS_RELEASED = {"ending",      "work ended",    "waiter released",
-                                  "called back", "executor gone", "outcome: DONE 2"};
-Lines const WAITER_IS_LEFT = {"ending", "work ended", "called back", "executor gone",
+Lines const CALLBACK_IS_AWAITED = {"ending", "callback ended", "executor destroyed",
+                                   "outcome: DONE 2"};
+Lines const WAITER_IS_RELEASED = {"ending",      "work ended",         "waiter released",
+                                  "called back", "executor destroyed", "outcome: DONE 2"};
+Lines const WAITER_IS_LEFT = {"ending", "work ended", "called back", "executor destroyed",
                               "outcome: UNSCHEDULED 1, still held"};
 
 INSTANTIATE_TEST_SUITE_P(DestroyedByItsOwner, OrderlyEndTest,
@@ -190,25 +191,25 @@ Lines const CHILD_QUEUES_TOO = {"child: accepted, not idle as before", "child ex
 
 INSTANTIATE_TEST_SUITE_P(
     ForkAndGoOn, OrderlyEndTest,
-    ::testing::Values(Case{"fork", "idle",
-                           joined(CHILD_QUEUES, {"ran in the parent", "ending", "executor gone",
-                                                 "outcome: DONE 2"})},
-                      Case{
-                          "fork", "queued",
-                          joined(CHILD_QUEUES_TOO, {"work ended", "called back", "queued work ran",
-                                                    "queued work called back",
-                                                    "queued work dropped", "ran in the parent",
-                                                    "ending", "executor gone", "outcome: DONE 2"})},
-                      Case{"fork", "running",
-                           joined(CHILD_QUEUES, {"work ended", "called back", "ran in the parent",
-                                                 "ending", "executor gone", "outcome: DONE 2"})},
-                      Case{"fork", "callback",
-                           joined(CHILD_QUEUES, {"callback ended", "ran in the parent", "ending",
-                                                 "executor gone", "outcome: DONE 2"})},
-                      Case{"fork", "waited",
-                           joined(CHILD_QUEUES, {"work ended", "waiter released", "called back",
-                                                 "ran in the parent", "ending", "executor gone",
-                                                 "outcome: DONE 2"})}),
+    ::testing::Values(
+        Case{"fork", "idle",
+             joined(CHILD_QUEUES,
+                    {"ran in the parent", "ending", "executor destroyed", "outcome: DONE 2"})},
+        Case{"fork", "queued",
+             joined(CHILD_QUEUES_TOO,
+                    {"work ended", "called back", "queued work ran", "queued work called back",
+                     "queued work dropped", "ran in the parent", "ending", "executor destroyed",
+                     "outcome: DONE 2"})},
+        Case{"fork", "running",
+             joined(CHILD_QUEUES, {"work ended", "called back", "ran in the parent", "ending",
+                                   "executor destroyed", "outcome: DONE 2"})},
+        Case{"fork", "callback",
+             joined(CHILD_QUEUES, {"callback ended", "ran in the parent", "ending",
+                                   "executor destroyed", "outcome: DONE 2"})},
+        Case{"fork", "waited",
+             joined(CHILD_QUEUES,
+                    {"work ended", "waiter released", "called back", "ran in the parent", "ending",
+                     "executor destroyed", "outcome: DONE 2"})}),
     nameOf);
 
 Lines afterChild(Lines const& child, Lines const& parent) {
@@ -218,21 +219,24 @@ Lines afterChild(Lines const& child, Lines const& parent) {
 INSTANTIATE_TEST_SUITE_P(
     ForkAndExit, OrderlyEndTest,
     ::testing::Values(
-        Case{"fork-exit", "idle", afterChild({"executor gone", "outcome: DONE 2"}, NOTHING_TO_DO)},
+        Case{"fork-exit", "idle",
+             afterChild({"executor destroyed", "outcome: DONE 2"}, NOTHING_TO_DO)},
         Case{"fork-exit", "queued",
-             afterChild({"queued work dropped", "executor gone", "outcome: UNSCHEDULED 1"},
+             afterChild({"queued work dropped", "executor destroyed", "outcome: UNSCHEDULED 1"},
                         QUEUED_IS_DROPPED)},
         Case{"fork-exit", "running",
-             afterChild({"executor gone", "outcome: EXECUTING 1"}, WORK_IS_AWAITED)},
+             afterChild({"executor destroyed", "outcome: EXECUTING 1"}, WORK_IS_AWAITED)},
         Case{"fork-exit", "callback",
-             afterChild({"executor gone", "outcome: DONE 2"}, CALLBACK_IS_AWAITED)},
+             afterChild({"executor destroyed", "outcome: DONE 2"}, CALLBACK_IS_AWAITED)},
         Case{"fork-exit", "waited",
-             afterChild({"executor gone", "outcome: EXECUTING 1, still held"}, WAITER_IS_RELEASED)},
+             afterChild({"executor destroyed", "outcome: EXECUTING 1, still held"},
+                        WAITER_IS_RELEASED)},
         Case{"fork-exit", "waited-queued",
-             afterChild({"executor gone", "outcome: UNSCHEDULED 1, still held"}, WAITER_IS_LEFT)}),
+             afterChild({"executor destroyed", "outcome: UNSCHEDULED 1, still held"},
+                        WAITER_IS_LEFT)}),
     nameOf);
 
-Lines const LATE_WORK_RUNS = {"late work ran", "executor gone"};
+Lines const LATE_WORK_RUNS = {"late work ran", "executor destroyed"};
 
 INSTANTIATE_TEST_SUITE_P(
     StaticThatSubmits, OrderlyEndTest,

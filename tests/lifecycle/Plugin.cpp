@@ -22,7 +22,7 @@ struct Play {
     std::string situation;
     std::weak_ptr<TaskExecutor> executor;
     Gate* waiterIsOut;
-    void (*tell)(char const*);
+    void (*report)(char const*);
     Gate busy;
     Gate queuedIsDropped;
 
@@ -39,7 +39,7 @@ struct Play {
         if (situation != "callback") {
             waitForTheEnd();
         }
-        tell("work ended");
+        report("work ended");
         return Executable::SUCCESS;
     }
     void callBack() {
@@ -48,11 +48,11 @@ struct Play {
         } else if (situation == "waited") {
             waiterIsOut->wait();
         }
-        tell("called back");
+        report("called back");
     }
 };
 
-void begin(char const* situation, Gate* waiterIsOut, void (*tell)(char const*)) {
+void begin(char const* situation, Gate* waiterIsOut, void (*report)(char const*)) {
     auto const executor = concurrent::getNoStarveTaskExecutor();
     if (std::string(situation) == "idle") {
         return;
@@ -61,7 +61,7 @@ void begin(char const* situation, Gate* waiterIsOut, void (*tell)(char const*)) 
     play->situation = situation;
     play->executor = executor;
     play->waiterIsOut = waiterIsOut;
-    play->tell = tell;
+    play->report = report;
     auto const task = std::make_shared<concurrent::SubmittedTask>(
         [play] { return play->work(); }, concurrent::NORMAL,
         [play](std::shared_ptr<Task> const&) { play->callBack(); }, "scene");
@@ -71,12 +71,12 @@ void begin(char const* situation, Gate* waiterIsOut, void (*tell)(char const*)) 
     play->busy.wait();
     if (play->situation == "queued") {
         auto const watch = atEnd([play] {
-            play->tell("queued work dropped");
+            play->report("queued work dropped");
             play->queuedIsDropped.open();
         });
         executor->submitTask(
-            [watch, tell] {
-                tell("queued work ran");
+            [watch, report] {
+                report("queued work ran");
                 return Executable::SUCCESS;
             },
             concurrent::NORMAL, {}, "queued");

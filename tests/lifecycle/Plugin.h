@@ -8,8 +8,8 @@ namespace ovra::test {
 /// it.
 struct Plugin {
     /// Puts the shared executor into a situation, as `Scene` does; the work goes on until that
-    /// executor is being destroyed. Each event is told, from whichever thread.
-    void (*begin)(char const* situation, Gate* waiterIsOut, void (*tell)(char const* event));
+    /// executor is being destroyed. Each event is reported, from whichever thread.
+    void (*begin)(char const* situation, Gate* waiterIsOut, void (*report)(char const* event));
     /// Takes what `begin` submitted last, opens the gate, waits and releases it.
     void (*wait)(Gate* isTaken);
     /// Whether that task is held by somebody beside the queue or the worker.

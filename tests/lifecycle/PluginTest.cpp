@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <tests/lifecycle/Plugin.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/Mapped.h>
 
 namespace ovra::test {
 namespace {
@@ -25,7 +25,7 @@ using ::testing::IsEmpty;
 std::mutex eventsMutex;
 std::vector<std::string> events;
 
-void tell(char const* event) {
+void report(char const* event) {
     std::lock_guard<std::mutex> const lock(eventsMutex);
     events.emplace_back(event);
 }
@@ -61,17 +61,6 @@ private:
     Plugin const* functions;
 };
 
-std::vector<std::string> mapped(std::string const& part) {
-    std::ifstream maps("/proc/self/maps");
-    std::vector<std::string> result;
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(part) != std::string::npos) {
-            result.push_back(line);
-        }
-    }
-    return result;
-}
-
 auto threads() {
     namespace stdfs = std::filesystem;
     return std::distance(stdfs::directory_iterator("/proc/self/task"), stdfs::directory_iterator());
@@ -81,7 +70,7 @@ void loadAndUnload(std::string const& situation) {
     LoadedPlugin library(LIFECYCLE_PLUGIN);
     Gate isTaken;
     Gate waiterIsOut;
-    library->begin(situation.c_str(), &waiterIsOut, tell);
+    library->begin(situation.c_str(), &waiterIsOut, report);
     std::thread waiter;
     if (situation == "waited") {
         // The last code of the library that this thread runs is behind it when the gate opens.
@@ -149,7 +138,7 @@ void expectApart(LoadedPlugin& first, LoadedPlugin& second) {
     first->runOne();
     second->runOne();
     Gate unused;
-    first->begin("running", &unused, tell);
+    first->begin("running", &unused, report);
     second->runOne();
     EXPECT_THAT(takeEvents(), IsEmpty());
 

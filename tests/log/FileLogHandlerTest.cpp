@@ -28,22 +28,12 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using test::ALL_LEVELS;
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::contentOf;
-using test::expectNeitherCopiesNorMoves;
-using test::expectThrowsWhenItCannotLock;
-using test::isInside;
-using test::levelOf;
-using test::openDescriptors;
-using test::TemporaryDirectory;
-using test::Trace;
-using test::writeFile;
+using namespace ovra::test;
+using namespace test;
 
 class FileLogHandlerTest : public ::testing::Test {
 protected:
-    TemporaryDirectory directory;
+    ScratchDirectory directory;
     std::string const path = directory.path("log");
 };
 

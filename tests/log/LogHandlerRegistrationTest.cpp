@@ -32,17 +32,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::contentOf;
-using test::FunctionSink;
-using test::LevelKeeper;
-using test::openDescriptors;
-using test::RecordingSink;
-using test::Registration;
-using test::StreamCapture;
-using test::TemporaryDirectory;
-using test::writeFile;
+using namespace ovra::test;
+using namespace test;
 
 LogHandlerType typeOf(long long value) {
     return static_cast<LogHandlerType>(value);
@@ -67,7 +58,7 @@ TEST(LogHandlerRegistrationTest, TypesAreNumberedFromOne) {
 }
 
 TEST(LogHandlerRegistrationTest, FactoryMakesTheKindAskedFor) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     auto const file = createLogHandler(FILE_HANDLER, directory.path("log").c_str());
     auto const platform = createLogHandler(PLATFORM_HANDLER, "name");
     auto const streams = createLogHandler(STANDARD_STREAM_HANDLER, "name");
@@ -77,7 +68,7 @@ TEST(LogHandlerRegistrationTest, FactoryMakesTheKindAskedFor) {
 }
 
 TEST(LogHandlerRegistrationTest, CallerOwnsWhatTheFactoryMakesAlone) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     for (LogHandlerType const type : {FILE_HANDLER, PLATFORM_HANDLER, STANDARD_STREAM_HANDLER}) {
         auto first = createLogHandler(type, path.c_str());
@@ -91,7 +82,7 @@ TEST(LogHandlerRegistrationTest, CallerOwnsWhatTheFactoryMakesAlone) {
 }
 
 TEST(LogHandlerRegistrationTest, WhatTheFactoryMakesIsNotRegistered) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     StreamCapture errors(std::cerr);
     CLibraryProbe probe;
     auto const file = createLogHandler(FILE_HANDLER, directory.path("log").c_str());
@@ -104,7 +95,7 @@ TEST(LogHandlerRegistrationTest, WhatTheFactoryMakesIsNotRegistered) {
 }
 
 TEST(LogHandlerRegistrationTest, FileIsDeletedThroughTheBaseOfItsSink) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::size_t const before = openDescriptors();
     std::shared_ptr<LogHandler> handler =
         createLogHandler(FILE_HANDLER, directory.path("log").c_str());
@@ -120,7 +111,7 @@ TEST(LogHandlerRegistrationTest, OnlyTheFileSinkLooksAtTheName) {
 }
 
 TEST(LogHandlerRegistrationTest, FactoryMakesNothingOfAnUnknownType) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     for (long long const type : UNKNOWN_TYPES) {
         EXPECT_EQ(createLogHandler(typeOf(type), directory.path("log").c_str()), nullptr)
             << "type " << type;
@@ -132,7 +123,7 @@ TEST(LogHandlerRegistrationTest, FactoryMakesNothingOfAnUnknownType) {
 // --- registration
 
 TEST(LogHandlerRegistrationTest, RegisteredFileReceivesEachLine) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     addLogHandler(FILE_HANDLER, path.c_str());
@@ -145,7 +136,7 @@ TEST(LogHandlerRegistrationTest, RegisteredFileReceivesEachLine) {
 }
 
 TEST(LogHandlerRegistrationTest, RegisteredDirectoryGetsAFileOfItsOwn) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     Registration const registration(directory.path());
     addLogHandler(FILE_HANDLER, directory.path().c_str());
     log(ERROR, "tag", "text");
@@ -181,7 +172,7 @@ TEST(LogHandlerRegistrationTest, RegisteredPlatformSinkIsASecondOneWithAMutexOfI
 }
 
 TEST(LogHandlerRegistrationTest, PercentSignsAreInterpretedByTheSystemLogOnly) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     Registration const file(directory.path("log"));
     addLogHandler(FILE_HANDLER, file.name());
     StreamCapture errors(std::cerr);
@@ -227,7 +218,7 @@ TEST(LogHandlerRegistrationTest, OneSinkMayHaveTwoNames) {
 // --- replacement
 
 TEST(LogHandlerRegistrationTest, SameNameLeavesOnlyTheSecondSink) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     StreamCapture errors(std::cerr);
     Registration const registration(path);
@@ -247,7 +238,7 @@ TEST(LogHandlerRegistrationTest, SameNameLeavesOnlyTheSecondSink) {
 }
 
 TEST(LogHandlerRegistrationTest, ReplacedFileIsClosed) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     std::size_t const before = openDescriptors();
@@ -260,7 +251,7 @@ TEST(LogHandlerRegistrationTest, ReplacedFileIsClosed) {
 }
 
 TEST(LogHandlerRegistrationTest, ReplacedFileStartsAfresh) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     addLogHandler(FILE_HANDLER, path.c_str());
@@ -332,7 +323,7 @@ TEST(LogHandlerRegistrationTest, NullNameIsRefusedAndChangesNothing) {
 }
 
 TEST(LogHandlerRegistrationTest, FileThatCannotBeOpenedIsRegisteredAllTheSame) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("missing/log");
     Registration const registration(path);
     auto const sink = addRecordingSink(registration);
@@ -345,7 +336,7 @@ TEST(LogHandlerRegistrationTest, FileThatCannotBeOpenedIsRegisteredAllTheSame) {
 }
 
 TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeLeavesTheRegisteredOne) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("a path too long for a string to hold by itself");
     for (LogHandlerType const type : {FILE_HANDLER, PLATFORM_HANDLER, STANDARD_STREAM_HANDLER}) {
         Registration const registration(path);
@@ -377,7 +368,7 @@ TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeLeavesTheRegisteredOne) {
 }
 
 TEST(LogHandlerRegistrationTest, SinkThatCannotBeMadeUnderANewNameLeavesLoggingAsItWas) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     auto const neighbour = std::make_shared<RecordingSink>();
     Registration const neighbours(neighbour);
     CLibraryProbe probe;
@@ -421,7 +412,7 @@ int lossesOf(std::string const& path, std::function<void()> const& makeSink) {
 }
 
 TEST(LogHandlerRegistrationTest, EntryThatFindsNoMemoryLosesNoEarlierLog) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("a path too long for a string to hold by itself");
     int const lossesOfTheSink =
         lossesOf(path, [&] { createLogHandler(FILE_HANDLER, path.c_str()); });
@@ -432,7 +423,7 @@ TEST(LogHandlerRegistrationTest, EntryThatFindsNoMemoryLosesNoEarlierLog) {
 // --- use and release
 
 TEST(LogHandlerRegistrationTest, LibrarysOwnCallsReachTheSinks) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     Registration const registration(path);
     addLogHandler(FILE_HANDLER, path.c_str());
@@ -453,11 +444,11 @@ TEST(LogHandlerRegistrationTest, LibrarysOwnCallsReachTheSinks) {
     EXPECT_THAT(test::linesOf(contentOf(path)), ::testing::Contains(line));
 }
 
-// Tells when it is destroyed.
-class TellingSink : public LogHandler {
+// Notifies when it is destroyed.
+class NotifyingSink : public LogHandler {
 public:
-    explicit TellingSink(char const* lastWord) : word(lastWord) {}
-    ~TellingSink() override {
+    explicit NotifyingSink(char const* lastWord) : word(lastWord) {}
+    ~NotifyingSink() override {
         EXPECT_EQ(write(STDERR_FILENO, word.data(), word.size()),
                   static_cast<ssize_t>(word.size()));
     }
@@ -469,8 +460,8 @@ private:
 };
 
 [[noreturn]] void exitWithRegisteredSinks() {
-    addLogHandler(std::make_shared<TellingSink>("replaced;"), "sink");
-    addLogHandler(std::make_shared<TellingSink>("released;"), "sink");
+    addLogHandler(std::make_shared<NotifyingSink>("replaced;"), "sink");
+    addLogHandler(std::make_shared<NotifyingSink>("released;"), "sink");
     char const word[] = "exiting;";
     if (write(STDERR_FILENO, word, sizeof word - 1) < 0) {
         std::abort();

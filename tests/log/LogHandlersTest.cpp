@@ -33,17 +33,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using test::ALL_LEVELS;
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::contentOf;
-using test::expectNeitherCopiesNorMoves;
-using test::expectThrowsWhenItCannotLock;
-using test::levelOf;
-using test::StreamCapture;
-using test::SystemLogCall;
-using test::TemporaryDirectory;
-using test::Trace;
+using namespace ovra::test;
+using namespace test;
 
 // The place of a virtual operation in the table; a virtual destructor takes two.
 template <typename Operation>
@@ -135,7 +126,7 @@ TEST(PlatformLogHandlerTest, MutexThatCannotBeLockedIsThrown) {
     EXPECT_THAT(probe.systemLogLines(), ElementsAre("next"));
 }
 
-TEST(PlatformLogHandlerTest, MutexHeldByTheCallerIsThrownIfItCanTell) {
+TEST(PlatformLogHandlerTest, MutexHeldByTheCallerIsThrownIfItIsDetected) {
     std::mutex mutex;
     pthread_mutexattr_t attributes;
     ASSERT_EQ(pthread_mutexattr_init(&attributes), 0);
@@ -242,7 +233,7 @@ private:
 };
 
 TEST(StandardStreamLogHandlerTest, EachLineReachesTheProcessesStreamsAtOnce) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const output = directory.path("output");
     std::string const errors = directory.path("errors");
     std::string read[4];

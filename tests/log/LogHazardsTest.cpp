@@ -29,10 +29,10 @@ namespace ovra::log {
 
 namespace {
 
-using test::Registration;
-using test::TemporaryDirectory;
+using ovra::test::Registration;
+using ovra::test::ScratchDirectory;
 
-// A device that is full until it is told otherwise.
+// A device that is full until `isFull` is false.
 class FullDevice : public std::streambuf {
 public:
     explicit FullDevice(std::ostream& stream) : captured(stream), original(stream.rdbuf(this)) {}
@@ -77,7 +77,7 @@ protected:
         return size > 0 ? std::string(buffer, static_cast<std::size_t>(size)) : std::string();
     }
 
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const pipe = directory.path("pipe");
 };
 
@@ -105,7 +105,7 @@ TEST_F(LogHazardsTest, DescriptorOfTheFileSinkPassesToProgramsThatAreExecuted) {
     EXPECT_EQ(flags & FD_CLOEXEC, 0);
 }
 
-TEST_F(LogHazardsTest, FileSinkOnAPipeWhoseReaderHasGoneRaisesASignal) {
+TEST_F(LogHazardsTest, FileSinkOnAPipeWhoseReaderHasClosedRaisesASignal) {
     int const reader = openReader();
     FileLogHandler handler(pipe.c_str());
     close(reader);
@@ -132,7 +132,7 @@ TEST_F(LogHazardsTest, InterruptedOpeningOfAPipeMakesASinkThatDiscards) {
         handler = std::make_unique<FileLogHandler>(pipe.c_str());
         isMade = true;
     });
-    while (!isMade) {  // Which signal finds it opening, nobody can tell.
+    while (!isMade) {  // Which signal finds it opening, nobody knows.
         pthread_kill(maker.native_handle(), SIGUSR1);
         std::this_thread::yield();
     }

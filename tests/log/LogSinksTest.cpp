@@ -25,13 +25,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using test::CLibraryProbe;
-using test::FunctionSink;
-using test::LevelKeeper;
-using test::levelOf;
-using test::RecordingSink;
-using test::Registration;
-using test::StreamCapture;
+using namespace ovra::test;
+using namespace test;
 
 TEST(LogSinksTest, PlatformSinkNeedsNoRegistrationAndIsCalledOnce) {
     CLibraryProbe probe;
@@ -78,7 +73,7 @@ TEST(LogSinksTest, LevelReachesTheSinksUnchanged) {
         log(sent.back(), "tag", "text");
     }
     std::vector<LogLevel> received;
-    for (RecordingSink::Line const& line : sink->lines()) {
+    for (ovra::test::LogLine const& line : sink->lines()) {
         received.push_back(line.level);
     }
     EXPECT_EQ(received, sent);

@@ -25,18 +25,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::Formatting;
-using test::FunctionSink;
-using test::heapInUse;
-using test::largeText;
-using test::largeTextsKeptBy;
-using test::LevelKeeper;
-using test::levelOf;
-using test::logLargeText;
-using test::RecordingSink;
-using test::Registration;
+using namespace ovra::test;
+using namespace test;
 
 // --- what holds before main()
 

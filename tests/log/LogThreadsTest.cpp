@@ -22,17 +22,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-using test::CLibraryProbe;
-using test::FunctionSink;
-using test::Gate;
-using test::largeTextsKeptBy;
-using test::LevelKeeper;
-using test::levelOf;
-using test::logLargeText;
-using test::RecordingSink;
-using test::Registration;
-using test::StreamCapture;
-using test::TemporaryDirectory;
+using namespace ovra::test;
+using namespace test;
 
 TEST(LogThreadsTest, TakesNoLockOfItsOwn) {
     CLibraryProbe probe;
@@ -101,7 +92,7 @@ void expectLinesOfAllThreads(std::vector<std::string> const& lines, LogLevel lev
 }
 
 TEST(LogThreadsTest, ThreadsLogAtOnceThroughEverySink) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     StreamCapture output(std::cout);
     StreamCapture errors(std::cerr);
     auto const sink = std::make_shared<RecordingSink>();

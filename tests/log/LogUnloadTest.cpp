@@ -17,11 +17,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-using test::CLibraryProbe;
-using test::contentOf;
-using test::Gate;
-using test::openDescriptors;
-using test::TemporaryDirectory;
+using namespace ovra::test;
+using namespace test;
 
 // The library as an application with plug-ins has it: loaded and unloaded while the process goes
 // on.
@@ -71,7 +68,7 @@ bool isLoaded() {
 }
 
 TEST(LogUnloadTest, UnloadReleasesTheRegisteredSinks) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     std::size_t const before = openDescriptors();
     LoadedLibrary library;
@@ -88,7 +85,7 @@ TEST(LogUnloadTest, UnloadReleasesTheRegisteredSinks) {
 }
 
 TEST(LogUnloadTest, LoadingAgainStartsAfresh) {
-    TemporaryDirectory const directory;
+    ScratchDirectory const directory;
     std::string const path = directory.path("log");
     {
         LoadedLibrary library;

@@ -24,15 +24,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-using test::AllocationProbe;
-using test::CLibraryProbe;
-using test::Formatting;
-using test::FunctionSink;
-using test::Gate;
-using test::LevelKeeper;
-using test::levelOf;
-using test::RecordingSink;
-using test::Registration;
+using namespace ovra::test;
+using namespace test;
 
 // What a line with "%%" in it shows as: the system log leaves one sign of it, text keeps both.
 char const* const AS_FORMAT = "[tag:ERROR] 100% full";

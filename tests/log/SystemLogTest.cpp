@@ -38,10 +38,8 @@ using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
-using test::LevelKeeper;
-using test::levelOf;
-using test::RecordingSink;
-using test::Registration;
+using namespace ovra::test;
+using namespace test;
 
 std::string failureOf(std::string const& what) {
     return what + ": " + strerror(errno);

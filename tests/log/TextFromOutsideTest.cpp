@@ -23,16 +23,8 @@ namespace {
 using concurrent::Executable;
 using concurrent::SubmittedTask;
 using concurrent::Task;
-using ovra::test::BoundedTest;
-using ovra::test::RandomSource;
-using ovra::test::runSeed;
-using ovra::test::scaled;
-using ovra::test::seedNote;
-using test::CLibraryProbe;
-using test::contentOf;
-using test::LevelKeeper;
-using test::Registration;
-using test::TemporaryDirectory;
+using namespace ovra::test;
+using namespace test;
 
 // Bytes from 1 to 255, every third of them one that means something to a formatting function.
 std::string anyText(RandomSource& random) {
@@ -52,7 +44,7 @@ protected:
     template <typename Work>
     void expectSame(int lines, Work const& work) {
         Registration const registration;
-        TemporaryDirectory const directory;
+        ScratchDirectory const directory;
         std::string const path = directory.path("log");
         addLogHandler(std::make_shared<FileLogHandler>(path.c_str()), registration.name());
         CLibraryProbe probe;

@@ -1,1 +1,1 @@
-// Nothing but what the compiler is told to include.
+// Nothing but what the compiler is asked to include.

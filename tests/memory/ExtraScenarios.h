@@ -11,7 +11,7 @@
 
 namespace scenarios {
 
-/// A target that remembers whether it was used, and may not be used once it is gone.
+/// A target that remembers whether it was used, and may not be used once it is destroyed.
 struct Target : ovra::log::LogHandler {
     explicit Target(model::atomic<int>& count) : lines(count) {}
     ~Target() override { isHere = false; }

@@ -114,8 +114,8 @@ struct Wait {
     Handle handle = TaskHandle::of(task, nullptr);
 };
 
-/// The worker's part of a task, which may be gone when the wait begins.
-struct WaitForGone {
+/// The worker's part of a task, which may have ended when the wait begins.
+struct WaitForEnded {
     void run(unsigned int thread) {
         if (thread == 0) {
             Submission const last(std::move(task));
@@ -127,14 +127,14 @@ struct WaitForGone {
     }
     void check() {}
     virtual void wait() { handle->waitForCompletion(); }
-    virtual ~WaitForGone() = default;
+    virtual ~WaitForEnded() = default;
 
     Effect effect;
     Submission task = effect.task();
     Handle handle = TaskHandle::of(task, nullptr);
 };
 
-struct WaitForGoneByProxy : WaitForGone {
+struct WaitForEndedByProxy : WaitForEnded {
     void wait() override { proxy->waitForCompletion(); }
 
     model::shared_ptr<SubmittedTaskProxy> proxy = SubmittedTask::provideProxy(task);

@@ -4,7 +4,7 @@
  * ranked and what is logged is left out: a pick takes any queued task.
  *
  * One step of a process stands for what the code does between two points at which another thread
- * could tell the difference: an unlock, an atomic variable, a wait. A section that holds a lock all
+ * could notice the difference: an unlock, an atomic variable, a wait. A section that holds a lock all
  * along, and touches only what that lock guards, is one step. The wait for work is not: it holds
  * the queue's lock over several, so that a close() that does without the lock would be noticed.
  *

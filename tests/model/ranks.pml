@@ -4,7 +4,7 @@
  * is computed: the flag COMPUTED is set in the rank, and the lock of RankedTasks guards what the
  * rank is computed from. Otherwise the rank is an atomic variable.
  *
- * One step stands for what the code does between two points at which another thread could tell the
+ * One step stands for what the code does between two points at which another thread could notice the
  * difference: an access to an atomic variable, a lock, an unlock. What a lock guards is written in
  * several steps where the order matters, so that an access without the lock would be noticed.
  *

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
+#include <utility>
 
 namespace ovra::test {
 

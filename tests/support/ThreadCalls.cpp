@@ -8,7 +8,7 @@
 
 #include <tests/support/NextFunction.h>
 
-// The runtime of a sanitizer makes some of these calls before it can be told of accesses.
+// The runtime of a sanitizer makes some of these calls before it can note accesses.
 #define INTERPOSED                                    \
     extern "C" __attribute__((visibility("default"))) \
     __attribute__((no_sanitize("thread"), no_sanitize("address")))

@@ -27,11 +27,15 @@ std::size_t virtualSlot(Member member) {
 #endif
 }
 
-/// The number of places in the table that the shared object exports for a class of
-/// ovra::concurrent; 0 if there is none.
-inline std::size_t virtualSlotCount(std::string const& className) {
-    std::string const symbol =
-        "_ZTVN4ovra10concurrent" + std::to_string(className.size()) + className + "E";
+/// The number of places in the table that the shared object exports for a class of that
+/// subsystem; 0 if there is none.
+inline std::size_t virtualSlotCount(std::string const& className,
+                                    std::string const& subsystem = "concurrent") {
+    std::string symbol = "_ZTVN4ovra";
+    for (std::string const& name : {subsystem, className}) {
+        symbol += std::to_string(name.size()) + name;
+    }
+    symbol += 'E';
     void* const table = dlsym(RTLD_DEFAULT, symbol.c_str());
     Dl_info info;
     void* entry = nullptr;

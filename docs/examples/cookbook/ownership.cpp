@@ -20,7 +20,7 @@ int main() {
 
     std::cout << "queued: the task holds what its function holds: " << !seen.expired() << '\n';
     executor.reset();
-    std::cout << "the executor has gone, and the task with it: " << seen.expired() << '\n';
+    std::cout << "the executor was destroyed, and the task with it: " << seen.expired() << '\n';
     std::cout << "the handle keeps the last state: "
               << (handle->getState() == Executable::UNSCHEDULED) << '\n';
 }

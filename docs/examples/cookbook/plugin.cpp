@@ -1,4 +1,4 @@
-// A plug-in on ovra: its executor is made when it starts and gone when it has stopped, so that
+// A plug-in on ovra: its executor is made when it starts and destroyed when it stops, so that
 // nothing of the library runs when it is unloaded.
 
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace ovra::test {
 
@@ -18,24 +20,13 @@ namespace ovra::test {
 class ScratchDirectory {
 public:
     ScratchDirectory() {
-        auto pattern = (std::filesystem::temp_directory_path() / "ovra-examples-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("no scratch directory");
+        if (mkdtemp(root.data()) == nullptr) {
+            throw std::runtime_error("no scratch directory " + root);
         }
-        root = pattern;
     }
     ScratchDirectory(ScratchDirectory const&) = delete;
     ScratchDirectory& operator=(ScratchDirectory const&) = delete;
-    ~ScratchDirectory() {
-        std::error_code ignored;
-        for (auto entry = std::filesystem::recursive_directory_iterator(root, ignored);
-             entry != std::filesystem::recursive_directory_iterator(); entry.increment(ignored)) {
-            if (entry->is_directory(ignored) && !entry->is_symlink(ignored)) {
-                chmod(entry->path().c_str(), 0700);
-            }
-        }
-        std::filesystem::remove_all(root, ignored);
-    }
+    ~ScratchDirectory() { remove(AT_FDCWD, root); }
 
     std::string path(std::string const& name = "") const {
         return name.empty() ? root : root + '/' + name;
@@ -77,52 +68,32 @@ public:
     }
 
 private:
-    std::string root;
-};
-
-/// A named pipe to log to, which holds only a few lines and can be filled up.
-class StuckLog {
-public:
-    explicit StuckLog(std::string const& path) {
-        if (mkfifo(path.c_str(), 0600) != 0) {
-            throw std::runtime_error("no pipe");
+    // Relative to open directories, so that no tree is too deep and no link leads out of it.
+    static void remove(int parent, std::string const& name) {
+        if (unlinkat(parent, name.c_str(), 0) == 0) {
+            return;
         }
-        // For writing too, so that it never ends.
-        descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        if (descriptor == -1 || fcntl(descriptor, F_SETPIPE_SZ, 4096) == -1) {
-            throw std::runtime_error("no pipe");
+        fchmodat(parent, name.c_str(), 0700, 0);
+        int const descriptor =
+            openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        DIR* const stream = descriptor >= 0 ? fdopendir(descriptor) : nullptr;
+        if (stream == nullptr) {
+            return;
         }
-    }
-    StuckLog(StuckLog const&) = delete;
-    StuckLog& operator=(StuckLog const&) = delete;
-    ~StuckLog() { close(descriptor); }
-
-    /// Reads just as far as `text`, and fills the log up behind it: whoever writes the next line is
-    /// held up until somebody reads on.
-    void waitFor(std::string const& text) {
-        char c = 0;
-        while (seen.find(text) == std::string::npos) {
-            if (::read(descriptor, &c, 1) != 1) {
-                throw std::runtime_error("the log ended");
+        std::vector<std::string> names;
+        while (struct dirent const* const entry = readdir(stream)) {
+            names.emplace_back(entry->d_name);
+        }
+        for (std::string const& child : names) {
+            if (child != "." && child != "..") {
+                remove(descriptor, child);
             }
-            seen += c;
         }
-        fillUp();
-    }
-    int fileDescriptor() const { return descriptor; }
-
-private:
-    void fillUp() const {
-        int const flags = fcntl(descriptor, F_GETFL);
-        fcntl(descriptor, F_SETFL, flags | O_NONBLOCK);
-        // Single letters: of a longer text the last few places would stay free.
-        while (write(descriptor, "x", 1) == 1) {
-        }
-        fcntl(descriptor, F_SETFL, flags);
+        closedir(stream);
+        unlinkat(parent, name.c_str(), AT_REMOVEDIR);
     }
 
-    int descriptor = -1;
-    std::string seen;
+    std::string root = (std::filesystem::temp_directory_path() / "ovra-XXXXXX").string();
 };
 
 }  // namespace ovra::test
