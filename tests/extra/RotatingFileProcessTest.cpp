@@ -449,6 +449,7 @@ TEST_P(KilledProcessTest, LosesNoLineAndDoublesNoneWhereverItWasKilled) {
             break;
         }
     }
+    RecordProperty("kills", killed);
     EXPECT_GT(killed, 2 * LINES_OF_A_RUN);
     munmap(memory, sizeof(Progress));
 }
