@@ -221,8 +221,7 @@ protected:
 
     /// Cuts the power after every call. `old` empty: the file was not there.
     void cutEverywhere(std::vector<SystemCall> const& calls, std::string const& name,
-                              std::optional<Stored> const& old, Stored const& fresh,
-                              bool isDone = true) {
+                       std::optional<Stored> const& old, Stored const& fresh, bool isDone = true) {
         Disk disk(old ? std::map<std::string, Stored>{{name, *old}}
                       : std::map<std::string, Stored>{});
         for (std::size_t made = 0; made <= calls.size(); ++made) {

@@ -10,10 +10,9 @@ struct StoppableWork::Parts {
 
 StoppableWork::StoppableWork(ovra::concurrent::TaskExecutor& executor,
                              std::function<int(IsRaised const&)> const& work)
-    : parts(new Parts{ovra::extra::submitAsync(
-          executor, [work](ovra::extra::StopFlag const& stop) {
-              return work([&stop] { return stop.isRaised(); });
-          })}) {}
+    : parts(new Parts{ovra::extra::submitAsync(executor, [work](ovra::extra::StopFlag const& stop) {
+          return work([&stop] { return stop.isRaised(); });
+      })}) {}
 
 StoppableWork::~StoppableWork() = default;
 

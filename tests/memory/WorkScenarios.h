@@ -143,8 +143,8 @@ struct GroupAgainstCancel : Served {
 
 /// Takes its time to return from a submission: the task may have ended by then.
 struct SlowExecutor : TaskExecutorImpl {
-    using TaskExecutorImpl::TaskExecutorImpl;
     using TaskExecutorImpl::submitTask;
+    using TaskExecutorImpl::TaskExecutorImpl;
     Handle submitTask(model::shared_ptr<Task> const& task, TaskPriority priority,
                       std::function<void(model::shared_ptr<Task>)> const& callback) override {
         Handle handle = TaskExecutorImpl::submitTask(task, priority, callback);
