@@ -217,14 +217,16 @@ protected:
         return calls;
     }
 
+    ~PowerCutTest() override { RecordProperty("disks", disks); }
+
     /// Cuts the power after every call. `old` empty: the file was not there.
-    static void cutEverywhere(std::vector<SystemCall> const& calls, std::string const& name,
-                              std::optional<Stored> const& old, Stored const& fresh,
-                              bool isDone = true) {
+    void cutEverywhere(std::vector<SystemCall> const& calls, std::string const& name,
+                       std::optional<Stored> const& old, Stored const& fresh, bool isDone = true) {
         Disk disk(old ? std::map<std::string, Stored>{{name, *old}}
                       : std::map<std::string, Stored>{});
         for (std::size_t made = 0; made <= calls.size(); ++made) {
             for (std::optional<Stored> const& found : disk.afterPowerCut(name)) {
+                ++disks;
                 bool const isOld = found == old;
                 bool const isNew = found == fresh;
                 ASSERT_TRUE(isNew || isOld) << "after " << made << " calls, the last of which is "
@@ -239,6 +241,8 @@ protected:
             }
         }
     }
+
+    int disks = 0;  // That a loss of power may leave, and that were looked at.
 };
 
 TEST_F(PowerCutTest, LeavesTheOldContentsOrTheNew) {

@@ -141,6 +141,8 @@ TEST_F(SwappedTreeTest, NothingOutsideTheRootIsEverRemoved) {
         }
     }
     stop();
+    RecordProperty("removals", rounds);
+    RecordProperty("swaps", std::to_string(swaps));
     expectBystanderWhole();
     EXPECT_GT(done, 0);
     makeTree();

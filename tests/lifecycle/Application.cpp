@@ -11,6 +11,7 @@
 #include <iostream>
 #include <map>
 
+#include <tests/lifecycle/AsyncScene.h>
 #include <tests/lifecycle/Scene.h>
 #include <tests/support/Deadline.h>
 
@@ -266,6 +267,66 @@ void staticLooksWeakly(std::string const& situation) {
     std::exit(0);
 }
 
+// --- work with a value
+
+AsyncScene* sharedAsync = nullptr;
+
+void makeSharedAsyncScene(std::string const& situation) {
+    std::atexit([] {
+        say("executor gone");
+        say("future: " + sharedAsync->outcome());
+    });
+    sharedAsync = new AsyncScene(situation, getNoStarveTaskExecutor());
+}
+
+void asyncExit(std::string const& situation) {
+    makeSharedAsyncScene(situation);
+    say("ending");
+    std::exit(0);
+}
+
+void asyncImmediateExit(std::string const& situation) {
+    makeSharedAsyncScene(situation);
+    say("ending");
+    _exit(0);
+}
+
+void asyncQuickExit(std::string const& situation) {
+    makeSharedAsyncScene(situation);
+    std::at_quick_exit([] { say("future: " + sharedAsync->outcome()); });
+    say("ending");
+    std::quick_exit(0);
+}
+
+// The child has no worker that could run it, but may give it up.
+void asyncFork(std::string const& situation) {
+    auto const executor = makeExecutor();
+    AsyncScene scene(situation, executor);
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(deadlineSeconds());
+        say("child: " + scene.outcome());
+        scene.cancel();
+        say("child: " + scene.outcome() + " after its cancel");
+        _exit(7);
+    }
+    sayHowItEnded(statusOf(child));
+    scene.goOn();
+    say("future: " + scene.outcome(std::chrono::seconds(deadlineSeconds())));
+}
+
+void asyncForkAndExit(std::string const& situation) {
+    makeSharedAsyncScene(situation);
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(deadlineSeconds());
+        std::exit(7);
+    }
+    sayHowItEnded(statusOf(child));
+    say("ending");
+    std::exit(0);
+}
+
 int run(int argc, char** argv) {
     alarm(deadlineSeconds());
     log::addLogHandler(log::STANDARD_STREAM_HANDLER, "standard streams");
@@ -282,6 +343,11 @@ int run(int argc, char** argv) {
         {"static-logs", staticLogs},
         {"static-submits", staticSubmits},
         {"static-looks-weakly", staticLooksWeakly},
+        {"async-exit", asyncExit},
+        {"async-_exit", asyncImmediateExit},
+        {"async-quick_exit", asyncQuickExit},
+        {"async-fork", asyncFork},
+        {"async-fork-exit", asyncForkAndExit},
     };
     auto const end = argc == 3 ? ends.find(argv[1]) : ends.end();
     if (end == ends.end()) {

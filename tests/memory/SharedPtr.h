@@ -57,6 +57,10 @@ public:
     shared_ptr(std::nullptr_t = nullptr) {}
     explicit shared_ptr(T* object);
     shared_ptr(T* object, Counts* itsCounts) : pointer(object), counts(itsCounts) {}
+    template <typename U>
+    shared_ptr(shared_ptr<U> const& owner, T* part) : shared_ptr(part, owner.counts) {
+        share();
+    }
     shared_ptr(shared_ptr const& other) : shared_ptr(other.look(), other.counts) { share(); }
     template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     shared_ptr(shared_ptr<U> const& other) : shared_ptr(other.look(), other.counts) {
@@ -262,6 +266,31 @@ public:
 
 private:
     shared_ptr<Given<T>> given = make_shared<Given<T>>();
+};
+
+/// A promise whose future gives `T()` in place of an exception, and when the promise is broken.
+template <typename T>
+class BreakablePromise {
+public:
+    BreakablePromise() = default;
+    BreakablePromise(BreakablePromise const&) = delete;
+    BreakablePromise& operator=(BreakablePromise const&) = delete;
+    ~BreakablePromise() {
+        if (!isKept) {
+            promised.set_value(T());
+        }
+    }
+
+    future<T> get_future() { return promised.get_future(); }
+    void set_value(T value) {
+        isKept = true;
+        promised.set_value(value);
+    }
+    void set_exception(std::exception_ptr const&) { set_value(T()); }
+
+private:
+    promise<T> promised;
+    plain<bool> isKept{false};
 };
 
 }  // namespace model

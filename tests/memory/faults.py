@@ -28,6 +28,9 @@ LOG = "ovra/log/Log.cpp"
 SWITCH = "ovra/extra/SwitchLogHandler.cpp"
 LOCK = "ovra/extra/internal/ForkSafeLock.cpp"
 RING = "ovra/extra/internal/LineRing.cpp"
+ASYNC = "ovra/extra/SubmitAsync.h"
+GROUP = "ovra/extra/TaskGroup.cpp"
+MONITOR = "ovra/extra/internal/TaskMonitor.cpp"
 
 GUARD = "    std::lock_guard<std::mutex> const lock(mutex);\n"
 ADDITION = "    if (!ranked->insert("
@@ -320,6 +323,60 @@ FAULTS = [
     Fault("a place that is filled is claimed again", RING,
           [("(seen & (BEING_FILLED | ALL_READERS)) != 0", "(seen & ALL_READERS) != 0")],
           ["RingOfTwo"]),
+
+    # Work with a value, groups, counts.
+    weakened(ASYNC, "isRaised.store(true, std::memory_order_release)", "release",
+             "the stop flag raised", "StopOfRunning"),
+    weakened(ASYNC, "isRaised.load(std::memory_order_acquire)", "acquire",
+             "the stop flag read", "StopOfRunning"),
+    Fault("the work taken in two steps by the worker", ASYNC,
+          [("        if (isTaken.exchange(true)) {\n            return",
+            "        if (isTaken || !(isTaken = true)) {\n            return")],
+          ["StopOfRunning"]),
+    Fault("the work given up without a look at who has taken it", ASYNC,
+          [("if (!isTaken.exchange(true)) {", "if (true) {")], ["StopOfRunning"]),
+    Fault("the handle cancelled before the flag is raised", ASYNC,
+          [("        stop.raise();\n", ""),
+           ("        stop.abandonWork();\n", "        stop.raise();\n        stop.abandonWork();\n")],
+          ["StopBeforeCancel"]),
+    Fault("the end of a group's task counted without the lock", GROUP,
+          [("    std::lock_guard<std::mutex> const lock(tasks->mutex);\n    if (!isCounted) {",
+            "    if (!isCounted) {")], ["GroupAgainstWait"]),
+    Fault("the wait for a group looks without the lock", GROUP,
+          [("        std::unique_lock<std::mutex> lock(mutex);\n        while (size > 0) {\n"
+            "            condition",
+            "        while (size > 0) {\n            std::unique_lock<std::mutex> lock(mutex);\n"
+            "            condition")], ["GroupAgainstWait"]),
+    Fault("who waits for a group is not woken", GROUP,
+          [("        tasks->condition.notify_all();\n", "        ;\n")], ["GroupAgainstWait"]),
+    Fault("a group's task counted down before its callback", GROUP,
+          [("    } const atEnd{*this};\n", "    };\n    end();\n")], ["GroupAgainstWait"]),
+    Fault("a group's task counted without the lock", GROUP,
+          [("    std::lock_guard<std::mutex> const lock(tasks->mutex);\n    if (tasks->limit",
+            "    if (tasks->limit")], ["GroupAtItsLimit"]),
+    Fault("a group's handle kept without the lock", GROUP,
+          [("    std::lock_guard<std::mutex> const lock(tasks->mutex);\n    if (isCounted) {",
+            "    if (isCounted) {")], ["GroupAgainstCancel"]),
+    Fault("a group's handles taken without the lock", GROUP,
+          [("        std::lock_guard<std::mutex> const lock(mutex);\n        std::vector",
+            "        std::vector")], ["GroupAgainstCancel"]),
+    Fault("a group's size read without the lock", GROUP,
+          [("        std::lock_guard<std::mutex> const lock(mutex);\n        return size;",
+            "        return size;")], ["GroupAgainstCancel"]),
+    without_lock(MONITOR, "void TaskMonitor::accepted(WatchedTask& task) {", "CountsOfOneMoment"),
+    without_lock(MONITOR, "void TaskMonitor::begin(WatchedTask& task) {", "CountsOfOneMoment"),
+    without_lock(MONITOR, "void TaskMonitor::end(WatchedTask& task) {", "CountsOfOneMoment"),
+    without_lock(MONITOR, "TaskCounts TaskMonitor::read() {", "CountsOfOneMoment"),
+    Fault("a task that begins left among the waiting", MONITOR,
+          [("        waiting.remove(task);\n        if (task.hasRun) {\n            longestWait",
+            "        if (task.hasRun) {\n            longestWait")], ["CountsOfOneMoment"]),
+    Fault("a task that has begun counted as waiting", MONITOR,
+          [("    if (task.stage == WatchedTask::Stage::NEW) {\n        ++counts.submitted;\n"
+            "        task.stage",
+            "    {\n        ++counts.submitted;\n        task.stage")], ["CountsOfOneMoment"]),
+    Fault("a task counted as submitted only when its submission has returned", MONITOR,
+          [("        ++counts.submitted;  // Begun before its submission has returned.\n", "")],
+          ["CountsOfOneMoment"]),
 ]
 
 NO_ORDER = "nothing rests on one order of all accesses"
@@ -354,5 +411,7 @@ FAULTS += of_unnamed("closed", QUEUE, ["CloseAgainstWait", "SubmitAgainstDestruc
                      ["CloseAgainstWait", "SubmitAgainstDestruction"], IN_LOCK)
 FAULTS += of_unnamed("terminated", WORKER, ["SubmitAgainstDestruction"],
                      ["SubmitAgainstDestruction"], "the join orders all")
+FAULTS += of_unnamed("isTaken", ASYNC, ["StopOfRunning"], ["StopOfRunning"],
+                     "who takes the work has it from before the exchange")
 FAULTS += of_unnamed("s_uniqueIndexCounter", TASK, ["SubmitAgainstDestruction"],
                      ["SubmitAgainstDestruction"], "each number is given once, in any order")

@@ -8,6 +8,7 @@
 #include "EndScenarios.h"
 #include "ExtraScenarios.h"
 #include "Scenarios.h"
+#include "WorkScenarios.h"
 
 #include "Run.h"
 
@@ -70,6 +71,12 @@ Entry const ENTRIES[] = {
     {"SwitchAwaited", runScenario<SwitchAwaited, 3>, 20000},
     {"RingOfOne", runScenario<RingOfOne, 2>, 20000},
     {"RingOfTwo", runScenario<RingOfTwo, 3>, 20000},
+    {"StopOfRunning", runScenario<StopOfRunning, 2>, 20000},
+    {"StopBeforeCancel", runScenario<StopBeforeCancel, 2>, 20000},
+    {"GroupAgainstWait", runScenario<GroupAgainstWait, 2>, 20000},
+    {"GroupAtItsLimit", runScenario<GroupAtItsLimit, 2>, 20000},
+    {"GroupAgainstCancel", runScenario<GroupAgainstCancel, 3>, 20000},
+    {"CountsOfOneMoment", runScenario<CountsOfOneMoment, 3>, 20000},
 };
 
 int runEntry(Entry const& entry, unsigned int executions, bool isVerbose) {

@@ -112,7 +112,7 @@ def try_fault(scratch, number, fault, executions):
 
 def print_table():
     """The page docs/evidence/memory.md."""
-    print("# Faults that the memory model is to find {#page_memory}\n")
+    print("# Faults that the memory model is to find\n")
     print("`tools/test-memory` plants each of these and looks which scenario notices. This page is "
           "what `tools/test-memory --table` prints.\n")
     print("| in | fault | found by |")

@@ -16,13 +16,17 @@ COMPILED = [
     "ovra/concurrent/internal/RankedEntry.cpp",
     "ovra/concurrent/internal/RankedTasks.cpp",
     "ovra/concurrent/internal/TaskEnd.cpp",
+    "ovra/extra/MonitoredExecutor.cpp",
     "ovra/extra/RecentLinesLogHandler.cpp",
     "ovra/extra/SwitchLogHandler.cpp",
+    "ovra/extra/TaskGroup.cpp",
     "ovra/extra/internal/ForkCount.cpp",
     "ovra/extra/internal/ForkSafeLock.cpp",
     "ovra/extra/internal/LineRing.cpp",
+    "ovra/extra/internal/TaskMonitor.cpp",
     "ovra/log/Log.cpp",
     "ovra/log/internal/VerbatimScope.cpp",
+    "tests/memory/StoppableWork.cpp",
 ]
 
 # They keep what the system gives them: the checker knows no fork.
@@ -42,8 +46,8 @@ PRIMITIVES = [
 
 
 # The atomics whose accesses name no order. Their place is their number, from 1 on.
-UNNAMED = ["s_uniqueIndexCounter", "rank", "priority", "wasAdded", "priorityChanges", "owners", "parts", "state",
-           "result", "waiting", "closed", "terminated"]
+UNNAMED = ["s_uniqueIndexCounter", "rank", "priority", "wasAdded", "priorityChanges", "owners",
+           "parts", "state", "result", "waiting", "closed", "terminated", "isTaken"]
 
 
 def unnamed(kind, name):
@@ -105,7 +109,27 @@ WATCHED = {
         ("24 + sizeof(Part)", "2 * sizeof(model::atomic<long>) + 64 + sizeof(Part)"),
         ("return alignof(SubmittedTask);", "return sizeof(SubmissionMemory);"),
     ],
+    "ovra/extra/SubmitAsync.h": [
+        unnamed("bool", "isTaken"),
+        ("std::optional<std::promise<Value>> promise",
+         "std::optional<model::BreakablePromise<Value>> promise"),
+    ],
+    "ovra/extra/TaskGroup.cpp": [
+        plain("Pending*", "previous", "nullptr"),
+        plain("Pending*", "next", "nullptr"),
+        plain("Pending*", "first", "nullptr"),
+        plain("std::size_t", "size", "0"),
+        plain("bool", "isCounted", "false"),
+    ],
     "ovra/extra/internal/LineRing.h": [plain("std::size_t", "length", "0")],
+    "ovra/extra/internal/TaskMonitor.h": [
+        plain("WatchedTask*", "head", "nullptr"),
+        plain("WatchedTask*", "tail", "nullptr"),
+        plain("std::uint64_t", "size", "0"),
+        plain("Stage", "stage", "Stage::NEW"),
+        plain("WatchedTask*", "previous", "nullptr"),
+        plain("WatchedTask*", "next", "nullptr"),
+    ],
 }
 
 

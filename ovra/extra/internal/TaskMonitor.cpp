@@ -142,8 +142,11 @@ WatchedTask::WatchedTask(std::shared_ptr<TaskMonitor> const& owner,
       function(submittedFunction),
       callback(original) {}
 
+// Nobody else has the task any more: its stage needs no lock.
 WatchedTask::~WatchedTask() {
-    monitor->end(*this);
+    if (stage != Stage::ENDED) {
+        monitor->end(*this);
+    }
 }
 
 concurrent::Executable::Result WatchedTask::execute() {

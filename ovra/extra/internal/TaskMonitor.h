@@ -48,8 +48,8 @@ private:
         std::uint64_t size = 0;
     };
 
-    // Guards everything, and `stage`, `since` and the links of the tasks. The clock is read under
-    // it, so that the lines are in order of time.
+    // Guards everything, and `stage`, `since` and the links of the tasks, until a task's
+    // destructor. The clock is read under it, so that the lines are in order of time.
     std::mutex mutex;
     TaskCounts counts{};
     Line waiting;
