@@ -10,8 +10,8 @@
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutors.h>
 
-#include <examples/manifest/Create.h>
 #include <examples/manifest/FileSearch.h>
+#include <examples/manifest/HashAll.h>
 #include <examples/manifest/Hasher.h>
 #include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
@@ -64,18 +64,13 @@ protected:
 
     std::vector<std::string> orderOf(std::vector<FoundFile> const& files,
                                      std::string const& first) {
-        std::vector<std::shared_ptr<HashTask>> tasks;
-        for (auto const& file : files) {
-            tasks.push_back(std::make_shared<NotingTask>(file.path, file.sizeBytes, begun));
-        }
-        Gate gate;
-        holdWorker(gate);
         Hasher hasher(executor, progress, interrupt);
-        submitAll(hasher, tasks, first);
-        gate.open();
-        for (std::size_t number = 0; number < hasher.submitted(); ++number) {
-            hasher.waitFor(number);
-        }
+        hashAll(
+            hasher, files, first,
+            [this](FoundFile const& file) {
+                return std::make_shared<NotingTask>(file.path, file.sizeBytes, begun);
+            },
+            [](std::size_t, HashTask const&) {});
         return begun;
     }
 
