@@ -202,6 +202,10 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
     }
     bool const isTreeSeen =
         options.newBelow.empty() || reportNew(manifest, options, interrupt, report);
+    if (interrupt.requested()) {
+        complain("interrupted while looking for new files");
+        return INTERRUPTED;
+    }
     report.warn(manifest.malformedLines, name);
     if (!std::cout) {
         complain("standard output: cannot be written");

@@ -23,11 +23,14 @@ public:
 
     Window(Hasher& shared, Report const& reportTo) : hasher(shared), report(reportTo) {}
 
-    // False once the hasher is cancelled.
-    bool add(std::size_t number, std::shared_ptr<HashTask> task) {
+    void makeRoom() {
         if (tasks.size() == TASKS_UNDER_WAY) {
             waitForOldest();
         }
+    }
+
+    // False once the hasher is cancelled.
+    bool add(std::size_t number, std::shared_ptr<HashTask> task) {
         if (!hasher.submit(task)) {
             return false;
         }
@@ -65,6 +68,7 @@ std::size_t hashAll(Hasher& hasher, std::vector<FoundFile> const& files, std::st
             if (turnOf(files[number], first) != turn) {
                 continue;
             }
+            window.makeRoom();
             if (!window.add(number, makeTask(files[number]))) {
                 return false;
             }
