@@ -3,6 +3,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <memory>
 #include <numeric>
 #include <stdexcept>
@@ -74,10 +75,16 @@ protected:
 
     std::vector<std::string> orderOf(std::vector<FoundFile> const& files,
                                      std::string const& first) {
+        Gate gate;  // Until nearly all are queued.
+        holdWorker(gate);
+        std::size_t made = 0;
         Hasher hasher(executor, progress, interrupt);
         hashAll(
             hasher, files, first,
-            [this](FoundFile const& file) {
+            [&](FoundFile const& file) {
+                if (++made == std::min(files.size(), TASKS_UNDER_WAY)) {
+                    gate.open();
+                }
                 return std::make_shared<NotingTask>(file.path, file.sizeBytes, begun);
             },
             [](std::size_t, HashTask const&) {});
