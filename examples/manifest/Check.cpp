@@ -73,31 +73,31 @@ Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt cons
 
 // Keeps what became of the files, which are hashed in another order, and reports it in the order of
 // the manifest.
-class Outcomes {
+class Verdicts {
 public:
-    Outcomes(Manifest const& checked, CheckReport& reportTo)
-        : manifest(checked), report(reportTo), outcomes(checked.files.size()) {}
+    Verdicts(Manifest const& checked, CheckReport& reportTo)
+        : manifest(checked), report(reportTo), verdicts(checked.files.size()) {}
 
     void keep(std::size_t number, HashTask const& task) {
         if (!task.error().empty()) {
-            outcomes[number] = task.isMissing() ? Outcome::MISSING : Outcome::UNREADABLE;
+            verdicts[number] = task.isMissing() ? Verdict::MISSING : Verdict::UNREADABLE;
             reasons.emplace(number, task.error());
         } else if (!task.digest().empty()) {
             bool const isWell = digestFrom(task.digest()) == manifest.digests[number];
-            outcomes[number] = isWell ? Outcome::WELL : Outcome::DIFFERENT;
+            verdicts[number] = isWell ? Verdict::WELL : Verdict::DIFFERENT;
         }
     }
 
     // As far as all are known.
     void reportKnown(Progress& progress) {
-        while (next < outcomes.size() && outcomes[next] != Outcome::UNKNOWN) {
+        while (next < verdicts.size() && verdicts[next] != Verdict::UNKNOWN) {
             progress.hide();
             reportNext();
         }
     }
     // Passes over those that are not known.
     void reportRest() {
-        while (next < outcomes.size()) {
+        while (next < verdicts.size()) {
             reportNext();
         }
     }
@@ -105,14 +105,14 @@ public:
 private:
     void reportNext() {
         auto const reason = reasons.find(next);
-        report.add(manifest.files[next].path, outcomes[next],
+        report.add(manifest.files[next].path, verdicts[next],
                    reason == reasons.end() ? "" : reason->second);
         ++next;
     }
 
     Manifest const& manifest;
     CheckReport& report;
-    std::vector<Outcome> outcomes;  // Of file after file.
+    std::vector<Verdict> verdicts;  // Of file after file.
     std::map<std::size_t, std::string> reasons;
     std::size_t next = 0;
 };
@@ -129,11 +129,11 @@ void verifyAll(Manifest const& manifest, Options const& options, Interrupt& inte
     auto const makeTask = [&progress](FoundFile const& file) {
         return std::make_shared<HashTask>(fileNamed(file.path), file.sizeBytes, progress);
     };
-    Outcomes outcomes(manifest, report);
+    Verdicts verdicts(manifest, report);
     auto const keep = [&](std::size_t number, HashTask const& task) {
-        outcomes.keep(number, task);
+        verdicts.keep(number, task);
         if (!options.verbose) {
-            outcomes.reportKnown(*progress);
+            verdicts.reportKnown(*progress);
         }
     };
     {
@@ -143,7 +143,7 @@ void verifyAll(Manifest const& manifest, Options const& options, Interrupt& inte
     progress->finish();
     // With --verbose only now, when no worker logs any more: log lines and results go to the same
     // place.
-    outcomes.reportRest();
+    verdicts.reportRest();
     std::cout << std::flush;
 }
 

@@ -25,20 +25,20 @@ void warnOf(std::size_t count, char const* one, char const* many) {
 
 CheckReport::CheckReport(Options const& how) : options(how) {}
 
-void CheckReport::add(std::string const& path, Outcome outcome, std::string const& reason) {
-    if (outcome == Outcome::UNKNOWN) {
+void CheckReport::add(std::string const& path, Verdict verdict, std::string const& reason) {
+    if (verdict == Verdict::UNKNOWN) {
         return;
     }
     ++reported;
-    if (outcome == Outcome::WELL) {
+    if (verdict == Verdict::WELL) {
         ++well;
         if (!options.quiet) {
             print(path, ": OK\n");
         }
-    } else if (outcome == Outcome::DIFFERENT) {
+    } else if (verdict == Verdict::DIFFERENT) {
         ++different;
         print(path, ": FAILED\n");
-    } else if (outcome == Outcome::MISSING && options.ignoreMissing) {
+    } else if (verdict == Verdict::MISSING && options.ignoreMissing) {
         ++missing;
     } else {
         ++unreadable;
@@ -73,9 +73,9 @@ bool CheckReport::isAllWell() const {
     return unreadable == 0 && different == 0 && unlisted == 0 && (well > 0 || missing == 0);
 }
 
-void CheckReport::print(std::string const& path, char const* outcome) const {
+void CheckReport::print(std::string const& path, char const* verdict) const {
     if (!options.status) {
-        std::cout << asOneLine(path) + outcome;
+        std::cout << asOneLine(path) + verdict;
     }
 }
 

@@ -8,7 +8,7 @@
 namespace manifest {
 
 /// What a check found out about one file.
-enum class Outcome : unsigned char {
+enum class Verdict : unsigned char {
     UNKNOWN,  ///< Not read yet, or not begun before Ctrl-C.
     WELL,
     DIFFERENT,
@@ -16,13 +16,13 @@ enum class Outcome : unsigned char {
     UNREADABLE,  ///< For another reason.
 };
 
-/// Prints the outcome of each file as `sha256sum -c` does, and counts.
+/// Prints what became of each file as `sha256sum -c` does, and counts.
 class CheckReport {
 public:
     explicit CheckReport(Options const& how);
 
-    /// `reason` says why a file is `MISSING` or `UNREADABLE`. An `UNKNOWN` outcome is passed over.
-    void add(std::string const& path, Outcome outcome, std::string const& reason);
+    /// `reason` says why a file is `MISSING` or `UNREADABLE`. An `UNKNOWN` verdict is passed over.
+    void add(std::string const& path, Verdict verdict, std::string const& reason);
     /// A file of the tree that the manifest does not list.
     void addNew(std::string const& path);
 
@@ -33,7 +33,7 @@ public:
     bool isAllWell() const;
 
 private:
-    void print(std::string const& path, char const* outcome) const;
+    void print(std::string const& path, char const* verdict) const;
 
     Options const& options;
     std::size_t reported = 0;
