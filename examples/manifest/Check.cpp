@@ -1,19 +1,22 @@
 #include "Check.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
 #include <istream>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <ovra/fs/FileHandle.h>
 
+#include "CheckReport.h"
+#include "Digest.h"
 #include "FileSearch.h"
+#include "HashAll.h"
 #include "HashTask.h"
 #include "Hasher.h"
 #include "Logging.h"
@@ -30,8 +33,13 @@ namespace {
 
 std::string const STANDARD_INPUT = "/dev/stdin";
 
+std::string fileNamed(std::string const& path) {
+    return path == "-" ? STANDARD_INPUT : path;
+}
+
 struct Manifest {
-    std::vector<ManifestEntry> entries;
+    std::vector<FoundFile> files;  // As they are found now.
+    std::vector<Digest> digests;   // As they were.
     std::size_t malformedLines = 0;
     bool readError = false;
 };
@@ -52,7 +60,9 @@ Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt cons
         }
         auto entry = reader.parse(line);
         if (entry && !(isStandardInput && entry->path == "-")) {
-            manifest.entries.push_back(*std::move(entry));
+            std::int64_t const sizeBytes = FileHandle(fileNamed(entry->path)).Size();
+            manifest.files.push_back({std::move(entry->path), sizeBytes});
+            manifest.digests.push_back(digestFrom(entry->digest));
         } else {
             ++manifest.malformedLines;
         }
@@ -61,142 +71,103 @@ Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt cons
     return manifest;
 }
 
-// Only a newline would break the output, so sha256sum escapes no other path here.
-std::string asOneLine(std::string const& path) {
-    return path.find('\n') == std::string::npos ? path : escapedPath(path);
-}
-
-// Prints the outcome of each file, and counts.
-class Report {
+// Keeps what became of the files, which are hashed in another order, and reports it in the order of
+// the manifest.
+class Verdicts {
 public:
-    explicit Report(Options const& how) : options(how) {}
+    Verdicts(Manifest const& checked, CheckReport& reportTo)
+        : manifest(checked), report(reportTo), verdicts(checked.files.size()) {}
 
-    void add(ManifestEntry const& entry, HashTask const& task) {
-        std::string const& digest = task.digest();
-        if (options.ignoreMissing && task.isMissing()) {
-            ++missing;
-        } else if (!task.error().empty()) {
-            complain(quoted(entry.path) + ": " + task.error());
-            ++unreadable;
-            print(entry, ": FAILED open or read\n");
-        } else if (digest.empty()) {
-            return;  // Not begun before Ctrl-C.
-        } else if (std::equal(digest.begin(), digest.end(), entry.digest.begin(), sameDigit)) {
-            ++well;
-            if (!options.quiet) {
-                print(entry, ": OK\n");
-            }
-        } else {
-            ++different;
-            print(entry, ": FAILED\n");
-        }
-        ++told;
-    }
-
-    // A file of the tree that the manifest does not list.
-    void addNew(std::string const& path) {
-        ++unlisted;
-        print({"", path}, ": NEW\n");
-    }
-
-    void warn(std::size_t malformedLines, std::string const& manifest) const {
-        if (options.status) {
-            return;
-        }
-        warnOf(malformedLines, "line is improperly formatted", "lines are improperly formatted");
-        warnOf(unreadable, "listed file could not be read", "listed files could not be read");
-        warnOf(different, "computed checksum did NOT match", "computed checksums did NOT match");
-        warnOf(unlisted, "file is not listed", "files are not listed");
-        if (options.ignoreMissing && well == 0) {
-            complain(manifest + ": no file was verified");
+    void keep(std::size_t number, HashTask const& task) {
+        if (!task.error().empty()) {
+            verdicts[number] = task.isMissing() ? Verdict::MISSING : Verdict::UNREADABLE;
+            reasons.emplace(number, task.error());
+        } else if (!task.digest().empty()) {
+            bool const isWell = digestFrom(task.digest()) == manifest.digests[number];
+            verdicts[number] = isWell ? Verdict::WELL : Verdict::DIFFERENT;
         }
     }
 
-    std::size_t filesTold() const { return told; }
-    bool isAllWell() const {
-        return unreadable == 0 && different == 0 && unlisted == 0 && (well > 0 || missing == 0);
+    // As far as all are known.
+    void reportKnown(Progress& progress) {
+        while (next < verdicts.size() && verdicts[next] != Verdict::UNKNOWN) {
+            progress.hide();
+            reportNext();
+        }
+    }
+    // Passes over those that are not known.
+    void reportRest() {
+        while (next < verdicts.size()) {
+            reportNext();
+        }
     }
 
 private:
-    static bool sameDigit(char computed, char listed) {
-        return computed == std::tolower(static_cast<unsigned char>(listed));
-    }
-    static void warnOf(std::size_t count, char const* one, char const* many) {
-        if (count > 0) {
-            complain("WARNING: " + std::to_string(count) + ' ' + (count == 1 ? one : many));
-        }
+    void reportNext() {
+        auto const reason = reasons.find(next);
+        report.add(manifest.files[next].path, verdicts[next],
+                   reason == reasons.end() ? "" : reason->second);
+        ++next;
     }
 
-    void print(ManifestEntry const& entry, char const* outcome) const {
-        if (!options.status) {
-            std::cout << asOneLine(entry.path) + outcome;
-        }
-    }
-
-    Options const& options;
-    std::size_t told = 0;
-    std::size_t well = 0;
-    std::size_t missing = 0;  // Those that are ignored.
-    std::size_t unlisted = 0;
-    std::size_t unreadable = 0;
-    std::size_t different = 0;
+    Manifest const& manifest;
+    CheckReport& report;
+    std::vector<Verdict> verdicts;  // Of file after file.
+    std::map<std::size_t, std::string> reasons;
+    std::size_t next = 0;
 };
 
-// Hashes and reports in the order of the manifest. After Ctrl-C, files that were not begun are
-// skipped.
-void verifyAll(std::vector<ManifestEntry> const& entries, Options const& options,
-               Interrupt& interrupt, Report& report) {
-    std::vector<FoundFile> files;
+// After Ctrl-C, files that were not begun are skipped.
+void verifyAll(Manifest const& manifest, Options const& options, Interrupt& interrupt,
+               CheckReport& report) {
     std::int64_t bytes = 0;
-    for (auto const& entry : entries) {
-        std::string const path = entry.path == "-" ? STANDARD_INPUT : entry.path;
-        files.push_back({path, FileHandle(path).Size()});
-        bytes += files.back().sizeBytes;
+    for (auto const& file : manifest.files) {
+        bytes += file.sizeBytes;
     }
-    auto const progress = std::make_shared<Progress>(files.size(), bytes, !options.verbose);
-    std::vector<std::shared_ptr<HashTask>> tasks;
-    std::size_t submitted = 0;
+    auto const progress =
+        std::make_shared<Progress>(manifest.files.size(), bytes, !options.verbose);
+    auto const makeTask = [&progress](FoundFile const& file) {
+        return std::make_shared<HashTask>(fileNamed(file.path), file.sizeBytes, progress);
+    };
+    Verdicts verdicts(manifest, report);
+    auto const keep = [&](std::size_t number, HashTask const& task) {
+        verdicts.keep(number, task);
+        if (!options.verbose) {
+            verdicts.reportKnown(*progress);
+        }
+    };
     {
         Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
-        for (auto const& file : files) {
-            tasks.push_back(std::make_shared<HashTask>(file.path, file.sizeBytes, progress));
-            hasher.submit(tasks.back());
-        }
-        submitted = hasher.submitted();
-        for (std::size_t number = 0; number < submitted; ++number) {
-            hasher.waitFor(number);
-            if (!options.verbose) {
-                progress->hide();
-                report.add(entries[number], *tasks[number]);
-            }
-        }
+        hashAll(hasher, manifest.files, "", makeTask, keep);
     }
     progress->finish();
-    // Only now, when no worker logs any more: log lines and results go to the same place.
-    for (std::size_t number = 0; options.verbose && number < submitted; ++number) {
-        report.add(entries[number], *tasks[number]);
-    }
+    // With --verbose only now, when no worker logs any more: log lines and results go to the same
+    // place.
+    verdicts.reportRest();
     std::cout << std::flush;
 }
 
 // Whether all of the tree could be seen.
 bool reportNew(Manifest const& manifest, Options const& options, Interrupt const& interrupt,
-               Report& report) {
+               CheckReport& report) {
     FileSearch search(interrupt);
     for (std::string const& ownFile : {options.manifest, logFile(options)}) {
         if (!ownFile.empty()) {
             search.leaveOut(ownFile);
         }
     }
-    search.addFilesBelow(options.newBelow);
-    std::set<std::string> listed;
-    for (auto const& entry : manifest.entries) {
-        listed.insert(entry.path);
+    std::vector<std::string_view> listed;
+    listed.reserve(manifest.files.size());
+    for (auto const& file : manifest.files) {
+        listed.emplace_back(file.path);
     }
+    std::sort(listed.begin(), listed.end());
+    search.leaveOutIf([&listed](std::string const& path) {
+        return std::binary_search(listed.begin(), listed.end(), path);
+    });
+    search.addFilesBelow(options.newBelow);
     for (auto const& file : search.sortedFiles()) {
-        if (listed.count(file.path) == 0) {
-            report.addNew(file.path);
-        }
+        report.addNew(file.path);
     }
     return search.isComplete();
 }
@@ -214,23 +185,27 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
     }
     Manifest const manifest = readManifest(*stream, isStandardInput, interrupt);
 
-    Report report(options);
-    verifyAll(manifest.entries, options, interrupt, report);
+    CheckReport report(options);
+    verifyAll(manifest, options, interrupt, report);
     if (interrupt.requested()) {
-        complain("interrupted after " + std::to_string(report.filesTold()) + " of " +
-                 std::to_string(manifest.entries.size()) + " files");
+        complain("interrupted after " + std::to_string(report.filesReported()) + " of " +
+                 std::to_string(manifest.files.size()) + " files");
         return INTERRUPTED;
     }
     if (manifest.readError) {
         complain(name + ": read error");
         return TROUBLE;
     }
-    if (manifest.entries.empty()) {
+    if (manifest.files.empty()) {
         complain(name + ": no properly formatted checksum lines found");
         return TROUBLE;
     }
     bool const isTreeSeen =
         options.newBelow.empty() || reportNew(manifest, options, interrupt, report);
+    if (interrupt.requested()) {
+        complain("interrupted while looking for new files");
+        return INTERRUPTED;
+    }
     report.warn(manifest.malformedLines, name);
     if (!std::cout) {
         complain("standard output: cannot be written");

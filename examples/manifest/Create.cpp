@@ -1,13 +1,24 @@
 #include "Create.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include <ovra/log/Log.h>
 
+#include "Digest.h"
 #include "FileSearch.h"
+#include "HashAll.h"
+#include "HashTask.h"
+#include "Hasher.h"
 #include "Logging.h"
 #include "ManifestFile.h"
 #include "ManifestLine.h"
@@ -23,14 +34,13 @@ namespace {
 
 constexpr char TAG[] = "create()";
 
-using Tasks = std::vector<std::shared_ptr<HashTask>>;
+constexpr std::size_t BLOCK_BYTES = 65536;
 
-bool isAtOrBelow(std::string directory, std::string const& path) {
-    if (directory.back() != '/') {
-        directory += '/';
-    }
-    return (path + '/').compare(0, directory.size(), directory) == 0;
-}
+// What is kept of each file's task.
+struct Outcomes {
+    std::vector<Digest> digests;  // Zeros for a file without.
+    std::map<std::size_t, std::string> errors;
+};
 
 FileSearch searchAll(Options const& options, Interrupt const& interrupt) {
     Progress progress(!options.verbose);
@@ -47,25 +57,58 @@ FileSearch searchAll(Options const& options, Interrupt const& interrupt) {
     return search;
 }
 
-// Hashes all files, or as many as were begun before Ctrl-C, and leaves the outcome in the tasks.
-void hashAll(Tasks const& tasks, std::shared_ptr<Progress> const& progress, Options const& options,
-             Interrupt& interrupt) {
+// Hashes all files, or as many as were begun before Ctrl-C.
+Outcomes hashFiles(std::vector<FoundFile> const& files, std::shared_ptr<Progress> const& progress,
+                   Options const& options, Interrupt& interrupt) {
     auto const start = std::chrono::steady_clock::now();
+    Outcomes outcomes;
+    outcomes.digests.resize(files.size());
+    auto const makeTask = [&progress](FoundFile const& file) {
+        return std::make_shared<HashTask>(file.path, file.sizeBytes, progress);
+    };
+    auto const keep = [&outcomes](std::size_t number, HashTask const& task) {
+        if (!task.digest().empty()) {
+            outcomes.digests[number] = digestFrom(task.digest());
+        } else if (!task.error().empty()) {
+            outcomes.errors.emplace(number, task.error());
+        }
+    };
     Hasher hasher(makeExecutor(options.jobs), progress, interrupt);
-    std::size_t const raised = submitAll(hasher, tasks, options.first);
-    if (raised == 0 && !options.first.empty() && !interrupt.requested()) {
-        say("--first " + quoted(options.first) + ": nothing there");
-    }
+    std::size_t const raised = hashAll(hasher, files, options.first, makeTask, keep);
+    progress->finish();
     log::log(log::INFO, TAG, "%zu tasks at HIGH, %zu at NORMAL, %zu of them raised to HIGHEST.",
              hasher.submittedAsSmall(), hasher.submitted() - hasher.submittedAsSmall(), raised);
-    for (std::size_t number = 0; number < hasher.submitted(); ++number) {
-        hasher.waitFor(number);
-    }
-    progress->finish();
     std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - start;
     log::log(log::INFO, TAG, "Read %zu of %zu files, %lld bytes, in %.3f seconds.",
-             progress->files(), tasks.size(), static_cast<long long>(progress->bytes()),
+             progress->files(), files.size(), static_cast<long long>(progress->bytes()),
              taken.count());
+    return outcomes;
+}
+
+void warnIfFirstIsNothing(std::string const& first, std::vector<FoundFile> const& files) {
+    bool const isThere =
+        first.empty() || std::any_of(files.begin(), files.end(), [&](FoundFile const& file) {
+            return isAtOrBelow(first, file.path);
+        });
+    if (!isThere) {
+        say("--first " + quoted(first) + ": nothing there");
+    }
+}
+
+// Passes the manifest to `write`, piece by piece.
+void writeLines(std::vector<FoundFile> const& files, Outcomes const& outcomes,
+                std::function<void(std::string const&)> const& write) {
+    std::string block;
+    for (std::size_t number = 0; number < files.size(); ++number) {
+        if (outcomes.errors.count(number) == 0) {
+            block += manifestLine({digitsOf(outcomes.digests[number]), files[number].path});
+        }
+        if (block.size() >= BLOCK_BYTES) {
+            write(block);
+            block.clear();
+        }
+    }
+    write(block);
 }
 
 ExitStatus interrupted(std::size_t done, std::size_t all) {
@@ -75,22 +118,6 @@ ExitStatus interrupted(std::size_t done, std::size_t all) {
 }
 
 }  // namespace
-
-std::size_t submitAll(Hasher& hasher, Tasks const& tasks, std::string const& first) {
-    for (auto const& task : tasks) {
-        if (!hasher.submit(task)) {
-            break;
-        }
-    }
-    std::size_t raised = 0;
-    for (std::size_t number = 0; number < hasher.submitted() && !first.empty(); ++number) {
-        if (isAtOrBelow(first, tasks[number]->path())) {
-            hasher.raise(number);
-            ++raised;
-        }
-    }
-    return raised;
-}
 
 ExitStatus create(Options const& options, Interrupt& interrupt) {
     std::optional<ManifestFile> output;
@@ -110,34 +137,27 @@ ExitStatus create(Options const& options, Interrupt& interrupt) {
         bytes += file.sizeBytes;
     }
     auto const progress = std::make_shared<Progress>(files.size(), bytes, !options.verbose);
-    Tasks tasks;
-    for (auto const& file : files) {
-        tasks.push_back(std::make_shared<HashTask>(file.path, file.sizeBytes, progress));
-    }
-    hashAll(tasks, progress, options, interrupt);
-
-    bool allWell = search.isComplete();
-    std::string lines;
-    for (auto const& task : tasks) {
-        if (!task->digest().empty()) {
-            lines += manifestLine({task->digest(), task->path()});
-        } else if (!task->error().empty()) {
-            complain(quoted(task->path()) + ": " + task->error());
-            allWell = false;
-        }
+    warnIfFirstIsNothing(options.first, files);
+    Outcomes const outcomes = hashFiles(files, progress, options, interrupt);
+    for (auto const& [number, error] : outcomes.errors) {
+        complain(quoted(files[number].path) + ": " + error);
     }
 
+    bool allWell = search.isComplete() && outcomes.errors.empty();
     if (output && !interrupt.requested()) {
-        output->write(lines);
+        writeLines(files, outcomes, [&](std::string const& block) { output->write(block); });
     }
     if (interrupt.requested()) {
         return interrupted(progress->files(), files.size());
     }
     if (output) {
         output->moveIntoPlace();
-    } else if (!(std::cout << lines << std::flush)) {
-        complain("standard output: cannot be written");
-        allWell = false;
+    } else {
+        writeLines(files, outcomes, [](std::string const& block) { std::cout << block; });
+        if (!(std::cout << std::flush)) {
+            complain("standard output: cannot be written");
+            allWell = false;
+        }
     }
     return allWell ? ALL_WELL : TROUBLE;
 }

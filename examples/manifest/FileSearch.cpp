@@ -29,6 +29,10 @@ void FileSearch::leaveOut(std::string const& path) {
     }
 }
 
+void FileSearch::leaveOutIf(std::function<bool(std::string const& path)> isKnown) {
+    known = std::move(isKnown);
+}
+
 void FileSearch::addFilesBelow(std::string const& directory) {
     // A list of what is still to be read, instead of recursion: one directory is open at a time,
     // however deep the tree is.
@@ -87,6 +91,9 @@ void FileSearch::addEntry(std::string const& path, std::vector<std::string>& pen
     if (entry.IsDirectory()) {
         pending.push_back(path);
     } else if (entry.IsFile()) {
+        if (known && known(path)) {
+            return;
+        }
         files.push_back({path, entry.Size()});
         if (progress != nullptr) {
             progress->found();

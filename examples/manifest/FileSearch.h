@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -31,6 +32,9 @@ public:
     /// Leaves out the entry at `path`, whichever way the scan reaches its directory.
     void leaveOut(std::string const& path);
 
+    /// Leaves out the files whose paths `isKnown`.
+    void leaveOutIf(std::function<bool(std::string const& path)> isKnown);
+
     /// Adds the files below `directory`. Their paths begin with `directory` as it is spelt. Stops
     /// early on Ctrl-C.
     void addFilesBelow(std::string const& directory);
@@ -56,6 +60,7 @@ private:
     Interrupt const& interrupt;
     Progress* const progress;
     std::vector<LeftOut> leftOut;
+    std::function<bool(std::string const&)> known;  // May be empty.
     std::set<std::pair<dev_t, ino_t>> visited;
     std::vector<FoundFile> files;
     bool complete = true;

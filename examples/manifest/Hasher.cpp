@@ -1,6 +1,5 @@
 #include "Hasher.h"
 
-#include <cstdint>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -46,35 +45,41 @@ Hasher::~Hasher() {
     interrupt.onRequest({});
 }
 
+bool Hasher::isSmall(std::int64_t sizeBytes) {
+    return sizeBytes < LARGE_FILE_BYTES;
+}
+
 bool Hasher::submit(std::shared_ptr<HashTask> const& task) {
-    bool const isSmall = task->sizeBytes() < LARGE_FILE_BYTES;
+    bool const goesAhead = isSmall(task->sizeBytes());
     std::lock_guard<std::mutex> const lock(mutex);
     if (cancelled) {
         return false;
     }
-    auto handle = executor->submitTask(task, isSmall ? concurrent::HIGH : concurrent::NORMAL, {});
+    auto handle = executor->submitTask(task, goesAhead ? concurrent::HIGH : concurrent::NORMAL, {});
     if (!handle) {
         throw std::runtime_error("the executor takes no more work");
     }
     handles.push_back(std::move(handle));
-    small += isSmall ? 1 : 0;
+    small += goesAhead ? 1 : 0;
     return true;
 }
 
 void Hasher::raise(std::size_t number) {
-    handles[number]->updatePriority(concurrent::HIGHEST);
+    handles[number - forgotten]->updatePriority(concurrent::HIGHEST);
 }
 
 void Hasher::cancel() {
     std::lock_guard<std::mutex> const lock(mutex);
     cancelled = true;
     for (auto const& handle : handles) {
-        handle->cancel();
+        if (handle != nullptr) {
+            handle->cancel();
+        }
     }
 }
 
 std::size_t Hasher::submitted() const {
-    return handles.size();
+    return forgotten + handles.size();
 }
 
 std::size_t Hasher::submittedAsSmall() const {
@@ -82,8 +87,18 @@ std::size_t Hasher::submittedAsSmall() const {
 }
 
 void Hasher::waitFor(std::size_t number) {
-    handles[number]->waitForCompletion();
-    if (auto const thrown = handles[number]->getException()) {
+    // Kept until it has ended: `cancel()` needs it.
+    auto const handle = handles[number - forgotten];
+    handle->waitForCompletion();
+    {
+        std::lock_guard<std::mutex> const lock(mutex);
+        handles[number - forgotten].reset();
+        while (!handles.empty() && handles.front() == nullptr) {
+            handles.pop_front();
+            ++forgotten;
+        }
+    }
+    if (auto const thrown = handle->getException()) {
         std::rethrow_exception(thrown);
     }
 }

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include <ovra/concurrent/TaskExecutor.h>
 #include <ovra/concurrent/TaskHandle.h>
@@ -31,6 +32,9 @@ public:
     Hasher& operator=(Hasher const&) = delete;
     ~Hasher();
 
+    /// Whether a file of that size goes ahead of the large ones.
+    static bool isSmall(std::int64_t sizeBytes);
+
     /// Queues `task`, a small file ahead of the large ones. Its number is the number of tasks
     /// submitted before it. Once cancelled: false, and nothing is queued.
     bool submit(std::shared_ptr<HashTask> const& task);
@@ -44,8 +48,8 @@ public:
     std::size_t submitted() const;
     std::size_t submittedAsSmall() const;
 
-    /// Blocks until the task has ended or has been skipped because of `cancel()`. Rethrows what its
-    /// work threw. Call it once for each.
+    /// Blocks until the task has ended or has been skipped because of `cancel()`, and forgets it.
+    /// Rethrows what its work threw. Call it once for each.
     void waitFor(std::size_t number);
 
 private:
@@ -55,7 +59,9 @@ private:
     std::size_t small = 0;
 
     std::mutex mutex;  // Guards the rest against `cancel()`.
-    std::vector<std::shared_ptr<ovra::concurrent::TaskHandle>> handles;
+    // From task number `forgotten` on; null for those that were waited for before an older one.
+    std::deque<std::shared_ptr<ovra::concurrent::TaskHandle>> handles;
+    std::size_t forgotten = 0;
     bool cancelled = false;
 };
 

@@ -49,8 +49,8 @@ std::string targetOf(std::string path) {
     return path;
 }
 
-// Whether all of it is on the disk, or the reason in `errno`.
-bool writeAndSync(int descriptor, std::string const& text) {
+// Whether all of it was written, or the reason in `errno`.
+bool writeAll(int descriptor, std::string const& text) {
     for (std::size_t written = 0; written < text.size();) {
         ssize_t const count = ::write(descriptor, text.data() + written, text.size() - written);
         if (count == -1 && errno != EINTR) {
@@ -58,7 +58,7 @@ bool writeAndSync(int descriptor, std::string const& text) {
         }
         written += count == -1 ? 0 : static_cast<std::size_t>(count);
     }
-    return fsync(descriptor) == 0;
+    return true;
 }
 
 // The permissions that a new file gets from the shell's redirection.
@@ -81,16 +81,28 @@ ManifestFile::ManifestFile(std::string const& path)
 }
 
 ManifestFile::~ManifestFile() {
+    if (descriptor != -1) {
+        close(descriptor);
+    }
     if (!temporary.empty()) {
         FileHandle(temporary).Remove();
     }
 }
 
 void ManifestFile::write(std::string const& text) {
+    if (descriptor == -1) {
+        makeTemporary();
+    }
+    if (!writeAll(descriptor, text)) {
+        failWithErrno(name);
+    }
+}
+
+void ManifestFile::makeTemporary() {
     // Not a name of our own choosing: another user could have put a link there.
     std::string chosen = directory + ".ovra-manifest-XXXXXX";
-    int const created = mkstemp(chosen.data());
-    if (created == -1) {
+    descriptor = mkstemp(chosen.data());
+    if (descriptor == -1) {
         failWithErrno(name);
     }
     temporary = chosen;
@@ -98,17 +110,19 @@ void ManifestFile::write(std::string const& text) {
     FileHandle file(temporary);
     FileHandle const older(place);
     file.SetPermissions(older.IsFile() ? older.Permissions() : defaultPermissions());
-    bool const isWritten = writeAndSync(created, text);
-    int const reason = errno;
-    close(created);
-    if (!isWritten) {
-        errno = reason;
+}
+
+void ManifestFile::sync() {
+    if (fsync(descriptor) != 0) {
         failWithErrno(name);
     }
+    close(descriptor);
+    descriptor = -1;
 }
 
 void ManifestFile::moveIntoPlace() {
     requirePlace();
+    sync();
     FileHandle target(place);
     if (!FileHandle(temporary).Move(target)) {
         fail(name, "cannot be put in place");

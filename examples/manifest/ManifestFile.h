@@ -19,16 +19,21 @@ public:
     ManifestFile& operator=(ManifestFile const&) = delete;
     ~ManifestFile();
 
+    /// Appends `text`, which may be empty. The first call makes the file.
     void write(std::string const& text);
+    /// After at least one `write()`.
     void moveIntoPlace();
 
 private:
+    void makeTemporary();
+    void sync();
     void requirePlace() const;
 
     std::string const name;   // As given, for messages.
     std::string const place;  // With a directory part.
     std::string const directory;
     std::string temporary;  // Empty before it is made and after it was moved.
+    int descriptor = -1;    // Of the temporary file, while it is written.
 };
 
 }  // namespace manifest

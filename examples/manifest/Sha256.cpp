@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include "Digest.h"
+
 namespace manifest {
 
 namespace {
@@ -33,16 +35,9 @@ void Sha256::add(char const* data, std::size_t size) {
 }
 
 std::string Sha256::finish() {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int size = 0;
-    require(EVP_DigestFinal_ex(context.get(), digest, &size));
-
-    std::string hexadecimal;
-    for (unsigned int i = 0; i < size; ++i) {
-        hexadecimal += "0123456789abcdef"[digest[i] >> 4];
-        hexadecimal += "0123456789abcdef"[digest[i] & 15];
-    }
-    return hexadecimal;
+    Digest digest = {};
+    require(EVP_DigestFinal_ex(context.get(), digest.data(), nullptr));
+    return digitsOf(digest);
 }
 
 }  // namespace manifest

@@ -89,10 +89,11 @@ TEST_F(CheckOptionsTest, NewFilesAreNamed) {
 }
 
 TEST_F(CheckOptionsTest, WhereAllIsListedNothingIsNew) {
-    scratch.write("d/manifest", ALPHA + "  d/a\n" + BETA + "  d/b\n");
+    // In an order of its own.
+    scratch.write("d/manifest", BETA + "  d/b\n" + ALPHA + "  d/a\n");
     Outcome const outcome = call({OVRA_MANIFEST, "check", "d/manifest", "--new", "d"});
     EXPECT_EQ(0, outcome.exitStatus) << outcome.err;
-    EXPECT_EQ("d/a: OK\nd/b: OK\n", outcome.out) << "the manifest itself is not new";
+    EXPECT_EQ("d/b: OK\nd/a: OK\n", outcome.out) << "the manifest itself is not new";
 }
 
 TEST_F(CheckOptionsTest, TreeThatCannotBeReadIsAFailure) {

@@ -1,7 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <memory>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -10,8 +14,8 @@
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutors.h>
 
-#include <examples/manifest/Create.h>
 #include <examples/manifest/FileSearch.h>
+#include <examples/manifest/HashAll.h>
 #include <examples/manifest/Hasher.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
@@ -44,6 +48,13 @@ private:
     std::vector<std::string>& order;
 };
 
+// A file that is read in no time.
+class EmptyTask : public HashTask {
+public:
+    explicit EmptyTask(std::shared_ptr<Progress> const& shared) : HashTask("x", SMALL, shared) {}
+    Result execute() override { return SUCCESS; }
+};
+
 class ThrowingTask : public HashTask {
 public:
     ThrowingTask() : HashTask("x", SMALL, std::make_shared<Progress>(1, SMALL, false)) {}
@@ -64,18 +75,19 @@ protected:
 
     std::vector<std::string> orderOf(std::vector<FoundFile> const& files,
                                      std::string const& first) {
-        std::vector<std::shared_ptr<HashTask>> tasks;
-        for (auto const& file : files) {
-            tasks.push_back(std::make_shared<NotingTask>(file.path, file.sizeBytes, begun));
-        }
-        Gate gate;
+        Gate gate;  // Until nearly all are queued.
         holdWorker(gate);
+        std::size_t made = 0;
         Hasher hasher(executor, progress, interrupt);
-        submitAll(hasher, tasks, first);
-        gate.open();
-        for (std::size_t number = 0; number < hasher.submitted(); ++number) {
-            hasher.waitFor(number);
-        }
+        hashAll(
+            hasher, files, first,
+            [&](FoundFile const& file) {
+                if (++made == std::min(files.size(), TASKS_UNDER_WAY)) {
+                    gate.open();
+                }
+                return std::make_shared<NotingTask>(file.path, file.sizeBytes, begun);
+            },
+            [](std::size_t, HashTask const&) {});
         return begun;
     }
 
@@ -101,6 +113,66 @@ TEST_F(HasherTest, FirstCanBeOneFileOrEndWithASlash) {
                 ElementsAre("d/m", "d/a", "d/mm"));
     begun.clear();
     EXPECT_THAT(orderOf({{"d/a", SMALL}, {"d/m/x", LARGE}}, "d/m/"), ElementsAre("d/m/x", "d/a"));
+}
+
+TEST_F(HasherTest, OrderHoldsBeyondTheTasksUnderWay) {
+    std::vector<FoundFile> files(2 * TASKS_UNDER_WAY, {"d/small", SMALL});
+    files.front() = {"d/large", LARGE};
+    files.back() = {"d/m", LARGE};
+    orderOf(files, "d/m");
+    ASSERT_EQ(files.size(), begun.size());
+    EXPECT_EQ("d/m", begun.front());
+    EXPECT_EQ("d/large", begun.back());
+}
+
+TEST_F(HasherTest, FewTasksExistAtATime) {
+    std::vector<FoundFile> const files(3 * TASKS_UNDER_WAY + 1, {"x", SMALL});
+    std::size_t made = 0;
+    std::vector<std::size_t> reported;
+    Hasher hasher(executor, progress, interrupt);
+    hashAll(
+        hasher, files, "",
+        [&](FoundFile const&) {
+            ++made;
+            EXPECT_LE(made - reported.size(), TASKS_UNDER_WAY);
+            return std::make_shared<EmptyTask>(progress);
+        },
+        [&](std::size_t number, HashTask const&) { reported.push_back(number); });
+    EXPECT_EQ(files.size(), made);
+    std::vector<std::size_t> inOrder(files.size());
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    EXPECT_EQ(inOrder, reported);
+}
+
+TEST_F(HasherTest, TaskThatWasWaitedForTakesNoMemory) {
+    // Under a sanitizer, whose runtime allocates, mallinfo2() gives zeros.
+    constexpr std::size_t COUNT = 10'000;
+    Hasher hasher(executor, progress, interrupt);
+    std::size_t const before = mallinfo2().uordblks;
+    for (std::size_t number = 0; number < COUNT; number += 2) {
+        hasher.submit(std::make_shared<EmptyTask>(progress));
+        hasher.submit(std::make_shared<EmptyTask>(progress));
+        hasher.waitFor(number + 1);  // In either order.
+        hasher.waitFor(number);
+    }
+    EXPECT_EQ(COUNT, hasher.submitted());
+    EXPECT_LT(mallinfo2().uordblks, before + COUNT * 16);
+}
+
+TEST_F(HasherTest, SubmittedSmallFileGoesAheadAndRaisedOneAheadOfAll) {
+    Gate gate;
+    holdWorker(gate);
+    Hasher hasher(executor, progress, interrupt);
+    for (FoundFile const& file : {FoundFile{"large", LARGE}, {"small", SMALL}, {"raised", LARGE}}) {
+        hasher.submit(std::make_shared<NotingTask>(file.path, file.sizeBytes, begun));
+    }
+    hasher.raise(2);
+    EXPECT_EQ(1u, hasher.submittedAsSmall());
+    gate.open();
+    for (std::size_t const number : {0U, 1U, 2U}) {
+        hasher.waitFor(number);
+    }
+    EXPECT_THAT(begun, ElementsAre("raised", "small", "large"));
 }
 
 TEST_F(HasherTest, CancelPassesOverWhatIsQueuedAndTakesNoMore) {
