@@ -11,11 +11,12 @@
 #define OVRA_PRINTF(formatIndex, firstArgument) \
     __attribute__((format(printf, formatIndex, firstArgument)))
 
-/// The text of what its argument expands to.
+/// Expands its argument and makes a string literal of the result.
 #define OVRA_TEXT_OF(...) #__VA_ARGS__
 
 /// Stops the compilation where a macro would take the place of one of the library's names, and says
-/// which. A macro with arguments does no harm: no name of the library is followed by a parenthesis.
+/// which. A macro with parameters does no harm: it is expanded only before a parenthesis, and none
+/// follows these names.
 #define OVRA_NOT_A_MACRO(name)                                                           \
     static_assert(__builtin_strcmp(#name, OVRA_TEXT_OF(name)) == 0,                      \
                   "the macro " #name " takes the place of a name of ovra: #undef " #name \

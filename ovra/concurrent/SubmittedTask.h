@@ -28,25 +28,27 @@ struct SubmittedTaskProxy;
 /// derive from this class to see every change of state and result.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the queue, then by the worker that runs it, and
-/// by a waiting caller. The task refers to its handle weakly. Queue one object once. If both
-/// entries are queued when the object is picked, the pick removes both. If the second comes later,
-/// the object runs twice, which ends the process: the promise cannot be fulfilled again.
+/// by a waiting caller. The task refers to its handle weakly. Queue each object only once: an
+/// object that is queued twice has two entries. If both entries are queued when the object is
+/// picked, the pick removes both. If the second entry is added after the pick, the object runs
+/// twice, which ends the process: the promise cannot be fulfilled again.
 ///
 /// *Threads*: the queries, `setRank`, `setPriority`, `setState` and `setResult` may be called from
 /// any thread. `execute()` and then `performCallback()` are called on one worker thread, with no
-/// lock held. The task's mutex is held while a change is pushed to the handle. Where both are
-/// taken, the queue's lock comes first. `getRank()` and `getPriority()` are called with the queue's
-/// lock held: an override must not call the queue or its executor.
+/// lock held. The task's mutex is held while a change is pushed to the handle. A thread that takes
+/// both locks takes the queue's lock before the task's mutex. `getRank()` and `getPriority()` are
+/// called with the queue's lock held: an override must not call the queue or its executor.
 ///
 /// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
-/// that queue. That lock is a leaf: the three calls never wait for the queue's own
-/// lock, and what a pick calls may call them. Memory may be allocated under it, so an application's
-/// `operator new` must not call them.
+/// that queue. That lock is a leaf: the three calls never wait for the queue's own lock, and an
+/// operation that a pick calls may make them. The library may allocate memory while it holds the
+/// leaf lock, so an application's `operator new` must not make these calls.
 ///
 /// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
-/// of an overridden virtual operation ends the process if that happens on a worker. If it leaves a
-/// pick on one of the application's own threads, no task is removed; tasks newer than the one that
-/// threw keep their updated ranks. An operation that cannot take a lock throws `std::system_error`.
+/// of an overridden virtual operation ends the process if that happens on a worker. If the
+/// exception leaves a pick on one of the application's own threads, no task is removed. Tasks newer
+/// than the task that threw keep their updated ranks. An operation that cannot take a lock throws
+/// `std::system_error`.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to
 /// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
@@ -187,8 +189,9 @@ private:
     TaskEnd end;
     RankedEntry rank;  // And the priority.
 
-    // Guarded by `mutex`, so that a query never runs ahead of the handle. Atomic because the worker
-    // also reads them unlocked, in execute() and isCancelledNow().
+    // Guarded by `mutex`, so that no query returns a value that the handle does not have yet.
+    // Atomic because the worker also reads both without the lock, in execute() and
+    // isCancelledNow().
     std::atomic<Executable::State> state{Executable::UNSCHEDULED};
     std::atomic<Executable::Result> result{Executable::NO_RESULT};
 };

@@ -8,9 +8,9 @@ namespace ovra::concurrent {
 /// A named piece of work, the base class of what an application submits to a `TaskExecutor`.
 ///
 /// *Ownership*: held through `std::shared_ptr` by the executor and handed to the completion
-/// callback. The thread that releases a task last destroys it, and that is often a worker: a
-/// destructor that submits must not become the last owner of the executor there (see
-/// `TaskExecutorImpl`).
+/// callback. The thread that releases the last reference destroys the task, and that thread is
+/// often a worker. If the destructor of a task submits, it must not become the last owner of the
+/// executor on a worker: see `TaskExecutorImpl`.
 class OVRA_API Task : public Executable {
 public:
     Task() = default;

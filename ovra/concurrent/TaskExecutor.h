@@ -18,9 +18,9 @@ namespace ovra::concurrent {
 ///
 /// *Threads*: Thread-safe. Work and then its callback run on a worker thread with no lock held.
 /// Work and callback are destroyed on the thread that releases them last: a worker, a waiter, or
-/// the thread that closes the queue. Work whose thread is ended (`pthread_exit()`,
-/// `pthread_cancel()`) ends the worker as well: the waiter of that task is never released, and no
-/// other worker takes that worker's place.
+/// the thread that closes the queue. Work that ends its own thread (`pthread_exit()`), or whose
+/// thread is cancelled (`pthread_cancel()`), ends the worker as well: the waiter of that task is
+/// never released, and no new worker replaces the old one.
 ///
 /// *Failure*: refusals are empty handle pointers. `submitTask()` throws `std::bad_alloc`,
 /// `std::system_error` and whatever copying a function throws; nothing is queued then.
@@ -42,8 +42,9 @@ public:
     /// arrives while the worker is starting the task may still keep the work from running; the
     /// callback is called all the same.)
     ///
-    /// Refused with an empty handle if both are empty or the executor no longer accepts work. An
-    /// empty task with a callback is accepted, and holds a worker until it is cancelled.
+    /// Returns an empty handle if both `task` and `callback` are empty, or if the executor no
+    /// longer accepts work. An empty task with a callback is accepted, and occupies a worker until
+    /// it is cancelled.
     virtual std::shared_ptr<TaskHandle> submitTask(
         std::shared_ptr<Task> const& task, TaskPriority priority,
         std::function<void(std::shared_ptr<Task>)> const& callback) = 0;

@@ -14,10 +14,10 @@ class SubmittedTasksQueue;
 
 /// One thread that takes tasks from a queue and runs them, one after the other.
 ///
-/// *Ownership*: made and destroyed by a `TaskExecutorImpl`. Refers to the queue weakly. Once the
-/// queue no longer exists, the worker waits only to be terminated, and keeps a processor busy
-/// meanwhile. A waiting worker holds a strong reference to its queue: call `close()`; dropping your
-/// reference does not wake it.
+/// *Ownership*: made and destroyed by a `TaskExecutorImpl`. The worker refers to the queue weakly.
+/// Once the queue no longer exists, the worker keeps a processor busy until it is terminated. A
+/// worker that waits for work holds a strong reference to its queue. To wake that worker, call the
+/// queue's `close()`: releasing your reference does not wake it.
 ///
 /// *Threads*: the owner calls `start()`, `terminate()` and the destructor, never on the worker's
 /// own thread. The worker's thread calls `run()`. Work and callbacks run with no lock held.

@@ -13,15 +13,15 @@ extern OVRA_API unsigned int const S_NUM_TASK_EXECUTOR_THREADS;
 /// The process-wide executor that serves by priority; `HighestPriorityTaskRankingStrategy` says how
 /// far age counts.
 ///
-/// *Ownership*: every call returns a reference to the same executor, made on the first call. It is
-/// released with the library's statics at process exit or unload, where the last reference closes
-/// its queue and joins its worker: a task that never ends holds the exit. A caller that keeps its
-/// reference keeps the executor beyond that point.
+/// *Ownership*: every call returns a reference to the same executor, made on the first call. The
+/// library releases its own reference with its statics, at process exit or unload. The release of
+/// the last reference closes the executor's queue and joins its worker, so a task that never ends
+/// blocks the exit. A caller that keeps its reference keeps the executor alive beyond that point.
 ///
-/// *At exit*: exit handlers registered and statics constructed after the first call run before the
-/// release, while the worker may still be running tasks. Those from before the first call run after
-/// the release, and must not call this function. `exit()` on the executor's own worker ends the
-/// process abnormally.
+/// *At exit*: two kinds of code run before the release, while the worker may still be running
+/// tasks: exit handlers registered after the first call, and destructors of statics constructed
+/// after it. Handlers and destructors from before the first call run after the release, and must
+/// not call this function. `exit()` on the executor's own worker ends the process abnormally.
 ///
 /// *At unload*: the executor is released with the loader's lock held. So a task that loads a
 /// library meanwhile never ends, and neither does `dlclose()`. An executor that the application

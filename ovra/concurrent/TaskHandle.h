@@ -31,8 +31,9 @@ struct SubmittedTaskProxy {
 /// and read its state, result and exception.
 ///
 /// *Ownership*: held through `std::shared_ptr`. The handle never keeps the task alive, nor the task
-/// the handle; either may be destroyed first. A handle that outlives its task keeps what the task
-/// pushed last, and the memory of the submission: some 380 bytes, in which all else is destroyed.
+/// the handle; either may be destroyed first. A handle that outlives its task keeps the state,
+/// result and exception that the task pushed last. It also keeps the memory of the submission, some
+/// 380 bytes, although everything else in that memory is destroyed.
 ///
 /// *Threads*: all operations but `getException()` may be called from any thread at any time. No
 /// lock is held while `waitForCompletion()` blocks.
@@ -57,12 +58,13 @@ public:
     /// Marks the task `CANCELLED`, whatever its state, `DONE` included. Waits for nothing but the
     /// task's lock, which nobody holds for long.
     ///
-    /// A queued task will then not run and not be called back: when a worker reaches it, its result
-    /// becomes `ABORTED` and its waiter is released. Running work is never interrupted: it ends
-    /// `ABORTED` unless it still returns `SUCCESS` or `FAILURE` (or throws), which is then kept. A
-    /// cancel that arrives just as a worker starts the task may be overwritten by `EXECUTING`: the
-    /// task then runs as if it had not been cancelled. A cancel that arrives just as the work ends
-    /// may be overwritten by `DONE`. In both cases `isDone()` follows the task again.
+    /// A queued task then neither runs nor calls its callback: when a worker reaches the task, its
+    /// result becomes `ABORTED` and its waiter is released. Running work is never interrupted: its
+    /// result becomes `ABORTED`, unless it still returns `SUCCESS` or `FAILURE`, or throws. The
+    /// result of such work is kept. A cancel that arrives just as a worker starts the task may be
+    /// overwritten by `EXECUTING`: the task then runs as if it had not been cancelled. A cancel
+    /// that arrives just as the work ends may be overwritten by `DONE`. In both cases `isDone()`
+    /// goes by the new state.
     void cancel();
 
     /// Gives a queued task a new priority and resets its rank to that priority's initial rank, even
@@ -90,19 +92,20 @@ public:
     /// cancelled task has no result until a worker has reached it. Does not block.
     Executable::Result getResult() const;
     /// True for `DONE` and `CANCELLED`. So it is true after `cancel()` even while the work is still
-    /// running. It looks twice: while `DONE` overwrites `CANCELLED`, it can be false once.
+    /// running. `isDone()` reads the state twice: it can return false once, if `DONE` overwrites
+    /// `CANCELLED` between the two reads.
     bool isDone() const;
 
-    /// The exception that the work threw, or null: the very `std::exception` it threw, or a
-    /// `std::runtime_error` "Unknown exception" in place of anything else (a `std::bad_alloc`, if
-    /// memory is short).
+    /// The exception that the work threw, or null if it threw none. A `std::exception` is the very
+    /// object that the work threw. A `std::runtime_error` "Unknown exception" stands for anything
+    /// else, or a `std::bad_alloc` if memory is short.
     ///
     /// Read it after `waitForCompletion()` has returned or `getState()` has returned `DONE`: until
     /// then the worker may be writing it.
     std::exception_ptr getException() const;
 
-    /// For the queue: a new handle, linked to a task. `memory` is where an executor made the task,
-    /// which no other thread can reach yet; or null.
+    /// For the queue: a new handle, linked to a task. `memory` is the memory in which an executor
+    /// made a task that no other thread can reach yet, or null.
     OVRA_LOCAL static std::shared_ptr<TaskHandle> of(
         std::shared_ptr<SubmittedTask> const& submitted, SubmissionMemory* memory);
     /// For `of()`: nobody else can name the type of the first argument.

@@ -11,7 +11,7 @@ OVRA_NOT_A_MACRO(HIGHEST);
 
 namespace ovra::concurrent {
 
-/// The priority of a task. `LOW` is also the meaning of every value outside the enumeration.
+/// The priority of a task. Every value outside the enumeration counts as `LOW`.
 enum TaskPriority : std::int32_t {
     LOW = 1,      ///< Initial rank 1.
     NORMAL = 2,   ///< Initial rank 1000.

@@ -31,8 +31,8 @@ namespace ovra::extra {
 /// taken.
 class OVRA_EXTRA_API LockFile {
 public:
-    /// Touches nothing yet. tryLock() looks for a relative path in the current directory of that
-    /// moment.
+    /// Does not touch the file system. tryLock() resolves a relative path against the current
+    /// directory at the time of the call.
     explicit LockFile(fs::FilePath const& file);
     LockFile(LockFile const&) = delete;
     LockFile& operator=(LockFile const&) = delete;
@@ -48,9 +48,9 @@ public:
     ///     a path with a NUL byte             -> REFUSED
     ///
     /// If the file is deleted or replaced while it is being locked, the file that the path then
-    /// names is locked instead. If it is deleted later, nobody notices, and the next process locks
-    /// a new file: never delete it. It is no failure if the id cannot be written, or if the file
-    /// may only be read.
+    /// names is locked instead. If the locked file is deleted later, nobody notices, and the next
+    /// process locks a new file: never delete the file. It is no failure if the id cannot be
+    /// written, or if the process may only read the file.
     Outcome tryLock();
 
     /// Releases the lock. Does nothing if this object does not hold it.
@@ -62,8 +62,8 @@ public:
 private:
     std::string const path;
     int descriptor = -1;
-    // The process that took the lock. A child can have the same id, in a namespace of its own, and
-    // one that was made without `fork` has the same count.
+    // The process that took the lock. Neither member is enough alone: a child in a namespace of its
+    // own can have the same id, and a child that was made without `fork` has the same count.
     std::int32_t owner = 0;
     std::uint32_t forks = 0;
 };

@@ -18,11 +18,11 @@
 /// Logs as `ovra::log::log(level, tag, format, ...)` does, but from this place in the source at
 /// most once in `milliseconds`. For messages that would otherwise flood the log.
 ///
-/// The first line goes out at once. Those that follow within `milliseconds` are held back, and the
-/// next one after that says how many: it ends in " (and N more like it)". If no line follows,
-/// nothing says how many were held back. Lines that the global level drops neither count nor begin
-/// a period. `milliseconds` of 0 or less hold nothing back. The arguments are evaluated in any
-/// case.
+/// The first line is logged at once. Lines that follow within `milliseconds` are held back. The
+/// first line after that period says how many were: it ends in " (and N more like it)". If no line
+/// follows, nothing says how many were held back. Lines that the global level drops neither count
+/// nor begin a period. `milliseconds` of 0 or less hold nothing back. The arguments are evaluated
+/// in any case.
 ///
 ///     OVRA_LOG_EVERY(10000, ovra::log::WARNING, "net", "Cannot reach %s.", server);
 ///
@@ -42,8 +42,8 @@ namespace ovra::extra {
 /// What `OVRA_LOG_EVERY` keeps for each place that uses it.
 ///
 /// *Threads*: Thread-safe. *Failure*: as `ovra::log::log`: a message that cannot be formatted is
-/// dropped in silence; it begins a period all the same, and the next line says how many were held
-/// back before. `errno` is kept.
+/// dropped in silence; it begins a period all the same. The next line that is logged also counts
+/// the lines that were held back before that period. `errno` is kept.
 class LogEvery {
 public:
     constexpr LogEvery() = default;
@@ -111,8 +111,8 @@ private:
         return isFormatted;
     }
 
-    // Twice the time when the present period ends, plus 0 or 1 in turn: the index of that period's
-    // counter.
+    // Twice the time at which the current period ends, plus the index of that period's counter: 0
+    // and 1 in turn.
     std::atomic<std::int64_t> period{std::numeric_limits<std::int64_t>::min()};
     std::atomic<unsigned long> held[2] = {};
 };

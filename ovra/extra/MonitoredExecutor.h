@@ -20,29 +20,30 @@ struct TaskCounts {
     std::uint64_t waiting = 0;    ///< Accepted, and neither started nor dropped yet.
     std::uint64_t running = 0;    ///< Started, callback not finished yet.
     std::uint64_t ended = 0;      ///< Ran to their end, the failed ones included.
-    std::uint64_t failed = 0;     ///< Those of them whose result is `FAILURE`.
+    std::uint64_t failed = 0;     ///< The ended ones whose result is `FAILURE`.
     std::uint64_t dropped = 0;    ///< Left the queue unrun: cancelled, queue closed, destroyed.
-    std::chrono::milliseconds longestWait{};    ///< Of what has started.
-    std::chrono::milliseconds longestRun{};     ///< Of what has ended.
-    std::chrono::milliseconds oldestWaiting{};  ///< How long that has been waiting; 0 for none.
-    std::chrono::milliseconds oldestRunning{};  ///< How long that has been running; 0 for none.
+    std::chrono::milliseconds longestWait{};    ///< Of the tasks that have started.
+    std::chrono::milliseconds longestRun{};     ///< Of the tasks that have ended.
+    std::chrono::milliseconds oldestWaiting{};  ///< How long the oldest has waited; 0 for none.
+    std::chrono::milliseconds oldestRunning{};  ///< How long the oldest has run; 0 for none.
 };
 
-/// An executor around another that shows what is waiting and running in it, and for how long.
+/// An executor that wraps another one, and shows which tasks wait and run there, and for how long.
 ///
 /// Has no thread: let a watchdog look at `counts().oldestRunning` from time to time.
 ///
-/// A run goes from the first `execute()` to the end of the callback: `REPEAT` is one run. Where a
-/// cancel keeps the work, but not the callback, from running, the callback is a run that ends as
-/// dropped. Only what is submitted through this object is counted, and no null task with a
-/// callback: that passes through.
+/// A run lasts from the first `execute()` to the end of the callback, so work that returns `REPEAT`
+/// is one run. If a cancel prevents the work, but not the callback, the callback is a run, and the
+/// task counts as dropped at its end. Only tasks that are submitted through this object are
+/// counted. A null task with a callback is passed on and not counted.
 ///
-/// *Ownership*: holds the executor strongly, so the object must not be its last owner on one of its
-/// own workers. It may be destroyed before its tasks. A task's name is asked for once more, when it
-/// is submitted, and borrowed as ever.
+/// *Ownership*: holds a strong reference to the executor, which must not be the last one if this
+/// object is destroyed on one of the executor's own workers. This object may be destroyed before
+/// its tasks. `submitTask` calls a task's `name()` one more time; the name is borrowed as with any
+/// executor.
 ///
-/// *Threads*: Thread-safe. No lock is held while the executor, work, callbacks or a name are asked
-/// or run, nor while `writeTo` writes. Not for signal handlers.
+/// *Threads*: Thread-safe. No lock is held while this object calls the executor, work, a callback
+/// or `name()`, nor while `writeTo` writes. Not for signal handlers.
 ///
 /// *Failure*: as the executor. A null executor refuses everything. Callbacks get the very task that
 /// was submitted. `errno` is kept.
@@ -68,9 +69,9 @@ public:
     /// All counts of one moment.
     TaskCounts counts() const;
 
-    /// Writes a line for each task that is waiting or running, the one that has been so for longest
-    /// first, such as "sync running 1234 ms". A null name is "unnamed"; control characters are "?".
-    /// A short write is continued. False if a write fails. Blocks as the descriptor does; may throw
+    /// Writes a line for each waiting or running task, such as "sync running 1234 ms". The task
+    /// with the longest time comes first. A null name is "unnamed"; control characters are "?". A
+    /// short write is continued. False if a write fails. Blocks as the descriptor does; may throw
     /// `std::bad_alloc`.
     bool writeTo(int descriptor) const;
 

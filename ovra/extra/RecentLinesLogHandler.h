@@ -17,9 +17,9 @@ class LineRing;
 ///     a null line                    -> nothing
 ///     0 lines                        -> keeps nothing
 ///
-/// *Ownership*: all memory is taken by the constructor, about `lines` times `bytesEach` and 24
-/// bytes more each. Destroy the sink only when nobody logs to it or writes it out. If a signal
-/// handler uses it, keep it as long as the process lives.
+/// *Ownership*: the constructor takes all the memory: for each line, `bytesEach` and about 24 bytes
+/// more. Destroy the sink only when nobody logs to it or writes it out. If a signal handler uses
+/// it, keep it as long as the process lives.
 ///
 /// *Threads*: Thread-safe. No call takes a lock or waits for another thread. There is a place for
 /// each of the `lines` lines, and a new line is dropped in two cases only:
@@ -47,9 +47,10 @@ public:
     /// Writes the lines, oldest first, each with a newline. Returns whether all could be written,
     /// and stops at the first failure. Blocks as `descriptor` does.
     ///
-    /// Async-signal-safe, in the middle of `handleLogMessage` too. Left out are a line that is
-    /// being kept at that moment, one that is overwritten before its turn comes, one that came
-    /// after the call, and one that 15 other calls are writing out. No line is a mixture of two.
+    /// Async-signal-safe, even in a handler that interrupts `handleLogMessage`. The call leaves out
+    /// a line that another call is storing at that moment, a line that is overwritten before its
+    /// turn comes, a line that arrives after the call has begun, and a line that 15 other calls are
+    /// writing out. No line is a mixture of two.
     ///
     /// A pipe whose reader has closed it raises SIGPIPE, as for any writer.
     bool writeTo(int descriptor) const;

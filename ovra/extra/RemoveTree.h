@@ -10,24 +10,24 @@ namespace ovra::extra {
 ///
 ///     a directory                  -> removed with every kind of entry in it
 ///     anything else                -> removed
-///     a link                       -> removed; what it leads to is spared, in the tree as well
-///     "name/"                      -> as "name", also where that is a link
+///     a link                       -> removed, in the tree as well; its target stays
+///     "name/"                      -> as "name", even if that is a link
 ///     nothing                      -> MISSING
 ///     ".", "a/..", "/"             -> REFUSED
 ///     ""                           -> MISSING
 ///     a path with a NUL byte       -> REFUSED
 ///
-/// Links on the way to `root` are followed. No link at `root` or below it is. Nobody can lead the
-/// removal out of the tree by putting a link in the place of a directory, or by moving a directory.
-/// A directory that is moved out while it is being emptied may be emptied further, and nothing
-/// around its new place is touched. What others put in the place of `root` meanwhile is removed as
-/// well.
+/// Links on the way to `root` are followed. Links at `root` and below it are not followed. Nobody
+/// can lead the removal out of the tree by putting a link in the place of a directory, or by moving
+/// a directory. A directory that is moved out while it is being emptied may be emptied further, and
+/// nothing around its new place is touched. What others put in the place of `root` meanwhile is
+/// removed as well.
 ///
 /// Mount points below `root` are not crossed: they stay, and with them the directories that they
 /// are in (`BUSY`). A directory on another device counts as a mount point. A mount point at `root`
-/// itself is emptied, and stays (`BUSY`). One mount point is not recognised, and is emptied: before
-/// Linux 5.8, in a directory that the process may not change, if it shows the device that `root`
-/// is on.
+/// itself is emptied, and stays (`BUSY`). Before Linux 5.8, a mount point is not recognised, and is
+/// emptied, if it shows the device that `root` is on and lies in a directory that the process may
+/// not change.
 ///
 /// *Limits*: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree
 /// is. The heap holds the names of the directories that are still to be removed, and about 100

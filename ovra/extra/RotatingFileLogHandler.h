@@ -19,8 +19,8 @@ struct RotatingFileOptions {
     unsigned int generations = 1;
     /// Whether each line begins with the time, as "2026-11-21T16:32:37.236Z " (UTC).
     bool stampTimes = true;
-    /// A line at least as severe is on the disk when its call returns; `DISABLED`: no call waits.
-    /// If that fails, the next `sync` says so.
+    /// A call that logs a line of this level, or of a more severe one, returns once the line is on
+    /// the disk. `DISABLED`: no call waits. If such a sync fails, the next `sync()` returns false.
     log::LogLevel syncLevel = log::DISABLED;
 };
 
@@ -31,31 +31,35 @@ struct RotatingFileOptions {
 /// Lines are appended (`O_APPEND`), each with one `write`, so that threads, processes and programs
 /// that share the file never mix lines. Nothing is allocated for a line.
 ///
-/// *The file*: made with mode 0640 less the umask, if it does not exist; its directory must. A
-/// directory -> "ovra.log" inside it. A link -> its target, which need not exist yet, as found when
-/// the sink is made. Anything but a regular file, and a path with a NUL byte, is refused without
-/// blocking, and the lines count as lost. Each opening looks for a relative path in the current
+/// *The file*: if it does not exist, the sink makes it, with mode 0640 less the umask; its
+/// directory must exist. If the path names a directory, the file is "ovra.log" inside it. If the
+/// path names a link, the file is the link's target as found when the sink is made; the target need
+/// not exist yet. Anything but a regular file, and a path with a NUL byte, is refused without
+/// blocking, and the lines count as lost. Each opening resolves a relative path against the current
 /// directory of that moment.
 ///
-/// *Torn lines*: a full disk, or a loss of power, can tear a line. The next line begins with the
-/// newline that is missing, whether this sink or an earlier run left the torn line. If another
-/// process left it, this sink notices after a line of its own was lost, and with a cap at its next
-/// look at the size; until then a line may follow the torn one without a newline. Where the file
-/// may not be read, only what this sink has torn itself is known.
+/// *Torn lines*: a full disk, or a loss of power, can tear a line. The sink begins the next line
+/// with the missing newline, whether this sink or an earlier run left the torn line. If another
+/// process left the torn line, this sink notices it after it has lost a line of its own or, with a
+/// cap, when it next reads the size of the file. Until then a line may follow the torn one without
+/// a newline. If the process may not read the file, the sink knows only of the lines that it has
+/// torn itself.
 ///
-/// *The cap*: a line that would take the file over `maxBytes` first moves "x.1" to "x.2" and so on,
-/// then x to "x.1"; the oldest is removed. What an earlier run left counts towards the size.
+/// *The cap*: before a line that would take the file "x" over `maxBytes`, the sink moves "x.1" to
+/// "x.2" and so on, moves "x" to "x.1", and removes the oldest file. What an earlier run left
+/// counts towards the size.
 ///
 ///     an empty file                       -> not moved: a longer line goes out alone
 ///     the file cannot be moved            -> goes on in the same file; the others keep their names
 ///     it was moved, a new one cannot open -> goes on in the moved file
 ///     generations 0                       -> the file is removed and made again
 ///     another process has moved it        -> the path is opened again once a line no longer fits
-///     somebody has removed it             -> the path is opened again at the next look; where that
-///                                            fails, lines go into the removed file, not counted
+///     somebody has removed it             -> the path is opened again at the next read of its
+///                                            size; if that fails, lines go into the removed file
+///                                            and do not count as lost
 ///
-/// Where several files are kept, the name after the last one, "x.3" for two, is used while the
-/// files are moved. A file of that name is lost. If the process is killed at that moment, or the
+/// If more than one older file is kept, the sink uses one name more while it moves the files: "x.3"
+/// where two are kept. A file of that name is lost. If the process is killed at that moment, or the
 /// oldest file cannot be removed, "x.3" stays until the next move. Files with higher numbers, which
 /// a run with more generations left, stay for ever.
 ///
@@ -97,10 +101,10 @@ public:
     /// file. Other lines wait meanwhile. If a file with lines of this sink was moved away or left
     /// since the last call, everything on the file system is synced, which can take long.
     ///
-    /// False if no file is open, if that failed, or if a sync for `syncLevel` has failed since the
-    /// last call. The system may report a loss only once: what was written before such a call may
-    /// be lost, and a later `true` stands for later lines only. Before Linux 5.8 the system does
-    /// not report what it could not write of files that were moved away.
+    /// False if no file is open, if the sync fails, or if a sync for `syncLevel` has failed since
+    /// the last call. After false, what was written before the call may be lost. A later `true`
+    /// stands for later lines only, because the system may report a loss only once. Before Linux
+    /// 5.8 the system does not report what it could not write of files that were moved away.
     bool sync();
 
     /// Lines that could not be written, since construction.

@@ -14,16 +14,18 @@ class ScheduleThread;
 
 /// Submits functions to an executor later, once or again and again.
 ///
-/// *Ownership*: holds the executor strongly, so a task of that executor must not destroy both its
-/// last other owner and this object. The destructor drops what is due later, joins the thread, and
-/// waits for no task that has been submitted. Functions and names are copied.
+/// *Ownership*: holds a strong reference to the executor. So a task of that executor must not
+/// release the last other reference and destroy this object as well. The destructor drops what is
+/// due later, joins the thread, and waits for no task that has been submitted. Functions and names
+/// are copied.
 ///
-/// *Threads*: Thread-safe, from its own tasks too. One thread of its own, named "ovra-scheduled",
-/// starts with the first schedule. It blocks all signals, sleeps until something is due, and runs
-/// nothing itself: it only submits, with no lock held. (An executor that runs a task inside
-/// `submitTask` runs it there.) The destructor may run in a task of its own, and as a static at
-/// exit. After `fork`, the child has no such thread: there, all schedules are refused, `cancel`
-/// does nothing, and the destructor joins nothing and keeps the executor for good.
+/// *Threads*: Thread-safe, in its own tasks too. The object has one thread, named "ovra-scheduled",
+/// which starts with the first schedule. The thread blocks all signals, sleeps until something is
+/// due, and runs nothing itself: it only submits, with no lock held. (An executor that runs a task
+/// inside `submitTask` runs it there.) The destructor may run in one of the object's own tasks, and
+/// at exit if the object is a static. After `fork`, the child has no such thread: there, all
+/// schedules are refused, `cancel` does nothing, and the destructor joins nothing and keeps the
+/// executor for good.
 ///
 /// *Failure*: 0 instead of a number if the executor is null, the function empty, or the system
 /// provides no thread. `std::bad_alloc` leaves everything as it was. What the functions throw is
@@ -52,15 +54,15 @@ public:
     /// Submits `function` at fixed times: one period from now, two periods from now, and so on. A
     /// period of 0 or less is refused: 0 is returned.
     ///
-    /// A time is skipped, and never made up for, if the last task has not ended (with its callback,
-    /// or by being dropped), and if a later time has already come. A submission that the executor
-    /// refuses, or that throws, ends the schedule.
+    /// A time is skipped, and never made up for, if the last task has not ended, or if a later time
+    /// has already come. A task ends with its callback, or when the executor drops it. A submission
+    /// that the executor refuses, or that throws, ends the schedule.
     std::uint64_t every(std::chrono::milliseconds period,
                         std::function<concurrent::Executable::Result()> function,
                         concurrent::TaskPriority priority, char const* name);
 
-    /// Ends a schedule. False if there is none of this number: it has ended, or was submitted once
-    /// and for all. What has been submitted still runs. Looks at the schedules one by one.
+    /// Ends a schedule. False if there is no schedule of this number: it has ended, or has made its
+    /// only submission. What has been submitted still runs. Looks at the schedules one by one.
     bool cancel(std::uint64_t id);
 
 private:

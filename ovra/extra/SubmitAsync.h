@@ -40,7 +40,7 @@ protected:
 class StopFlag {
 public:
     StopFlag() : shared(std::make_shared<Shared>()) {}
-    /// Copying is all there is: a flag that was moved from would be none.
+    /// A move copies too: a flag that was moved from would be empty.
     StopFlag(StopFlag const&) = default;
     /// From now on shares the other's flag.
     StopFlag& operator=(StopFlag const&) = default;
@@ -159,7 +159,8 @@ private:
 
     StopFlag const flag;
     std::atomic<bool> isTaken{false};  // By the worker that runs the function, or by `abandon()`.
-    // Both belong to who has taken the work. The function is destroyed first, wherever that is.
+    // Both belong to whoever has taken the work. The function is always destroyed before the
+    // promise.
     std::optional<std::promise<Value>> promise{std::in_place};
     std::optional<Function> function;
 };
@@ -170,7 +171,7 @@ struct AsyncResult : std::invoke_result<Function&, StopFlag const&> {};
 template <typename Function>
 struct AsyncResult<Function, false> : std::invoke_result<Function&> {};
 
-/// What the future of `Function` holds: its result as it is, but no reference to a temporary.
+/// The type of the future's value: an lvalue reference as it is, anything else as a value.
 template <typename Function, typename Result = typename AsyncResult<Function>::type>
 using AsyncValue =
     std::conditional_t<std::is_lvalue_reference_v<Result>, Result, std::decay_t<Result>>;
@@ -190,10 +191,10 @@ using AsyncValue =
 ///                                -> the future throws `std::future_error`, broken promise
 ///     it ends its own thread     -> the same
 ///
-/// The future never hangs as long as the function itself ends, with one exception: a submission
-/// that meets the closing of its queue may stay in the queue until that is destroyed. `Async`'s own
-/// `cancel()` breaks the promise at once; a `cancel()` of its handle does so when a worker reaches
-/// the task.
+/// The future never hangs as long as the function itself ends, with one exception: a task that is
+/// submitted while another thread closes the queue may stay there until the queue is destroyed.
+/// `Async`'s own `cancel()` breaks the promise at once; a `cancel()` of its handle does so when a
+/// worker reaches the task.
 ///
 /// *Ownership*: the function and what it captured are destroyed before the future becomes ready.
 /// What a move leaves behind in the caller's own object is the caller's. `name` is borrowed as in
@@ -204,8 +205,10 @@ using AsyncValue =
 ///
 /// *Failure*: as `TaskExecutor::submitTask`; nothing is queued if it throws.
 ///
-///     auto sum = submitAsync(*executor, [data](StopFlag const& stop) { return sumOf(data, stop);
-///     }); if (sum.future.wait_for(10s) != std::future_status::ready) {
+///     auto sum = submitAsync(*executor, [data](StopFlag const& stop) {
+///         return sumOf(data, stop);
+///     });
+///     if (sum.future.wait_for(10s) != std::future_status::ready) {
 ///         sum.cancel();
 ///     }
 template <typename Function>

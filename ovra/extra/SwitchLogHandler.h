@@ -11,8 +11,8 @@ namespace ovra::extra {
 /// threads log. The registry of `ovra::log` allows none of that: register a switch at start-up, and
 /// change its target at any time.
 ///
-/// *Ownership*: shares the target. A replaced target is released by `exchange`'s caller, or by the
-/// thread whose line is the last inside the target, whichever is later; no lock is held then.
+/// *Ownership*: shares the target. A replaced target is released by the caller of `exchange` or by
+/// the last thread that logs to the target, whichever is later. No lock is held at that moment.
 ///
 /// *Threads*: Thread-safe. The target is called with no lock held, by several threads at once: it
 /// serialises its own writes, and may call the switch. A line that began before an `exchange` may

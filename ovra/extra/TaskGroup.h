@@ -12,13 +12,13 @@ namespace ovra::extra {
 
 /// Tasks that are awaited, bounded and cancelled together.
 ///
-/// A group counts what is submitted through it until that has ended: until the callback has
-/// returned, or the executor has dropped the task (cancelled in the queue, queue closed, executor
-/// destroyed). It keeps nothing of a task that has ended.
+/// A group counts each task that is submitted through it until the task has ended: until its
+/// callback has returned, or the executor has dropped the task (cancelled in the queue, queue
+/// closed, executor destroyed). It keeps nothing of a task that has ended.
 ///
-/// *Ownership*: holds the executor strongly, so the group must not be its last owner on one of its
-/// own workers. The group may be destroyed before its tasks: that cancels nothing and waits for
-/// nothing.
+/// *Ownership*: holds a strong reference to the executor, which must not be the last one if the
+/// group is destroyed on one of the executor's own workers. The group may be destroyed before its
+/// tasks: that cancels nothing and waits for nothing.
 ///
 /// *Threads*: Thread-safe. No lock is held while the executor is called. `wait()` inside a task or
 /// a callback of the same group deadlocks, and inside another task of the same one-thread executor
@@ -58,13 +58,13 @@ public:
 
     /// Blocks until no task is pending.
     void wait();
-    /// The same for `limit` at most; whether no task is pending. A `limit` of 0 or less only asks,
-    /// and one that no clock reaches is none.
+    /// The same for `limit` at most; returns whether no task is pending. A `limit` of 0 or less
+    /// does not block. A `limit` that the clock cannot reach is no limit.
     bool waitFor(std::chrono::milliseconds limit);
 
     /// Cancels what is pending, as `TaskHandle::cancel()` does each. Tasks that have ended are left
-    /// alone. What is cancelled in the queue stays pending until the executor releases it. A task
-    /// that another thread is just submitting may be missed.
+    /// alone. A task that is cancelled in the queue stays pending until the executor releases it.
+    /// The call may overlook a task that another thread is submitting at that moment.
     void cancelAll();
 
 private:

@@ -123,8 +123,8 @@ public:
     FilePath Path() const;
     /// The last component of the path.
     std::string FileName() const;
-    /// A handle on the path with ".." resolved against it and folded away, without asking the disk.
-    /// There is no special case, so the empty path counts as the root here:
+    /// A handle on the path that results when ".." is appended to this path and folded away,
+    /// without asking the disk. There is no special case, so the empty path counts as the root:
     ///
     ///     "/a/b" -> "/a"     "name" -> "."      "/" -> "/.."
     ///     "/a"   -> "/"      ".."   -> "../.."  ""  -> "/.."
@@ -179,26 +179,26 @@ public:
     /// `false` too, and nothing touched, if this is not a directory.
     ///
     /// A directory that is being emptied is not entered again, so that links that lead back up do
-    /// not multiply the work. In rare trees with such links this changes what is left: more is
-    /// removed, with the result `true` where it would otherwise be `false`; or a directory stays,
-    /// or a link that dangles by then.
+    /// not multiply the work. In rare trees with such links, this rule changes what is left. Either
+    /// more is removed, and the result is `true` where it would be `false` without the rule. Or a
+    /// directory stays, or a link that dangles by then.
     ///
     /// One directory, and so one file descriptor, is open per level. What lies deeper than the
     /// limits on descriptors and on the length of a path allow stays, and the result is `false`.
     /// Each level also takes up to 1 KiB of the thread's stack. A deep tree can overflow a small
     /// stack, which ends the process.
     bool RemoveDirectoryRecursive();
-    /// Makes a link to this entry at `target`, or inside it under this entry's name if `target` is
-    /// a directory. The link's contents are this path as it stands, so a relative one is read
-    /// relative to the directory of the link, not to the current directory. `false` if this entry
-    /// does not exist or another entry is already there.
+    /// Makes a link to this entry at `target`. If `target` is a directory, makes the link inside it
+    /// under this entry's name. The link's contents are this path as it stands. So the system
+    /// resolves a relative path against the directory of the link, not against the current
+    /// directory. `false` if this entry does not exist or another entry is already there.
     bool CreateSymbolicLink(FileHandle& target);
     /// Copies a regular file, **with `true` also when the copy lacks bytes at the end**, as after a
     /// short write or on a full disk: `true` says only that both files were opened.
     ///
-    /// The bytes (those of a link's target, if that is a regular file) go to `target`, or into it
-    /// under this name if `target` is a directory. An existing file is overwritten in place and
-    /// keeps its mode and owner; a new one gets neither from the source.
+    /// The bytes (those of a link's target, if that is a regular file) go to `target`. If `target`
+    /// is a directory, they go to a file inside it under this entry's name. An existing file is
+    /// overwritten in place and keeps its mode and owner; a new one gets neither from the source.
     ///
     /// **Copied onto itself, onto a link to itself or into its own directory, the file ends up
     /// empty, with `true`.** When the source cannot be read, `target` may have been emptied as
@@ -207,16 +207,18 @@ public:
     /// Blocks while `target` is a named pipe that nobody reads. A pipe whose reader has closed it
     /// raises `SIGPIPE`.
     bool Copy(FileHandle& target);
-    /// Moves the entry to `target`, replacing a file there, or into it under this name if `target`
-    /// is a directory. Nothing is moved across file systems. This handle still names the old place.
+    /// Moves the entry to `target`, replacing a file there. If `target` is a directory, moves the
+    /// entry into it under this entry's name. Nothing is moved across file systems. This handle
+    /// still names the old path.
     ///
-    /// Onto another hard link of the same file nothing moves, and the result is `true`.
+    /// If `target` is another hard link to the same file, nothing moves, and the result is `true`.
     ///
     /// **The name in a target directory is this path's FileName(), resolved against the target.** A
-    /// last component like "C:" counts as a root there and means "C:/" in the current directory: a
-    /// directory is moved to that place, and for a file the result is `false`. An empty last
+    /// FileName() like "C:" counts as a root, so it means "C:/" in the current directory: a
+    /// directory is moved to that path, and for a file the result is `false`. An empty last
     /// component, as in "/a/sub//", names the target directory itself. Copy() and
-    /// CreateSymbolicLink() form the name in the same way, and give `false` for one like "C:".
+    /// CreateSymbolicLink() form the name in the same way; their result is `false` for a name like
+    /// "C:".
     bool Move(FileHandle& target);
     /// Gives the entry another name in its directory, replacing a file of that name; this handle
     /// then names the new path. `name` is not checked: "/" in it leads into subdirectories, and
@@ -233,13 +235,15 @@ public:
 
     /// The owner; 0, as for root, when the entry does not exist.
     unsigned int UserId() const;
-    /// Follows a link to its target. Keeps the group that GroupId() reports, which is 0 for an
-    /// entry that cannot be read. If the entry appears in between, its group becomes 0.
+    /// Sets the owner of the entry, or of a link's target. Keeps the group that GroupId() reports,
+    /// which is 0 for an entry that cannot be read. If the entry appears after GroupId() has
+    /// reported 0, its group becomes 0.
     void SetUserId(unsigned int userId);
     /// The group; 0, as for root, when the entry does not exist.
     unsigned int GroupId() const;
-    /// Follows a link to its target. Keeps the user that UserId() reports, which is 0 for an entry
-    /// that cannot be read. If the entry appears in between, its user becomes 0.
+    /// Sets the group of the entry, or of a link's target. Keeps the owner that UserId() reports,
+    /// which is 0 for an entry that cannot be read. If the entry appears after UserId() has
+    /// reported 0, its owner becomes 0.
     void SetGroupId(unsigned int groupId);
     /// Without the set-user-id, set-group-id and sticky bits.
     unsigned long Permissions() const;

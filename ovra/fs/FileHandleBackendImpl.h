@@ -41,9 +41,9 @@ public:
     ~FileHandleBackendImpl() override;
 
     std::string Path() const override;
-    /// Reads the status. All other queries call this one first, so a derived class that overrides
-    /// it decides for them. They then answer from the last record read, or with `false` or 0 if
-    /// there is none.
+    /// Reads the status. Every other query calls Exists() first, so a derived class that overrides
+    /// Exists() decides for all queries. A query then answers from the last record read, or with
+    /// `false` or 0 if there is no record.
     bool Exists() const override;
     /// See FileHandle::IsFile().
     bool IsFile() const override;
@@ -87,9 +87,9 @@ public:
     std::unique_ptr<std::ostream> CreateOutputStream(std::ios_base::openmode mode) const override;
     void UpdateFileStatus() override;
 
-    /// Reads the status of the entry, or of a link's final target, into the record. When that fails
-    /// there is no record. The record is kept and reused until a read fails or the status is
-    /// dropped.
+    /// Reads the status of the entry, or of a link's final target, into the record. If the read
+    /// fails, there is no record. The memory of the record is kept and reused until a read fails or
+    /// the status is dropped.
     void ReadFileStatus() const;
 
 private:

@@ -38,8 +38,8 @@ public:
 ///
 /// *Threads*: Not thread-safe: the caller synchronises.
 ///
-/// *Failure*: a directory that cannot be opened gives a reading that is never valid and whose index
-/// stays -1; the reason is not kept. A read that fails midway looks like the end.
+/// *Failure*: if the directory cannot be opened, Valid() is always `false` and Index() stays -1;
+/// the reason is not kept. A read that fails midway looks like the end.
 class OVRA_API FileIteratorBackendImpl : public FileIteratorBackend {
 public:
     /// Opens the directory and stands on its first entry, if there is one.
@@ -118,8 +118,8 @@ public:
 
     /// Opens the source's directory once more: see the class comment.
     FileIterator(FileIterator const& other);
-    /// As copy construction, but a source without a directory makes this the end. Assigned to
-    /// itself, an iterator starts over by the same rule.
+    /// As copy construction, but a default-constructed source makes this the default-constructed
+    /// end. An iterator that is assigned to itself starts over by the same rule.
     FileIterator& operator=(FileIterator const& other);
     ~FileIterator();
 

@@ -48,7 +48,7 @@ public:
 
     /// The same path; the two share nothing.
     FilePath(FilePath const& other);
-    /// Takes over the path of `other`. References returned earlier change at once.
+    /// Copies the path of `other`. References returned earlier change as SetPath() says.
     FilePath& operator=(FilePath const& other);
     ~FilePath();
 

@@ -21,10 +21,10 @@ namespace ovra::log {
 /// How severe a message is: a smaller value is more severe. The global level says which messages
 /// are delivered: those whose level is at most the global one.
 enum LogLevel : std::int32_t {
-    DISABLED = 0,  ///< As the global level: none is delivered. As a message's: see `log`.
+    DISABLED = 0,  ///< As the global level: delivers no message. As a message's level: see `log`.
     CRITICAL = 1,  ///< The application can hardly go on.
     ERROR = 2,     ///< Something failed. The global level at the start.
-    WARNING = 3,   ///< Odd, but survived; so the library reports exceptions out of tasks.
+    WARNING = 3,   ///< Odd, but survived. The library reports exceptions of tasks at this level.
     INFO = 4,      ///< The ordinary course of things, such as the states of tasks.
     DEBUG = 5,     ///< For finding a fault.
     VERBOSE = 6,   ///< Everything.
@@ -42,9 +42,10 @@ enum LogHandlerType : std::int32_t {
 /// *Ownership*: a registered handler is held by the registry until it is replaced or the library is
 /// unloaded.
 ///
-/// *Threads*: called on the thread that logs, by several threads at once: a sink serialises its own
-/// writes. A sink that logs is called again from inside its own call, and deadlocks if it does so
-/// under its own lock. A sink must not call `addLogHandler`, and its destructor must not log.
+/// *Threads*: the thread that logs calls the sink. Several threads may be inside a sink at once, so
+/// a sink serialises its own writes. If a sink logs, `log` calls the sink again from inside its own
+/// call. A sink that logs under its own lock deadlocks. A sink must not call `addLogHandler`, and
+/// its destructor must not log.
 ///
 /// *Failure*: what a sink throws is discarded, and the sinks not yet called do not get that
 /// message. A sink that never returns holds the thread that logs.
@@ -64,20 +65,20 @@ public:
 /// registered sink in no particular order.
 ///
 /// A message is delivered if the global level is not `DISABLED` and is at least `level`. So a
-/// message of level `DISABLED` (or below) is delivered under every global level above `DISABLED`,
-/// and one above `VERBOSE` only if the global level is as high. A message that is not delivered
-/// costs one load and two comparisons.
+/// message of level `DISABLED` (or below) is delivered under every global level above `DISABLED`. A
+/// message of a level above `VERBOSE` is delivered only if the global level is at least that high.
+/// A message that is not delivered costs one load and two comparisons.
 ///
 /// *The system log takes the line as its own format*: it interprets every percent sign that is left
-/// in the line after formatting. For one percent sign there, write "%%%%" in `format`; the other
-/// sinks get the line as it is, and show "%%". A conversion that is left in the line ends the
-/// process, or worse: pass text that the application did not write to `logVerbatim` instead.
+/// in the line after formatting. For one percent sign in the system log, write "%%%%" in `format`;
+/// the other sinks get the line as it is, and show "%%". A conversion that is left in the line ends
+/// the process, or worse: pass text that the application did not write to `logVerbatim` instead.
 ///
 /// *Threads*: Thread-safe but for `addLogHandler`. Blocks while a sink blocks, and while the system
-/// log takes no lines. Takes no lock of its own, but each sink, the one to the system log included,
-/// locks its mutex while it writes. So do not call it in a signal handler or in a child after
-/// `fork()`: it hangs there for good if a sink's mutex was held when the signal came or the process
-/// forked. Do not call it once static destruction has reached the library.
+/// log takes no lines. `log` takes no lock of its own. Each sink, the one to the system log
+/// included, locks its mutex while it writes. So do not call `log` in a signal handler or in a
+/// child after `fork()`: the call never returns if a sink's mutex was held when the signal arrived
+/// or the process forked. Do not call `log` once static destruction has reached the library.
 ///
 /// *Failure*: a message that cannot be formatted, a null `format` included, is dropped in silence.
 /// A null `tag` reads "(null)". Leaves `errno` as it was.
@@ -89,11 +90,11 @@ OVRA_API void log(LogLevel level, char const* tag, char const* format, ...) OVRA
 ///
 ///     logVerbatim(WARNING, "load()", "Cannot read '%s'.", name);
 ///
-/// This holds for whatever the calling thread writes to the system log during the call: through the
-/// sink that is always there, through registered sinks and those derived from `PlatformLogHandler`,
-/// and through a sink that another sink calls. A `log` inside a sink keeps its own rule. If a sink
-/// passes lines to another thread, and that thread writes them to the system log, they are formats
-/// there, as with `log`.
+/// During the call, the system log takes as text whatever the calling thread writes to it: through
+/// the sink that is always there, through registered sinks and those derived from
+/// `PlatformLogHandler`, and through a sink that another sink calls. A call of `log` inside a sink
+/// still passes a format. If a sink passes lines to another thread, and that thread writes them to
+/// the system log, the system log takes those lines as formats, as with `log`.
 OVRA_API void logVerbatim(LogLevel level, char const* tag, char const* format, ...)
     OVRA_PRINTF(3, 4);
 

@@ -4,8 +4,8 @@
 
 namespace ovra::concurrent {
 
-/// Whether `object` is a `Class` and nothing derived from it: a shortcut must not bypass an
-/// override.
+/// Whether the class of `object` is `Class` itself, and not a derived one. Each shortcut asks this
+/// first, so that it never bypasses an override.
 ///
 /// Compares the addresses of the type information and never reads it: classes of an application
 /// that is built with `-fno-rtti` have a null pointer in its place.

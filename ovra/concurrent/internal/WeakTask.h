@@ -37,7 +37,8 @@ inline void waitForCompletion(std::weak_ptr<SubmittedTask> const& task) {
     if (auto const live = task.lock()) {
         live->waitForEnd();
     } else {
-        // The worker has released the task. Makes all that it did before visible here.
+        // The worker has released the task. The fence makes all that the worker did before that
+        // visible to this thread.
         std::atomic_thread_fence(std::memory_order_acquire);
     }
 }

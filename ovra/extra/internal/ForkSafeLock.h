@@ -7,7 +7,7 @@ namespace ovra::extra {
 
 /// A lock that is open in a forked process, whichever thread held it in the parent at that moment.
 ///
-/// `fork` never waits for the lock. So a child may find what the lock guards half changed: that
+/// `fork` never waits for the lock. So a child may find the guarded data half changed: that data
 /// must be usable in every intermediate state.
 ///
 /// *Threads*: a thread that waits sleeps. Not recursive.

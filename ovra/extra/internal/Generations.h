@@ -15,9 +15,10 @@ public:
     /// Keeps at most `count` older files. Allocates all its memory here.
     Generations(std::string path, unsigned int count);
 
-    /// Moves each older file up by one, up to the first gap, and the log itself to "x.1". A file
-    /// that is then one too many is removed. If none are kept, removes the log. Returns whether
-    /// that was done; if not, all files have their old names again, as far as the system allows.
+    /// Moves each older file up by one, up to the first gap, and the log itself to "x.1". If that
+    /// leaves one file too many, removes the oldest. If no older files are kept, removes the log.
+    /// Returns whether the log was moved or removed; if not, all files have their old names again,
+    /// as far as the system allows.
     bool moveUp();
 
 private:

@@ -4,8 +4,8 @@
 
 namespace ovra::extra {
 
-/// `delay` after `time`; or the last time there is, if the clock does not reach that far. A
-/// negative delay counts as 0.
+/// `delay` after `time`, or the last time of the clock if the sum lies beyond it. A negative delay
+/// counts as 0.
 inline std::chrono::steady_clock::time_point later(std::chrono::steady_clock::time_point time,
                                                    std::chrono::milliseconds delay) {
     using std::chrono::milliseconds;

@@ -45,7 +45,7 @@ private:
 
     std::size_t const count;
     std::size_t const most;
-    Word const tickets;  // After so many they begin again, and go to the same places as before.
+    Word const tickets;  // A multiple of `count`, so that each ticket keeps its place.
     std::unique_ptr<char[]> const bytes;
     std::unique_ptr<Place[]> const places;
     std::atomic<Word> lastTicket;

@@ -17,8 +17,8 @@ namespace ovra::extra {
 
 /// The work behind `RotatingFileLogHandler`.
 ///
-/// A forked process finds the lock open, whatever another thread was doing. So every member must be
-/// usable at each moment in between.
+/// A forked process finds the lock open, whatever another thread was doing. So the data must be
+/// usable in every intermediate state.
 class RotatingFile {
 public:
     RotatingFile(std::string path, RotatingFileOptions const& options);
@@ -54,7 +54,7 @@ private:
     bool syncHasFailed = false;  // Since the last sync().
     std::uint64_t lost = 0;
     std::uint64_t lostUnreported = 0;
-    // Until this time, and up to this size, the size of the last look is trusted.
+    // The last size read is trusted while the time is `lookedAt`, and up to `trustedSize`.
     std::int64_t lookedAt = -1;
     std::uint64_t trustedSize = 0;
 };

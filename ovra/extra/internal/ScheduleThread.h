@@ -31,9 +31,9 @@ public:
                       Schedules::Job const& job);
     /// Whether there was such a schedule. False in a forked process.
     bool remove(std::uint64_t id);
-    /// Ends the thread and destroys this object. On the thread itself, that happens when what it is
-    /// submitting has been submitted. In a forked process the object stays, for good: its thread,
-    /// and perhaps its lock, are the parent's.
+    /// Ends the thread and destroys this object. If the thread itself calls this, both happen once
+    /// its current submission is complete. In a forked process the object stays, for good: its
+    /// thread, and perhaps its lock, are the parent's.
     void stop();
 
 private:

@@ -43,11 +43,12 @@ public:
     /// them one by one.
     Job remove(std::uint64_t id);
 
-    /// The earliest time when something is due; the last time there is, if nothing is.
+    /// The earliest time at which something is due; the last time of the clock if nothing is
+    /// scheduled.
     Time nextDue() const;
-    /// Takes what has been due for longest; of several the one that was added first. If that
-    /// recurs, it is due again at the first of its times that is later than `now`. Something must
-    /// be due. Allocates nothing.
+    /// Takes the schedule that has been due for longest; of several, the one that was added first.
+    /// A schedule that recurs is due again at the first of its times that is later than `now`.
+    /// Something must be due. Allocates nothing.
     Due takeDue(Time now);
 
 private:
