@@ -34,8 +34,8 @@ TEST_F(ArgumentsTest, WrongOnesAreNamedInOneLine) {
         std::vector<std::string> arguments;
         char const* message;
     } const rows[] = {
-        {{}, "create or check? See --help"},
-        {{"destroy"}, "unknown command destroy: create or check?"},
+        {{}, "create, check or watch? See --help"},
+        {{"destroy"}, "unknown command destroy: create, check or watch?"},
         {{"create"}, "create needs a directory"},
         {{"create", ""}, "an empty name is no directory"},
         {{"create", "--jobs", "2"}, "create needs a directory"},
