@@ -99,11 +99,11 @@ std::size_t Findings::size() const {
     return known.size();
 }
 
-std::size_t Findings::listed() const {
+std::size_t Findings::countOf(ListedFiles const& listed) const {
     std::lock_guard<std::mutex> const lock(mutex);
-    return static_cast<std::size_t>(std::count_if(
-        known.begin(), known.end(),
-        [](auto const& entry) { return !isOfSearch(entry.first, entry.second.finding); }));
+    return static_cast<std::size_t>(
+        std::count_if(known.begin(), known.end(),
+                      [&](auto const& entry) { return listed.contains(entry.first); }));
 }
 
 std::uint64_t Findings::version() const {

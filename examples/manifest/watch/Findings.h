@@ -58,8 +58,8 @@ public:
     void endSearch(ListedFiles const& listed);
 
     std::size_t size() const;
-    /// How many of them are about listed files.
-    std::size_t listed() const;
+    /// How many of them are about files that are listed.
+    std::size_t countOf(ListedFiles const& listed) const;
     /// Another number after each change.
     std::uint64_t version() const;
     /// Calls `function` for each, by path.

@@ -17,6 +17,8 @@ using ovra::fs::FileHandle;
 
 namespace {
 
+constexpr std::size_t LEAST_LINE_BYTES = 68;  // A digest, a marker, a path and a newline.
+
 int valueOf(char digit) {
     return digit <= '9' ? digit - '0' : (digit | 0x20) - 'a' + 10;
 }
@@ -51,6 +53,10 @@ ListedFiles::ListedFiles(std::string const& path, Pace& pace) {
         std::string const reason = whyFileNotOpened(path);
         throw std::runtime_error(quoted(path) + ": " + (reason.empty() ? "not a file" : reason));
     }
+    // More than enough: memory that is never used costs nothing, and moving to more memory would.
+    auto const bytes = static_cast<std::size_t>(file.Size());
+    files.reserve(bytes / LEAST_LINE_BYTES);
+    paths.reserve(bytes);
     ManifestReader reader;
     for (std::string line; std::getline(*stream, line) && pace.take(0);) {
         if (!line.empty() && line.back() == '\r') {
@@ -129,15 +135,16 @@ void ListedFiles::add(std::string const& path, std::string const& digest) {
     files.push_back(file);
 }
 
+// A stable sort would need as much memory again.
 void ListedFiles::sort() {
-    std::stable_sort(files.begin(), files.end(), [this](File const& left, File const& right) {
-        return pathOf(left) < pathOf(right);
+    std::sort(files.begin(), files.end(), [this](File const& left, File const& right) {
+        int const order = pathOf(left).compare(pathOf(right));
+        return order != 0 ? order < 0 : left.begin < right.begin;
     });
     auto const last = std::unique(
         files.begin(), files.end(),
         [this](File const& left, File const& right) { return pathOf(left) == pathOf(right); });
     files.erase(last, files.end());
-    files.shrink_to_fit();
 }
 
 std::string_view ListedFiles::pathOf(File const& file) const {

@@ -216,7 +216,7 @@ std::string Rounds::finish(ListedFiles const& listed, std::string const& started
     status.started = started;
     status.ended = now();
     status.files = listed.size();
-    status.well = listed.size() - findings.listed();
+    status.well = listed.size() - findings.countOf(listed);
     status.nextFile.clear();
     save();
     return "files: " + std::to_string(status.files) +

@@ -47,7 +47,7 @@ constexpr char TAG[] = "watch()";
 // A request to end is met within five seconds.
 constexpr milliseconds ROUND_ENDS_WITHIN(2500);
 constexpr unsigned int SECONDS_TO_THE_END = 4;
-constexpr seconds ANSWER_WITHIN(10);
+constexpr seconds ANSWER_WITHIN(2);
 
 // Says it at once on standard output, as check does, and in the log.
 void report(std::string const& path, std::string const& what, bool isNow) {
@@ -57,6 +57,15 @@ void report(std::string const& path, std::string const& what, bool isNow) {
               << std::flush;
     log::logVerbatim(isNow ? log::ERROR : log::WARNING, TAG, "%s: %s", quoted(path).c_str(),
                      what.c_str());
+}
+
+// The threads are few and allocate little: they share one heap. What a round needs goes back to the
+// system at its end.
+void saveMemory() {
+    constexpr int LARGE_BYTES = 65536;
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, LARGE_BYTES);
+    mallopt(M_TRIM_THRESHOLD, LARGE_BYTES);
 }
 
 std::atomic<int> statusAtTheEnd{ALL_WELL};
@@ -189,11 +198,16 @@ void Watch::giveSignOfLife() {
     stepsSeen = steps;
 }
 
-// How far the round is, asked of the workers that hash: an answer comes as soon as one of them has
-// ended its file.
+// What is running and waiting, at once. How far the round is, as soon as a worker has ended its
+// file: the workers that hash know best, and are asked ahead of all files.
 void Watch::answer() {
     auto progress = extra::submitAsync(
         *hashing, [this] { return rounds.progress(); }, concurrent::HIGHEST, "status");
+    say("the last lines of the log:");
+    watchLog.writeRecentLines(STDERR_FILENO);
+    say("running and waiting:");
+    hashing->writeTo(STDERR_FILENO);
+
     auto const limit = std::chrono::steady_clock::now() + ANSWER_WITHIN;
     bool isReady = false;
     while (!isReady && !pace.isStopped() && std::chrono::steady_clock::now() < limit) {
@@ -202,11 +216,7 @@ void Watch::answer() {
     if (!isReady) {
         progress.cancel();
     }
-    say(isReady ? progress.future.get() : rounds.progress() + ", and all workers are reading");
-    say("running and waiting:");
-    hashing->writeTo(STDERR_FILENO);
-    say("the last lines of the log:");
-    watchLog.writeRecentLines(STDERR_FILENO);
+    say(isReady ? progress.future.get() : rounds.progress() + " (all workers are reading)");
 }
 
 void Watch::stop() {
@@ -227,7 +237,7 @@ void Watch::stop() {
 ExitStatus watch(WatchOptions const& options) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
-    mallopt(M_ARENA_MAX, 1);  // A few threads that allocate little: they can share one.
+    saveMemory();
     Pace unlimited(0);
     ListedFiles(options.manifest, unlimited);  // Throws now rather than at the first round.
     return Watch(options).run();
