@@ -167,11 +167,15 @@ void Rounds::submit(ListedFiles const& listed, std::size_t number) {
 
 // Waits for all that was submitted. `next` is the first file that was not.
 void Rounds::drain(ListedFiles const& listed, std::size_t next) {
-    while (!group.waitFor(PAUSE)) {
-        if (pace.isStopped()) {
-            group.cancelAll();
+    for (bool isGivenUp = false; !group.waitFor(PAUSE);) {
+        if (isGivenUp || !pace.isStopped()) {
+            saveIfDue(listed, next);
+            continue;
         }
-        saveIfDue(listed, next);
+        isGivenUp = true;
+        group.cancelAll();
+        noteNext(listed, next);
+        save();  // Now: the system may hold a worker up, and the process ends without it.
     }
     noteNext(listed, next);
     std::lock_guard<std::mutex> const lock(mutex);
