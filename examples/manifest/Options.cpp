@@ -16,26 +16,46 @@ char const HELP_TEXT[] =
                                    [--log PATH] [--verbose]
        ovra-manifest check FILE [--quiet|--status] [--strict] [--ignore-missing]
                                 [--new DIR] [--jobs N] [--log PATH] [--verbose]
+       ovra-manifest watch FILE --every SECONDS [--rounds N] [--status FILE]
+                                [--new DIR|--listed-only] [--rate BYTES]
+                                [--eager] [--jobs N]
+                                [--log PATH [--max-bytes N] [--keep N]]
 
 create: prints the SHA-256 digests of the regular files below each DIR, sorted by
 path, in the format of sha256sum. Symbolic links below DIR are not followed and
 not listed; neither are the files that -o and --log name. A directory that
 several DIRs reach is listed once.
 check: verifies the manifest FILE ("-": standard input) as sha256sum -c does.
+watch: verifies the manifest FILE again and again, as a service. Names each file
+that is changed, missing, unreadable or new once, and again when that changes.
 
   -o FILE           write the manifest to FILE, which appears only when it is
                     complete; a link is followed
-  -j, --jobs N      hash with N threads, 12 at most; by default one a processor
+  -j, --jobs N      hash with N threads, 12 at most; by default one a processor,
+                    and for watch 1
   --first PATH      hash what lies below PATH first; spell PATH as DIR is spelt
   -q, --quiet       do not print OK for each file that is well
   --status          print no outcome: the exit status says it
   --strict          fail if a line of the manifest is not properly formatted
   --ignore-missing  do not fail because of files that do not exist
   --new DIR         also name the files below DIR that the manifest does not list;
-                    spell DIR as in the manifest
+                    spell DIR as in the manifest. watch looks below all directories
+                    of the manifest by default, and takes several --new DIR
   --log PATH        log to the file PATH, or to ovra.log in the directory PATH
   --verbose         log to standard output; create then needs -o
   -h, --help; --version
+
+Of watch only:
+  --every SECONDS   begin a round so often
+  --rounds N        end after N rounds, with 1 if not all is well
+  --status FILE     keep what was found in FILE, for people and for the next run
+  --listed-only     do not look for new files
+  --rate BYTES      read at most so many bytes in a second
+  --eager           do not give way to other programs while hashing
+  --max-bytes N     move the log to PATH.1 before it grows beyond N bytes
+  --keep N          keep N moved logs, by default 1
+SIGHUP opens the log again, SIGUSR1 shows what runs and waits, SIGUSR2 begins a
+round, SIGTERM ends it.
 
 Exit status: 0 when all is well, 1 when a file could not be read, differs or is
 new, 2 when called wrongly, 130 after Ctrl-C. A second Ctrl-C ends it at once.

@@ -42,6 +42,7 @@ Findings::Findings(Report reportTo) : report(std::move(reportTo)) {}
 void Findings::restore(std::string const& path, Finding finding) {
     std::lock_guard<std::mutex> const lock(mutex);
     known[path] = {std::move(finding), searches};
+    count = known.size();
 }
 
 void Findings::forgetSearches() {
@@ -49,6 +50,7 @@ void Findings::forgetSearches() {
     for (auto next = known.begin(); next != known.end();) {
         next = isOfSearch(next->first, next->second.finding) ? known.erase(next) : std::next(next);
     }
+    count = known.size();
 }
 
 void Findings::add(std::string const& path, Finding finding) {
@@ -57,16 +59,14 @@ void Findings::add(std::string const& path, Finding finding) {
     bool const isReported = !isNew && place->second.finding == finding;
     place->second = {std::move(finding), searches};
     if (!isReported) {
-        ++changes;
-        report(path, described(place->second.finding), true);
+        changed(path, described(place->second.finding), true);
     }
 }
 
 void Findings::setWell(std::string const& path) {
     std::lock_guard<std::mutex> const lock(mutex);
     if (known.erase(path) != 0) {
-        ++changes;
-        report(path, "OK", false);
+        changed(path, "OK", false);
     }
 }
 
@@ -84,19 +84,17 @@ void Findings::endSearch(ListedFiles const& listed) {
             ++next;
             continue;
         }
-        ++changes;
-        report(path,
-               !ofSearch                             ? "NOT LISTED"
-               : entry.finding.state == Finding::NEW ? "REMOVED"
-                                                     : "OK",
-               false);
+        std::string const name = path;
+        char const* const what = !ofSearch                             ? "NOT LISTED"
+                                 : entry.finding.state == Finding::NEW ? "REMOVED"
+                                                                       : "OK";
         next = known.erase(next);
+        changed(name, what, false);
     }
 }
 
 std::size_t Findings::size() const {
-    std::lock_guard<std::mutex> const lock(mutex);
-    return known.size();
+    return count;
 }
 
 std::size_t Findings::countOf(ListedFiles const& listed) const {
@@ -117,6 +115,13 @@ void Findings::forEach(
     for (auto const& [path, entry] : known) {
         function(path, entry.finding);
     }
+}
+
+// With the lock held.
+void Findings::changed(std::string const& path, std::string const& what, bool isNow) {
+    count = known.size();
+    ++changes;
+    report(path, what, isNow);
 }
 
 }  // namespace manifest

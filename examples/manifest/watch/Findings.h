@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -57,6 +58,7 @@ public:
     /// those about files that are not listed any more.
     void endSearch(ListedFiles const& listed);
 
+    /// Does not wait, even while a report is held up.
     std::size_t size() const;
     /// How many of them are about files that are listed.
     std::size_t countOf(ListedFiles const& listed) const;
@@ -71,9 +73,12 @@ private:
         std::uint64_t search;  // The last one that added it.
     };
 
+    void changed(std::string const& path, std::string const& what, bool isNow);
+
     Report const report;
     mutable std::mutex mutex;  // Guards the rest.
     std::map<std::string, Known> known;
+    std::atomic<std::size_t> count{0};  // Of `known`. Set under `mutex`.
     std::uint64_t searches = 0;
     std::uint64_t changes = 0;
 };

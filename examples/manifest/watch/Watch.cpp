@@ -237,6 +237,7 @@ void Watch::stop() {
 ExitStatus watch(WatchOptions const& options) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
+    std::cerr.tie(nullptr);  // An output that nobody reads must not hold up an answer.
     saveMemory();
     Pace unlimited(0);
     ListedFiles(options.manifest, unlimited);  // Throws now rather than at the first round.
