@@ -63,6 +63,7 @@ bool TreeSearch::readDirectory(std::string const& directory, bool isFirst) {
     }
     if (stream) {
         errno = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this stream.
         while (auto const* const entry = readdir(stream.get())) {
             if (!pace.take(0)) {
                 return false;

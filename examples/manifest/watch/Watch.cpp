@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -63,9 +64,17 @@ void report(std::string const& path, std::string const& what, bool isNow) {
 // system at its end.
 void saveMemory() {
     constexpr int LARGE_BYTES = 65536;
+    // NOLINTBEGIN(concurrency-mt-unsafe): there are no other threads yet.
     mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, LARGE_BYTES);
     mallopt(M_TRIM_THRESHOLD, LARGE_BYTES);
+    // NOLINTEND(concurrency-mt-unsafe)
+}
+
+// Throws now rather than at the first round.
+void requireManifest(std::string const& path) {
+    Pace unlimited(0);
+    ListedFiles const files(path, unlimited);
 }
 
 std::atomic<int> statusAtTheEnd{ALL_WELL};
@@ -82,7 +91,8 @@ public:
     ExitStatus run();
 
 private:
-    void startRound(milliseconds delay);
+    std::function<Executable::Result()> round();
+    void startRound();
     void roundEnded(std::uint64_t round, std::string const& summary);
     void serve(int signal);
     void giveSignOfLife();
@@ -121,14 +131,8 @@ Watch::Watch(WatchOptions const& watchOptions)
 ExitStatus Watch::run() {
     notify.send("READY=1");
     log::log(log::WARNING, TAG, "Started, process %d.", getpid());
-    startRound(milliseconds(0));
-    schedule.every(
-        options.period,
-        [this] {
-            rounds.run();
-            return Executable::SUCCESS;
-        },
-        concurrent::NORMAL, "round");
+    startRound();
+    schedule.every(options.period, round(), concurrent::NORMAL, "round");
 
     milliseconds const interval = Notify::watchdogInterval();
     bool const isWatched = interval.count() != 0;
@@ -139,27 +143,28 @@ ExitStatus Watch::run() {
             giveSignOfLife();
             nextSign = now + interval;
         }
-        auto const signal =
-            signals.next(isWatched ? nextSign - now : std::chrono::nanoseconds(seconds(3600)));
+        std::chrono::nanoseconds const limit = isWatched ? nextSign - now : seconds(3600);
+        int const signal = signals.next(limit).value_or(0);
         if (signal == SIGTERM || signal == SIGINT) {
             statusAtTheEnd = signal == SIGINT ? INTERRUPTED : statusAtTheEnd.load();
             stop();
             return static_cast<ExitStatus>(statusAtTheEnd.load());
         }
-        if (signal) {
-            serve(*signal);
+        if (signal != 0) {
+            serve(signal);
         }
     }
 }
 
-void Watch::startRound(milliseconds delay) {
-    schedule.after(
-        delay,
-        [this] {
-            rounds.run();
-            return Executable::SUCCESS;
-        },
-        concurrent::NORMAL, "round");
+std::function<Executable::Result()> Watch::round() {
+    return [this] {
+        rounds.run();
+        return Executable::SUCCESS;
+    };
+}
+
+void Watch::startRound() {
+    schedule.after(milliseconds(0), round(), concurrent::NORMAL, "round");
 }
 
 void Watch::roundEnded(std::uint64_t round, std::string const& summary) {
@@ -174,7 +179,7 @@ void Watch::roundEnded(std::uint64_t round, std::string const& summary) {
 // Nothing here may block: the next signal may ask for the end.
 void Watch::serve(int signal) {
     if (signal == SIGUSR2) {
-        startRound(milliseconds(0));
+        startRound();
         return;
     }
     control->submitTask(
@@ -239,8 +244,7 @@ ExitStatus watch(WatchOptions const& options) {
     signal(SIGXFSZ, SIG_IGN);
     std::cerr.tie(nullptr);  // An output that nobody reads must not hold up an answer.
     saveMemory();
-    Pace unlimited(0);
-    ListedFiles(options.manifest, unlimited);  // Throws now rather than at the first round.
+    requireManifest(options.manifest);
     return Watch(options).run();
 }
 
