@@ -158,6 +158,18 @@ TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
     EXPECT_EQ(0, end().exitStatus);
 }
 
+// The thread that answers cannot be joined, so that a timer ends the process.
+TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
+    StuckLog stuck(scratch.path("pipe"));
+    Command made = command({});
+    made.arguments.insert(made.arguments.begin(), {"sh", "-c", "exec \"$0\" \"$@\" 2>pipe"});
+    start(made);
+    roundEnded(1);
+    process->send(SIGUSR1);
+    stuck.waitFor("the last lines");
+    EXPECT_EQ(0, end().exitStatus);
+}
+
 TEST_F(WatchServiceTest, EndsInTheMiddleOfALongFile) {
     scratch.write("d/b", std::string(100000, 'b'));
     scratch.write("d/a", "other");

@@ -62,7 +62,7 @@ public:
     std::size_t size() const;
     /// How many of them are about files that are listed.
     std::size_t countOf(ListedFiles const& listed) const;
-    /// Another number after each change.
+    /// Another number after each change. Does not wait.
     std::uint64_t version() const;
     /// Calls `function` for each, by path.
     void forEach(std::function<void(std::string const&, Finding const&)> const& function) const;
@@ -80,7 +80,7 @@ private:
     std::map<std::string, Known> known;
     std::atomic<std::size_t> count{0};  // Of `known`. Set under `mutex`.
     std::uint64_t searches = 0;
-    std::uint64_t changes = 0;
+    std::atomic<std::uint64_t> changes{0};
 };
 
 }  // namespace manifest

@@ -221,7 +221,6 @@ std::string Rounds::finish(ListedFiles const& listed, std::string const& started
     status.ended = now();
     status.files = listed.size();
     status.well = listed.size() - findings.countOf(listed);
-    status.nextFile.clear();
     save();
     return "files: " + std::to_string(status.files) +
            ", findings: " + std::to_string(findings.size());

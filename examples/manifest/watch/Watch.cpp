@@ -6,12 +6,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <future>
-#include <iostream>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <ovra/concurrent/TaskExecutor.h>
 #include <ovra/extra/MonitoredExecutor.h>
@@ -50,12 +52,20 @@ constexpr milliseconds ROUND_ENDS_WITHIN(2500);
 constexpr unsigned int SECONDS_TO_THE_END = 4;
 constexpr seconds ANSWER_WITHIN(2);
 
+// Without a stream: it would be locked for as long as nobody reads the output.
+void print(std::string_view text) {
+    while (!text.empty()) {
+        ssize_t const count = write(STDOUT_FILENO, text.data(), text.size());
+        if (count == -1 && errno != EINTR) {
+            return;
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
 // Says it at once on standard output, as check does, and in the log.
 void report(std::string const& path, std::string const& what, bool isNow) {
-    std::cout.clear();  // A write that has failed must not silence the next one.
-    std::cout << (path.find('\n') == std::string::npos ? path : escapedPath(path)) + ": " + what +
-                     '\n'
-              << std::flush;
+    print((path.find('\n') == std::string::npos ? path : escapedPath(path)) + ": " + what + '\n');
     log::logVerbatim(isNow ? log::ERROR : log::WARNING, TAG, "%s: %s", quoted(path).c_str(),
                      what.c_str());
 }
@@ -242,7 +252,6 @@ void Watch::stop() {
 ExitStatus watch(WatchOptions const& options) {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
-    std::cerr.tie(nullptr);  // An output that nobody reads must not hold up an answer.
     saveMemory();
     requireManifest(options.manifest);
     return Watch(options).run();
