@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <set>
 #include <thread>
 
 #include <tests/examples/HungFile.h>
@@ -51,6 +53,20 @@ protected:
             count += isNice ? 1 : 0;
         }
         return count;
+    }
+
+    // A worker has the name of its task.
+    std::set<std::string> threadNames() const {
+        std::set<std::string> result;
+        std::error_code ignored;
+        for (auto const& entry : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(process->id()) + "/task", ignored)) {
+            std::ifstream stream(entry.path() / "comm");
+            std::string name;
+            std::getline(stream, name);
+            result.insert(name);
+        }
+        return result;
     }
 
     std::unique_ptr<HungFile> hung;
@@ -161,12 +177,13 @@ TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
 // The thread that answers cannot be joined, so that a timer ends the process.
 TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
     StuckLog stuck(scratch.path("pipe"));
+    stuck.waitFor("");
     Command made = command({});
     made.arguments.insert(made.arguments.begin(), {"sh", "-c", "exec \"$0\" \"$@\" 2>pipe"});
     start(made);
     roundEnded(1);
     process->send(SIGUSR1);
-    stuck.waitFor("the last lines");
+    yieldUntil([this] { return threadNames().count("request") != 0; });
     EXPECT_EQ(0, end().exitStatus);
 }
 
