@@ -25,7 +25,6 @@
 #include "Hasher.h"
 #include "ListedFiles.h"
 #include "ManifestLine.h"
-#include "Messages.h"
 #include "Notify.h"
 #include "Pace.h"
 #include "Quote.h"
@@ -53,9 +52,9 @@ constexpr unsigned int SECONDS_TO_THE_END = 4;
 constexpr seconds ANSWER_WITHIN(2);
 
 // Without a stream: it would be locked for as long as nobody reads the output.
-void print(std::string_view text) {
+void print(int descriptor, std::string_view text) {
     while (!text.empty()) {
-        ssize_t const count = write(STDOUT_FILENO, text.data(), text.size());
+        ssize_t const count = write(descriptor, text.data(), text.size());
         if (count == -1 && errno != EINTR) {
             return;
         }
@@ -63,9 +62,14 @@ void print(std::string_view text) {
     }
 }
 
+void printAnswer(std::string const& text) {
+    print(STDERR_FILENO, "ovra-manifest: " + text + '\n');
+}
+
 // Says it at once on standard output, as check does, and in the log.
 void report(std::string const& path, std::string const& what, bool isNow) {
-    print((path.find('\n') == std::string::npos ? path : escapedPath(path)) + ": " + what + '\n');
+    print(STDOUT_FILENO,
+          (path.find('\n') == std::string::npos ? path : escapedPath(path)) + ": " + what + '\n');
     log::logVerbatim(isNow ? log::ERROR : log::WARNING, TAG, "%s: %s", quoted(path).c_str(),
                      what.c_str());
 }
@@ -218,9 +222,9 @@ void Watch::giveSignOfLife() {
 void Watch::answer() {
     auto progress = extra::submitAsync(
         *hashing, [this] { return rounds.progress(); }, concurrent::HIGHEST, "status");
-    say("the last lines of the log:");
+    printAnswer("the last lines of the log:");
     watchLog.writeRecentLines(STDERR_FILENO);
-    say("running and waiting:");
+    printAnswer("running and waiting:");
     hashing->writeTo(STDERR_FILENO);
 
     auto const limit = std::chrono::steady_clock::now() + ANSWER_WITHIN;
@@ -231,7 +235,7 @@ void Watch::answer() {
     if (!isReady) {
         progress.cancel();
     }
-    say(isReady ? progress.future.get() : rounds.progress() + " (all workers are reading)");
+    printAnswer(isReady ? progress.future.get() : rounds.progress() + " (all workers are reading)");
 }
 
 void Watch::stop() {
