@@ -28,7 +28,7 @@ struct Options {
     bool ignoreMissing = false;  ///< A file that does not exist is none.
     std::string newBelow;        ///< Files below here must be listed; may be empty.
 
-    WatchOptions watch;  ///< All that watch is told.
+    WatchOptions watch;  ///< The options of watch.
 };
 
 /// The program was called in a way that cannot work; `what()` is one line that says why.
