@@ -140,10 +140,14 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${OVRA_TOOLS_PACKAGE})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${OVRA_RUNTIME_PACKAGE} (>= ${PROJECT_VERSION})")
+if(OVRA_BUILD_EXTRA)
+  string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    ", ${OVRA_EXTRA_PACKAGE} (>= ${PROJECT_VERSION})")
+endif()
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 "SHA-256 manifests of directory trees
 ovra-manifest hashes the files of directory trees in the background, and checks
-them against a manifest in the format of sha256sum. It is an application of the
-library ovra.")
+them against a manifest in the format of sha256sum, once or as a service that
+watches over them. It is an application of the library ovra.")
 
 include(CPack)

@@ -1,9 +1,12 @@
 #include "Options.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <thread>
 #include <utility>
 
+#include "Arguments.h"
 #include "Quote.h"
 
 namespace manifest {
@@ -13,26 +16,46 @@ char const HELP_TEXT[] =
                                    [--log PATH] [--verbose]
        ovra-manifest check FILE [--quiet|--status] [--strict] [--ignore-missing]
                                 [--new DIR] [--jobs N] [--log PATH] [--verbose]
+       ovra-manifest watch FILE --every SECONDS [--rounds N] [--status FILE]
+                                [--new DIR|--listed-only] [--rate BYTES]
+                                [--eager] [--jobs N]
+                                [--log PATH [--max-bytes N] [--keep N]]
 
 create: prints the SHA-256 digests of the regular files below each DIR, sorted by
 path, in the format of sha256sum. Symbolic links below DIR are not followed and
 not listed; neither are the files that -o and --log name. A directory that
 several DIRs reach is listed once.
 check: verifies the manifest FILE ("-": standard input) as sha256sum -c does.
+watch: verifies the manifest FILE again and again, as a service. Names each file
+that is changed, missing, unreadable or new once, and again when that changes.
 
   -o FILE           write the manifest to FILE, which appears only when it is
                     complete; a link is followed
-  -j, --jobs N      hash with N threads, 12 at most; by default one a processor
+  -j, --jobs N      hash with N threads, 12 at most; by default one a processor,
+                    and for watch 1
   --first PATH      hash what lies below PATH first; spell PATH as DIR is spelt
   -q, --quiet       do not print OK for each file that is well
   --status          print no outcome: the exit status says it
   --strict          fail if a line of the manifest is not properly formatted
   --ignore-missing  do not fail because of files that do not exist
   --new DIR         also name the files below DIR that the manifest does not list;
-                    spell DIR as in the manifest
+                    spell DIR as in the manifest. watch looks below all directories
+                    of the manifest by default, and takes several --new DIR
   --log PATH        log to the file PATH, or to ovra.log in the directory PATH
   --verbose         log to standard output; create then needs -o
   -h, --help; --version
+
+Of watch only:
+  --every SECONDS   begin a round so often
+  --rounds N        end after N rounds, with 1 if not all is well
+  --status FILE     keep what was found in FILE, for people and for the next run
+  --listed-only     do not look for new files
+  --rate BYTES      read at most so many bytes in a second
+  --eager           do not give way to other programs while hashing
+  --max-bytes N     move the log to PATH.1 before it grows beyond N bytes
+  --keep N          keep N moved logs, by default 1
+SIGHUP opens the log again, SIGUSR1 shows what runs and waits, SIGUSR2 begins a
+round, SIGTERM ends it.
 
 Exit status: 0 when all is well, 1 when a file could not be read, differs or is
 new, 2 when called wrongly, 130 after Ctrl-C. A second Ctrl-C ends it at once.
@@ -40,75 +63,18 @@ new, 2 when called wrongly, 130 after Ctrl-C. A second Ctrl-C ends it at once.
 
 namespace {
 
-unsigned int parseJobs(std::string const& option, std::string const& text) {
-    bool const isNumber =
-        !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-    unsigned long const jobs = isNumber && text.size() <= 6 ? std::stoul(text) : 0;
-    if (jobs == 0) {
-        throw UsageError(option + " needs a number from 1 up, not " + quoted(text));
-    }
-    return static_cast<unsigned int>(jobs);
-}
-
-// Returns the arguments one by one, "--name=value" as if it were two.
-class Arguments {
-public:
-    explicit Arguments(std::vector<std::string> const& list) : arguments(list) {}
-
-    bool takeNext() {
-        if (!attached.empty()) {
-            throw UsageError(current + " takes no value");
-        }
-        if (next == arguments.size()) {
-            return false;
-        }
-        current = arguments[next++];
-        isOption = !optionsEnded && current.size() > 1 && current[0] == '-';
-        if (isOption && current == "--") {
-            optionsEnded = true;
-            return takeNext();
-        }
-        std::size_t const equals = current.find('=');
-        if (isOption && current[1] != '-' && current.size() > 2) {
-            attached = "=" + current.substr(2);  // -oFILE
-            current.resize(2);
-        } else if (isOption && current[1] == '-' && equals != std::string::npos) {
-            attached = current.substr(equals);
-            current.resize(equals);
-        }
-        return true;
-    }
-
-    std::string value() {
-        std::string result;
-        if (!attached.empty()) {
-            result = attached.substr(1);
-            attached.clear();
-        } else if (next < arguments.size()) {
-            result = arguments[next++];
-        }
-        if (result.empty()) {
-            throw UsageError(current + " needs a value");
-        }
-        return result;
-    }
-
-    std::string current;
-    bool isOption = false;
-
-private:
-    std::vector<std::string> const& arguments;
-    std::size_t next = 0;
-    std::string attached;  // "=value", until it is asked for
-    bool optionsEnded = false;
-};
+constexpr std::uint64_t ANY = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t MOST_JOBS = 12;
 
 void setOperands(Options& options, std::vector<std::string> operands) {
     if (operands.empty()) {
-        throw UsageError("create or check? See --help");
+        throw UsageError("create, check or watch? See --help");
     }
     std::string const command = operands.front();
     operands.erase(operands.begin());
+    if (command == "watch") {
+        throw UsageError("watch comes first: ovra-manifest watch MANIFEST --every SECONDS");
+    }
     if (command == "create") {
         options.command = Options::CREATE;
         if (operands.empty()) {
@@ -141,7 +107,7 @@ void setOperands(Options& options, std::vector<std::string> operands) {
         }
         options.manifest = operands.front();
     } else {
-        throw UsageError("unknown command " + quoted(command) + ": create or check?");
+        throw UsageError("unknown command " + quoted(command) + ": create, check or watch?");
     }
 }
 
@@ -149,6 +115,12 @@ void setOperands(Options& options, std::vector<std::string> operands) {
 
 Options parseOptions(std::vector<std::string> const& list) {
     Options options;
+    if (!list.empty() && list.front() == "watch") {
+        Arguments arguments(list, 1);
+        options.watch = parseWatchOptions(arguments);
+        options.command = options.watch.help ? Options::HELP : Options::WATCH;
+        return options;
+    }
     options.jobs = std::thread::hardware_concurrency();
     std::vector<std::string> operands;
     Arguments arguments(list);
@@ -159,7 +131,7 @@ Options parseOptions(std::vector<std::string> const& list) {
         } else if (argument == "-o") {
             options.output = arguments.value();
         } else if (argument == "-j" || argument == "--jobs") {
-            options.jobs = parseJobs(argument, arguments.value());
+            options.jobs = static_cast<unsigned int>(std::min(arguments.number(1, ANY), MOST_JOBS));
         } else if (argument == "--first") {
             options.first = arguments.value();
         } else if (argument == "--log") {

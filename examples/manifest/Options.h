@@ -4,11 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "watch/WatchOptions.h"
+
 namespace manifest {
 
 /// What the command line asks for.
 struct Options {
-    enum Command { CREATE, CHECK, HELP, VERSION };
+    enum Command { CREATE, CHECK, WATCH, HELP, VERSION };
 
     Command command = HELP;
     std::vector<std::string> directories;  ///< To make a manifest of.
@@ -25,6 +27,8 @@ struct Options {
     bool strict = false;         ///< A line that is no entry is a failure.
     bool ignoreMissing = false;  ///< A file that does not exist is none.
     std::string newBelow;        ///< Files below here must be listed; may be empty.
+
+    WatchOptions watch;  ///< The options of watch.
 };
 
 /// The program was called in a way that cannot work; `what()` is one line that says why.

@@ -1,5 +1,6 @@
 #include "Sha256.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <stdexcept>
@@ -27,6 +28,8 @@ Sha256::Sha256() : context(EVP_MD_CTX_new()) {
 }
 
 void Sha256::setUpLibrary() {
+    // No file of settings changes what a digest is, and none is read.
+    require(OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr));
     Sha256().finish();
 }
 

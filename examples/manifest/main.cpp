@@ -14,6 +14,7 @@
 #include "Messages.h"
 #include "Options.h"
 #include "Sha256.h"
+#include "watch/Watch.h"
 
 namespace {
 
@@ -29,9 +30,13 @@ ExitStatus run(Options const& options) {
             return ALL_WELL;
         case Options::CREATE:
         case Options::CHECK:
+        case Options::WATCH:
             break;
     }
     Sha256::setUpLibrary();
+    if (options.command == Options::WATCH) {
+        return watch(options.watch);
+    }
     Interrupt interrupt;
     startLogging(options);
     return options.command == Options::CREATE ? create(options, interrupt)

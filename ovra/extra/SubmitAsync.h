@@ -98,11 +98,12 @@ struct Async {
 
 /// What `submitAsync` makes a task of: a function, and the promise of its value.
 template <typename Function, typename Value>
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): never deleted through its base.
 class AsyncWork final : public AbandonableWork {
 public:
     /// Takes the function over.
-    AsyncWork(Function&& givenFunction, StopFlag givenFlag)
-        : flag(std::move(givenFlag)), function(std::move(givenFunction)) {}
+    AsyncWork(Function&& givenFunction, StopFlag const& givenFlag)
+        : flag(givenFlag), function(std::move(givenFunction)) {}
 
     /// The future of the function's value. Once, before the task is submitted.
     std::future<Value> getFuture() { return promise->get_future(); }

@@ -34,8 +34,8 @@ TEST_F(ArgumentsTest, WrongOnesAreNamedInOneLine) {
         std::vector<std::string> arguments;
         char const* message;
     } const rows[] = {
-        {{}, "create or check? See --help"},
-        {{"destroy"}, "unknown command destroy: create or check?"},
+        {{}, "create, check or watch? See --help"},
+        {{"destroy"}, "unknown command destroy: create, check or watch?"},
         {{"create"}, "create needs a directory"},
         {{"create", ""}, "an empty name is no directory"},
         {{"create", "--jobs", "2"}, "create needs a directory"},
@@ -66,6 +66,30 @@ TEST_F(ArgumentsTest, WrongOnesAreNamedInOneLine) {
         {{"check", "a", "b"}, "check needs one manifest"},
         {{"check", "a", "-o", "b"}, "-o and --first belong to create"},
         {{"check", "a", "--first", "b"}, "-o and --first belong to create"},
+        {{"watch"}, "watch needs one manifest, a file"},
+        {{"watch", "-", "--every", "1"}, "watch needs one manifest, a file"},
+        {{"watch", "a", "b", "--every", "1"}, "watch needs one manifest, a file"},
+        {{"watch", "m"}, "watch needs --every SECONDS"},
+        {{"watch", "m", "--every", "0"},
+         "--every needs a number of seconds such as 3600 or 0.5, not 0"},
+        {{"watch", "m", "--every", "1.2.3"},
+         "--every needs a number of seconds such as 3600 or 0.5, not 1.2.3"},
+        {{"watch", "m", "--every", "."},
+         "--every needs a number of seconds such as 3600 or 0.5, not ."},
+        {{"watch", "m", "--every", "-1"},
+         "--every needs a number of seconds such as 3600 or 0.5, not -1"},
+        {{"watch", "m", "--every=1", "--verbose"}, "unknown option of watch --verbose: see --help"},
+        {{"watch", "m", "--every=1", "--new", "d", "--listed-only"},
+         "--new or --listed-only, not both"},
+        {{"watch", "m", "--every=1", "--keep", "2"}, "--max-bytes and --keep are about --log"},
+        {{"watch", "m", "--every=1", "--keep", "1000"},
+         "--keep needs a number from 0 to 999, not 1000"},
+        {{"watch", "m", "--every=1", "-j13"}, "-j needs a number from 1 to 12, not 13"},
+        {{"watch", "m", "--every=1", "--rounds", "0"}, "--rounds needs a number from 1 up, not 0"},
+        {{"watch", "m", "--every=1", "--rate", "fast"},
+         "--rate needs a number from 0 up, not fast"},
+        {{"--jobs", "2", "watch", "m"},
+         "watch comes first: ovra-manifest watch MANIFEST --every SECONDS"},
     };
     for (auto const& row : rows) {
         SCOPED_TRACE(::testing::PrintToString(row.arguments));
@@ -104,6 +128,7 @@ TEST_F(ArgumentsTest, ValueMayFollowItsLetterAtOnce) {
 TEST_F(ArgumentsTest, HelpAndVersion) {
     Outcome const help = call({"create", "--help"});
     EXPECT_EQ(help.out, call({"-h"}).out);
+    EXPECT_EQ(help.out, call({"watch", "--help"}).out);
     EXPECT_EQ(0, help.exitStatus);
     EXPECT_THAT(help.out, StartsWith("Usage: ovra-manifest create DIR..."));
     for (auto const* option :

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include <examples/manifest/ManifestFile.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/NextFunction.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

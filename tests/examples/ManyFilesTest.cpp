@@ -9,8 +9,8 @@
 
 #include <tests/examples/Digests.h>
 #include <tests/examples/Process.h>
-#include <tests/examples/ScratchDirectory.h>
 #include <tests/support/Bounded.h>
+#include <tests/support/ScratchDirectory.h>
 
 namespace {
 

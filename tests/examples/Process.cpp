@@ -60,6 +60,9 @@ void limit(__rlimit_resource_t resource, unsigned long value) {
                  setenv("TERM", command.terminal.c_str(), 1) == 0 &&
                  (command.noColour ? setenv("NO_COLOR", "1", 1) : unsetenv("NO_COLOR")) == 0 &&
                  (command.directory.empty() || chdir(command.directory.c_str()) == 0);
+    for (auto const& [name, value] : command.environment) {
+        ready = ready && setenv(name.c_str(), value.c_str(), 1) == 0;
+    }
     if (command.unprivileged && geteuid() == 0) {
         ready = ready && prctl(PR_SET_SECUREBITS, SECBIT_NOROOT | SECBIT_NOROOT_LOCKED) == 0;
     }
@@ -116,12 +119,15 @@ Process::~Process() {
 }
 
 bool Process::waitForError(std::string const& text) {
-    while (outcome.err.find(text) == std::string::npos) {
-        if (!readSome()) {
-            return false;
-        }
-    }
-    return true;
+    return waitFor(outcome.err, text);
+}
+
+bool Process::waitForOutput(std::string const& text) {
+    return waitFor(outcome.out, text);
+}
+
+pid_t Process::id() const {
+    return child;
 }
 
 void Process::send(int signal) const {
@@ -141,6 +147,15 @@ Outcome Process::finish() {
     outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return outcome;
+}
+
+bool Process::waitFor(std::string const& stream, std::string const& text) {
+    while (stream.find(text) == std::string::npos) {
+        if (!readSome()) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // False once both outputs have ended.

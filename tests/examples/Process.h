@@ -22,6 +22,7 @@ struct Command {
     std::string directory;               ///< Where it runs.
     std::string input;                   ///< Its standard input; a few kilobytes at most.
     std::string locale = "C";
+    std::vector<std::pair<std::string, std::string>> environment;  ///< Added to the test's own.
     std::string outputFile;          ///< Instead of keeping its standard output.
     bool onTerminal = false;         ///< Standard error is a terminal.
     std::string terminal = "xterm";  ///< TERM.
@@ -42,7 +43,10 @@ public:
 
     /// Reads on until standard error contains `text`; false if it ends without.
     bool waitForError(std::string const& text);
+    /// The same for standard output.
+    bool waitForOutput(std::string const& text);
     void send(int signal) const;
+    pid_t id() const;
 
     /// While this process is read from, read from `descriptor` too, and throw that away.
     void alsoDrain(int descriptor);
@@ -50,6 +54,7 @@ public:
     Outcome finish();
 
 private:
+    bool waitFor(std::string const& stream, std::string const& text);
     bool readSome();
 
     pid_t child = -1;

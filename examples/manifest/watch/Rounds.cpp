@@ -1,0 +1,257 @@
+#include "Rounds.h"
+
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include <ovra/extra/Outcome.h>
+
+#include "Messages.h"
+#include "TreeSearch.h"
+#include "WatchLog.h"
+
+namespace manifest {
+
+namespace extra = ovra::extra;
+using std::chrono::milliseconds;
+
+namespace {
+
+// So many files wait and are read at any moment.
+constexpr std::size_t MOST_UNDER_WAY = 64;
+constexpr milliseconds PAUSE(10);
+// A finding is saved soon. How far the round is, is saved now and then: each save is a few writes.
+constexpr std::chrono::seconds SAVE_FINDINGS_AFTER(1);
+constexpr std::chrono::minutes SAVE_ANYWAY_AFTER(5);
+
+std::string now() {
+    std::time_t const seconds = std::time(nullptr);
+    std::tm parts = {};
+    char text[32];
+    gmtime_r(&seconds, &parts);
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+// "d" -> "d/"
+std::string asPrefix(std::string const& directory) {
+    return directory.back() == '/' ? directory : directory + '/';
+}
+
+}  // namespace
+
+Rounds::Rounds(WatchOptions const& watchOptions,
+               std::shared_ptr<ovra::concurrent::TaskExecutor> const& hashing,
+               Findings& allFindings, StatusFile& file, Pace& readingPace, Ended whenEnded)
+    : options(watchOptions),
+      findings(allFindings),
+      statusFile(file),
+      pace(readingPace),
+      ended(std::move(whenEnded)),
+      group(hashing, MOST_UNDER_WAY),
+      status(statusFile.load(findings)),
+      round(status.round) {
+    status.manifest = options.manifest;
+    savedVersion = findings.version();
+    savedAt = Clock::now() - SAVE_FINDINGS_AFTER;
+    if (options.listedOnly) {
+        findings.forgetSearches();
+    }
+}
+
+Rounds::~Rounds() = default;
+
+void Rounds::run() {
+    {
+        std::lock_guard<std::mutex> const lock(mutex);
+        if (++wanted > 1) {
+            return;
+        }
+    }
+    for (;;) {
+        if (!pace.isStopped()) {
+            runOne();
+        }
+        std::lock_guard<std::mutex> const lock(mutex);
+        wanted = wanted > 1 && !pace.isStopped() ? 1 : 0;
+        if (wanted == 0) {
+            isIdle.notify_all();
+            return;
+        }
+    }
+}
+
+bool Rounds::isAllWell() const {
+    return trouble.empty() && findings.size() == 0;
+}
+
+bool Rounds::isUnderWay() const {
+    std::lock_guard<std::mutex> const lock(mutex);
+    return wanted > 0;
+}
+
+bool Rounds::waitForEnd(milliseconds limit) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return isIdle.wait_for(lock, limit, [this] { return wanted == 0; });
+}
+
+std::string Rounds::progress() const {
+    std::string const found = ", findings: " + std::to_string(findings.size());
+    if (!isUnderWay()) {
+        return "round " + std::to_string(round) + " has ended" + found;
+    }
+    return "round " + std::to_string(round) + ": " + std::to_string(filesChecked) + " of " +
+           std::to_string(filesListed) + " files checked" + found;
+}
+
+void Rounds::runOne() {
+    std::string const started = now();
+    round = status.round + 1;
+    filesListed = filesChecked = 0;
+    std::string summary;
+    try {
+        ListedFiles const listed(options.manifest, pace);
+        if (pace.isStopped()) {
+            return;
+        }
+        filesListed = listed.size();
+        checkAll(listed);
+        lookForNew(listed);
+        if (pace.isStopped()) {
+            save();
+            return;
+        }
+        summary = finish(listed, started);
+        trouble.clear();
+    } catch (std::exception const& error) {
+        if (pace.isStopped()) {
+            return;
+        }
+        summary = error.what();
+        if (trouble != summary) {
+            complain(summary);
+        }
+        trouble = summary;
+    }
+    ended(round, summary);
+}
+
+// Returns early, with everything it submitted ended, once the pace is stopped.
+void Rounds::checkAll(ListedFiles const& listed) {
+    std::size_t next = status.nextFile.empty() ? 0 : listed.numberOf(status.nextFile);
+    filesChecked = next;
+    try {
+        for (; next < listed.size() && !pace.isStopped(); ++next) {
+            submit(listed, next);
+        }
+    } catch (...) {
+        drain(listed, next);
+        throw;
+    }
+    drain(listed, next);
+}
+
+void Rounds::submit(ListedFiles const& listed, std::size_t number) {
+    CheckTask::Owner& owner = *this;
+    auto const task =
+        std::make_shared<CheckTask>(listed, number, findings, pace, options.eager, owner);
+    {
+        std::lock_guard<std::mutex> const lock(mutex);
+        underWay.insert(number);
+    }
+    while (!pace.isStopped() && !group.submitTask(task, ovra::concurrent::LOW, {})) {
+        group.waitFor(PAUSE);
+        saveIfDue(listed, number);
+    }
+}
+
+// Waits for all that was submitted. `next` is the first file that was not.
+void Rounds::drain(ListedFiles const& listed, std::size_t next) {
+    for (bool isGivenUp = false; !group.waitFor(PAUSE);) {
+        if (isGivenUp || !pace.isStopped()) {
+            saveIfDue(listed, next);
+            continue;
+        }
+        isGivenUp = true;
+        group.cancelAll();
+        noteNext(listed, next);
+        save();  // Now: the system may hold a worker up, and the process ends without it.
+    }
+    noteNext(listed, next);
+    std::lock_guard<std::mutex> const lock(mutex);
+    underWay.clear();
+}
+
+void Rounds::lookForNew(ListedFiles const& listed) {
+    if (options.listedOnly || pace.isStopped()) {
+        return;
+    }
+    TreeSearch search(
+        pace,
+        [&](std::string const& path) {
+            if (!listed.contains(path)) {
+                findings.add(path, {Finding::NEW, {}});
+            }
+        },
+        [&](std::string const& directory, extra::Outcome outcome) {
+            bool const isMissing = outcome == extra::Outcome::MISSING;
+            findings.add(directory, {isMissing ? Finding::MISSING : Finding::UNREADABLE,
+                                     isMissing ? "" : extra::outcomeName(outcome)});
+        });
+    for (auto const& file : ownFiles(options)) {
+        search.leaveOut(file);
+    }
+    std::vector<std::string> directories;
+    for (auto const& directory : options.newBelow) {
+        directories.push_back(asPrefix(directory));
+    }
+    findings.beginSearch();
+    bool isComplete = true;
+    for (auto const& directory : directories.empty() ? listed.directories() : directories) {
+        isComplete = search.search(directory) && isComplete;
+    }
+    if (isComplete) {
+        findings.endSearch(listed);
+    }
+}
+
+std::string Rounds::finish(ListedFiles const& listed, std::string const& started) {
+    status.round = round;
+    status.started = started;
+    status.ended = now();
+    status.files = listed.size();
+    status.well = listed.size() - findings.countOf(listed);
+    save();
+    return "files: " + std::to_string(status.files) +
+           ", findings: " + std::to_string(findings.size());
+}
+
+void Rounds::checked(std::size_t number) {
+    ++filesChecked;
+    std::lock_guard<std::mutex> const lock(mutex);
+    underWay.erase(number);
+}
+
+// Where this round would go on if the process ended now.
+void Rounds::noteNext(ListedFiles const& listed, std::size_t next) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    std::size_t const first = underWay.empty() ? next : *underWay.begin();
+    status.nextFile = first < listed.size() ? listed.path(first) : "";
+}
+
+void Rounds::saveIfDue(ListedFiles const& listed, std::size_t next) {
+    auto const age = Clock::now() - savedAt;
+    bool const hasNews = findings.version() != savedVersion;
+    if ((hasNews && age >= SAVE_FINDINGS_AFTER) || age >= SAVE_ANYWAY_AFTER) {
+        noteNext(listed, next);  // First, so that no finding about an earlier file is left out.
+        save();
+    }
+}
+
+void Rounds::save() {
+    savedVersion = findings.version();
+    statusFile.save(status, findings);
+    savedAt = Clock::now();
+}
+
+}  // namespace manifest

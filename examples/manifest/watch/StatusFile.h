@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+#include <ovra/extra/LockFile.h>
+#include <ovra/extra/Outcome.h>
+
+#include "Findings.h"
+#include "WatchStatus.h"
+
+namespace manifest {
+
+/// The file that holds a `WatchStatus`, for one process at a time. Used from one thread at a time.
+class StatusFile {
+public:
+    /// An empty path: nothing is kept. Throws `std::runtime_error` if another process uses the
+    /// file.
+    explicit StatusFile(std::string const& statusPath);
+
+    /// What an earlier run left; its findings go to `findings`. A file that is damaged counts as
+    /// none, and is complained of.
+    WatchStatus load(Findings& findings) const;
+
+    /// Replaces the file. Complains of a failure once, until it changes.
+    void save(WatchStatus const& status, Findings const& findings);
+
+private:
+    std::string const path;
+    ovra::extra::LockFile lock;
+    ovra::extra::Outcome lastOutcome = ovra::extra::Outcome::DONE;
+};
+
+}  // namespace manifest

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Findings.h"
+
+namespace manifest {
+
+/// How far the rounds are, for people and for the next run.
+struct WatchStatus {
+    std::string manifest;
+    std::uint64_t round = 0;  ///< The last one that came to its end; 0: none.
+    std::string started;      ///< When it began, such as "2026-11-22T03:08:20Z".
+    std::string ended;        ///< And when it ended.
+    std::uint64_t files = 0;  ///< How many were listed.
+    std::uint64_t well = 0;   ///< How many of them were as listed.
+    std::string nextFile;     ///< Where the round that is under way goes on; empty: none is.
+};
+
+/// The status and the findings as JSON.
+std::string toJson(WatchStatus const& status, Findings const& findings);
+
+/// The reverse. The findings go to `findings`. Nothing if `json` is not what `toJson` writes.
+std::optional<WatchStatus> fromJson(std::string_view json,
+                                    std::map<std::string, Finding>& findings);
+
+}  // namespace manifest
