@@ -16,6 +16,7 @@
 #include <thread>
 
 #include <tests/examples/HungFile.h>
+#include <tests/examples/StuckLog.h>
 #include <tests/examples/WatchFixture.h>
 
 namespace {
