@@ -3,7 +3,6 @@
 #include <cxxabi.h>
 
 #include <algorithm>
-#include <functional>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -119,38 +118,37 @@ void SubmittedTask::setResult(Executable::Result newResult) {
 }
 
 void SubmittedTask::setRank(unsigned int const& newRank) {
-    changeRank([this, wanted = newRank] { return clampedRank(wanted); });
+    changeRank(newRank, nullptr);
 }
 
 void SubmittedTask::setPriority(TaskPriority newPriority) {
     ++rank.priorityChanges;
-    changeRank([this, newPriority, isStored = false]() mutable {
-        if (!std::exchange(isStored, true)) {
-            rank.priority = newPriority;  // Once, however often the rank is tried.
-        }
-        return clampedRank(initialRankOf(newPriority));
-    });
+    changeRank(initialRankOf(newPriority), &newPriority);
     --rank.priorityChanges;
 }
 
-unsigned int SubmittedTask::clampedRank(unsigned int newRank) const {
-    return std::max(std::min(newRank, HIGHEST_CURRENT_RANK_VALUE), initialRankOf(getPriority()));
-}
-
-// While a queue computes the rank, `newRank()` runs under the lock that the queue's picks take.
-template <typename NewRank>
-void SubmittedTask::changeRank(NewRank newRank) {
+// While a queue computes the rank, the lock that the queue's picks take guards the change. A new
+// priority is stored once, however often the rank is tried.
+void SubmittedTask::changeRank(unsigned int newRank, TaskPriority const* newPriority) {
     if (!isExactly<SubmittedTask>(*this)) {
-        rank.rank = newRank();
+        if (newPriority != nullptr) {
+            rank.priority = *newPriority;
+        }
+        rank.rank = clampedRank(newRank, getPriority());
         return;
     }
     for (;;) {
         unsigned int stored = rank.rank;
         if ((stored & RankedEntry::COMPUTED) != 0) {
-            if (rank.home->setRank(rank, std::ref(newRank))) {  // Needs no memory.
+            if (rank.home->setRank(rank, newRank, newPriority)) {
                 return;
             }
-        } else if (rank.rank.compare_exchange_strong(stored, newRank())) {
+            continue;
+        }
+        if (newPriority != nullptr) {
+            rank.priority = *std::exchange(newPriority, nullptr);
+        }
+        if (rank.rank.compare_exchange_strong(stored, clampedRank(newRank, getPriority()))) {
             return;
         }
     }

@@ -176,9 +176,7 @@ public:
     OVRA_LOCAL void waitForEnd();
 
 private:
-    OVRA_LOCAL unsigned int clampedRank(unsigned int newRank) const;
-    template <typename NewRank>
-    OVRA_LOCAL void changeRank(NewRank newRank);
+    OVRA_LOCAL void changeRank(unsigned int newRank, TaskPriority const* newPriority);
     OVRA_LOCAL void logState(Executable::State newState) const;
     OVRA_LOCAL void finish(Executable::Result outcome);
 

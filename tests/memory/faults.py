@@ -141,12 +141,13 @@ FAULTS = [
 
     # New ranks.
     Fault("a rank stored, not exchanged", TASK,
-          [("rank.rank.compare_exchange_strong(stored, newRank())",
-            "(rank.rank = newRank(), true)")], ["RankAgainstInsert"]),
+          [("rank.rank.compare_exchange_strong(stored, clampedRank(newRank, getPriority()))",
+            "(rank.rank = clampedRank(newRank, getPriority()), true)")], ["RankAgainstInsert"]),
     Fault("a rank refused by the queue is given up", TASK,
-          [("            if (rank.home->setRank(rank, newRank)) {\n                return;\n"
-            "            }\n", "            rank.home->setRank(rank, newRank);\n"
-            "            return;\n")], ["RankOfThePicked"]),
+          [("            if (rank.home->setRank(rank, newRank, newPriority)) {\n"
+            "                return;\n            }\n            continue;\n",
+            "            rank.home->setRank(rank, newRank, newPriority);\n            return;\n")],
+          ["RankOfThePicked"]),
     Fault("the mark set before the home", RANKED,
           [("    entry.rank |= RankedEntry::COMPUTED;\n    if", "    if"),
            ("    entry.home = this;\n",
@@ -172,7 +173,7 @@ FAULTS = [
           [(f"    {GUARD}        return entry.isComputed()", "        return entry.isComputed()")],
           ["RankAgainstPick"]),
     without_lock(RANKED, "bool RankedTasks::setRank(RankedEntry& entry, "
-                 "std::function<unsigned int()> const& newRank) {", "RankAgainstPick"),
+                 "unsigned int rank, TaskPriority const* priority) {", "RankAgainstPick"),
     without_lock(RANKED, "void RankedTasks::pick(SortKey const& scanned, "
                  "std::shared_ptr<SubmittedTask>& found) {", "RankAgainstPick"),
     Fault("`eraseAll()` takes no lock", RANKED_HEADER,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 
@@ -16,6 +17,13 @@ inline constexpr std::array<unsigned int, 5> INITIAL_RANKS{1, 1, 1000, 1000000, 
 constexpr unsigned int initialRankOf(TaskPriority priority) {
     auto const place = static_cast<std::size_t>(priority);
     return place < INITIAL_RANKS.size() ? INITIAL_RANKS[place] : INITIAL_RANKS[0];
+}
+
+/// `rank`, clamped to the range from the initial rank of `priority` to the highest.
+///
+/// Private to the library.
+constexpr unsigned int clampedRank(unsigned int rank, TaskPriority priority) {
+    return std::max(std::min(rank, INITIAL_RANKS.back()), initialRankOf(priority));
 }
 
 }  // namespace ovra::concurrent

@@ -46,7 +46,7 @@ bool RankedTasks::insert(std::shared_ptr<SubmittedTask>& task, std::uint64_t ord
     return true;
 }
 
-bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> const& newRank) {
+bool RankedTasks::setRank(RankedEntry& entry, unsigned int rank, TaskPriority const* priority) {
     std::lock_guard<std::mutex> const lock(mutex);
     if (!entry.isComputed()) {
         return false;
@@ -55,7 +55,10 @@ bool RankedTasks::setRank(RankedEntry& entry, std::function<unsigned int()> cons
         scan.passed = std::max(scan.passed, keyOf(entry));  // As this pick has compared it.
     }
     unlink(entry);
-    entry.rank = newRank() | RankedEntry::COMPUTED;
+    if (priority != nullptr) {
+        entry.priority = *priority;
+    }
+    entry.rank = clampedRank(rank, entry.priority) | RankedEntry::COMPUTED;
     enlist(entry);
     return true;
 }

@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -76,8 +75,8 @@ public:
         std::lock_guard<std::mutex> const lock(mutex);
         return entry.isComputed() ? computeRank(entry, isUpdated(entry)) : entry.given();
     }
-    /// Gives a task the rank that `newRank()` returns under the lock. False if it is not here.
-    bool setRank(RankedEntry& entry, std::function<unsigned int()> const& newRank);
+    /// Gives a task a rank, and a priority unless it is null. False if the task is not here.
+    bool setRank(RankedEntry& entry, unsigned int rank, TaskPriority const* priority);
 
 private:
     static constexpr std::uint32_t HIGHEST_RANK = 0x7fffffff;
@@ -90,11 +89,6 @@ private:
         RankedEntry* first = nullptr;
         RankedEntry* last = nullptr;
         RankedEntry* negative = nullptr;  // No task ahead of it has a negative sum.
-    };
-
-    struct Scan {
-        std::uint64_t to = std::numeric_limits<std::uint64_t>::max();
-        SortKey passed;  // The best old key of the tasks that changed after it had passed them.
     };
 
     bool isUpdated(RankedEntry const& entry) const { return entry.order > scan.to; }
@@ -122,7 +116,10 @@ private:
 
     mutable std::mutex mutex;  // Guards the rest.
     std::uint64_t picks = 0;
-    Scan scan;
+    struct {
+        std::uint64_t to = std::numeric_limits<std::uint64_t>::max();
+        SortKey passed;  // The best old key of the tasks that changed after it had passed them.
+    } scan;
     std::array<List, UNORDERED + 1> lists;
     std::set<SortKey> finals;
 };

@@ -68,7 +68,7 @@ public:
         return picked;
     }
     bool setRank(RankedEntry& entry, unsigned int rank) {
-        return tasks->setRank(entry, [rank] { return rank; });
+        return tasks->setRank(entry, rank, nullptr);
     }
     RankedTasks* operator->() const { return tasks.get(); }
 

@@ -294,14 +294,11 @@ TEST(RankedTasksTest, TaskThatIsNotHereGetsNoRank) {
     Ranked ranked(KEEPS);
     auto& entry = ranked.add(10, 7);
     ranked.pick();
-    bool asked = false;
+    TaskPriority const priority = HIGH;
 
-    EXPECT_FALSE(ranked->setRank(entry, [&] {
-        asked = true;
-        return 9u;
-    }));
-    EXPECT_FALSE(asked);
+    EXPECT_FALSE(ranked->setRank(entry, 9, &priority));
     EXPECT_EQ(entry.rank, 7u);
+    EXPECT_EQ(entry.priority, LOW);
 }
 
 // --- out
