@@ -398,8 +398,9 @@ FAULTS += of_unnamed("priority", TASK, RANKS, RANKS,
 FAULTS += of_unnamed("owners", RANKED, RANKS, ["RankAgainstDestruction"])
 FAULTS += of_unnamed("wasAdded", RANKED, ["AddToTwoQueues"], ["AddToTwoQueues"],
                      "one exchange is the first, in any order")
-FAULTS += of_unnamed("priorityChanges", RANKED, ["PriorityAgainstInsert"],
-                     ["PriorityAgainstInsert"])
+FAULTS += [Fault(f"all of `priorityChanges` {name}", RANKED, [], ["PriorityAgainstInsert"],
+                 weakened=("priorityChanges", order))
+           for name, order in (("acquire and release", "acq_rel"), ("relaxed", "relaxed"))]
 FAULTS += of_unnamed("parts", "ovra/concurrent/internal/SubmissionMemory.h", ["ReleaseParts"],
                      ["ReleaseParts"])
 FAULTS += of_unnamed("state", TASK, ["Cancel", "CancelOfRepeat", "AddAgainstWait"],
