@@ -61,6 +61,21 @@ TYPED_TEST(QueueInstructionTest, PrioritySetWhileTheTaskIsAddedIsKept) {
         [&] { task->setPriority(LOW); }, [&] { queue->addTask(task); });
 }
 
+// So that no queue computes a rank which is below that of the priority.
+TYPED_TEST(QueueInstructionTest, PriorityIsMarkedWhileItIsAheadOfTheRank) {
+    atEachInstruction([&](Stepping& step) {
+        auto const task = submission(succeed(), LOW);
+        RankedEntry const& entry = task->rankedEntry();
+        bool isMarked = true;
+        step(
+            [&] { task->setPriority(HIGH); },
+            [&] { isMarked = entry.rank == rankOf(entry.priority) || entry.priorityChanges != 0; });
+        ASSERT_TRUE(isMarked) << step.nth;
+        ASSERT_EQ(entry.rank, rankOf(HIGH)) << step.nth;
+        ASSERT_EQ(entry.priorityChanges, 0) << step.nth;
+    });
+}
+
 TYPED_TEST(QueueInstructionTest, PrioritySetWhileAnotherTaskIsPickedIsKept) {
     std::shared_ptr<SubmittedTasksQueue> queue;
     std::shared_ptr<SubmittedTask> task;

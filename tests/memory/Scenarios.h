@@ -263,27 +263,6 @@ struct RankAgainstInsert : Ranks {
     Handle handle = queue->addTask(first);
 };
 
-/// A pick lifts a rank that is below the one of the new priority.
-struct PriorityAgainstInsert : Ranks {
-    void run(unsigned int thread) {
-        if (thread == 0) {
-            second->setPriority(HIGH);
-            return;
-        }
-        queue->addTask(second);
-        if (second->getPriority() == HIGH) {
-            static_cast<void>(queue->getNextTask());
-            expect(second->getRank() >= high(), "the pick lifted the rank");
-        }
-    }
-    void check() {
-        expect(second->getRank() >= high(), "the new rank is not lost");
-        finish();
-    }
-
-    Handle handle = queue->addTask(first);
-};
-
 struct RankAgainstPick : Ranks {
     void run(unsigned int thread) {
         if (thread == 0) {

@@ -190,13 +190,6 @@ FAULTS = [
     Fault("the owners counted in two steps", RANKED_HEADER,
           [("if (--owners == 0) {", "owners = owners - 1;\n        if (owners == 0) {")],
           ["RankAgainstDestruction"]),
-    Fault("a priority that is being changed not looked for", RANKED,
-          [("entry.priorityChanges != 0 || ", "")], ["PriorityAgainstInsert"]),
-    Fault("a priority that is being changed looked for before the mark", RANKED,
-          [("    entry.rank |= RankedEntry::COMPUTED;\n",
-            "    bool const changes = entry.priorityChanges != 0;\n"
-            "    entry.rank |= RankedEntry::COMPUTED;\n"),
-           ("entry.priorityChanges != 0 || ", "changes || ")], ["PriorityAgainstInsert"]),
     Fault("the mark of an added object set in two steps", RANKED,
           [("entry.wasAdded.exchange(true)",
             "(entry.wasAdded || !(entry.wasAdded = true))")], ["AddToTwoQueues"]),
@@ -398,9 +391,6 @@ FAULTS += of_unnamed("priority", TASK, RANKS, RANKS,
 FAULTS += of_unnamed("owners", RANKED, RANKS, ["RankAgainstDestruction"])
 FAULTS += of_unnamed("wasAdded", RANKED, ["AddToTwoQueues"], ["AddToTwoQueues"],
                      "one exchange is the first, in any order")
-FAULTS += [Fault(f"all of `priorityChanges` {name}", RANKED, [], ["PriorityAgainstInsert"],
-                 weakened=("priorityChanges", order))
-           for name, order in (("acquire and release", "acq_rel"), ("relaxed", "relaxed"))]
 FAULTS += of_unnamed("parts", "ovra/concurrent/internal/SubmissionMemory.h", ["ReleaseParts"],
                      ["ReleaseParts"])
 FAULTS += of_unnamed("state", TASK, ["Cancel", "CancelOfRepeat", "AddAgainstWait"],

@@ -46,8 +46,8 @@ PRIMITIVES = [
 
 
 # The atomics whose accesses name no order. Their place is their number, from 1 on.
-UNNAMED = ["s_uniqueIndexCounter", "rank", "priority", "wasAdded", "priorityChanges", "owners",
-           "parts", "state", "result", "waiting", "closed", "terminated", "isTaken"]
+UNNAMED = ["s_uniqueIndexCounter", "rank", "priority", "wasAdded", "owners", "parts", "state",
+           "result", "waiting", "closed", "terminated", "isTaken"]
 
 
 def unnamed(kind, name):
@@ -81,7 +81,6 @@ WATCHED = {
         unnamed("unsigned int", "rank"),
         unnamed("TaskPriority", "priority"),
         unnamed("bool", "wasAdded"),
-        unnamed("std::uint16_t", "priorityChanges"),
         plain("std::uint8_t", "list", "0"),
         plain("RankedTasks*", "home", "nullptr"),
         plain("std::uint64_t", "since", "0"),

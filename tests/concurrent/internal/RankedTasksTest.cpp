@@ -290,6 +290,17 @@ TEST(RankedTasksTest, NewRankReordersWhateverTheListOfTheTask) {
     }
 }
 
+TEST(RankedTasksTest, TaskWhosePriorityIsBeingChangedIsLeftToTheScan) {
+    Ranked ranked(DOUBLES);
+    auto const task = Ranked::make(10, 7);
+    RankedEntry& entry = task->rankedEntry();
+    ++entry.priorityChanges;
+    ranked.insert(task);
+    EXPECT_TRUE(ranked->isEmpty());
+    EXPECT_FALSE(entry.isComputed());
+    EXPECT_EQ(entry.rank, 7u);
+}
+
 TEST(RankedTasksTest, TaskThatIsNotHereGetsNoRank) {
     Ranked ranked(KEEPS);
     auto& entry = ranked.add(10, 7);
