@@ -22,7 +22,8 @@ std::optional<int> Signals::next(std::chrono::nanoseconds limit) const {
     auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
     timespec time = {};
     time.tv_sec = seconds.count();
-    time.tv_nsec = static_cast<long>((limit - seconds).count());
+    using Nanoseconds = std::chrono::duration<long, std::nano>;
+    time.tv_nsec = std::chrono::duration_cast<Nanoseconds>(limit - seconds).count();
     int const number = sigtimedwait(&set, nullptr, &time);
     return number > 0 ? std::optional<int>(number) : std::nullopt;
 }
