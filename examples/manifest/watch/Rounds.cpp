@@ -97,7 +97,7 @@ bool Rounds::waitForEnd(milliseconds limit) {
 
 std::string Rounds::progress() const {
     std::string const found = ", findings: " + std::to_string(findings.size());
-    if (!isUnderWay()) {
+    if (hasEnded) {
         return "round " + std::to_string(round) + " has ended" + found;
     }
     return "round " + std::to_string(round) + ": " + std::to_string(filesChecked) + " of " +
@@ -108,6 +108,7 @@ void Rounds::runOne() {
     std::string const started = now();
     round = status.round + 1;
     filesListed = filesChecked = 0;
+    hasEnded = false;
     std::string summary;
     try {
         ListedFiles const listed(options.manifest, pace);
@@ -133,6 +134,7 @@ void Rounds::runOne() {
         }
         trouble = summary;
     }
+    hasEnded = true;  // First: who is notified may ask.
     ended(round, summary);
 }
 

@@ -84,6 +84,7 @@ private:
     std::atomic<std::uint64_t> round{0};
     std::atomic<std::size_t> filesListed{0};
     std::atomic<std::size_t> filesChecked{0};
+    std::atomic<bool> hasEnded{true};
 
     mutable std::mutex mutex;  // Guards the rest.
     std::condition_variable isIdle;
