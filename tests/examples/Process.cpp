@@ -55,8 +55,11 @@ void limit(__rlimit_resource_t resource, unsigned long value) {
     if (!command.outputFile.empty()) {
         out = open(command.outputFile.c_str(), O_WRONLY | O_CREAT, 0666);
     }
-    bool ready = out != -1 && dup2(in, 0) != -1 && dup2(out, 1) != -1 && dup2(err, 2) != -1 &&
-                 setenv("LC_ALL", command.locale.c_str(), 1) == 0 &&
+    if (!command.errorFile.empty()) {
+        err = open(command.errorFile.c_str(), O_WRONLY | O_CREAT, 0666);
+    }
+    bool ready = out != -1 && err != -1 && dup2(in, 0) != -1 && dup2(out, 1) != -1 &&
+                 dup2(err, 2) != -1 && setenv("LC_ALL", command.locale.c_str(), 1) == 0 &&
                  setenv("TERM", command.terminal.c_str(), 1) == 0 &&
                  (command.noColour ? setenv("NO_COLOR", "1", 1) : unsetenv("NO_COLOR")) == 0 &&
                  (command.directory.empty() || chdir(command.directory.c_str()) == 0);

@@ -24,6 +24,7 @@ struct Command {
     std::string locale = "C";
     std::vector<std::pair<std::string, std::string>> environment;  ///< Added to the test's own.
     std::string outputFile;          ///< Instead of keeping its standard output.
+    std::string errorFile;           ///< Instead of keeping its standard error.
     bool onTerminal = false;         ///< Standard error is a terminal.
     std::string terminal = "xterm";  ///< TERM.
     bool noColour = false;           ///< NO_COLOR is set.

@@ -183,7 +183,7 @@ TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
     StuckLog stuck(scratch.path("pipe"));
     stuck.waitFor("");
     Command made = command({});
-    made.arguments.insert(made.arguments.begin(), {"sh", "-c", "exec \"$0\" \"$@\" 2>pipe"});
+    made.errorFile = scratch.path("pipe");
     start(made);
     roundEnded(1);
     process->send(SIGUSR1);
