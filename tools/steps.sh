@@ -1,6 +1,6 @@
 # Sourced by the tools: runs long commands step by step. On a terminal one line shows which step runs,
-# for how long, and the last line that it printed; otherwise each step is a short line of its own. All
-# that the steps print goes to a file.
+# for how long, and the last line that it printed; otherwise each step is a short line of its own, with
+# its time at the end. All that the steps print goes to a file.
 
 # begin_steps <number of steps> <file for the details>
 begin_steps() {
@@ -18,14 +18,15 @@ step() {
     draw_line "$what" "$$" &
     drawer=$!
   else
-    echo "$what ..."
+    printf '%s ...' "$what"
   fi
   "$@" >>"$details" 2>&1 </dev/null || status=$?
   if [ -n "$drawer" ]; then
     kill "$drawer" 2>/dev/null || true
     wait "$drawer" 2>/dev/null || true
-    printf '\r\033[K%s: %d s\n' "$what" $((SECONDS - started))
+    printf '\r\033[K%s:' "$what"
   fi
+  printf ' %d s\n' $((SECONDS - started))
   if [ "$status" -ne 0 ]; then
     tail -n 40 "$details" >&2
     echo "That failed (exit status $status): $*. All of it: $details" >&2
