@@ -43,5 +43,20 @@ TEST(LineRingTest, GoesOnWhereTicketsBeginAgain) {
     }
 }
 
+TEST(LineRingTest, OfTwoTicketsTheLaterIsTheOneHandedOutAfterTheOther) {
+    LineRing const ring(3, 20);
+    std::size_t const all = LineRing::mostTickets(3);
+    std::size_t const half = all / 2;
+    struct {
+        std::size_t earlier, later;
+    } const pairs[] = {{1, 2},       {1, half},       {half, all - 1}, {all - 1, all}, {all, 1},
+                       {all - 1, 1}, {all, half - 1}, {half + 2, 1},   {2, half + 1}};
+    for (auto const& [earlier, later] : pairs) {
+        EXPECT_TRUE(ring.isLater(later, earlier)) << later << " after " << earlier;
+        EXPECT_FALSE(ring.isLater(earlier, later)) << earlier << " after " << later;
+        EXPECT_FALSE(ring.isLater(later, later)) << later;
+    }
+}
+
 }  // namespace
 }  // namespace ovra::extra

@@ -99,4 +99,23 @@ struct RingOfTwo {
     ovra::extra::RecentLinesLogHandler ring{2, 8};
 };
 
+/// A line that is held up, while as many others as there are places come past.
+struct RingOfLate {
+    void run(unsigned int thread) {
+        if (thread == 0) {
+            ring.handleLogMessage("aa", ovra::log::ERROR);
+        } else {
+            ring.handleLogMessage("b", ovra::log::ERROR);
+            ring.handleLogMessage("cc", ovra::log::ERROR);
+        }
+    }
+    void check() {
+        model::written().clear();
+        ring.writeTo(0);
+        expect(model::written().find("cc\n") != std::string::npos, "the last line is kept");
+    }
+
+    ovra::extra::RecentLinesLogHandler ring{2, 8};
+};
+
 }  // namespace scenarios

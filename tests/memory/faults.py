@@ -317,6 +317,8 @@ FAULTS = [
     Fault("a place that is filled is claimed again", RING,
           [("(seen & (BEING_FILLED | ALL_READERS)) != 0", "(seen & ALL_READERS) != 0")],
           ["RingOfTwo"]),
+    Fault("a line takes the place of a later one", RING,
+          [("seen != EMPTY && isLater(seen / ONE_TICKET, ticket)", "false")], ["RingOfLate"]),
 
     # Work with a value, groups, counts.
     weakened(ASYNC, "isRaised.store(true, std::memory_order_release)", "release",

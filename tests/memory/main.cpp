@@ -70,6 +70,7 @@ Entry const ENTRIES[] = {
     {"SwitchAwaited", runScenario<SwitchAwaited, 3>, 20000},
     {"RingOfOne", runScenario<RingOfOne, 2>, 20000},
     {"RingOfTwo", runScenario<RingOfTwo, 3>, 20000},
+    {"RingOfLate", runScenario<RingOfLate, 2>, 20000},
     {"StopOfRunning", runScenario<StopOfRunning, 2>, 20000},
     {"StopBeforeCancel", runScenario<StopBeforeCancel, 2>, 20000},
     {"GroupAgainstWait", runScenario<GroupAgainstWait, 2>, 20000},

@@ -84,6 +84,11 @@ std::size_t LineRing::mostTickets(std::size_t lines) {
     return MOST_TICKETS / lines * lines;
 }
 
+bool LineRing::isLater(Word first, Word second) const {
+    Word const ahead = first >= second ? first - second : tickets - second + first;
+    return ahead != 0 && ahead < tickets / 2;
+}
+
 void LineRing::keep(char const* line) {
     for (std::size_t attempt = 0; attempt < count; ++attempt) {
         Word const ticket = takeTicket();
@@ -130,12 +135,6 @@ LineRing::Word LineRing::takeTicket() {
                                              std::memory_order_relaxed)) {
     }
     return after(before);
-}
-
-// Whether the first ticket was handed out after the second; both within half of all.
-bool LineRing::isLater(Word first, Word second) const {
-    Word const ahead = first >= second ? first - second : tickets - second + first;
-    return ahead != 0 && ahead < tickets / 2;
 }
 
 LineRing::Claim LineRing::claim(Place& place, Word ticket) const {

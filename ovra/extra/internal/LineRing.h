@@ -20,6 +20,8 @@ public:
 
     /// The last ticket of a ring of so many lines, which are not 0.
     static std::size_t mostTickets(std::size_t lines);
+    /// Whether the first ticket was handed out after the second; both within half of all.
+    bool isLater(std::size_t first, std::size_t second) const;
 
 private:
     using Word = std::size_t;
@@ -40,7 +42,6 @@ private:
     Word after(Word ticket) const { return ticket == tickets ? 1 : ticket + 1; }
     Place& placeOf(Word ticket) const { return places[(ticket - 1) % count]; }
     Word takeTicket();
-    bool isLater(Word first, Word second) const;
     Claim claim(Place& place, Word ticket) const;
 
     std::size_t const count;
