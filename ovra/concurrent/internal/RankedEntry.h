@@ -32,7 +32,7 @@ struct RankedEntry {
     std::int32_t const index;
     std::atomic<bool> wasAdded{false};  // To a queue that computes ranks.
     std::uint8_t list = 0;
-    // That have begun and not ended. Between the two, the rank may be below that of the priority.
+    // Those under way. Meanwhile the rank may be below that of the priority.
     std::atomic<std::uint16_t> priorityChanges{0};
 
     // Set once, before COMPUTED. The entry holds a share of it until the task is destroyed.
