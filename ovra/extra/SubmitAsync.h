@@ -198,7 +198,7 @@ using AsyncValue =
 /// worker reaches the task.
 ///
 /// *Ownership*: the function and what it captured are destroyed before the future becomes ready.
-/// What a move leaves behind in the caller's own object is the caller's. `name` is borrowed as in
+/// The caller's own function object stays the caller's, even after a move. `name` is borrowed as in
 /// `TaskExecutor::submitTask`, and may be null.
 ///
 /// *Threads*: Thread-safe. Waiting for the future inside a task of the same one-thread executor
