@@ -39,8 +39,8 @@ struct SubmittedTaskProxy;
 /// both locks takes the queue's lock before the task's mutex. `getRank()` and `getPriority()` are
 /// called with the queue's lock held: an override must not call the queue or its executor.
 ///
-/// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
-/// that queue. That lock is a leaf: the three calls never wait for the queue's own lock, and an
+/// As long as a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock
+/// of that queue. That lock is a leaf: the three calls never wait for the queue's own lock, and an
 /// operation that a pick calls may make them. The library may allocate memory while it holds the
 /// leaf lock, so an application's `operator new` must not make these calls.
 ///

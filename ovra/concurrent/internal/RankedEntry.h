@@ -16,8 +16,8 @@ class SubmittedTask;
 ///
 /// Private to the library. Installed because every `SubmittedTask` holds one.
 struct RankedEntry {
-    /// Set in `rank` while the rank is computed. The other bits are then the rank given at pick
-    /// `since`.
+    /// Set in `rank` if the rank is computed, not stored. The other bits are then the rank given at
+    /// pick `since`.
     static constexpr unsigned int COMPUTED = 0x80000000u;
 
     RankedEntry(TaskPriority initialPriority, unsigned int initialRank, std::int32_t uniqueIndex)
