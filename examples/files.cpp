@@ -62,8 +62,8 @@ int main() {
     std::cout << path.FileBaseName() << " with " << path.Extension() << " in "
               << FilePath(path.DirectoryPath()).FileName() << '\n';
 
-    // Links first: a link whose target is removed before it would stay. The removal follows links
-    // to directories, so use it only for trees of your own.
+    // Links first: a link dangles once its target is removed, and would stay. The removal follows
+    // links to directories, so use it only for trees of your own.
     bool const removed = latest.Remove() && scratch.RemoveDirectoryRecursive();
     std::cout << (worked && removed && !scratch.Exists() ? "done" : "failed") << '\n';
     return worked && removed ? 0 : 1;

@@ -13,8 +13,8 @@ public:
     /// `list` must outlive this object. Begins with the argument at the index `first`.
     explicit Arguments(std::vector<std::string> const& list, std::size_t first = 0);
 
-    /// Goes on to the next argument; false if there is none. Throws `UsageError` if the last one
-    /// was given a value that nobody asked for.
+    /// Goes on to the next argument; false if there is none. Throws `UsageError` if the option
+    /// before has a value that nobody asked for.
     bool takeNext();
 
     /// The value of the current option. Throws `UsageError` if there is none, or an empty one.

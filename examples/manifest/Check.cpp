@@ -71,8 +71,8 @@ Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt cons
     return manifest;
 }
 
-// Keeps what became of the files, which are hashed in another order, and reports it in the order of
-// the manifest.
+// Collects the verdicts, which come in another order, and reports them in the order of the
+// manifest.
 class Verdicts {
 public:
     Verdicts(Manifest const& checked, CheckReport& reportTo)
@@ -88,14 +88,14 @@ public:
         }
     }
 
-    // As far as all are known.
+    // Up to the first verdict that is unknown.
     void reportKnown(Progress& progress) {
         while (next < verdicts.size() && verdicts[next] != Verdict::UNKNOWN) {
             progress.hide();
             reportNext();
         }
     }
-    // Passes over those that are not known.
+    // Leaves out unknown verdicts.
     void reportRest() {
         while (next < verdicts.size()) {
             reportNext();
@@ -112,7 +112,7 @@ private:
 
     Manifest const& manifest;
     CheckReport& report;
-    std::vector<Verdict> verdicts;  // Of file after file.
+    std::vector<Verdict> verdicts;  // By the number of the file.
     std::map<std::size_t, std::string> reasons;
     std::size_t next = 0;
 };
@@ -141,8 +141,7 @@ void verifyAll(Manifest const& manifest, Options const& options, Interrupt& inte
         hashAll(hasher, manifest.files, "", makeTask, keep);
     }
     progress->finish();
-    // With --verbose only now, when no worker logs any more: log lines and results go to the same
-    // place.
+    // With --verbose, these are all the verdicts: earlier, workers would log in between.
     verdicts.reportRest();
     std::cout << std::flush;
 }

@@ -13,10 +13,10 @@ enum class Verdict : unsigned char {
     WELL,
     DIFFERENT,
     MISSING,     ///< It does not exist.
-    UNREADABLE,  ///< For another reason.
+    UNREADABLE,  ///< It cannot be read for another reason.
 };
 
-/// Prints what became of each file as `sha256sum -c` does, and counts.
+/// Prints the verdict on each file as `sha256sum -c` does, and counts them.
 class CheckReport {
 public:
     explicit CheckReport(Options const& how);
@@ -38,7 +38,7 @@ private:
     Options const& options;
     std::size_t reported = 0;
     std::size_t well = 0;
-    std::size_t missing = 0;  // Those that are ignored.
+    std::size_t missing = 0;  // With `ignoreMissing` only.
     std::size_t unlisted = 0;
     std::size_t unreadable = 0;
     std::size_t different = 0;

@@ -38,7 +38,7 @@ constexpr std::size_t BLOCK_BYTES = 65536;
 
 // What is kept of each file's task.
 struct Outcomes {
-    std::vector<Digest> digests;  // Zeros for a file without.
+    std::vector<Digest> digests;  // Zeros for a file without one.
     std::map<std::size_t, std::string> errors;
 };
 

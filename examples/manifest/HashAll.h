@@ -12,8 +12,8 @@
 
 namespace manifest {
 
-/// As many tasks as exist at a time, so that a file that waits for its turn takes no more memory
-/// than its name.
+/// The most tasks that exist at a time. A file that waits for its turn takes only the memory of its
+/// name.
 constexpr std::size_t TASKS_UNDER_WAY = 1024;
 
 /// Hashes `files`: those at or below the path `first`, which may be empty, then the small ones,

@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::size_t BLOCK_BYTES = 65536;
 
-// Opening it would wait for a writer that may never come. The pipes that a shell hands over, such
-// as standard input, have one.
+// Opening a named pipe would wait for a writer that may never come. The pipes below "/dev/", such
+// as standard input, have a writer.
 bool isNamedPipe(std::string const& path) {
     struct stat status = {};
     return path.compare(0, 5, "/dev/") != 0 && stat(path.c_str(), &status) == 0 &&

@@ -34,7 +34,7 @@ public:
     std::string const& digest() const;
     /// Why the file could not be read; empty otherwise.
     std::string const& error() const;
-    /// Whether it could not because it does not exist.
+    /// Whether that is because the file does not exist.
     bool isMissing() const;
 
 private:

@@ -59,7 +59,7 @@ private:
     std::size_t small = 0;
 
     std::mutex mutex;  // Guards the rest against `cancel()`.
-    // From task number `forgotten` on; null for those that were waited for before an older one.
+    // From task number `forgotten` on; null once `waitFor()` has returned for the task.
     std::deque<std::shared_ptr<ovra::concurrent::TaskHandle>> handles;
     std::size_t forgotten = 0;
     bool cancelled = false;

@@ -128,7 +128,7 @@ void ManifestFile::moveIntoPlace() {
         fail(name, "cannot be put in place");
     }
     temporary.clear();
-    // The new name, too, outlasts a loss of power; where a directory cannot be synced, it may not.
+    // So that the new name survives a loss of power, if the directory can be synced.
     int const opened = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (opened != -1) {
         fsync(opened);

@@ -6,10 +6,10 @@ namespace manifest {
 
 /// A file that appears under its name only when it is complete, in place of an older one.
 ///
-/// Where its name is a link, the link stays, and the file that it leads to is replaced. It is on
-/// the disk before it gets its name. It is written under a temporary name beside its place, and the
-/// destructor removes that unless it was moved. Failures are `std::runtime_error`s that name the
-/// file.
+/// Where its name is a link, the link stays, and the file that it leads to is replaced. The text
+/// goes to a temporary file beside that place, and to the disk before that file gets the name. The
+/// destructor removes a temporary file that was not moved. Failures are `std::runtime_error`s that
+/// name the file.
 class ManifestFile {
 public:
     /// Touches nothing yet. Throws if there is something other than a file at `path`, or if nothing

@@ -18,8 +18,8 @@ std::string manifestLine(ManifestEntry const& entry);
 /// The path as it stands in such a line, a leading backslash included.
 std::string escapedPath(std::string const& path);
 
-/// Takes the lines of a manifest apart, with all the variety that sha256sum accepts: text and
-/// binary markers, the BSD forms, either case, escapes.
+/// Parses the lines of a manifest, in all the forms that sha256sum accepts: text and binary
+/// markers, the BSD forms, either case, escapes.
 class ManifestReader {
 public:
     /// Empty if `line`, which has no newline, is not properly formatted. Feed the lines in order:

@@ -25,7 +25,7 @@ struct Options {
     bool quiet = false;          ///< Only what is not well.
     bool status = false;         ///< Nothing: the exit status says it.
     bool strict = false;         ///< A line that is no entry is a failure.
-    bool ignoreMissing = false;  ///< A file that does not exist is none.
+    bool ignoreMissing = false;  ///< A file that does not exist is no failure.
     std::string newBelow;        ///< Files below here must be listed; may be empty.
 
     WatchOptions watch;  ///< The options of watch.
@@ -37,7 +37,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Takes the arguments apart, without the program's name. Throws `UsageError`.
+/// Parses the arguments, without the program's name. Throws `UsageError`.
 Options parseOptions(std::vector<std::string> const& arguments);
 
 extern char const HELP_TEXT[];

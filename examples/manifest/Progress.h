@@ -10,17 +10,17 @@
 namespace manifest {
 
 /// A line on the terminal that shows how far the work has come, cut to the terminal's width;
-/// nothing where standard error is no terminal, or a dumb one (TERM). With NO_COLOR set it takes no
+/// nothing where standard error is no terminal, or a dumb one (TERM). With NO_COLOR set it uses no
 /// escape sequences. The time left is shown after two seconds, when it means something.
 ///
 /// It has no thread of its own: the thread that reports an advance draws the line, ten times a
 /// second at most. Thread-safe.
 class Progress {
 public:
-    /// What there is to do.
+    /// For so many files.
     Progress(std::size_t totalFiles, std::int64_t totalBytes, bool wanted);
 
-    /// Of the search for what there is to do.
+    /// For the search for these files.
     explicit Progress(bool wanted);
 
     /// One more file was found.

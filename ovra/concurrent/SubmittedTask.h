@@ -39,16 +39,15 @@ struct SubmittedTaskProxy;
 /// both locks takes the queue's lock before the task's mutex. `getRank()` and `getPriority()` are
 /// called with the queue's lock held: an override must not call the queue or its executor.
 ///
-/// While a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock of
-/// that queue. That lock is a leaf: the three calls never wait for the queue's own lock, and an
+/// As long as a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock
+/// of that queue. That lock is a leaf: the three calls never wait for the queue's own lock, and an
 /// operation that a pick calls may make them. The library may allocate memory while it holds the
 /// leaf lock, so an application's `operator new` must not make these calls.
 ///
-/// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. An exception out
-/// of an overridden virtual operation ends the process if that happens on a worker. If the
-/// exception leaves a pick on one of the application's own threads, no task is removed. Tasks newer
-/// than the task that threw keep their updated ranks. An operation that cannot take a lock throws
-/// `std::system_error`.
+/// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. On a worker, an
+/// exception out of an overridden virtual operation ends the process. If it leaves a pick on one of
+/// the application's own threads, no task is removed. Tasks newer than the task that threw keep
+/// their updated ranks. An operation that cannot take a lock throws `std::system_error`.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to
 /// `HIGHEST_CURRENT_RANK_VALUE`; larger runs earlier. Unique indices count down through the life of
@@ -78,8 +77,8 @@ public:
     /// The largest rank a task can have: the initial rank of `HIGHEST`.
     static constexpr unsigned int HIGHEST_CURRENT_RANK_VALUE = 0x7fffffff;
 
-    /// A null `work` is accepted, and logged at `WARNING` as "Given a null pointer for a task.". It
-    /// holds the worker that executes it until the task is cancelled. `onCompletion` may be empty.
+    /// A null `work` is accepted, and logged at `WARNING` as "Given a null pointer for a task.".
+    /// The task occupies its worker until the task is cancelled. `onCompletion` may be empty.
     SubmittedTask(std::shared_ptr<Task> work, TaskPriority initialPriority,
                   std::function<void(std::shared_ptr<Task>)> onCompletion);
     /// Copies `work` into a `LambdaFunctionTask`; `name` is borrowed and may be null.
@@ -110,7 +109,7 @@ public:
     /// Stores the priority and resets the rank to the initial rank of that priority, even if the
     /// task had aged above it. The queue sees the new rank at its next pick.
     void setPriority(TaskPriority newPriority);
-    /// `setState`, then a line at `INFO` that says so.
+    /// `setState`, then logs the new state at `INFO`.
     void updateTaskState(Executable::State newState);
     /// Links the handle, weakly, and pushes the current state and result to it.
     void setHandle(std::shared_ptr<TaskHandle> const& newHandle);
@@ -138,8 +137,8 @@ public:
     ///     cancelled, but SUCCESS or FAILURE  -> CANCELLED, that result
     ///
     /// Starts with the state `EXECUTING`, which overwrites `CANCELLED`. Work that returns `REPEAT`
-    /// without end, and a null task, hold the worker (and so the executor's destructor) until they
-    /// are cancelled. Not reentrant.
+    /// without end, and a null task, occupy the worker until they are cancelled, and so block the
+    /// executor's destructor. Not reentrant.
     Executable::Result execute();
     /// Calls the callback, if there is one, with the task, which may be null. What the callback
     /// throws is logged and changes nothing. Runs after the promise has been fulfilled.

@@ -23,15 +23,15 @@ class TaskRankingStrategy;
 ///
 /// The task with the largest score runs next, where score = rank + unique index in unsigned 32-bit
 /// arithmetic. For example, a `LOW` task (rank 1) submitted 1000 submissions before a `NORMAL` one
-/// (rank 1000) runs first. Unique indices count down: among equal ranks the oldest task wins, and a
-/// task submitted more than N submissions earlier outweighs a difference in rank of N.
+/// (rank 1000) runs first. Unique indices count down: of equal ranks the oldest task runs first. A
+/// task with a rank smaller by N runs first if it is more than N submissions older.
 ///
 /// *Ownership*: shared by an executor and whoever made the queue; workers refer to it weakly. The
 /// queue owns one reference to each queued task. One queue may serve several executors; the
 /// executor destroyed first closes it.
 ///
 /// *Threads*: Thread-safe. The lock is held while the strategy runs, while memory is allocated and
-/// while a worker is woken, and is taken before a task's mutex. `addTask()`, `getNextTask()`,
+/// while a worker is woken. It is taken before a task's mutex. `addTask()`, `getNextTask()`,
 /// `isEmpty()` and `close()` block for locks only, not for work.
 ///
 /// *Failure*: refusals are empty pointers. An operation that cannot take a lock throws

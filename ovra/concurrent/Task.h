@@ -9,7 +9,7 @@ namespace ovra::concurrent {
 ///
 /// *Ownership*: held through `std::shared_ptr` by the executor and handed to the completion
 /// callback. The thread that releases the last reference destroys the task, and that thread is
-/// often a worker. If the destructor of a task submits, it must not become the last owner of the
+/// often a worker. If the destructor of a task submits, it must not hold the last reference to the
 /// executor on a worker: see `TaskExecutorImpl`.
 class OVRA_API Task : public Executable {
 public:

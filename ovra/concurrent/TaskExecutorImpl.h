@@ -16,13 +16,13 @@ class TaskExecutorWorker;
 ///
 /// *Ownership*: shares the queue with whoever made it. Destroying the executor closes the queue,
 /// drops what is queued (without callback, state change or release of waiters) and waits for the
-/// task that each worker is running, callback included: work that never ends holds the destructor.
+/// task that each worker is running, callback included: work that never ends blocks the destructor.
 ///
 /// *Threads*: Thread-safe. Three misuses to avoid:
 /// - Releasing the last reference on one of the executor's own workers ends the process, since a
-///   thread cannot join itself. Work or a callback that owns the executor can do so. So can work, a
-///   callback or the destructor of a `Task` that calls `std::weak_ptr<TaskExecutor>::lock()`, if
-///   the owner releases its reference meanwhile.
+///   thread cannot join itself. Work or a callback that owns the executor can hold that reference.
+///   So can work, a callback or the destructor of a `Task` that calls
+///   `std::weak_ptr<TaskExecutor>::lock()`, if the owner releases its reference meanwhile.
 /// - A task that waits for another task of the same one-worker executor never returns.
 /// - Two executors that are destroyed on each other's workers wait for each other for good.
 ///

@@ -55,8 +55,8 @@ void TaskHandle::waitForCompletion() {
     } else if (auto const& proxy = std::get<Proxy>(link); proxy && proxy->waitForCompletion) {
         proxy->waitForCompletion();
     }
-    // If the task is gone, this acquire load synchronises with the worker's last setResult(). The
-    // fence would do, but ThreadSanitizer does not model fences.
+    // If the task no longer exists, this acquire load synchronises with the worker's last
+    // setResult(). The fence would do, but ThreadSanitizer does not model fences.
     static_cast<void>(getResult());
 }
 

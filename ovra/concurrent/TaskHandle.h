@@ -64,7 +64,7 @@ public:
     /// result of such work is kept. A cancel that arrives just as a worker starts the task may be
     /// overwritten by `EXECUTING`: the task then runs as if it had not been cancelled. A cancel
     /// that arrives just as the work ends may be overwritten by `DONE`. In both cases `isDone()`
-    /// goes by the new state.
+    /// follows the new state.
     void cancel();
 
     /// Gives a queued task a new priority and resets its rank to that priority's initial rank, even

@@ -19,7 +19,7 @@
 /// most once in `milliseconds`. For messages that would otherwise flood the log.
 ///
 /// The first line is logged at once. Lines that follow within `milliseconds` are held back. The
-/// first line after that period says how many were: it ends in " (and N more like it)". If no line
+/// first line after that period reports them: it ends in " (and N more like it)". If no line
 /// follows, nothing says how many were held back. Lines that the global level drops neither count
 /// nor begin a period. `milliseconds` of 0 or less hold nothing back. The arguments are evaluated
 /// in any case.
@@ -42,8 +42,8 @@ namespace ovra::extra {
 /// What `OVRA_LOG_EVERY` keeps for each place that uses it.
 ///
 /// *Threads*: Thread-safe. *Failure*: as `ovra::log::log`: a message that cannot be formatted is
-/// dropped in silence; it begins a period all the same. The next line that is logged also counts
-/// the lines that were held back before that period. `errno` is kept.
+/// dropped in silence; it begins a period all the same. The next line that is logged also reports
+/// the lines that this message would have reported. `errno` is kept.
 class LogEvery {
 public:
     constexpr LogEvery() = default;
@@ -73,8 +73,8 @@ private:
         return std::chrono::duration_cast<milliseconds>(time).count();
     }
 
-    // Begins a period, and returns how many lines the last period held back. Or, within a period,
-    // counts one more line as held back, and returns nothing.
+    // Within a period, counts one more line as held back and returns nothing. Otherwise begins a
+    // period and returns how many lines the last one held back.
     std::optional<unsigned long> begin(std::int64_t milliseconds) {
         constexpr std::int64_t NEVER = std::numeric_limits<std::int64_t>::max() / 2;
         std::int64_t const time = now();

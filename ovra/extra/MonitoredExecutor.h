@@ -34,13 +34,13 @@ struct TaskCounts {
 ///
 /// A run lasts from the first `execute()` to the end of the callback, so work that returns `REPEAT`
 /// is one run. If a cancel prevents the work, but not the callback, the callback is a run, and the
-/// task counts as dropped at its end. Only tasks that are submitted through this object are
-/// counted. A null task with a callback is passed on and not counted.
+/// task counts as dropped when the callback ends. Only tasks that are submitted through this object
+/// are counted. A null task with a callback is passed on and not counted.
 ///
-/// *Ownership*: holds a strong reference to the executor, which must not be the last one if this
-/// object is destroyed on one of the executor's own workers. This object may be destroyed before
-/// its tasks. `submitTask` calls a task's `name()` one more time; the name is borrowed as with any
-/// executor.
+/// *Ownership*: holds a strong reference to the executor. That reference must not be the last if
+/// this object is destroyed on one of the executor's own workers. This object may be destroyed
+/// before its tasks. `submitTask` calls a task's `name()` one more time; the name is borrowed as
+/// with any executor.
 ///
 /// *Threads*: Thread-safe. No lock is held while this object calls the executor, work, a callback
 /// or `name()`, nor while `writeTo` writes. Not for signal handlers.

@@ -28,7 +28,7 @@ class LineRing;
 ///     the thread is held up until `lines` later lines have been kept
 ///
 /// *After fork*: the child has the lines of the parent, except those that other threads were
-/// keeping at that moment. If another thread was writing out a line, the child never uses the place
+/// storing at that moment. If another thread was writing out a line, the child never uses the place
 /// of that line again.
 ///
 /// *Failure*: the constructor may throw `std::bad_alloc`. `errno` is kept.

@@ -25,9 +25,8 @@ namespace ovra::extra {
 ///
 /// Mount points below `root` are not crossed: they stay, and with them the directories that they
 /// are in (`BUSY`). A directory on another device counts as a mount point. A mount point at `root`
-/// itself is emptied, and stays (`BUSY`). Before Linux 5.8, a mount point is not recognised, and is
-/// emptied, if it shows the device that `root` is on and lies in a directory that the process may
-/// not change.
+/// itself is emptied, and stays (`BUSY`). Before Linux 5.8, the call does not recognise, and so
+/// empties, a mount point on the device of `root` in a directory that the process may not change.
 ///
 /// *Limits*: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree
 /// is. The heap holds the names of the directories that are still to be removed, and about 100
@@ -38,8 +37,8 @@ namespace ovra::extra {
 /// *Threads*: Thread-safe. Two calls that remove one tree at the same time help each other.
 ///
 /// *Failure*: goes on with the rest, and returns the first failure. An entry that vanished
-/// meanwhile is no failure. A directory for whose names there is no memory stays (`NO_MEMORY`).
-/// Throws `std::bad_alloc` before it begins, and then nothing has changed.
+/// meanwhile is no failure. A directory stays if there is no memory for the names in it
+/// (`NO_MEMORY`). Throws `std::bad_alloc` before it begins, and then nothing has changed.
 OVRA_EXTRA_API Outcome removeTree(fs::FilePath const& root);
 
 }  // namespace ovra::extra

@@ -14,9 +14,9 @@ namespace ovra::extra {
 ///
 /// The new contents are written beside the file, as ".NAME.XXXXXX", where NAME is cut if the whole
 /// would be too long. That temporary file is made exclusively and has the mode 0600 until it is
-/// complete. It is synced and renamed over `file`; then the directory is synced. For a new file,
-/// an empty one of such a name is made and removed first: its mode says what the umask leaves. A
-/// temporary file stays if the process ends in the middle, or if the system refuses to remove it.
+/// complete. It is synced and renamed over `file`; then the directory is synced. For a new file, an
+/// empty file of such a name is first made and removed, to learn the mode. A temporary file stays
+/// if the process ends in the middle, or if the system refuses to remove it.
 ///
 ///     a regular file             -> replaced; its mode and owner are kept, see below
 ///     nothing                    -> made, with the mode 0666 less the umask

@@ -71,15 +71,15 @@ struct RotatingFileOptions {
 /// the system, which puts it on the disk later, unless `syncLevel` or `sync` asked for that.
 ///
 /// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
-/// After `fork` parent and child may both log, also when another thread was inside a line at that
+/// After `fork` parent and child may both log, also when another thread was logging a line at that
 /// moment. (Not in a child of `vfork` or of the system's bare `clone`.)
 ///
 /// *Failure*: a line that cannot be written whole (full disk, no such directory, a bad medium)
 /// counts as lost. Before the next line that can be written, the sink reports the loss since the
 /// last report: "[ovra:WARNING] N lines lost". A file that cannot be opened is tried again with
 /// each line. A limit on the size of files (`RLIMIT_FSIZE`) raises SIGXFSZ, as for any writer:
-/// ignore that signal, and the lines count as lost. `errno` is kept. Only `std::bad_alloc` is
-/// thrown, and by the constructor alone.
+/// ignore that signal, and the lines count as lost. `errno` is kept. Only the constructor throws,
+/// and only `std::bad_alloc`.
 class OVRA_EXTRA_API RotatingFileLogHandler : public log::LogHandler {
 public:
     /// Opens the file, or makes it. A file that cannot be opened is tried again with each line.

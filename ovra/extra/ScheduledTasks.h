@@ -14,10 +14,9 @@ class ScheduleThread;
 
 /// Submits functions to an executor later, once or again and again.
 ///
-/// *Ownership*: holds a strong reference to the executor. So a task of that executor must not
-/// release the last other reference and destroy this object as well. The destructor drops what is
-/// due later, joins the thread, and waits for no task that has been submitted. Functions and names
-/// are copied.
+/// *Ownership*: holds a strong reference to the executor. That reference must not be the last if a
+/// task of the executor destroys this object. The destructor drops what is due later, joins the
+/// thread, and waits for no task that has been submitted. Functions and names are copied.
 ///
 /// *Threads*: Thread-safe, in its own tasks too. The object has one thread, named "ovra-scheduled",
 /// which starts with the first schedule. The thread blocks all signals, sleeps until something is

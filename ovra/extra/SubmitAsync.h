@@ -193,12 +193,12 @@ using AsyncValue =
 ///     it ends its own thread     -> the same
 ///
 /// The future never hangs as long as the function itself ends, with one exception: a task that is
-/// submitted while another thread closes the queue may stay there until the queue is destroyed.
+/// submitted while another thread closes the queue may stay in it until the queue is destroyed.
 /// `Async`'s own `cancel()` breaks the promise at once; a `cancel()` of its handle does so when a
 /// worker reaches the task.
 ///
 /// *Ownership*: the function and what it captured are destroyed before the future becomes ready.
-/// What a move leaves behind in the caller's own object is the caller's. `name` is borrowed as in
+/// The caller's own function object stays the caller's, even after a move. `name` is borrowed as in
 /// `TaskExecutor::submitTask`, and may be null.
 ///
 /// *Threads*: Thread-safe. Waiting for the future inside a task of the same one-thread executor

@@ -17,17 +17,17 @@ namespace ovra::extra {
 /// *Threads*: Thread-safe. The target is called with no lock held, by several threads at once: it
 /// serialises its own writes, and may call the switch. A line that began before an `exchange` may
 /// still reach the old target after it. After `fork` parent and child each have a switch of their
-/// own, also when another thread was inside a line at that moment.
+/// own, also when another thread was logging a line at that moment.
 ///
 /// A switch that passes lines back to itself, directly or through other sinks, calls itself until
-/// the stack ends, and with it the process.
+/// the stack overflows, which ends the process.
 ///
-/// *Failure*: what the target throws is passed on, to be discarded by `log`. Only `std::bad_alloc`
-/// is thrown by the switch itself, and by the constructor alone. `errno` is kept, as far as the
-/// target keeps it.
+/// *Failure*: what the target throws is passed on, to be discarded by `log`. The switch itself
+/// throws only `std::bad_alloc`, and only in the constructor. `errno` is kept, as far as the target
+/// keeps it.
 class OVRA_EXTRA_API SwitchLogHandler : public log::LogHandler {
 public:
-    /// An empty target mutes. Lines of `level` and of those more severe are passed on; see
+    /// An empty target mutes. Lines of `level`, or of a more severe one, are passed on; see
     /// `setLevel`.
     explicit SwitchLogHandler(std::shared_ptr<log::LogHandler> target = nullptr,
                               log::LogLevel level = log::VERBOSE);
@@ -36,7 +36,7 @@ public:
     /// Passes the line on as it is, a null line too.
     void handleLogMessage(char const* line, log::LogLevel level) override;
 
-    /// From now on lines go to `target`; an empty one mutes. Returns the target so far.
+    /// From now on lines go to `target`; an empty one mutes. Returns the old target.
     std::shared_ptr<log::LogHandler> exchange(std::shared_ptr<log::LogHandler> target);
 
     /// Passes on lines whose level is at most `level`, which is not checked. Lines of level

@@ -16,9 +16,9 @@ namespace ovra::extra {
 /// callback has returned, or the executor has dropped the task (cancelled in the queue, queue
 /// closed, executor destroyed). It keeps nothing of a task that has ended.
 ///
-/// *Ownership*: holds a strong reference to the executor, which must not be the last one if the
-/// group is destroyed on one of the executor's own workers. The group may be destroyed before its
-/// tasks: that cancels nothing and waits for nothing.
+/// *Ownership*: holds a strong reference to the executor. That reference must not be the last if
+/// the group is destroyed on one of the executor's own workers. The group may be destroyed before
+/// its tasks: that cancels nothing and waits for nothing.
 ///
 /// *Threads*: Thread-safe. No lock is held while the executor is called. `wait()` inside a task or
 /// a callback of the same group deadlocks, and inside another task of the same one-thread executor
@@ -62,7 +62,7 @@ public:
     /// does not block. A `limit` that the clock cannot reach is no limit.
     bool waitFor(std::chrono::milliseconds limit);
 
-    /// Cancels what is pending, as `TaskHandle::cancel()` does each. Tasks that have ended are left
+    /// Cancels every pending task, as `TaskHandle::cancel()` does. Tasks that have ended are left
     /// alone. A task that is cancelled in the queue stays pending until the executor releases it.
     /// The call may overlook a task that another thread is submitting at that moment.
     void cancelAll();

@@ -84,8 +84,8 @@ public:
 /// Names one file, directory or symbolic link by its path, and works on it.
 ///
 /// The entry need not exist: it is looked at only when an operation runs, and again for each query.
-/// Queries follow symbolic links. A dangling link, or a loop of links, does not exist and is not
-/// reported as a link either.
+/// Queries follow symbolic links. They report a dangling link, or a loop of links, as missing, and
+/// not as a link.
 ///
 /// *Ownership*: owns its back end. A copy shares nothing with its source: it gets a new POSIX back
 /// end on the source's path, whatever the source had. It has no move operations: a move copies.
@@ -95,7 +95,7 @@ public:
 /// independent, also on the same path.
 ///
 /// *Failure*: `false`, 0, an empty value, the end iterator or a stream in the failed state; the
-/// reason is not kept, and `errno` is neither promised nor protected. Only exhausted memory is
+/// reason is not kept, and operations may leave any value in `errno`. Only exhausted memory is
 /// reported, as `std::bad_alloc`; an assignment that throws changes nothing. Nothing protects
 /// against another process that changes the entries meanwhile.
 ///
@@ -160,8 +160,8 @@ public:
     /// The time of the last change of the contents; 0 when the entry does not exist.
     std::int64_t ModificationTime() const;
 
-    /// Creates the last component, with mode 0775 less the umask. `false` if the entry exists, as a
-    /// directory too.
+    /// Creates the last component, with mode 0775 less the umask. `false` if the entry exists, even
+    /// as a directory.
     bool CreateDirectory();
     /// Removes whatever is here: an empty directory, but also a file, a special file or a link (the
     /// link itself). `true` also when nothing can be seen here: the entry does not exist, is a
@@ -179,14 +179,14 @@ public:
     /// `false` too, and nothing touched, if this is not a directory.
     ///
     /// A directory that is being emptied is not entered again, so that links that lead back up do
-    /// not multiply the work. In rare trees with such links, this rule changes what is left. Either
-    /// more is removed, and the result is `true` where it would be `false` without the rule. Or a
-    /// directory stays, or a link that dangles by then.
+    /// not multiply the work. In rare trees with such links, this rule changes what is left. More
+    /// may be removed, with `true` where the result would be `false` without the rule. Or a
+    /// directory, or a link that dangles by then, may stay.
     ///
-    /// One directory, and so one file descriptor, is open per level. What lies deeper than the
-    /// limits on descriptors and on the length of a path allow stays, and the result is `false`.
-    /// Each level also takes up to 1 KiB of the thread's stack. A deep tree can overflow a small
-    /// stack, which ends the process.
+    /// One directory, and so one file descriptor, is open per level. The limits on descriptors and
+    /// on the length of a path limit the depth. What lies deeper stays, with `false`. Each level
+    /// also takes up to 1 KiB of the thread's stack. A deep tree can overflow a small stack, which
+    /// ends the process.
     bool RemoveDirectoryRecursive();
     /// Makes a link to this entry at `target`. If `target` is a directory, makes the link inside it
     /// under this entry's name. The link's contents are this path as it stands. So the system

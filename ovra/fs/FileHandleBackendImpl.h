@@ -41,9 +41,9 @@ public:
     ~FileHandleBackendImpl() override;
 
     std::string Path() const override;
-    /// Reads the status. Every other query calls Exists() first, so a derived class that overrides
-    /// Exists() decides for all queries. A query then answers from the last record read, or with
-    /// `false` or 0 if there is no record.
+    /// Reads the status. Every other query of the status calls Exists() first, so an override
+    /// decides for all of them. If it returns `true`, the query answers from the last record read,
+    /// or with `false` or 0 without one.
     bool Exists() const override;
     /// See FileHandle::IsFile().
     bool IsFile() const override;

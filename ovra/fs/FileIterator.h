@@ -92,7 +92,7 @@ private:
 ///
 /// Paths are compared as text, so a copy of an iterator over "/x/y" never equals its source.
 ///
-/// *Ownership*: owns its reading of the directory, and with it one file descriptor. It has no move
+/// *Ownership*: owns its directory stream, and with it one file descriptor. It has no move
 /// operations: a move copies.
 ///
 /// *Threads*: Not thread-safe: the caller synchronises.

@@ -22,7 +22,7 @@ namespace ovra::fs {
 /// memory is reported, as `std::bad_alloc`; the object then still holds its path, and a later query
 /// can succeed.
 ///
-/// *Example*: the components of a path, where separators collapse and a last one is dropped.
+/// *Example*: the components of a path, where separators collapse and a trailing one is dropped.
 ///
 ///     path                 -> directory   file name   base name  extension full path
 ///     ""                   -> ""          ""          ""         ""        ""

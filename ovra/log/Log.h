@@ -48,7 +48,7 @@ enum LogHandlerType : std::int32_t {
 /// its destructor must not log.
 ///
 /// *Failure*: what a sink throws is discarded, and the sinks not yet called do not get that
-/// message. A sink that never returns holds the thread that logs.
+/// message. A sink that never returns blocks the thread that logs.
 class OVRA_API LogHandler {
 public:
     LogHandler() = default;

@@ -393,7 +393,7 @@ TEST_F(SubmittedTasksQueuePickTest, StrategyIsNotAskedOnAnEmptyQueue) {
     EXPECT_EQ(updates, 0);
 }
 
-// Throws for as often as it is told to.
+// Throws from `getRank()`, as often as `throws` says.
 class ThrowingTask : public SubmittedTask {
 public:
     ThrowingTask() : SubmittedTask(succeed(), LOW, Callback(), "throwing") {}

@@ -20,7 +20,7 @@ namespace {
 
 using namespace ovra::fs::test;
 
-/// A child process that runs `body` and then waits to be told to end.
+/// A child process that runs `body` and then waits until the test ends it.
 class Child {
 public:
     explicit Child(std::function<void()> const& body) {

@@ -45,7 +45,7 @@ struct Stored {
 
 /// A change that the medium may or may not have seen.
 struct Change {
-    int file;             // What it changes; the directory's are told by their names.
+    int file;             // What it changes; the directory's are known by their names.
     std::string name;     // Of the directory's: the name that from now on means `file`
     std::string oldName;  // and the one that is removed.
     std::size_t offset = 0;
@@ -59,8 +59,8 @@ struct Change {
     bool isOfDirectory() const { return !name.empty() || !oldName.empty(); }
 };
 
-/// One directory and the files in it. All files that are open are told by their descriptors, which
-/// are never used twice here.
+/// One directory and the files in it. Open files are known by their descriptors, which are never
+/// used twice here.
 class Disk {
 public:
     explicit Disk(std::map<std::string, Stored> const& before) {

@@ -43,7 +43,7 @@ public:
 
     void goOn() { toldToGoOn.open(); }
     void cancel() { async.cancel(); }
-    /// "pending", the value, or "broken", which is told once.
+    /// "pending", the value, or "broken"; the last two once.
     std::string outcome(std::chrono::seconds limit = std::chrono::seconds(0)) {
         if (async.future.wait_for(limit) != std::future_status::ready) {
             return "pending";

@@ -55,7 +55,7 @@ struct StopOfRunning : Served {
             model::yield();
         }
         expect(before == 1, "the flag comes after what was before it");
-        hasRun = 1;  // Where it was given up meanwhile, the work would be gone.
+        hasRun = 1;  // Had the work been given up meanwhile, it would not exist.
         return 7;
     }
 

@@ -34,8 +34,8 @@ inline int scaled(int rounds) {
     return product < 1 ? 1 : static_cast<int>(product);
 }
 
-/// Ends the process with a message if it still exists when the deadline has passed. It only bounds
-/// a hang: nothing may come to depend on how long it is.
+/// Ends the process with a message if this object still exists at the deadline. The deadline only
+/// bounds a hang: no result may depend on its length.
 class Watchdog {
 public:
     explicit Watchdog(unsigned int seconds = deadlineSeconds()) {
@@ -64,15 +64,15 @@ private:
 /// The base of every suite that could hang.
 class BoundedTest : public ::testing::Test {
 protected:
-    /// For a test of many rounds: the deadline bounds one round, not their number.
+    /// For each round of a long test, so that the deadline bounds one round.
     static void restartDeadline() { alarm(deadlineSeconds()); }
 
 private:
     Watchdog watchdog;
 };
 
-/// Gives way to other threads until `condition` holds. For what no gate can show, such as that
-/// another thread has released an object; a watchdog bounds it.
+/// Yields to other threads until `condition` holds. For what no gate can show, such as that another
+/// thread has released an object; a watchdog bounds it.
 template <typename Condition>
 void yieldUntil(Condition condition) {
     while (!condition()) {

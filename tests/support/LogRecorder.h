@@ -11,8 +11,8 @@ namespace ovra::test {
 
 /// While it lives, sets the global level and keeps what is logged; then the level is `ERROR` again.
 ///
-/// Make it before the threads whose lines it is to keep. Its destructor waits for the lines that
-/// are just being kept.
+/// Make it before the threads whose lines it is to keep. Its destructor waits for calls that are
+/// still storing a line.
 class LogRecorder : public RecordingSink {
 public:
     explicit LogRecorder(log::LogLevel level = log::VERBOSE) {

@@ -110,8 +110,8 @@ private:
     log::LogLevel const kept = log::getLogLevel();
 };
 
-/// A name in the registry that is of no effect any more once this is destroyed: entries cannot be
-/// removed, but replaced.
+/// A name in the registry, whose sink does nothing once this is destroyed: an entry cannot be
+/// removed, only replaced.
 class Registration {
 public:
     explicit Registration(std::string name = uniqueName()) : registeredName(std::move(name)) {}

@@ -10,8 +10,8 @@ namespace ovra::test {
 /// The definition of a C library's function that one of this executable hides. Ends the process if
 /// there is none.
 ///
-/// A sanitizer's runtime makes some of these calls before it can record accesses: it records none
-/// here.
+/// A sanitizer's runtime makes some of these calls before it can record accesses, so no access here
+/// is recorded.
 template <typename Function>
 __attribute__((no_sanitize("thread"), no_sanitize("address"))) Function* nextFunction(
     char const* name) {

@@ -4,8 +4,8 @@
 
 namespace ovra::test {
 
-/// Takes an observer away from its place for as long as it lives, so that nothing is observed of
-/// what the observer does itself.
+/// Removes an observer from its place while this exists, so that the observer does not see what it
+/// does itself.
 template <typename Observer>
 class Pause {
 public:

@@ -15,8 +15,8 @@
 
 namespace ovra::test {
 
-/// A fresh directory that goes, with all that is in it, when the test ends. Its helpers work on the
-/// system itself, not on the library under test. Paths are relative to it.
+/// A fresh directory that is removed, with all that is in it, when the test ends. Its helpers work
+/// on the system itself, not on the library under test. Paths are relative to it.
 class ScratchDirectory {
 public:
     ScratchDirectory() {

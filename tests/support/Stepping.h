@@ -14,8 +14,8 @@ public:
     Stepping(int round, std::uintptr_t address, int visit)
         : nth(round), place(address), nthVisit(visit) {}
 
-    /// Runs `action` up to the round's instruction. There another thread makes `change`; if it must
-    /// wait for a lock, this thread goes on meanwhile. Afterwards, both have been done.
+    /// Runs `action` up to the round's instruction. There another thread makes `change`; if that
+    /// thread must wait for a lock, `action` goes on meanwhile. On return, both are complete.
     void operator()(std::function<void()> const& action, std::function<void()> const& change);
 
     int const nth;
@@ -25,9 +25,9 @@ private:
     int const nthVisit;
 };
 
-/// Runs a round for each instruction of the library that the action of the first round executes,
-/// with a change ahead of it; three for one that it executes so often. So whatever lies between a
-/// look and a store, in one of the rounds the change falls between them, on every run.
+/// The first round notes which instructions of the library its action executes. Then each of them
+/// gets a round with the change ahead of it, or up to three if it is executed so often. So on every
+/// run, some round makes the change between a load and the store that follows.
 ///
 /// Link ThreadCalls.cpp and Stepping.cpp into the test. No other `ThreadCalls` may be installed.
 void atEachInstruction(std::function<void(Stepping&)> const& round);

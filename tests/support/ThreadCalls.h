@@ -9,12 +9,12 @@
 
 namespace ovra::test {
 
-/// While it lives, sees every call of these thread functions, and of `operator new`, in the process
-/// before it is made (or after, where the hook says so), on the calling thread. For tests that must
-/// stop a thread at an exact place, or let a call fail.
+/// From `install()` on, runs a hook on the calling thread before each call of these thread
+/// functions, and of `operator new`, in the process; an `after` hook runs after the call. For tests
+/// that must stop a thread at an exact place, or let a call fail.
 ///
 /// Link ThreadCalls.cpp into the test. Set the hooks, then `install()`; the object must outlive
-/// every call that finds it installed. Calls made from within a hook are not seen.
+/// every call that finds it installed. Calls made within a hook run no hook.
 struct ThreadCalls {
     ThreadCalls() = default;
     ThreadCalls(ThreadCalls const&) = delete;

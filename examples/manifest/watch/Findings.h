@@ -30,22 +30,22 @@ bool operator==(Finding const& left, Finding const& right);
 /// "CHANGED" and so on.
 char const* stateName(Finding::State state);
 
-/// All findings of the present. Reports each once, and again when it changes or ends.
+/// The current findings. Reports each once, and again when it changes or ends.
 ///
 /// The path of a directory ends with a separator. Thread-safe; the report is called under a lock.
 class Findings {
 public:
-    /// Gets the path and what is to be said of it: "CHANGED", "UNREADABLE (DENIED)", "OK", ...
-    /// Whether there is such a finding now, or no longer.
+    /// Gets the path, its state ("CHANGED", "UNREADABLE (DENIED)", "OK", ...) and whether there is
+    /// such a finding now or no longer.
     using Report =
         std::function<void(std::string const& path, std::string const& what, bool isNow)>;
 
     explicit Findings(Report reportTo);
 
-    /// A finding of an earlier run: it has been reported.
+    /// Adds a finding of an earlier run, which reported it.
     void restore(std::string const& path, Finding finding);
 
-    /// Drops those of a search in silence: there will be no search.
+    /// Drops the findings of searches without a report: this run makes no search.
     void forgetSearches();
 
     void add(std::string const& path, Finding finding);
@@ -54,17 +54,17 @@ public:
 
     /// A search for new files begins. It may add directories, and files that are `NEW`.
     void beginSearch();
-    /// The search has seen everything: such findings end if it has not added them again. So do
-    /// those about files that are not listed any more.
+    /// The search has seen everything: ends its findings that it has not added again, and those
+    /// about files that are no longer listed.
     void endSearch(ListedFiles const& listed);
 
-    /// Does not wait, even while a report is held up.
+    /// Does not wait, even while a report blocks.
     std::size_t size() const;
-    /// How many of them are about files that are listed.
+    /// How many findings are about listed files.
     std::size_t countOf(ListedFiles const& listed) const;
-    /// Another number after each change. Does not wait.
+    /// The number of reports so far. Does not wait.
     std::uint64_t version() const;
-    /// Calls `function` for each, by path.
+    /// Calls `function` for each, in order of path.
     void forEach(std::function<void(std::string const&, Finding const&)> const& function) const;
 
 private:

@@ -12,12 +12,12 @@ namespace manifest {
 /// becomes half a surrogate pair, "\udc80" to "\udcff", as in Python's names of files.
 std::string jsonString(std::string_view bytes);
 
-/// Takes JSON of a known layout apart, from its front on. White space between the parts is free.
+/// Parses JSON of a known layout, from its front on. White space between the parts is free.
 class JsonReader {
 public:
     explicit JsonReader(std::string_view json);
 
-    /// Whether the next characters are these, which it then skips.
+    /// Skips `characters` if they come next; returns whether they do.
     bool take(std::string_view characters);
     /// The string that comes next, as `jsonString` wrote it; nothing if there is none.
     std::optional<std::string> string();

@@ -23,7 +23,7 @@ public:
     void stop();
     bool isStopped() const;
 
-    /// Goes up as long as work is done, or waits for its time.
+    /// Rises as long as work is done, or waits for the rate.
     std::uint64_t steps() const;
 
 private:

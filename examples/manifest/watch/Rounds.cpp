@@ -17,10 +17,10 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// So many files wait and are read at any moment.
+// At most so many files wait or are read at a time.
 constexpr std::size_t MOST_UNDER_WAY = 64;
 constexpr milliseconds PAUSE(10);
-// A finding is saved soon. How far the round is, is saved now and then: each save is a few writes.
+// A finding is saved soon, the progress of a round only now and then: each save is a few writes.
 constexpr std::chrono::seconds SAVE_FINDINGS_AFTER(1);
 constexpr std::chrono::minutes SAVE_ANYWAY_AFTER(5);
 
@@ -138,7 +138,7 @@ void Rounds::runOne() {
     ended(round, summary);
 }
 
-// Returns early, with everything it submitted ended, once the pace is stopped.
+// Once the pace is stopped, returns when all that it has submitted has ended.
 void Rounds::checkAll(ListedFiles const& listed) {
     std::size_t next = status.nextFile.empty() ? 0 : listed.numberOf(status.nextFile);
     filesChecked = next;
@@ -177,7 +177,7 @@ void Rounds::drain(ListedFiles const& listed, std::size_t next) {
         isGivenUp = true;
         group.cancelAll();
         noteNext(listed, next);
-        save();  // Now: the system may hold a worker up, and the process ends without it.
+        save();  // Now: if the system blocks a worker, the process ends before a later save.
     }
     noteNext(listed, next);
     std::lock_guard<std::mutex> const lock(mutex);

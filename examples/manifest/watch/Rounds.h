@@ -32,7 +32,7 @@ namespace manifest {
 /// any thread.
 class Rounds : private CheckTask::Owner {
 public:
-    /// Called on the thread of the round at its end, with what there is to say of it.
+    /// Called at the end of a round, on its thread, with a summary.
     using Ended = std::function<void(std::uint64_t round, std::string const& summary)>;
 
     Rounds(WatchOptions const& watchOptions,

@@ -217,8 +217,8 @@ void Watch::giveSignOfLife() {
     stepsSeen = steps;
 }
 
-// What is running and waiting, at once. How far the round is, as soon as a worker has ended its
-// file: the workers that hash know best, and are asked ahead of all files.
+// Prints at once what is running and waiting. Asks a worker, ahead of all files, for the progress
+// of the round: it answers when it has ended its file.
 void Watch::answer() {
     auto progress = extra::submitAsync(
         *hashing, [this] { return rounds.progress(); }, concurrent::HIGHEST, "status");
@@ -239,12 +239,12 @@ void Watch::answer() {
 }
 
 void Watch::stop() {
-    signal(SIGALRM, endNow);  // Whatever holds up the rest.
+    signal(SIGALRM, endNow);  // Whatever blocks the rest.
     alarm(SECONDS_TO_THE_END);
     notify.send("STOPPING=1");
     pace.stop();
     if (!rounds.waitForEnd(ROUND_ENDS_WITHIN)) {
-        // A worker is held up by the system, and nobody can join it.
+        // The system blocks a worker, so nobody can join it.
         log::log(log::WARNING, TAG, "Ended in the middle of a file.");
         _exit(statusAtTheEnd);
     }

@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t RECENT_LINES = 64;
 constexpr std::size_t RECENT_BYTES = 240;
 
-// The sink does the same with a directory.
+// In a directory, the sink uses this name, too.
 std::string logFile(WatchOptions const& options) {
     FileHandle const named(options.log);
     return named.IsDirectory() ? named.Open("ovra.log").Path().Path() : options.log;

@@ -30,7 +30,7 @@ struct WatchOptions {
     bool help = false;  ///< Show the help, and nothing else.
 };
 
-/// Takes the arguments after "watch" apart. Throws `UsageError`.
+/// Parses the arguments after "watch". Throws `UsageError`.
 WatchOptions parseWatchOptions(Arguments& arguments);
 
 }  // namespace manifest

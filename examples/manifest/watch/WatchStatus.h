@@ -18,7 +18,7 @@ struct WatchStatus {
     std::string ended;        ///< And when it ended.
     std::uint64_t files = 0;  ///< How many were listed.
     std::uint64_t well = 0;   ///< How many of them were as listed.
-    std::string nextFile;     ///< Where the round that is under way goes on; empty: none is.
+    std::string nextFile;     ///< Where an unfinished round goes on; empty: there is none.
 };
 
 /// The status and the findings as JSON.

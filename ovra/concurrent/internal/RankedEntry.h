@@ -16,8 +16,8 @@ class SubmittedTask;
 ///
 /// Private to the library. Installed because every `SubmittedTask` holds one.
 struct RankedEntry {
-    /// Set in `rank` while the rank is computed. The other bits are then the rank given at pick
-    /// `since`.
+    /// Set in `rank` if the rank is computed, not stored. The other bits are then the rank given at
+    /// pick `since`.
     static constexpr unsigned int COMPUTED = 0x80000000u;
 
     RankedEntry(TaskPriority initialPriority, unsigned int initialRank, std::int32_t uniqueIndex)
@@ -32,7 +32,7 @@ struct RankedEntry {
     std::int32_t const index;
     std::atomic<bool> wasAdded{false};  // To a queue that computes ranks.
     std::uint8_t list = 0;
-    // That have begun and not ended. Between the two, the rank may be below that of the priority.
+    // Those under way. Meanwhile the rank may be below that of the priority.
     std::atomic<std::uint16_t> priorityChanges{0};
 
     // Set once, before COMPUTED. The entry holds a share of it until the task is destroyed.

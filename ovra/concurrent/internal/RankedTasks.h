@@ -33,9 +33,9 @@ struct SortKey {
 /// another, and whose rank is no smaller, stays ahead of it at every later pick. Tasks of one
 /// priority arrive in that order.
 ///
-/// The tasks are linked in chains, in which each task stays ahead of the next. A pick compares the
-/// first task of each chain, and the first whose sum of rank and index is negative. A task that
-/// fits into no chain is compared at each pick until its rank is final; then it joins a set.
+/// The tasks are linked in chains, in which each task stays ahead of the next. From each chain, a
+/// pick compares the first task and the first task whose sum of rank and index is negative. A task
+/// that fits into no chain is compared at each pick until its rank is final; then it joins a set.
 ///
 /// Private to the library. *Threads*: Thread-safe. The lock is a leaf. The queue's lock comes
 /// before it and guards which tasks are here.
@@ -50,9 +50,9 @@ public:
         }
     }
 
-    /// Takes in a task whose ranks follow the formula. False, and the task is left, if the task or
-    /// the strategy may have rules of its own, if another container has seen the task, or if its
-    /// rank is or may be below that of its priority: the formula does not lift ranks.
+    /// Takes in a task whose ranks follow the formula. Returns false, and leaves `task`, in three
+    /// cases: the task or the strategy may have rules of its own; the task was added before; its
+    /// rank is or may be below that of its priority, and the formula does not clamp.
     bool insert(std::shared_ptr<SubmittedTask>& task, std::uint64_t order);
     /// Removes all tasks without allocating. Returns them linked by `next`, for the caller to
     /// destroy without a lock.
@@ -75,7 +75,7 @@ public:
         std::lock_guard<std::mutex> const lock(mutex);
         return entry.isComputed() ? computeRank(entry, isUpdated(entry)) : entry.given();
     }
-    /// Gives a task a rank, and a priority unless it is null. False if the task is not here.
+    /// Gives a task a rank and, if not null, a priority. False if the task is not here.
     bool setRank(RankedEntry& entry, unsigned int rank, TaskPriority const* priority);
 
 private:
@@ -118,7 +118,7 @@ private:
     std::uint64_t picks = 0;
     struct {
         std::uint64_t to = std::numeric_limits<std::uint64_t>::max();
-        SortKey passed;  // The best old key of the tasks that changed after it had passed them.
+        SortKey passed;  // The best old key of tasks that changed after the scan passed them.
     } scan;
     std::array<List, UNORDERED + 1> lists;
     std::set<SortKey> finals;

@@ -45,7 +45,7 @@ public:
         SubmissionMemory* memory;
     };
 
-    /// The first part that is allocated in it becomes its owner.
+    /// The caller owns it until the first part is allocated in it.
     static SubmissionMemory* make(bool hasWork) {
         return new (::operator new(hasWork ? offsetOf<void>() : offsetOf<Work>())) SubmissionMemory;
     }

@@ -7,7 +7,7 @@
 
 namespace ovra::concurrent {
 
-/// The end of a task: a promise that one thread fulfils and one waits for.
+/// The end of a task: a promise that one thread fulfils and another waits for.
 ///
 /// A waiting thread publishes the address of a semaphore on its own stack. Only a future needs
 /// memory.

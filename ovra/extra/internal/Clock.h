@@ -15,7 +15,7 @@ public:
     static Clock& system();
 
     virtual Time now() const;
-    /// Waits with the lock open until `condition` is notified or `end` has come.
+    /// Waits, with `lock` released, until `condition` is notified or `end` has come.
     virtual void wait(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                       Time end);
 

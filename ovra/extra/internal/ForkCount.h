@@ -8,8 +8,8 @@ namespace ovra::extra {
 void countForks();
 
 /// How many times `fork` has been called on the way from the first process to this one, modulo
-/// 2^32. The value differs between a process and its child, and so distinguishes an owner that
-/// exists from one whose thread exists only in the parent.
+/// 2^32. The value differs between a process and its child: an owner that noted another value is a
+/// thread of the parent.
 std::uint32_t forkCount() noexcept;
 
 }  // namespace ovra::extra

@@ -10,8 +10,8 @@ namespace ovra::extra {
 
 /// A regular file that is open for appending lines, or none.
 ///
-/// *Threads*: Not thread-safe. While it is open, its descriptor names an open file at every moment,
-/// also in a process that is forked at that moment.
+/// *Threads*: Not thread-safe. While the object is open, its descriptor names an open file, also in
+/// a process that is forked at any moment.
 class LogFile {
 public:
     /// None.
@@ -44,7 +44,7 @@ public:
     /// Syncs everything on the file system that the file is on.
     bool syncFileSystem() const;
 
-    /// Locks the file against others that do so; false if another has it, or it cannot be done.
+    /// Takes the lock on the file (flock(2)); false if it is not free, or on failure.
     bool tryLock() const;
     void unlock() const;
 

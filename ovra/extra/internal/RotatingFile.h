@@ -50,11 +50,11 @@ private:
     LogFile file;
     TimeStamps timeStamps;
     bool entryIsSynced = false;
-    bool hasLeftFiles = false;   // Files with lines of this sink that sync() has not seen to.
+    bool hasLeftFiles = false;   // Whether there are any that sync() has not synced.
     bool syncHasFailed = false;  // Since the last sync().
     std::uint64_t lost = 0;
     std::uint64_t lostUnreported = 0;
-    // The last size read is trusted while the time is `lookedAt`, and up to `trustedSize`.
+    // The known size is trusted at the time `lookedAt`, as long as it is at most `trustedSize`.
     std::int64_t lookedAt = -1;
     std::uint64_t trustedSize = 0;
 };

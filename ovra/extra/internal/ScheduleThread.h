@@ -14,7 +14,7 @@
 
 namespace ovra::extra {
 
-/// The thread that submits what is due; what is behind `ScheduledTasks`.
+/// The thread that submits what is due; the work behind `ScheduledTasks`.
 ///
 /// *Ownership*: the caller's, until `stop()`.
 class ScheduleThread {

@@ -23,7 +23,7 @@ public:
     void accepted(WatchedTask& task);
     void refused();
     void begin(WatchedTask& task);
-    /// Dropped or ended; or nothing at all, if it has ended before or was never accepted.
+    /// Counts the task as dropped or ended, unless it has ended before or was never accepted.
     void end(WatchedTask& task);
 
     TaskCounts read();
@@ -48,8 +48,8 @@ private:
         std::uint64_t size = 0;
     };
 
-    // Guards everything, and `stage`, `since` and the links of the tasks, until a task's
-    // destructor. The clock is read under it, so that the lines are in order of time.
+    // Guards the rest and, until a task's destructor, its `stage`, `since` and links. The clock is
+    // read with the mutex locked, so that both lines are in order of time.
     std::mutex mutex;
     TaskCounts counts{};
     Line waiting;

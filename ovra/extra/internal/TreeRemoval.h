@@ -13,11 +13,11 @@ namespace ovra::extra {
 
 /// Removes one directory with all that is in it: the work behind removeTree().
 ///
-/// Each directory is scanned once, through one buffer for all of them. What is no directory is
-/// removed at once; the names of directories are kept, and those are entered one after the other.
-/// No position in a directory has to be kept, so only the innermost levels stay open. A level that
-/// was closed is opened again through "..", and only if that leads to the very directory that was
-/// closed.
+/// A scan reads a whole directory, through one buffer for all scans. It removes all but
+/// directories, and keeps their names: they are entered one after the other. No position in a
+/// directory has to be kept, so only the root and the innermost levels stay open. A closed level is
+/// opened again through "..", or else by names from the root, and only if it is still the directory
+/// that was closed.
 class TreeRemoval {
 public:
     /// `name` is a directory in `parent`.
