@@ -279,10 +279,10 @@ FAULTS = [
              "the lock opened", "SwitchOfTarget"),
     weakened(LOCK, "compare_exchange_weak(seen, here(AWAITED), std::memory_order_acquire)",
              "acquire", "the lock taken after a wait", "SwitchAwaited"),
-    Fault("who waits for the lock is not woken", LOCK,
+    Fault("a waiter for the lock is not woken", LOCK,
           [("syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);", ";")],
           ["SwitchAwaited"]),
-    Fault("who has waited locks as if nobody else did", LOCK,
+    Fault("a waiter locks as if nobody else waited", LOCK,
           [("compare_exchange_weak(seen, here(AWAITED), std::memory_order_acquire)",
             "compare_exchange_weak(seen, isHeld ? here(AWAITED) : here(LOCKED), "
             "std::memory_order_acquire)")], ["SwitchAwaited"]),
@@ -296,10 +296,10 @@ FAULTS = [
              "acquire", "a place claimed", "RingOfOne"),
     weakened(RING, "Word const last = lastTicket.load(std::memory_order_acquire)", "acquire",
              "the last ticket read", "RingOfOne", "RingOfTwo",
-             unnoticed="what a line is, its own place says"),
+             unnoticed="the place itself says which line it holds"),
     weakened(RING, "after(before), std::memory_order_acq_rel,", "acq_rel",
              "a ticket taken", "RingOfOne", "RingOfTwo",
-             unnoticed="what a line is, its own place says"),
+             unnoticed="the place itself says which line it holds"),
     Fault("a line shown before it is filled in", RING,
           [("                place.fill(line, most);\n                place.word.store("
             "ticket * ONE_TICKET, std::memory_order_release);\n",
@@ -343,7 +343,7 @@ FAULTS = [
             "            condition",
             "        while (size > 0) {\n            std::unique_lock<std::mutex> lock(mutex);\n"
             "            condition")], ["GroupAgainstWait"]),
-    Fault("who waits for a group is not woken", GROUP,
+    Fault("a waiter for a group is not woken", GROUP,
           [("        tasks->condition.notify_all();\n", "        ;\n")], ["GroupAgainstWait"]),
     Fault("a group's task counted down before its callback", GROUP,
           [("    } const atEnd{*this};\n", "    };\n    end();\n")], ["GroupAgainstWait"]),
@@ -386,7 +386,7 @@ def of_unnamed(name, source, scenarios, relaxed_scenarios, relaxed_reason=""):
                   (name, "relaxed"))]
 
 
-IN_LOCK = "changed under a lock; without it, only looked at for what may come any moment"
+IN_LOCK = "written under a lock; a read without the lock may be late anyway"
 FAULTS += of_unnamed("rank", TASK, RANKS, ["RankAgainstInsert"])
 FAULTS += of_unnamed("priority", TASK, RANKS, RANKS,
                      "read where the rank's own exchange or the lock orders it")
@@ -406,6 +406,6 @@ FAULTS += of_unnamed("closed", QUEUE, ["CloseAgainstWait", "SubmitAgainstDestruc
 FAULTS += of_unnamed("terminated", WORKER, ["SubmitAgainstDestruction"],
                      ["SubmitAgainstDestruction"], "the join orders all")
 FAULTS += of_unnamed("isTaken", ASYNC, ["StopOfRunning"], ["StopOfRunning"],
-                     "who takes the work has it from before the exchange")
+                     "whoever takes the work saw it before the exchange")
 FAULTS += of_unnamed("s_uniqueIndexCounter", TASK, ["SubmitAgainstDestruction"],
                      ["SubmitAgainstDestruction"], "each number is given once, in any order")

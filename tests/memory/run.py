@@ -113,7 +113,7 @@ def try_fault(scratch, number, fault, executions):
 def print_table():
     """The page docs/evidence/memory.md."""
     print("# Faults that the memory model is to find\n")
-    print("`tools/test-memory` plants each of these and looks which scenario notices. This page is "
+    print("`tools/test-memory` plants each of these and checks which scenario finds it. This page is "
           "what `tools/test-memory --table` prints.\n")
     print("| in | fault | found by |")
     print("| --- | --- | --- |")

@@ -1,4 +1,4 @@
-// Workers with a small stack, on one processor, behind everything that is urgent.
+// Workers with a small stack, on one processor, scheduled as batch work.
 
 #include <pthread.h>
 #include <sched.h>
