@@ -34,7 +34,7 @@ namespace {
 
 constexpr char TAG[] = "create()";
 
-constexpr std::size_t BLOCK_BYTES = 65536;
+constexpr std::size_t WRITE_BYTES = 65536;
 
 // What is kept of each file's task.
 struct Outcomes {
@@ -103,7 +103,7 @@ void writeLines(std::vector<FoundFile> const& files, Outcomes const& outcomes,
         if (outcomes.errors.count(number) == 0) {
             block += manifestLine({digitsOf(outcomes.digests[number]), files[number].path});
         }
-        if (block.size() >= BLOCK_BYTES) {
+        if (block.size() >= WRITE_BYTES) {
             write(block);
             block.clear();
         }

@@ -188,7 +188,7 @@ std::vector<Operation> queryOperations() {
     };
 }
 
-std::vector<Operation> handleOperations() {
+std::vector<Operation> fileHandleOperations() {
     Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
     return {
         {"FileHandle(string)",
@@ -338,7 +338,7 @@ std::vector<Operation> iterationOperations() {
 
 std::vector<Operation> fileOperations() {
     std::vector<Operation> operations;
-    for (auto const& some : {pathOperations(), handleOperations(), queryOperations(),
+    for (auto const& some : {pathOperations(), fileHandleOperations(), queryOperations(),
                              iterationOperations(), changeOperations(), streamOperations()}) {
         operations.insert(operations.end(), some.begin(), some.end());
     }

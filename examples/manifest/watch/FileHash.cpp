@@ -15,7 +15,7 @@ namespace extra = ovra::extra;
 
 namespace {
 
-constexpr std::size_t BLOCK_BYTES = 32768;
+constexpr std::size_t READ_BYTES = 32768;
 
 // A descriptor that is closed with its scope.
 class Descriptor {
@@ -65,7 +65,7 @@ FileHash hashFile(std::string const& path, Pace& pace) {
         return {extra::Outcome::WRONG_KIND, {}};
     }
     Sha256 sha256;
-    char block[BLOCK_BYTES];
+    char block[READ_BYTES];
     for (;;) {
         ssize_t const count = read(file.number, block, sizeof block);
         if (count == -1 && errno != EINTR) {
