@@ -26,7 +26,9 @@ class WatchStatusTest : public WatchFixture {
 protected:
     // What is in the status file now. Empty, and a failure of the test, if that is damaged.
     WatchStatus status(std::map<std::string, Finding>& findings) const {
-        auto const result = manifest::fromJson(scratch.read("status"), findings);
+        auto const result = manifest::fromJson(
+            scratch.read("status"),
+            [&](std::string const& path, Finding const& finding) { findings[path] = finding; });
         EXPECT_TRUE(result) << scratch.read("status");
         return result.value_or(WatchStatus());
     }
@@ -102,6 +104,16 @@ TEST_F(WatchStatusTest, DamagedFileIsReplaced) {
         EXPECT_EQ("ovra-manifest: status: is no status file, and will be replaced\n", outcome.err);
         EXPECT_EQ(1u, status().round);
     }
+}
+
+TEST_F(WatchStatusTest, NothingIsTakenFromADamagedFile) {
+    scratch.write("d/a", "other");
+    runOnce({"--status", "status"});
+    std::string const whole = scratch.read("status");
+    scratch.write("status", whole.substr(0, whole.rfind('}')));
+    Outcome const outcome = runOnce({"--status", "status"});
+    EXPECT_EQ("d/a: CHANGED\n", outcome.out);
+    EXPECT_EQ(1u, status().round);
 }
 
 TEST_F(WatchStatusTest, OneProcessAtATime) {

@@ -45,6 +45,12 @@ void Findings::restore(std::string const& path, Finding finding) {
     count = known.size();
 }
 
+void Findings::forgetAll() {
+    std::lock_guard<std::mutex> const lock(mutex);
+    known.clear();
+    count = 0;
+}
+
 void Findings::forgetSearches() {
     std::lock_guard<std::mutex> const lock(mutex);
     for (auto next = known.begin(); next != known.end();) {

@@ -45,6 +45,8 @@ public:
     /// A finding of an earlier run: it has been reported.
     void restore(std::string const& path, Finding finding);
 
+    /// Drops everything in silence, as if it had not been restored.
+    void forgetAll();
     /// Drops those of a search in silence: there will be no search.
     void forgetSearches();
 

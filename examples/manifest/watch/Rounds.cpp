@@ -109,33 +109,34 @@ void Rounds::runOne() {
     round = status.round + 1;
     filesListed = filesChecked = 0;
     hasEnded = false;
-    std::string summary;
     try {
-        ListedFiles const listed(options.manifest, pace);
-        if (pace.isStopped()) {
-            return;
-        }
-        filesListed = listed.size();
-        checkAll(listed);
-        lookForNew(listed);
-        if (pace.isStopped()) {
-            save();
-            return;
-        }
-        summary = finish(listed, started);
+        verify(started);
+        save();  // The manifest's memory is free again: the text of many findings takes as much.
         trouble.clear();
     } catch (std::exception const& error) {
-        if (pace.isStopped()) {
-            return;
+        if (!pace.isStopped() && trouble != error.what()) {
+            complain(error.what());
         }
-        summary = error.what();
-        if (trouble != summary) {
-            complain(summary);
-        }
-        trouble = summary;
+        trouble = error.what();
+    }
+    if (pace.isStopped()) {
+        return;
     }
     hasEnded = true;  // First: who is notified may ask.
-    ended(round, summary);
+    ended(round, trouble.empty() ? summary() : trouble);
+}
+
+void Rounds::verify(std::string const& started) {
+    ListedFiles const listed(options.manifest, pace);
+    if (pace.isStopped()) {
+        return;
+    }
+    filesListed = listed.size();
+    checkAll(listed);
+    lookForNew(listed);
+    if (!pace.isStopped()) {
+        finish(listed, started);
+    }
 }
 
 // Returns early, with everything it submitted ended, once the pace is stopped.
@@ -217,13 +218,15 @@ void Rounds::lookForNew(ListedFiles const& listed) {
     }
 }
 
-std::string Rounds::finish(ListedFiles const& listed, std::string const& started) {
+void Rounds::finish(ListedFiles const& listed, std::string const& started) {
     status.round = round;
     status.started = started;
     status.ended = now();
     status.files = listed.size();
     status.well = listed.size() - findings.countOf(listed);
-    save();
+}
+
+std::string Rounds::summary() const {
     return "files: " + std::to_string(status.files) +
            ", findings: " + std::to_string(findings.size());
 }

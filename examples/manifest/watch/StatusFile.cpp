@@ -1,7 +1,6 @@
 #include "StatusFile.h"
 
 #include <istream>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -40,14 +39,14 @@ WatchStatus StatusFile::load(Findings& findings) const {
         auto const stream = file.CreateInputStream(std::ios_base::binary);
         std::getline(*stream, text, '\0');  // All of it: no JSON has a NUL byte.
     }
-    std::map<std::string, Finding> found;
-    std::optional<WatchStatus> const status = fromJson(text, found);
+    auto const restore = [&findings](std::string const& name, Finding const& finding) {
+        findings.restore(name, finding);
+    };
+    std::optional<WatchStatus> const status = fromJson(text, restore);
     if (!status) {
+        findings.forgetAll();
         complain(quoted(path) + ": is no status file, and will be replaced");
         return {};
-    }
-    for (auto const& [name, finding] : found) {
-        findings.restore(name, finding);
     }
     return *status;
 }
