@@ -12,6 +12,7 @@ namespace {
 using namespace ovra::test;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAreArray;
 
 class WatchTest : public WatchFixture {
@@ -90,6 +91,24 @@ TEST_F(WatchTest, FileThatIsNoLongerListedIsNoFinding) {
     scratch.write("manifest", ALPHA + "  d/a\n");
     EXPECT_EQ("files: 1, findings: 0", nextRound(3));
     EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
+}
+
+TEST_F(WatchTest, FileThatIsNoLongerListedIsNoFindingWithoutASearchEither) {
+    start({"--listed-only"});
+    roundEnded(1);
+    std::filesystem::remove(scratch.path("d/b"));
+    nextRound(2);
+    scratch.write("manifest", ALPHA + "  d/a\n");
+    EXPECT_EQ("files: 1, findings: 0", nextRound(3));
+    EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
+}
+
+TEST_F(WatchTest, ListedPathMayEndWithASeparator) {
+    scratch.write("manifest", ALPHA + "  d/a\n" + BETA + "  d/b\n" + BETA + "  d/a/\n");
+    start();
+    EXPECT_EQ("files: 3, findings: 1", roundEnded(1));
+    EXPECT_EQ("files: 3, findings: 1", nextRound(2));
+    EXPECT_THAT(end().out, StartsWith("d/a/: "));
 }
 
 TEST_F(WatchTest, LostDirectoryIsReportedOnceAndItsReturnToo) {

@@ -56,9 +56,9 @@ public:
 
     /// A search for new files begins. It may add directories, and files that are `NEW`.
     void beginSearch();
-    /// The search has seen everything: such findings end if it has not added them again. So do
-    /// those about files that are not listed any more.
-    void endSearch(ListedFiles const& listed);
+    /// A round is over. Findings about files that are not listed any more end. If the search has
+    /// seen everything, so do those of a search that it has not added again.
+    void endRound(ListedFiles const& listed, bool hasSeenAll);
 
     /// Does not wait, even while a report is held up.
     std::size_t size() const;

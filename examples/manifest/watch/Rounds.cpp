@@ -133,8 +133,9 @@ void Rounds::verify(std::string const& started) {
     }
     filesListed = listed.size();
     checkAll(listed);
-    lookForNew(listed);
+    bool const hasSeenAll = lookForNew(listed);
     if (!pace.isStopped()) {
+        findings.endRound(listed, hasSeenAll);
         finish(listed, started);
     }
 }
@@ -185,9 +186,10 @@ void Rounds::drain(ListedFiles const& listed, std::size_t next) {
     underWay.clear();
 }
 
-void Rounds::lookForNew(ListedFiles const& listed) {
+// Whether it has seen all that is to be searched.
+bool Rounds::lookForNew(ListedFiles const& listed) {
     if (options.listedOnly || pace.isStopped()) {
-        return;
+        return false;
     }
     TreeSearch search(
         pace,
@@ -213,9 +215,7 @@ void Rounds::lookForNew(ListedFiles const& listed) {
     for (auto const& directory : directories.empty() ? listed.directories() : directories) {
         isComplete = search.search(directory) && isComplete;
     }
-    if (isComplete) {
-        findings.endSearch(listed);
-    }
+    return isComplete;
 }
 
 void Rounds::finish(ListedFiles const& listed, std::string const& started) {

@@ -62,7 +62,7 @@ private:
     void checkAll(ListedFiles const& listed);
     void submit(ListedFiles const& listed, std::size_t number);
     void drain(ListedFiles const& listed, std::size_t next);
-    void lookForNew(ListedFiles const& listed);
+    bool lookForNew(ListedFiles const& listed);
     void finish(ListedFiles const& listed, std::string const& started);
     std::string summary() const;
     void checked(std::size_t number) override;
