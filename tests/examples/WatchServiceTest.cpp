@@ -159,6 +159,14 @@ TEST_F(WatchServiceTest, EndsWhileAFileHangs) {
     EXPECT_THAT(scratch.read("status"), HasSubstr("\"nextFile\": \"d/a\""));
 }
 
+TEST_F(WatchServiceTest, EndsWhileTheStatusOfTheLastRunHangs) {
+    runOnce({"--status", "status"});
+    hung = std::make_unique<HungFile>(scratch.path("status"));
+    start({"--status", "status"});
+    hung->waitForReader();
+    EXPECT_EQ(SIGTERM, end().signal);
+}
+
 TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
     StuckLog stuck(scratch.path("pipe"));
     scratch.write("d/a", "other");
@@ -173,6 +181,20 @@ TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
     process->send(SIGUSR1);
     ASSERT_TRUE(process->waitForError("(all workers are reading)"));
     EXPECT_EQ(0, end().exitStatus);
+}
+
+TEST_F(WatchServiceTest, RoundsGoOnWhileNobodyReadsItsAnswers) {
+    StuckLog stuck(scratch.path("pipe"));
+    stuck.waitFor("");
+    Command made = command({});
+    made.errorFile = scratch.path("pipe");
+    start(made);
+    roundEnded(1);
+    process->send(SIGUSR1);
+    yieldUntil([this] { return threadNames().count("request") != 0; });
+    process->send(SIGUSR1);
+    EXPECT_EQ("files: 2, findings: 0", nextRound(2));
+    end(SIGKILL);
 }
 
 // The thread that answers cannot be joined, so that a timer ends the process.
@@ -280,7 +302,7 @@ TEST_F(WatchServiceTest, LogThatCannotBeWrittenEndsItAtTheStart) {
 }
 
 TEST_F(WatchServiceTest, CrashLeavesTheLastLines) {
-    for (int const signal : {SIGSEGV, SIGABRT}) {
+    for (int const signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) {
         scratch.write("d/a", "other");
         start({"--log", "log"});
         roundEnded(1);

@@ -49,7 +49,7 @@ Rounds::Rounds(WatchOptions const& watchOptions,
       pace(readingPace),
       ended(std::move(whenEnded)),
       group(hashing, MOST_UNDER_WAY),
-      status(statusFile.load(findings)),
+      status(statusFile.earlier()),
       round(status.round) {
     status.manifest = options.manifest;
     savedVersion = findings.version();

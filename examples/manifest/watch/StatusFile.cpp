@@ -17,7 +17,7 @@ namespace extra = ovra::extra;
 using extra::Outcome;
 using ovra::fs::FileHandle;
 
-StatusFile::StatusFile(std::string const& statusPath)
+StatusFile::StatusFile(std::string const& statusPath, Findings& findings)
     : path(statusPath), lock(statusPath + ".lock") {
     Outcome const outcome = path.empty() ? Outcome::DONE : lock.tryLock();
     if (outcome == Outcome::BUSY) {
@@ -27,12 +27,13 @@ StatusFile::StatusFile(std::string const& statusPath)
         throw std::runtime_error(quoted(path + ".lock") + ": cannot be locked (" +
                                  extra::outcomeName(outcome) + ')');
     }
+    load(findings);
 }
 
-WatchStatus StatusFile::load(Findings& findings) const {
+void StatusFile::load(Findings& findings) {
     FileHandle const file(path);
     if (path.empty() || !file.Exists()) {
-        return {};
+        return;
     }
     std::string text;
     if (file.IsFile()) {
@@ -46,9 +47,13 @@ WatchStatus StatusFile::load(Findings& findings) const {
     if (!status) {
         findings.forgetAll();
         complain(quoted(path) + ": is no status file, and will be replaced");
-        return {};
+        return;
     }
-    return *status;
+    loaded = *status;
+}
+
+WatchStatus const& StatusFile::earlier() const {
+    return loaded;
 }
 
 void StatusFile::save(WatchStatus const& status, Findings const& findings) {

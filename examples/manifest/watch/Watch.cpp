@@ -116,30 +116,32 @@ private:
     WatchOptions const& options;
     Notify const notify;
     WatchLog const watchLog;
-    StatusFile statusFile;
     Findings findings;
+    StatusFile statusFile;
     Pace pace;
     std::uint64_t stepsSeen = 0;
     std::uint64_t roundsRun = 0;  // Of the thread that runs them.
 
-    Signals const signals;  // Before the threads.
+    Signals const signals;  // Before the threads, but after all that may be held up.
     std::shared_ptr<extra::MonitoredExecutor> const hashing;
     Rounds rounds;
-    std::shared_ptr<concurrent::TaskExecutor> const control;  // A round, and a request beside it.
+    std::shared_ptr<concurrent::TaskExecutor> const control;   // A round, and who wants another.
+    std::shared_ptr<concurrent::TaskExecutor> const requests;  // One by one: any may be held up.
     extra::ScheduledTasks schedule;
 };
 
 Watch::Watch(WatchOptions const& watchOptions)
     : options(watchOptions),
       watchLog(options),
-      statusFile(options.status),
       findings(report),
+      statusFile(options.status, findings),
       pace(options.bytesPerSecond),
       hashing(std::make_shared<extra::MonitoredExecutor>(makeExecutor(options.jobs))),
       rounds(
           options, hashing, findings, statusFile, pace,
           [this](std::uint64_t round, std::string const& summary) { roundEnded(round, summary); }),
       control(makeExecutor(2)),
+      requests(makeExecutor(1)),
       schedule(control) {}
 
 ExitStatus Watch::run() {
@@ -196,7 +198,7 @@ void Watch::serve(int signal) {
         startRound();
         return;
     }
-    control->submitTask(
+    requests->submitTask(
         [this, signal] {
             if (signal == SIGHUP) {
                 watchLog.reopen();
@@ -205,7 +207,7 @@ void Watch::serve(int signal) {
             }
             return Executable::SUCCESS;
         },
-        concurrent::HIGH, {}, "request");
+        concurrent::NORMAL, {}, "request");
 }
 
 // None while a round stands still, as when a disk hangs: systemd then starts the service again.
