@@ -70,6 +70,29 @@ protected:
         return result;
     }
 
+    // Lists `count` files more, "d/m00000" and so on, each of which is the same as "d/a".
+    void listMany(unsigned int count) const {
+        std::string lines = ALPHA + "  d/a\n" + BETA + "  d/b\n";
+        for (unsigned int number = 0; number < count; ++number) {
+            std::string const name = "d/m" + std::to_string(10000 + number);
+            std::filesystem::create_hard_link(scratch.path("d/a"), scratch.path(name));
+            lines += ALPHA + "  " + name + '\n';
+        }
+        scratch.write("manifest", lines);
+    }
+
+    // What has been resident at most, in KiB.
+    long mostResident() const {
+        std::ifstream stream("/proc/" + std::to_string(process->id()) + "/status");
+        for (std::string line; std::getline(stream, line);) {
+            if (line.rfind("VmHWM:", 0) == 0) {
+                return std::stol(line.substr(line.find_first_of("0123456789")));
+            }
+        }
+        ADD_FAILURE() << "unknown to the system";
+        return 0;
+    }
+
     std::unique_ptr<HungFile> hung;
 };
 
@@ -321,6 +344,41 @@ TEST_F(WatchServiceTest, HashesInTheBackground) {
     startHungRound(command({"--eager"}));
     EXPECT_EQ(0u, threadsInTheBackground());
     end(SIGKILL);
+}
+
+TEST_F(WatchServiceTest, FewFilesAreQueuedAtATime) {
+    scratch.write("d/0", "other");
+    listMany(200);
+    scratch.write("manifest", scratch.read("manifest") + ALPHA + "  d/0\n");
+    startHungRound(command({"--status", "status"}));
+    // The finding is saved as soon as no more files can be queued.
+    yieldUntil([this] { return scratch.exists("status"); });
+    process->send(SIGUSR1);
+    ASSERT_TRUE(process->waitForError("(all workers are reading)"));
+    hung->release();
+    std::string const answer = end().err;
+    std::size_t waiting = 0;
+    for (std::size_t at = 0; (at = answer.find(" waiting ", at)) != std::string::npos; ++at) {
+        ++waiting;
+    }
+    EXPECT_GE(waiting, 60u);
+    EXPECT_LE(waiting, 64u) << "63 files, and the question";
+}
+
+// All in all 8 MiB are allowed, most of which is what the libraries take at the start.
+TEST_F(WatchServiceTest, TenThousandFilesTakeLittleMemory) {
+    if (SANITIZED) {
+        GTEST_SKIP() << "a sanitizer needs memory of its own for each file";
+    }
+    start();
+    roundEnded(1);
+    long const few = mostResident();
+    end();
+    listMany(10000);
+    start();
+    EXPECT_EQ("files: 10002, findings: 0", roundEnded(1));
+    EXPECT_LT(mostResident() - few, 1500);
+    end();
 }
 
 TEST_F(WatchServiceTest, KeepsDescriptorsAndThreadsFlat) {

@@ -213,6 +213,9 @@ TEST_F(WatchTest, OwnFilesAreNotNew) {
     Command inside = command({"--log", "d", "--status", "d/status", "--max-bytes", "1000"});
     std::filesystem::rename(scratch.path("manifest"), scratch.path("d/manifest"));
     inside.arguments[2] = "d/manifest";
+    for (auto const* name : {"d/ovra.log.1", "d/ovra.log.2", "d/ovra.log.crash"}) {
+        scratch.write(name, "of an earlier run");
+    }
     start(inside);
     EXPECT_EQ("files: 2, findings: 0", roundEnded(1));
     EXPECT_EQ("files: 2, findings: 0", nextRound(2));
