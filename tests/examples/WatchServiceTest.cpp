@@ -105,6 +105,16 @@ TEST_F(WatchServiceTest, SaysWhenItIsReadyAndWhenItStops) {
     EXPECT_THAT(socket.take(), IsEmpty());
 }
 
+TEST_F(WatchServiceTest, SaysThatItIsReadyAsSoonAsTheSocketTakesIt) {
+    socket.fill();
+    start({"--log", "log"});
+    yieldUntil([this] {
+        return scratch.exists("log") && scratch.read("log").find("Started") != std::string::npos;
+    });
+    socket.waitFor("READY=1");
+    end();
+}
+
 TEST_F(WatchServiceTest, SocketMayHaveANameThatIsInNoDirectory) {
     NotifySocket abstract("@" + scratch.path("abstract"));
     Command made = command({});

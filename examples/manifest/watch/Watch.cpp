@@ -145,7 +145,7 @@ Watch::Watch(WatchOptions const& watchOptions)
       schedule(control) {}
 
 ExitStatus Watch::run() {
-    notify.send("READY=1");
+    bool isReady = notify.send("READY=1");
     log::log(log::WARNING, TAG, "Started, process %d.", getpid());
     startRound();
     schedule.every(options.period, round(), concurrent::NORMAL, "round");
@@ -154,12 +154,15 @@ ExitStatus Watch::run() {
     bool const isWatched = interval.count() != 0;
     auto nextSign = std::chrono::steady_clock::now() + interval;
     for (;;) {
+        isReady = isReady || notify.send("READY=1");  // Whoever has started it waits for that.
         auto const now = std::chrono::steady_clock::now();
         if (isWatched && now >= nextSign) {
             giveSignOfLife();
             nextSign = now + interval;
         }
-        std::chrono::nanoseconds const limit = isWatched ? nextSign - now : seconds(3600);
+        std::chrono::nanoseconds const limit = !isReady    ? milliseconds(100)
+                                               : isWatched ? nextSign - now
+                                                           : seconds(3600);
         int const signal = signals.next(limit).value_or(0);
         if (signal == SIGTERM || signal == SIGINT) {
             statusAtTheEnd = signal == SIGINT ? INTERRUPTED : statusAtTheEnd.load();
