@@ -391,6 +391,20 @@ TEST_F(WatchServiceTest, TenThousandFilesTakeLittleMemory) {
     end();
 }
 
+// Wherever it fails for want of memory, such as for the stack of a thread, nothing runs on half.
+TEST_F(WatchServiceTest, EndsAtTheStartWithoutMemoryForItsThreads) {
+    if (SANITIZED) {
+        GTEST_SKIP() << "a sanitizer needs more address space than there is memory";
+    }
+    Command small = command({"--rounds", "1"});
+    int failures = 0;
+    for (Outcome outcome; outcome.exitStatus != 0; ++failures) {
+        small.memoryBytes += 2 << 20;
+        outcome = run(small);
+        ASSERT_LT(failures, 1000) << outcome.err;
+    }
+}
+
 TEST_F(WatchServiceTest, KeepsDescriptorsAndThreadsFlat) {
     start({"--status", "status", "--log", "log"});
     auto const count = [this](char const* what) {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -145,10 +146,12 @@ Watch::Watch(WatchOptions const& watchOptions)
       schedule(control) {}
 
 ExitStatus Watch::run() {
+    if (schedule.every(options.period, round(), concurrent::NORMAL, "round") == 0) {
+        throw std::runtime_error("no thread can be started");
+    }
     bool isReady = notify.send("READY=1");
     log::log(log::WARNING, TAG, "Started, process %d.", getpid());
     startRound();
-    schedule.every(options.period, round(), concurrent::NORMAL, "round");
 
     milliseconds const interval = Notify::watchdogInterval();
     bool const isWatched = interval.count() != 0;
@@ -187,12 +190,12 @@ void Watch::startRound() {
 }
 
 void Watch::roundEnded(std::uint64_t round, std::string const& summary) {
+    notify.send("STATUS=Round " + std::to_string(round) + ": " + summary);
     if (++roundsRun == options.rounds) {
         statusAtTheEnd = rounds.isAllWell() ? ALL_WELL : TROUBLE;
         pace.stop();
         kill(getpid(), SIGTERM);
     }
-    notify.send("STATUS=Round " + std::to_string(round) + ": " + summary);
 }
 
 // Nothing here may block: the next signal may ask for the end.
