@@ -246,6 +246,19 @@ TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
     EXPECT_EQ(0, end().exitStatus);
 }
 
+TEST_F(WatchServiceTest, GoesOnWhenTheReaderOfItsOutputIsGone) {
+    {
+        StuckLog const reader(scratch.path("pipe"));
+        Command made = command({});
+        made.outputFile = scratch.path("pipe");
+        start(made);
+        roundEnded(1);
+    }
+    scratch.write("d/a", "other");
+    EXPECT_EQ("files: 2, findings: 1", nextRound(2));
+    EXPECT_EQ(0, end().exitStatus);
+}
+
 TEST_F(WatchServiceTest, EndsInTheMiddleOfALongFile) {
     scratch.write("d/b", std::string(100000, 'b'));
     scratch.write("d/a", "other");

@@ -10,6 +10,7 @@
 #include <set>
 
 #include <examples/manifest/watch/WatchStatus.h>
+#include <tests/examples/HungFile.h>
 #include <tests/examples/WatchFixture.h>
 #include <tests/support/RandomSource.h>
 
@@ -169,6 +170,19 @@ TEST_F(WatchStatusTest, RoundGoesOnWhereItWasEnded) {
     EXPECT_THAT(status().nextFile, IsEmpty());
     nextRound(2);
     EXPECT_EQ("d/b: CHANGED\nd/a: CHANGED\n", end().out);
+}
+
+// Saved while the round is held up, and no later: it then ends without a word.
+TEST_F(WatchStatusTest, FindingIsSavedBeforeTheRoundEnds) {
+    scratch.write("d/a", "other");
+    HungFile const hung(scratch.path("d/b"));
+    start({"--status", "status"});
+    hung.waitForReader();
+    yieldUntil([this] { return scratch.exists("status"); });
+    EXPECT_EQ("d/b", status().nextFile);
+    EXPECT_EQ("d/a: CHANGED\n", end(SIGKILL).out);
+    hung.release();
+    EXPECT_EQ("", runOnce({"--status", "status"}).out);
 }
 
 // Each change is reported, and none again once the status file has it, whenever the process is
