@@ -41,6 +41,14 @@ protected:
         hung->waitForReader();
     }
 
+    // Five seconds are allowed; the rest is for a machine that is slow.
+    Outcome endInTime() {
+        auto const begin = std::chrono::steady_clock::now();
+        Outcome const outcome = end();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+        return outcome;
+    }
+
     // How many threads of the program give way to everything else.
     std::size_t threadsInTheBackground() const {
         std::size_t count = 0;
@@ -185,9 +193,7 @@ TEST_F(WatchServiceTest, SignsOfLifeOfAnotherProcessAreNotGiven) {
 // The system would go on with the file after 45 seconds at the earliest.
 TEST_F(WatchServiceTest, EndsWhileAFileHangs) {
     startHungRound(command({"--log", "log", "--status", "status"}));
-    auto const begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, end().exitStatus);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    EXPECT_EQ(0, endInTime().exitStatus);
     EXPECT_THAT(scratch.read("log"), EndsWith("Ended in the middle of a file.\n"));
     EXPECT_THAT(scratch.read("status"), HasSubstr("\"nextFile\": \"d/a\""));
 }
@@ -197,7 +203,7 @@ TEST_F(WatchServiceTest, EndsWhileTheStatusOfTheLastRunHangs) {
     hung = std::make_unique<HungFile>(scratch.path("status"));
     start({"--status", "status"});
     hung->waitForReader();
-    EXPECT_EQ(SIGTERM, end().signal);
+    EXPECT_EQ(SIGTERM, endInTime().signal);
 }
 
 TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
@@ -213,7 +219,7 @@ TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
     second.release();  // From here on there is a line to write that nobody reads.
     process->send(SIGUSR1);
     ASSERT_TRUE(process->waitForError("(all workers are reading)"));
-    EXPECT_EQ(0, end().exitStatus);
+    EXPECT_EQ(0, endInTime().exitStatus);
 }
 
 TEST_F(WatchServiceTest, RoundsGoOnWhileNobodyReadsItsAnswers) {
@@ -243,7 +249,7 @@ TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
     roundEnded(1);
     process->send(SIGUSR1);
     yieldUntil([this] { return threadNames().count("request") != 0; });
-    EXPECT_EQ(0, end().exitStatus);
+    EXPECT_EQ(0, endInTime().exitStatus);
 }
 
 TEST_F(WatchServiceTest, GoesOnWhenTheReaderOfItsOutputIsGone) {
