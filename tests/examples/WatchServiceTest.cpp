@@ -101,6 +101,17 @@ protected:
         return 0;
     }
 
+    // Has a round run, and then an answer held up that nobody reads.
+    void startHungAnswer(StuckLog& errors) {
+        errors.waitFor("");
+        Command made = command({});
+        made.errorFile = scratch.path("pipe");
+        start(made);
+        roundEnded(1);
+        process->send(SIGUSR1);
+        yieldUntil([this] { return threadNames().count("request") != 0; });
+    }
+
     std::unique_ptr<HungFile> hung;
 };
 
@@ -224,13 +235,7 @@ TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
 
 TEST_F(WatchServiceTest, RoundsGoOnWhileNobodyReadsItsAnswers) {
     StuckLog stuck(scratch.path("pipe"));
-    stuck.waitFor("");
-    Command made = command({});
-    made.errorFile = scratch.path("pipe");
-    start(made);
-    roundEnded(1);
-    process->send(SIGUSR1);
-    yieldUntil([this] { return threadNames().count("request") != 0; });
+    startHungAnswer(stuck);
     process->send(SIGUSR1);
     EXPECT_EQ("files: 2, findings: 0", nextRound(2));
     end(SIGKILL);
@@ -242,13 +247,7 @@ TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
     GTEST_SKIP() << "ThreadSanitizer reports the thread that is left to the same pipe";
 #endif
     StuckLog stuck(scratch.path("pipe"));
-    stuck.waitFor("");
-    Command made = command({});
-    made.errorFile = scratch.path("pipe");
-    start(made);
-    roundEnded(1);
-    process->send(SIGUSR1);
-    yieldUntil([this] { return threadNames().count("request") != 0; });
+    startHungAnswer(stuck);
     EXPECT_EQ(0, endInTime().exitStatus);
 }
 

@@ -84,23 +84,16 @@ TEST_F(WatchTest, NewFileIsReportedUntilItGoesOrIsListed) {
 }
 
 TEST_F(WatchTest, FileThatIsNoLongerListedIsNoFinding) {
-    start();
-    roundEnded(1);
     std::filesystem::remove(scratch.path("d/b"));
-    nextRound(2);
-    scratch.write("manifest", ALPHA + "  d/a\n");
-    EXPECT_EQ("files: 1, findings: 0", nextRound(3));
-    EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
-}
-
-TEST_F(WatchTest, FileThatIsNoLongerListedIsNoFindingWithoutASearchEither) {
-    start({"--listed-only"});
-    roundEnded(1);
-    std::filesystem::remove(scratch.path("d/b"));
-    nextRound(2);
-    scratch.write("manifest", ALPHA + "  d/a\n");
-    EXPECT_EQ("files: 1, findings: 0", nextRound(3));
-    EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
+    for (std::vector<std::string> const& options :
+         {{}, std::vector<std::string>{"--listed-only"}}) {
+        scratch.write("manifest", ALPHA + "  d/a\n" + BETA + "  d/b\n");
+        start(options);
+        EXPECT_EQ("files: 2, findings: 1", roundEnded(1));
+        scratch.write("manifest", ALPHA + "  d/a\n");
+        EXPECT_EQ("files: 1, findings: 0", nextRound(2));
+        EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
+    }
 }
 
 TEST_F(WatchTest, ListedPathMayEndWithASeparator) {
