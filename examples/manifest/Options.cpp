@@ -58,7 +58,8 @@ SIGHUP opens the log again, SIGUSR1 shows what runs and waits, SIGUSR2 begins a
 round, SIGTERM ends it.
 
 Exit status: 0 when all is well, 1 when a file could not be read, differs or is
-new, 2 when called wrongly, 130 after Ctrl-C. A second Ctrl-C ends it at once.
+new, 2 when called wrongly, 130 after Ctrl-C. A second Ctrl-C ends create and
+check at once.
 )";
 
 namespace {

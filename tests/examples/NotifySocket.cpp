@@ -50,6 +50,19 @@ std::string NotifySocket::waitFor(std::string const& text) {
     }
 }
 
+void NotifySocket::fill() const {
+    sockaddr_un own = {};
+    socklen_t length = sizeof own;
+    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length) != 0) {
+        throw std::runtime_error("no name");
+    }
+    int const sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    while (sendto(sender, "x", 1, MSG_DONTWAIT, reinterpret_cast<sockaddr const*>(&own), length) ==
+           1) {
+    }
+    close(sender);
+}
+
 std::vector<std::string> NotifySocket::take() {
     std::vector<std::string> result;
     char message[4096];

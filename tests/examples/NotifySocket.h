@@ -21,6 +21,9 @@ public:
 
     /// Reads on until a message that begins with `text`, and returns it.
     std::string waitFor(std::string const& text);
+    /// Sends itself as many messages as it holds: it takes no more until some are read.
+    void fill() const;
+
     /// The messages that are there, without waiting.
     std::vector<std::string> take();
 

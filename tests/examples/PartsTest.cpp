@@ -4,6 +4,11 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include <examples/manifest/Check.h>
 #include <examples/manifest/FileSearch.h>
 #include <examples/manifest/Interrupt.h>
 #include <examples/manifest/ManifestFile.h>
@@ -11,6 +16,7 @@
 #include <examples/manifest/Messages.h>
 #include <examples/manifest/Quote.h>
 #include <examples/manifest/Sha256.h>
+#include <tests/examples/Digests.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/Gate.h>
 #include <tests/support/ScratchDirectory.h>
@@ -19,6 +25,7 @@ namespace {
 
 using namespace manifest;
 using namespace ovra::test;
+using ::testing::EndsWith;
 using ::testing::IsEmpty;
 
 TEST(Sha256Test, PublishedDigests) {
@@ -130,6 +137,44 @@ TEST_F(WalkTest, TellsTheSizes) {
     EXPECT_EQ(scratch.path("a"), files[0].path);
     EXPECT_EQ(5, files[0].sizeBytes);
     EXPECT_TRUE(search.isComplete());
+}
+
+// Standard output that presses Ctrl-C once `text` has been written to it.
+class InterruptingOutput : public std::stringbuf {
+public:
+    InterruptingOutput(std::string const& text, Interrupt& pressed)
+        : awaited(text), interrupt(pressed), before(std::cout.rdbuf(this)) {}
+    ~InterruptingOutput() override { std::cout.rdbuf(before); }
+
+protected:
+    std::streamsize xsputn(char const* text, std::streamsize size) override {
+        std::streamsize const written = std::stringbuf::xsputn(text, size);
+        if (str().find(awaited) != std::string::npos) {
+            interrupt.request();
+        }
+        return written;
+    }
+
+private:
+    std::string const awaited;
+    Interrupt& interrupt;
+    std::streambuf* const before;
+};
+
+TEST_F(WalkTest, InterruptEndsACheckThatLooksForNewFiles) {
+    scratch.write("d/a", "alpha");
+    scratch.write("d/b", "beta");
+    scratch.write("manifest", ALPHA + "  " + scratch.path("d/a") + '\n');
+    Options options;
+    options.manifest = scratch.path("manifest");
+    options.newBelow = scratch.path("d");
+    options.jobs = 1;
+    for (auto const* text : {"d/a: OK\n", "d/b: NEW\n"}) {
+        Interrupt pressed;
+        InterruptingOutput const output(text, pressed);
+        EXPECT_EQ(INTERRUPTED, check(options, pressed)) << text;
+        EXPECT_THAT(output.str(), EndsWith(text)) << "nothing follows";
+    }
 }
 
 // A script in the background lets its programs ignore SIGINT, and this one inherits that.

@@ -72,6 +72,9 @@ void limit(__rlimit_resource_t resource, unsigned long value) {
     if (command.descriptors != 0) {
         limit(RLIMIT_NOFILE, command.descriptors);
     }
+    if (command.memoryBytes != 0) {
+        limit(RLIMIT_AS, command.memoryBytes);
+    }
     if (command.fileBytes != 0) {
         signal(SIGXFSZ, SIG_IGN);
         limit(RLIMIT_FSIZE, command.fileBytes);

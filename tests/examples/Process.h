@@ -31,6 +31,7 @@ struct Command {
     bool unprivileged = false;       ///< As root: without root's rights to files.
     bool interruptIgnored = false;   ///< SIGINT is ignored from the start.
     unsigned long descriptors = 0;   ///< The limit on open files, if not 0.
+    unsigned long memoryBytes = 0;   ///< The limit on its address space, if not 0.
     unsigned long fileBytes = 0;     ///< The limit on the size of files it writes, if not 0.
 };
 

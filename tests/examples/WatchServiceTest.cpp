@@ -41,6 +41,14 @@ protected:
         hung->waitForReader();
     }
 
+    // Five seconds are allowed; the rest is for a machine that is slow.
+    Outcome endInTime() {
+        auto const begin = std::chrono::steady_clock::now();
+        Outcome const outcome = end();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+        return outcome;
+    }
+
     // How many threads of the program give way to everything else.
     std::size_t threadsInTheBackground() const {
         std::size_t count = 0;
@@ -70,6 +78,40 @@ protected:
         return result;
     }
 
+    // Lists `count` files more, "d/m00000" and so on, each of which is the same as "d/a".
+    void listMany(unsigned int count) const {
+        std::string lines = ALPHA + "  d/a\n" + BETA + "  d/b\n";
+        for (unsigned int number = 0; number < count; ++number) {
+            std::string const name = "d/m" + std::to_string(10000 + number);
+            std::filesystem::create_hard_link(scratch.path("d/a"), scratch.path(name));
+            lines += ALPHA + "  " + name + '\n';
+        }
+        scratch.write("manifest", lines);
+    }
+
+    // What has been resident at most, in KiB.
+    long mostResident() const {
+        std::ifstream stream("/proc/" + std::to_string(process->id()) + "/status");
+        for (std::string line; std::getline(stream, line);) {
+            if (line.rfind("VmHWM:", 0) == 0) {
+                return std::stol(line.substr(line.find_first_of("0123456789")));
+            }
+        }
+        ADD_FAILURE() << "unknown to the system";
+        return 0;
+    }
+
+    // Has a round run, and then an answer held up that nobody reads.
+    void startHungAnswer(StuckLog& errors) {
+        errors.waitFor("");
+        Command made = command({});
+        made.errorFile = scratch.path("pipe");
+        start(made);
+        roundEnded(1);
+        process->send(SIGUSR1);
+        yieldUntil([this] { return threadNames().count("request") != 0; });
+    }
+
     std::unique_ptr<HungFile> hung;
 };
 
@@ -80,6 +122,16 @@ TEST_F(WatchServiceTest, SaysWhenItIsReadyAndWhenItStops) {
     EXPECT_EQ(0, end().exitStatus);
     EXPECT_EQ("STOPPING=1", socket.waitFor(""));
     EXPECT_THAT(socket.take(), IsEmpty());
+}
+
+TEST_F(WatchServiceTest, SaysThatItIsReadyAsSoonAsTheSocketTakesIt) {
+    socket.fill();
+    start({"--log", "log"});
+    yieldUntil([this] {
+        return scratch.exists("log") && scratch.read("log").find("Started") != std::string::npos;
+    });
+    socket.waitFor("READY=1");
+    end();
 }
 
 TEST_F(WatchServiceTest, SocketMayHaveANameThatIsInNoDirectory) {
@@ -152,11 +204,17 @@ TEST_F(WatchServiceTest, SignsOfLifeOfAnotherProcessAreNotGiven) {
 // The system would go on with the file after 45 seconds at the earliest.
 TEST_F(WatchServiceTest, EndsWhileAFileHangs) {
     startHungRound(command({"--log", "log", "--status", "status"}));
-    auto const begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, end().exitStatus);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    EXPECT_EQ(0, endInTime().exitStatus);
     EXPECT_THAT(scratch.read("log"), EndsWith("Ended in the middle of a file.\n"));
     EXPECT_THAT(scratch.read("status"), HasSubstr("\"nextFile\": \"d/a\""));
+}
+
+TEST_F(WatchServiceTest, EndsWhileTheStatusOfTheLastRunHangs) {
+    runOnce({"--status", "status"});
+    hung = std::make_unique<HungFile>(scratch.path("status"));
+    start({"--status", "status"});
+    hung->waitForReader();
+    EXPECT_EQ(SIGTERM, endInTime().signal);
 }
 
 TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
@@ -172,7 +230,15 @@ TEST_F(WatchServiceTest, AnswersAndEndsWhileNobodyReadsItsOutput) {
     second.release();  // From here on there is a line to write that nobody reads.
     process->send(SIGUSR1);
     ASSERT_TRUE(process->waitForError("(all workers are reading)"));
-    EXPECT_EQ(0, end().exitStatus);
+    EXPECT_EQ(0, endInTime().exitStatus);
+}
+
+TEST_F(WatchServiceTest, RoundsGoOnWhileNobodyReadsItsAnswers) {
+    StuckLog stuck(scratch.path("pipe"));
+    startHungAnswer(stuck);
+    process->send(SIGUSR1);
+    EXPECT_EQ("files: 2, findings: 0", nextRound(2));
+    end(SIGKILL);
 }
 
 // The thread that answers cannot be joined, so that a timer ends the process.
@@ -181,13 +247,20 @@ TEST_F(WatchServiceTest, EndsWhileNobodyReadsItsAnswer) {
     GTEST_SKIP() << "ThreadSanitizer reports the thread that is left to the same pipe";
 #endif
     StuckLog stuck(scratch.path("pipe"));
-    stuck.waitFor("");
-    Command made = command({});
-    made.errorFile = scratch.path("pipe");
-    start(made);
-    roundEnded(1);
-    process->send(SIGUSR1);
-    yieldUntil([this] { return threadNames().count("request") != 0; });
+    startHungAnswer(stuck);
+    EXPECT_EQ(0, endInTime().exitStatus);
+}
+
+TEST_F(WatchServiceTest, GoesOnWhenTheReaderOfItsOutputIsGone) {
+    {
+        StuckLog const reader(scratch.path("pipe"));
+        Command made = command({});
+        made.outputFile = scratch.path("pipe");
+        start(made);
+        roundEnded(1);
+    }
+    scratch.write("d/a", "other");
+    EXPECT_EQ("files: 2, findings: 1", nextRound(2));
     EXPECT_EQ(0, end().exitStatus);
 }
 
@@ -280,7 +353,7 @@ TEST_F(WatchServiceTest, LogThatCannotBeWrittenEndsItAtTheStart) {
 }
 
 TEST_F(WatchServiceTest, CrashLeavesTheLastLines) {
-    for (int const signal : {SIGSEGV, SIGABRT}) {
+    for (int const signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) {
         scratch.write("d/a", "other");
         start({"--log", "log"});
         roundEnded(1);
@@ -299,6 +372,55 @@ TEST_F(WatchServiceTest, HashesInTheBackground) {
     startHungRound(command({"--eager"}));
     EXPECT_EQ(0u, threadsInTheBackground());
     end(SIGKILL);
+}
+
+TEST_F(WatchServiceTest, FewFilesAreQueuedAtATime) {
+    scratch.write("d/0", "other");
+    listMany(200);
+    scratch.write("manifest", scratch.read("manifest") + ALPHA + "  d/0\n");
+    startHungRound(command({"--status", "status"}));
+    // The finding is saved as soon as no more files can be queued.
+    yieldUntil([this] { return scratch.exists("status"); });
+    process->send(SIGUSR1);
+    ASSERT_TRUE(process->waitForError("(all workers are reading)"));
+    hung->release();
+    std::string const answer = end().err;
+    std::size_t waiting = 0;
+    for (std::size_t at = 0; (at = answer.find(" waiting ", at)) != std::string::npos; ++at) {
+        ++waiting;
+    }
+    EXPECT_GE(waiting, 60u);
+    EXPECT_LE(waiting, 64u) << "63 files, and the question";
+}
+
+// All in all 8 MiB are allowed, most of which is what the libraries take at the start.
+TEST_F(WatchServiceTest, TenThousandFilesTakeLittleMemory) {
+    if (SANITIZED) {
+        GTEST_SKIP() << "a sanitizer needs memory of its own for each file";
+    }
+    start();
+    roundEnded(1);
+    long const few = mostResident();
+    end();
+    listMany(10000);
+    start();
+    EXPECT_EQ("files: 10002, findings: 0", roundEnded(1));
+    EXPECT_LT(mostResident() - few, 1500);
+    end();
+}
+
+// Wherever it fails for want of memory, such as for the stack of a thread, nothing runs on half.
+TEST_F(WatchServiceTest, EndsAtTheStartWithoutMemoryForItsThreads) {
+    if (SANITIZED) {
+        GTEST_SKIP() << "a sanitizer needs more address space than there is memory";
+    }
+    Command small = command({"--rounds", "1"});
+    int failures = 0;
+    for (Outcome outcome; outcome.exitStatus != 0; ++failures) {
+        small.memoryBytes += 2 << 20;
+        outcome = run(small);
+        ASSERT_LT(failures, 1000) << outcome.err;
+    }
 }
 
 TEST_F(WatchServiceTest, KeepsDescriptorsAndThreadsFlat) {

@@ -10,6 +10,7 @@
 #include <set>
 
 #include <examples/manifest/watch/WatchStatus.h>
+#include <tests/examples/HungFile.h>
 #include <tests/examples/WatchFixture.h>
 #include <tests/support/RandomSource.h>
 
@@ -21,12 +22,15 @@ using manifest::WatchStatus;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 class WatchStatusTest : public WatchFixture {
 protected:
     // What is in the status file now. Empty, and a failure of the test, if that is damaged.
     WatchStatus status(std::map<std::string, Finding>& findings) const {
-        auto const result = manifest::fromJson(scratch.read("status"), findings);
+        auto const result = manifest::fromJson(
+            scratch.read("status"),
+            [&](std::string const& path, Finding const& finding) { findings[path] = finding; });
         EXPECT_TRUE(result) << scratch.read("status");
         return result.value_or(WatchStatus());
     }
@@ -104,6 +108,16 @@ TEST_F(WatchStatusTest, DamagedFileIsReplaced) {
     }
 }
 
+TEST_F(WatchStatusTest, NothingIsTakenFromADamagedFile) {
+    scratch.write("d/a", "other");
+    runOnce({"--status", "status"});
+    std::string const whole = scratch.read("status");
+    scratch.write("status", whole.substr(0, whole.rfind('}')));
+    Outcome const outcome = runOnce({"--status", "status"});
+    EXPECT_EQ("d/a: CHANGED\n", outcome.out);
+    EXPECT_EQ(1u, status().round);
+}
+
 TEST_F(WatchStatusTest, OneProcessAtATime) {
     start({"--status", "status"});
     roundEnded(1);
@@ -157,6 +171,19 @@ TEST_F(WatchStatusTest, RoundGoesOnWhereItWasEnded) {
     EXPECT_THAT(status().nextFile, IsEmpty());
     nextRound(2);
     EXPECT_EQ("d/b: CHANGED\nd/a: CHANGED\n", end().out);
+}
+
+// Saved while the round is held up, and no later: it then ends without a word.
+TEST_F(WatchStatusTest, FindingIsSavedBeforeTheRoundEnds) {
+    scratch.write("d/a", "other");
+    HungFile const hung(scratch.path("d/b"));
+    start({"--status", "status"});
+    hung.waitForReader();
+    yieldUntil([this] { return scratch.exists("status"); });
+    EXPECT_THAT(status().nextFile, StartsWith("d/")) << "\"d/a\" may just be ending";
+    EXPECT_EQ("d/a: CHANGED\n", end(SIGKILL).out);
+    hung.release();
+    EXPECT_EQ("", runOnce({"--status", "status"}).out);
 }
 
 // Each change is reported, and none again once the status file has it, whenever the process is

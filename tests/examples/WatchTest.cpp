@@ -12,6 +12,7 @@ namespace {
 using namespace ovra::test;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 using ::testing::UnorderedElementsAreArray;
 
 class WatchTest : public WatchFixture {
@@ -83,13 +84,24 @@ TEST_F(WatchTest, NewFileIsReportedUntilItGoesOrIsListed) {
 }
 
 TEST_F(WatchTest, FileThatIsNoLongerListedIsNoFinding) {
-    start();
-    roundEnded(1);
     std::filesystem::remove(scratch.path("d/b"));
-    nextRound(2);
-    scratch.write("manifest", ALPHA + "  d/a\n");
-    EXPECT_EQ("files: 1, findings: 0", nextRound(3));
-    EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
+    for (std::vector<std::string> const& options :
+         {{}, std::vector<std::string>{"--listed-only"}}) {
+        scratch.write("manifest", ALPHA + "  d/a\n" + BETA + "  d/b\n");
+        start(options);
+        EXPECT_EQ("files: 2, findings: 1", roundEnded(1));
+        scratch.write("manifest", ALPHA + "  d/a\n");
+        EXPECT_EQ("files: 1, findings: 0", nextRound(2));
+        EXPECT_EQ("d/b: MISSING\nd/b: NOT LISTED\n", end().out);
+    }
+}
+
+TEST_F(WatchTest, ListedPathMayEndWithASeparator) {
+    scratch.write("manifest", ALPHA + "  d/a\n" + BETA + "  d/b\n" + BETA + "  d/a/\n");
+    start();
+    EXPECT_EQ("files: 3, findings: 1", roundEnded(1));
+    EXPECT_EQ("files: 3, findings: 1", nextRound(2));
+    EXPECT_THAT(end().out, StartsWith("d/a/: "));
 }
 
 TEST_F(WatchTest, LostDirectoryIsReportedOnceAndItsReturnToo) {
@@ -194,6 +206,9 @@ TEST_F(WatchTest, OwnFilesAreNotNew) {
     Command inside = command({"--log", "d", "--status", "d/status", "--max-bytes", "1000"});
     std::filesystem::rename(scratch.path("manifest"), scratch.path("d/manifest"));
     inside.arguments[2] = "d/manifest";
+    for (auto const* name : {"d/ovra.log.1", "d/ovra.log.2", "d/ovra.log.crash"}) {
+        scratch.write(name, "of an earlier run");
+    }
     start(inside);
     EXPECT_EQ("files: 2, findings: 0", roundEnded(1));
     EXPECT_EQ("files: 2, findings: 0", nextRound(2));

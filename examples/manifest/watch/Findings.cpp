@@ -45,6 +45,12 @@ void Findings::restore(std::string const& path, Finding finding) {
     count = known.size();
 }
 
+void Findings::forgetAll() {
+    std::lock_guard<std::mutex> const lock(mutex);
+    known.clear();
+    count = 0;
+}
+
 void Findings::forgetSearches() {
     std::lock_guard<std::mutex> const lock(mutex);
     for (auto next = known.begin(); next != known.end();) {
@@ -75,19 +81,20 @@ void Findings::beginSearch() {
     ++searches;
 }
 
-void Findings::endSearch(ListedFiles const& listed) {
+void Findings::endRound(ListedFiles const& listed, bool hasSeenAll) {
     std::lock_guard<std::mutex> const lock(mutex);
     for (auto next = known.begin(); next != known.end();) {
         auto const& [path, entry] = *next;
+        bool const isNew = entry.finding.state == Finding::NEW;
         bool const ofSearch = isOfSearch(path, entry.finding);
-        if (ofSearch ? entry.search == searches : listed.contains(path)) {
+        bool const isKept = ofSearch && (entry.search == searches || !hasSeenAll);
+        // The path of a listed file may end with a separator, too.
+        if (isKept || (!isNew && listed.contains(path))) {
             ++next;
             continue;
         }
         std::string const name = path;
-        char const* const what = !ofSearch                             ? "NOT LISTED"
-                                 : entry.finding.state == Finding::NEW ? "REMOVED"
-                                                                       : "OK";
+        char const* const what = isNew ? "REMOVED" : ofSearch ? "OK" : "NOT LISTED";
         next = known.erase(next);
         changed(name, what, false);
     }

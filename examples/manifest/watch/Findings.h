@@ -45,6 +45,8 @@ public:
     /// Adds a finding of an earlier run, which reported it.
     void restore(std::string const& path, Finding finding);
 
+    /// Drops all findings without a report, as if they had not been restored.
+    void forgetAll();
     /// Drops the findings of searches without a report: this run makes no search.
     void forgetSearches();
 
@@ -54,9 +56,9 @@ public:
 
     /// A search for new files begins. It may add directories, and files that are `NEW`.
     void beginSearch();
-    /// The search has seen everything: ends its findings that it has not added again, and those
-    /// about files that are no longer listed.
-    void endSearch(ListedFiles const& listed);
+    /// A round is over: ends findings about files that are no longer listed. If the search has seen
+    /// everything, also ends its findings that it has not added again.
+    void endRound(ListedFiles const& listed, bool hasSeenAll);
 
     /// Does not wait, even while a report blocks.
     std::size_t size() const;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -38,11 +39,11 @@ Notify::~Notify() {
     }
 }
 
-void Notify::send(std::string const& message) const {
-    if (socketHandle != -1) {
-        sendto(socketHandle, message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
-               reinterpret_cast<sockaddr const*>(&address), addressBytes);
-    }
+bool Notify::send(std::string const& message) const {
+    return socketHandle == -1 ||
+           sendto(socketHandle, message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+                  reinterpret_cast<sockaddr const*>(&address), addressBytes) != -1 ||
+           errno != EAGAIN;
 }
 
 std::chrono::milliseconds Notify::watchdogInterval() {

@@ -17,8 +17,8 @@ public:
     Notify& operator=(Notify const&) = delete;
     ~Notify();
 
-    /// Such as "READY=1". Dropped where the socket takes no more.
-    void send(std::string const& message) const;
+    /// Such as "READY=1". False, and dropped, where the socket takes no more for now.
+    bool send(std::string const& message) const;
 
     /// How often "WATCHDOG=1" is to be sent: twice in the time after which the service is taken for
     /// dead. 0: never.

@@ -49,7 +49,7 @@ Rounds::Rounds(WatchOptions const& watchOptions,
       pace(readingPace),
       ended(std::move(whenEnded)),
       group(hashing, MOST_UNDER_WAY),
-      status(statusFile.load(findings)),
+      status(statusFile.earlier()),
       round(status.round) {
     status.manifest = options.manifest;
     savedVersion = findings.version();
@@ -109,33 +109,35 @@ void Rounds::runOne() {
     round = status.round + 1;
     filesListed = filesChecked = 0;
     hasEnded = false;
-    std::string summary;
     try {
-        ListedFiles const listed(options.manifest, pace);
-        if (pace.isStopped()) {
-            return;
-        }
-        filesListed = listed.size();
-        checkAll(listed);
-        lookForNew(listed);
-        if (pace.isStopped()) {
-            save();
-            return;
-        }
-        summary = finish(listed, started);
+        verify(started);
+        save();  // The manifest's memory is free again: the text of many findings takes as much.
         trouble.clear();
     } catch (std::exception const& error) {
-        if (pace.isStopped()) {
-            return;
+        if (!pace.isStopped() && trouble != error.what()) {
+            complain(error.what());
         }
-        summary = error.what();
-        if (trouble != summary) {
-            complain(summary);
-        }
-        trouble = summary;
+        trouble = error.what();
+    }
+    if (pace.isStopped()) {
+        return;
     }
     hasEnded = true;  // First: who is notified may ask.
-    ended(round, summary);
+    ended(round, trouble.empty() ? summary() : trouble);
+}
+
+void Rounds::verify(std::string const& started) {
+    ListedFiles const listed(options.manifest, pace);
+    if (pace.isStopped()) {
+        return;
+    }
+    filesListed = listed.size();
+    checkAll(listed);
+    bool const hasSeenAll = lookForNew(listed);
+    if (!pace.isStopped()) {
+        findings.endRound(listed, hasSeenAll);
+        finish(listed, started);
+    }
 }
 
 // Once the pace is stopped, returns when all that it has submitted has ended.
@@ -184,9 +186,10 @@ void Rounds::drain(ListedFiles const& listed, std::size_t next) {
     underWay.clear();
 }
 
-void Rounds::lookForNew(ListedFiles const& listed) {
+// Whether it has seen all that is to be searched.
+bool Rounds::lookForNew(ListedFiles const& listed) {
     if (options.listedOnly || pace.isStopped()) {
-        return;
+        return false;
     }
     TreeSearch search(
         pace,
@@ -212,18 +215,18 @@ void Rounds::lookForNew(ListedFiles const& listed) {
     for (auto const& directory : directories.empty() ? listed.directories() : directories) {
         isComplete = search.search(directory) && isComplete;
     }
-    if (isComplete) {
-        findings.endSearch(listed);
-    }
+    return isComplete;
 }
 
-std::string Rounds::finish(ListedFiles const& listed, std::string const& started) {
+void Rounds::finish(ListedFiles const& listed, std::string const& started) {
     status.round = round;
     status.started = started;
     status.ended = now();
     status.files = listed.size();
     status.well = listed.size() - findings.countOf(listed);
-    save();
+}
+
+std::string Rounds::summary() const {
     return "files: " + std::to_string(status.files) +
            ", findings: " + std::to_string(findings.size());
 }

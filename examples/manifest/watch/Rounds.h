@@ -58,11 +58,13 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void runOne();
+    void verify(std::string const& started);
     void checkAll(ListedFiles const& listed);
     void submit(ListedFiles const& listed, std::size_t number);
     void drain(ListedFiles const& listed, std::size_t next);
-    void lookForNew(ListedFiles const& listed);
-    std::string finish(ListedFiles const& listed, std::string const& started);
+    bool lookForNew(ListedFiles const& listed);
+    void finish(ListedFiles const& listed, std::string const& started);
+    std::string summary() const;
     void checked(std::size_t number) override;
     void noteNext(ListedFiles const& listed, std::size_t next);
     void saveIfDue(ListedFiles const& listed, std::size_t next);

@@ -1,7 +1,6 @@
 #include "StatusFile.h"
 
 #include <istream>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -18,7 +17,7 @@ namespace extra = ovra::extra;
 using extra::Outcome;
 using ovra::fs::FileHandle;
 
-StatusFile::StatusFile(std::string const& statusPath)
+StatusFile::StatusFile(std::string const& statusPath, Findings& findings)
     : path(statusPath), lock(statusPath + ".lock") {
     Outcome const outcome = path.empty() ? Outcome::DONE : lock.tryLock();
     if (outcome == Outcome::BUSY) {
@@ -28,28 +27,33 @@ StatusFile::StatusFile(std::string const& statusPath)
         throw std::runtime_error(quoted(path + ".lock") + ": cannot be locked (" +
                                  extra::outcomeName(outcome) + ')');
     }
+    load(findings);
 }
 
-WatchStatus StatusFile::load(Findings& findings) const {
+void StatusFile::load(Findings& findings) {
     FileHandle const file(path);
     if (path.empty() || !file.Exists()) {
-        return {};
+        return;
     }
     std::string text;
     if (file.IsFile()) {
         auto const stream = file.CreateInputStream(std::ios_base::binary);
         std::getline(*stream, text, '\0');  // All of it: no JSON has a NUL byte.
     }
-    std::map<std::string, Finding> found;
-    std::optional<WatchStatus> const status = fromJson(text, found);
-    if (!status) {
-        complain(quoted(path) + ": is no status file, and will be replaced");
-        return {};
-    }
-    for (auto const& [name, finding] : found) {
+    auto const restore = [&findings](std::string const& name, Finding const& finding) {
         findings.restore(name, finding);
+    };
+    std::optional<WatchStatus> const status = fromJson(text, restore);
+    if (!status) {
+        findings.forgetAll();
+        complain(quoted(path) + ": is no status file, and will be replaced");
+        return;
     }
-    return *status;
+    loaded = *status;
+}
+
+WatchStatus const& StatusFile::earlier() const {
+    return loaded;
 }
 
 void StatusFile::save(WatchStatus const& status, Findings const& findings) {

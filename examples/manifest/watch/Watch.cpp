@@ -12,6 +12,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -116,48 +117,55 @@ private:
     WatchOptions const& options;
     Notify const notify;
     WatchLog const watchLog;
-    StatusFile statusFile;
     Findings findings;
+    StatusFile statusFile;
     Pace pace;
     std::uint64_t stepsSeen = 0;
     std::uint64_t roundsRun = 0;  // Of the thread that runs them.
 
-    Signals const signals;  // Before the threads.
+    Signals const signals;  // Before the threads, but after all that may be held up.
     std::shared_ptr<extra::MonitoredExecutor> const hashing;
     Rounds rounds;
-    std::shared_ptr<concurrent::TaskExecutor> const control;  // A round, and a request beside it.
+    std::shared_ptr<concurrent::TaskExecutor> const control;   // A round, and who wants another.
+    std::shared_ptr<concurrent::TaskExecutor> const requests;  // One by one: any may be held up.
     extra::ScheduledTasks schedule;
 };
 
 Watch::Watch(WatchOptions const& watchOptions)
     : options(watchOptions),
       watchLog(options),
-      statusFile(options.status),
       findings(report),
+      statusFile(options.status, findings),
       pace(options.bytesPerSecond),
       hashing(std::make_shared<extra::MonitoredExecutor>(makeExecutor(options.jobs))),
       rounds(
           options, hashing, findings, statusFile, pace,
           [this](std::uint64_t round, std::string const& summary) { roundEnded(round, summary); }),
       control(makeExecutor(2)),
+      requests(makeExecutor(1)),
       schedule(control) {}
 
 ExitStatus Watch::run() {
-    notify.send("READY=1");
+    if (schedule.every(options.period, round(), concurrent::NORMAL, "round") == 0) {
+        throw std::runtime_error("no thread can be started");
+    }
+    bool isReady = notify.send("READY=1");
     log::log(log::WARNING, TAG, "Started, process %d.", getpid());
     startRound();
-    schedule.every(options.period, round(), concurrent::NORMAL, "round");
 
     milliseconds const interval = Notify::watchdogInterval();
     bool const isWatched = interval.count() != 0;
     auto nextSign = std::chrono::steady_clock::now() + interval;
     for (;;) {
+        isReady = isReady || notify.send("READY=1");  // Whoever has started it waits for that.
         auto const now = std::chrono::steady_clock::now();
         if (isWatched && now >= nextSign) {
             giveSignOfLife();
             nextSign = now + interval;
         }
-        std::chrono::nanoseconds const limit = isWatched ? nextSign - now : seconds(3600);
+        std::chrono::nanoseconds const limit = !isReady    ? milliseconds(100)
+                                               : isWatched ? nextSign - now
+                                                           : seconds(3600);
         int const signal = signals.next(limit).value_or(0);
         if (signal == SIGTERM || signal == SIGINT) {
             statusAtTheEnd = signal == SIGINT ? INTERRUPTED : statusAtTheEnd.load();
@@ -182,12 +190,12 @@ void Watch::startRound() {
 }
 
 void Watch::roundEnded(std::uint64_t round, std::string const& summary) {
+    notify.send("STATUS=Round " + std::to_string(round) + ": " + summary);
     if (++roundsRun == options.rounds) {
         statusAtTheEnd = rounds.isAllWell() ? ALL_WELL : TROUBLE;
         pace.stop();
         kill(getpid(), SIGTERM);
     }
-    notify.send("STATUS=Round " + std::to_string(round) + ": " + summary);
 }
 
 // Nothing here may block: the next signal may ask for the end.
@@ -196,7 +204,7 @@ void Watch::serve(int signal) {
         startRound();
         return;
     }
-    control->submitTask(
+    requests->submitTask(
         [this, signal] {
             if (signal == SIGHUP) {
                 watchLog.reopen();
@@ -205,7 +213,7 @@ void Watch::serve(int signal) {
             }
             return Executable::SUCCESS;
         },
-        concurrent::HIGH, {}, "request");
+        concurrent::NORMAL, {}, "request");
 }
 
 // None while a round stands still, as when a disk hangs: systemd then starts the service again.

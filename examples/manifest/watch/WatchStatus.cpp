@@ -51,7 +51,9 @@ public:
     bool isComplete = true;
 };
 
-void readFinding(Fields& fields, std::map<std::string, Finding>& findings) {
+using OnFinding = std::function<void(std::string const& path, Finding const& finding)>;
+
+void readFinding(Fields& fields, OnFinding const& onFinding) {
     fields.take("{");
     std::string const path = fields.text("file");
     fields.take(",");
@@ -61,7 +63,7 @@ void readFinding(Fields& fields, std::map<std::string, Finding>& findings) {
     fields.take("}");
     fields.isComplete = fields.isComplete && state && !path.empty();
     if (fields.isComplete) {
-        findings[path] = {*state, detail};
+        onFinding(path, {*state, detail});
     }
 }
 
@@ -85,11 +87,10 @@ std::string toJson(WatchStatus const& status, Findings const& findings) {
         result += separator + toJson(path, finding);
         separator = ",\n    ";
     });
-    return result + "\n  ]\n}\n";
+    return result += "\n  ]\n}\n";
 }
 
-std::optional<WatchStatus> fromJson(std::string_view json,
-                                    std::map<std::string, Finding>& findings) {
+std::optional<WatchStatus> fromJson(std::string_view json, OnFinding const& onFinding) {
     WatchStatus status;
     Fields fields(json);
     fields.take("{");
@@ -114,7 +115,7 @@ std::optional<WatchStatus> fromJson(std::string_view json,
     }
     if (!fields.reader.take("]")) {
         do {
-            readFinding(fields, findings);
+            readFinding(fields, onFinding);
         } while (fields.isComplete && fields.reader.take(","));
         fields.take("]");
     }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,8 +24,10 @@ struct WatchStatus {
 /// The status and the findings as JSON.
 std::string toJson(WatchStatus const& status, Findings const& findings);
 
-/// The reverse. The findings go to `findings`. Nothing if `json` is not what `toJson` writes.
-std::optional<WatchStatus> fromJson(std::string_view json,
-                                    std::map<std::string, Finding>& findings);
+/// The reverse. Calls `onFinding` for each finding. Nothing if `json` is not what `toJson` writes:
+/// some findings may have been passed on even then.
+std::optional<WatchStatus> fromJson(
+    std::string_view json,
+    std::function<void(std::string const& path, Finding const& finding)> const& onFinding);
 
 }  // namespace manifest
