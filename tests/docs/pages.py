@@ -29,8 +29,16 @@ def read(path):
         return file.read()
 
 
+def compiled_sources(compile_commands):
+    """The sources of a build. Some of the files that are compiled include several of them."""
+    files = [entry["file"] for entry in json.loads(read(compile_commands))]
+    files += [name for file in files if "/Unity/" in file
+              for name in re.findall(r'^#include "(/.*)"$', read(file), re.M)]
+    return {os.path.relpath(file) for file in files}
+
+
 def check_blocks(compile_commands):
-    compiled = {os.path.relpath(entry["file"]) for entry in json.loads(read(compile_commands))}
+    compiled = compiled_sources(compile_commands)
     runners = "".join(read(path) for path in RUNS_FILES if os.path.exists(path))
     count = 0
     for page in PAGES:
