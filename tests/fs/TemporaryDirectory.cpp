@@ -74,14 +74,16 @@ std::string enterPrivateFileSystem(std::string const& mountPoint, std::string co
 
 }  // namespace
 
-std::map<int, std::string> openDescriptors() {
-    std::map<int, std::string> descriptors;
+OpenDescriptors openDescriptors() {
+    OpenDescriptors descriptors;
     DIR* const stream = opendir("/proc/self/fd");
     require(stream != nullptr, "opendir /proc/self/fd");
     for (std::string const& name : namesIn(stream)) {
         int const descriptor = std::stoi(name);
         if (descriptor != dirfd(stream)) {
-            descriptors[descriptor] = linkContents("/proc/self/fd/" + name).value_or("");
+            struct stat status = {};
+            require(fstat(descriptor, &status) == 0, "fstat " + name);
+            descriptors[descriptor] = {status.st_dev, status.st_ino};
         }
     }
     closedir(stream);

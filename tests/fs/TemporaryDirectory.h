@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/resource.h>
@@ -19,8 +20,10 @@
 
 namespace ovra::fs::test {
 
-/// The open descriptors of this process and what they stand for.
-std::map<int, std::string> openDescriptors();
+/// What each open descriptor of this process stands for: a device and an inode. Its name may
+/// change, as that of a log which the test runner renames.
+using OpenDescriptors = std::map<int, std::pair<dev_t, ino_t>>;
+OpenDescriptors openDescriptors();
 
 // What stands on the disk, asked without the library. Links are not followed.
 
@@ -61,7 +64,7 @@ protected:
 private:
     ovra::test::Watchdog watchdog;
     mode_t const previousMask;
-    std::map<int, std::string> const descriptors;
+    OpenDescriptors const descriptors;
     ovra::test::ScratchDirectory const scratch;
 
 protected:
