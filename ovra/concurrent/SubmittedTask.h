@@ -40,13 +40,13 @@ struct SubmittedTaskProxy;
 /// called with the queue's lock held: an override must not call the queue or its executor.
 ///
 /// As long as a queue computes the rank, `getRank()`, `setRank()` and `setPriority()` take a lock
-/// of that queue. That lock is a leaf: the three calls never wait for the queue's own lock, and an
-/// operation that a pick calls may make them. The library may allocate memory while it holds the
-/// leaf lock, so an application's `operator new` must not make these calls.
+/// of that queue. That lock is a leaf: the three calls never wait for the queue's own lock, so a
+/// strategy or an override may make them during a pick. The library may allocate memory while it
+/// holds the leaf lock, so an application's `operator new` must not make these calls.
 ///
 /// *Failure*: exceptions of work and callback are caught and logged at `WARNING`. On a worker, an
-/// exception out of an overridden virtual operation ends the process. If it leaves a pick on one of
-/// the application's own threads, no task is removed. Tasks newer than the task that threw keep
+/// exception out of an overridden virtual operation ends the process. If `getNextTask()` throws
+/// on a thread of the application, no task is removed. Tasks newer than the task that threw keep
 /// their updated ranks. An operation that cannot take a lock throws `std::system_error`.
 ///
 /// *Units*: a rank is an unsigned number from the initial rank of the current priority to

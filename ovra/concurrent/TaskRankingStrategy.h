@@ -10,8 +10,8 @@ class SubmittedTask;
 ///
 /// *Ownership*: shared by the queues that use it.
 ///
-/// *Threads*: `updateRank` runs on the thread that picks, usually a worker, which holds the queue's
-/// lock: it must not call the queue or its executor, which would deadlock. One strategy shared by
+/// *Threads*: `updateRank` runs with the queue's lock held, on the thread that picks, usually a
+/// worker. An `updateRank` that calls the queue or its executor deadlocks. One strategy shared by
 /// several queues may be called by several threads at once; the two strategies below are stateless.
 ///
 /// *Failure*: an exception out of `updateRank` leaves `SubmittedTasksQueue::getNextTask()`. On a

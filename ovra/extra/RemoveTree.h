@@ -25,8 +25,8 @@ namespace ovra::extra {
 ///
 /// Mount points below `root` are not crossed: they stay, and with them the directories that they
 /// are in (`BUSY`). A directory on another device counts as a mount point. A mount point at `root`
-/// itself is emptied, and stays (`BUSY`). Before Linux 5.8, the call does not recognise, and so
-/// empties, a mount point on the device of `root` in a directory that the process may not change.
+/// itself is emptied, and stays (`BUSY`). Before Linux 5.8, the call does not recognise a mount
+/// point on the device of `root` in a directory that the process may not change, and empties it.
 ///
 /// *Limits*: at most 16 descriptors at a time and a fixed amount of stack, however deep the tree
 /// is. The heap holds the names of the directories that are still to be removed, and about 100

@@ -67,8 +67,8 @@ struct RotatingFileOptions {
 /// of the system's clock (after 10 ms at most), or earlier where space is short. Until then the
 /// file may grow over `maxBytes` by what the others write.
 ///
-/// *Ownership*: the destructor closes the file and waits for nothing; what was written stays with
-/// the system, which puts it on the disk later, unless `syncLevel` or `sync` asked for that.
+/// *Ownership*: the destructor closes the file and waits for nothing. The system puts on the disk
+/// later what neither `syncLevel` nor `sync` has put there.
 ///
 /// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
 /// After `fork` parent and child may both log, also when another thread was logging a line at that
@@ -104,7 +104,7 @@ public:
     /// False if no file is open, if the sync fails, or if a sync for `syncLevel` has failed since
     /// the last call. After false, what was written before the call may be lost. A later `true`
     /// stands for later lines only, because the system may report a loss only once. Before Linux
-    /// 5.8 the system does not report what it could not write of files that were moved away.
+    /// 5.8 the system reports no failure to write files that were moved away.
     bool sync();
 
     /// Lines that could not be written, since construction.

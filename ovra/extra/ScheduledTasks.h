@@ -21,9 +21,9 @@ class ScheduleThread;
 /// *Threads*: Thread-safe, in its own tasks too. The object has one thread, named "ovra-scheduled",
 /// which starts with the first schedule. The thread blocks all signals, sleeps until something is
 /// due, and runs nothing itself: it only submits, with no lock held. (An executor that runs a task
-/// inside `submitTask` runs it there.) The destructor may run in one of the object's own tasks, and
-/// at exit if the object is a static. After `fork`, the child has no such thread: there, all
-/// schedules are refused, `cancel` does nothing, and the destructor joins nothing and keeps the
+/// inside `submitTask` runs it on that thread.) The destructor may run in one of the object's own
+/// tasks, and at exit if the object is a static. After `fork`, the child has no such thread: there,
+/// all schedules are refused, `cancel` does nothing, and the destructor joins nothing and keeps the
 /// executor for good.
 ///
 /// *Failure*: 0 instead of a number if the executor is null, the function empty, or the system
@@ -31,7 +31,7 @@ class ScheduleThread;
 /// the executor's matter. `errno` is kept.
 ///
 /// *Units*: numbers count up from 1. The clock is monotonic: it stands still while the device
-/// sleeps. A time that the clock does not reach never comes.
+/// sleeps. A time beyond the clock's range never comes.
 ///
 ///     ScheduledTasks scheduled(executor);
 ///     scheduled.every(1min, [] { return checkDisk(); }, LOW, "disk");

@@ -192,8 +192,8 @@ using AsyncValue =
 ///                                -> the future throws `std::future_error`, broken promise
 ///     it ends its own thread     -> the same
 ///
-/// The future never hangs as long as the function itself ends, with one exception: a task that is
-/// submitted while another thread closes the queue may stay in it until the queue is destroyed.
+/// The future becomes ready once the function has ended or the task is destroyed. A task that is
+/// submitted while another thread closes the queue may stay there until the queue is destroyed.
 /// `Async`'s own `cancel()` breaks the promise at once; a `cancel()` of its handle does so when a
 /// worker reaches the task.
 ///

@@ -39,9 +39,8 @@ public:
     /// From now on lines go to `target`; an empty one mutes. Returns the old target.
     std::shared_ptr<log::LogHandler> exchange(std::shared_ptr<log::LogHandler> target);
 
-    /// Passes on lines whose level is at most `level`, which is not checked. Lines of level
-    /// `DISABLED` and below are always passed on. Other threads see the change without any order
-    /// guaranteed.
+    /// Passes on lines whose level is at most `level`; takes any value. Lines of level `DISABLED`
+    /// and below are always passed on. Other threads see the change without any order guaranteed.
     void setLevel(log::LogLevel level);
     /// The level, as set last.
     log::LogLevel getLevel() const;

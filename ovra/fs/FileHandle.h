@@ -124,7 +124,7 @@ public:
     /// The last component of the path.
     std::string FileName() const;
     /// A handle on the path that results when ".." is appended to this path and folded away,
-    /// without asking the disk. There is no special case, so the empty path counts as the root:
+    /// without asking the disk. The empty path counts as the root:
     ///
     ///     "/a/b" -> "/a"     "name" -> "."      "/" -> "/.."
     ///     "/a"   -> "/"      ".."   -> "../.."  ""  -> "/.."
@@ -181,7 +181,7 @@ public:
     /// A directory that is being emptied is not entered again, so that links that lead back up do
     /// not multiply the work. In rare trees with such links, this rule changes what is left. More
     /// may be removed, with `true` where the result would be `false` without the rule. Or a
-    /// directory, or a link that dangles by then, may stay.
+    /// directory may stay, or a link that dangles by then.
     ///
     /// One directory, and so one file descriptor, is open per level. The limits on descriptors and
     /// on the length of a path limit the depth. What lies deeper stays, with `false`. Each level

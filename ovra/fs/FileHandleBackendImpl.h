@@ -42,8 +42,8 @@ public:
 
     std::string Path() const override;
     /// Reads the status. Every other query of the status calls Exists() first, so an override
-    /// decides for all of them. If it returns `true`, the query answers from the last record read,
-    /// or with `false` or 0 without one.
+    /// decides for all of them. If it returns `true`, the query answers from the last status read;
+    /// if there is none, with `false` or 0.
     bool Exists() const override;
     /// See FileHandle::IsFile().
     bool IsFile() const override;

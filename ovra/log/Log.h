@@ -43,9 +43,9 @@ enum LogHandlerType : std::int32_t {
 /// unloaded.
 ///
 /// *Threads*: the thread that logs calls the sink. Several threads may be inside a sink at once, so
-/// a sink serialises its own writes. If a sink logs, `log` calls the sink again from inside its own
-/// call. A sink that logs under its own lock deadlocks. A sink must not call `addLogHandler`, and
-/// its destructor must not log.
+/// a sink serialises its own writes. If a sink logs, `log` calls it again, inside the
+/// sink's own call. A sink that logs under its own lock deadlocks. A sink must not call
+/// `addLogHandler`, and its destructor must not log.
 ///
 /// *Failure*: what a sink throws is discarded, and the sinks not yet called do not get that
 /// message. A sink that never returns blocks the thread that logs.
@@ -91,10 +91,10 @@ OVRA_API void log(LogLevel level, char const* tag, char const* format, ...) OVRA
 ///     logVerbatim(WARNING, "load()", "Cannot read '%s'.", name);
 ///
 /// During the call, the system log takes as text whatever the calling thread writes to it: through
-/// the sink that is always there, through registered sinks and those derived from
-/// `PlatformLogHandler`, and through a sink that another sink calls. A call of `log` inside a sink
-/// still passes a format. If a sink passes lines to another thread, and that thread writes them to
-/// the system log, the system log takes those lines as formats, as with `log`.
+/// the sink that is always there, through a registered `PlatformLogHandler` or one derived from it,
+/// and through a sink that another sink calls. A call of `log` inside a sink still passes a
+/// format. If a sink passes lines to another thread, and that thread writes them to the system log,
+/// the system log takes those lines as formats, as with `log`.
 OVRA_API void logVerbatim(LogLevel level, char const* tag, char const* format, ...)
     OVRA_PRINTF(3, 4);
 

@@ -1,4 +1,4 @@
-// Loads a plug-in that uses ovra, and unloads it again. The application itself does not use it.
+// Loads a plug-in that uses ovra, and unloads it again. The application itself does not use ovra.
 
 #include <dlfcn.h>
 
