@@ -175,6 +175,34 @@ TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornWhenItLooksAtTheSize) {
 }
 
 // Nobody can know the end of such a file, and a newline that is not needed would be an empty line.
+// The system shows a line that is being written as far as the page goes.
+TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingIsNotTorn) {
+    constexpr std::size_t PAGE_BYTES = 4096;
+    for (FileCall const moment : {FileCall::READ, FileCall::FSTAT}) {
+        RotatingFileLogHandler sink(path, plain(2 * PAGE_BYTES));
+        writeFile(path, std::string(PAGE_BYTES, 'x'));
+        {
+            FileCalls calls;
+            calls.onCall = [&](FileCall call) {
+                if (call == moment && calls.count(call) == 2) {
+                    std::ofstream(path, std::ios::app) << "y\n";
+                }
+                return 0;
+            };
+            put(sink, std::string(PAGE_BYTES / 2, 'z'));
+        }
+        EXPECT_EQ(contentOf(path),
+                  std::string(PAGE_BYTES, 'x') + "y\n" + std::string(PAGE_BYTES / 2, 'z') + "\n");
+    }
+}
+
+TEST_F(RotatingFileFaultTest, EndsALineThatIsTornWhereAPageEnds) {
+    writeFile(path, std::string(4096, 'x'));
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "whole");
+    EXPECT_EQ(contentOf(path), std::string(4096, 'x') + "\nwhole\n");
+}
+
 TEST_F(RotatingFileFaultTest, LeavesATornLineWhereItMayNotRead) {
     writeFile(path, "torn ");
     FileCalls calls;

@@ -1,6 +1,7 @@
 #include <ovra/extra/internal/LogFile.h>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -82,7 +83,24 @@ bool LogFile::look() {
     return status.st_nlink > 0;
 }
 
+// While another thread or process writes a line that goes on to the next page, the system may show
+// the file as far as the first page goes: that line is not torn, and is soon there whole.
 void LogFile::lookAtEnd() {
+    constexpr std::uint64_t LEAST_PAGE_BYTES = 4096;
+    constexpr int MOST_LOOKS = 100;
+    lookAtLastByte();
+    for (int looks = 1; torn && knownSize % LEAST_PAGE_BYTES == 0 && looks < MOST_LOOKS; ++looks) {
+        ::sched_yield();
+        struct stat status;
+        if (::fstat(descriptor.get(), &status) != 0) {
+            return;
+        }
+        knownSize = static_cast<std::uint64_t>(status.st_size);
+        lookAtLastByte();
+    }
+}
+
+void LogFile::lookAtLastByte() {
     char last = '\n';
     bool const isRead = knownSize > 0 && uninterrupted([&] {
                                              auto const end = static_cast<off_t>(knownSize);

@@ -50,6 +50,7 @@ public:
 
 private:
     void lookAtEnd();
+    void lookAtLastByte();
 
     Descriptor descriptor;
     bool torn = false;
