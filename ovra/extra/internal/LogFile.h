@@ -50,7 +50,6 @@ public:
 
 private:
     void lookAtEnd();
-    void lookAtLastByte();
 
     Descriptor descriptor;
     bool torn = false;
