@@ -196,6 +196,21 @@ TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingIsNotTorn) {
     }
 }
 
+TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingAsTheFileIsOpenedIsNotTorn) {
+    writeFile(path, std::string(4096, 'x'));
+    FileCalls calls;
+    calls.onCall = [&](FileCall call) {
+        if (call == FileCall::READ && calls.count(call) == 2) {
+            std::ofstream(path, std::ios::app) << '\n';
+        }
+        return 0;
+    };
+    RotatingFileLogHandler sink(path, plain());
+    put(sink, "whole");
+    EXPECT_GT(calls.count(FileCall::READ), 1);
+    EXPECT_EQ(contentOf(path), std::string(4096, 'x') + "\nwhole\n");
+}
+
 TEST_F(RotatingFileFaultTest, EndsALineThatIsTornWhereAPageEnds) {
     writeFile(path, std::string(4096, 'x'));
     RotatingFileLogHandler sink(path, plain());

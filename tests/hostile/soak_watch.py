@@ -58,7 +58,7 @@ class Tree:
         expected = [self.change(name)
                     for name in self.random.sample(sorted(self.listed), self.random.randint(0, 20))]
         new = [name for name in self.present if name not in self.listed]
-        if len(new) > MOST_NEW or new and self.random.random() < 0.5:
+        if len(new) > MOST_NEW or (new and self.random.random() < 0.5):
             self.remove(new[0])
             expected.append(f"{new[0]}: REMOVED")
         name = f"tree/new/{self.random.getrandbits(64):x}"

@@ -20,7 +20,7 @@ public:
 
     /// The last ticket of a ring of so many lines, which are not 0.
     static std::size_t mostTickets(std::size_t lines);
-    /// Whether the first ticket was handed out after the second; both within half of all.
+    /// Whether `first` was handed out after `second`. They are less than half of all tickets apart.
     bool isLater(std::size_t first, std::size_t second) const;
 
 private:

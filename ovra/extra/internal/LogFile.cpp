@@ -51,9 +51,8 @@ LogFile LogFile::open(char const* path) {
         !S_ISREG(status.st_mode)) {
         return LogFile();
     }
-    file.knownSize =
-        static_cast<std::uint64_t>(status.st_size) + 1;  // So that it looks at the end.
-    file.look();
+    file.knownSize = static_cast<std::uint64_t>(status.st_size);
+    file.lookAtEnd();
     return file;
 }
 
@@ -71,35 +70,42 @@ bool LogFile::isAt(char const* path) const {
            isSame(mine, there);
 }
 
-// While another thread or process writes a line that goes on to the next page, the system may show
-// the file as far as the first page goes: that line is not torn, and is soon there whole.
 bool LogFile::look() {
-    constexpr unsigned int LEAST_PAGE_BYTES = 4096;
     struct stat status;
-    std::uint64_t const before = knownSize;
-    int looks = 100;
-    while (::fstat(descriptor.get(), &status) == 0) {
-        knownSize = static_cast<std::uint64_t>(status.st_size);
-        if (knownSize != before) {
-            lookAtEnd();
-            if (torn && knownSize % LEAST_PAGE_BYTES == 0 && --looks > 0) {
-                ::syscall(SYS_sched_yield);  // Takes less space than another imported function.
-                continue;
-            }
-        }
-        return status.st_nlink > 0;
+    if (::fstat(descriptor.get(), &status) != 0) {
+        return true;
     }
-    return true;
+    auto const size = static_cast<std::uint64_t>(status.st_size);
+    if (size != knownSize) {
+        knownSize = size;
+        lookAtEnd();
+    }
+    return status.st_nlink > 0;
 }
 
+// While another thread or process writes a line that goes on to the next page, the system may show
+// the file as far as the first page goes: that line is not torn, and is soon there whole.
 void LogFile::lookAtEnd() {
-    char last = '\n';
-    bool const isRead = knownSize > 0 && uninterrupted([&] {
-                                             auto const end = static_cast<off_t>(knownSize);
-                                             return ::pread(descriptor.get(), &last, 1, end - 1);
-                                         }) == 1;
-    if (isRead || knownSize == 0) {
-        torn = last != '\n';
+    constexpr unsigned int LEAST_PAGE_BYTES = 4096;
+    struct stat status;
+    for (int looks = 100; looks > 0; --looks) {
+        char last = '\n';
+        bool const isRead =
+            knownSize > 0 && uninterrupted([&] {
+                                 auto const end = static_cast<off_t>(knownSize);
+                                 return ::pread(descriptor.get(), &last, 1, end - 1);
+                             }) == 1;
+        if (isRead || knownSize == 0) {
+            torn = last != '\n';
+        }
+        if (!torn || knownSize % LEAST_PAGE_BYTES != 0) {
+            return;
+        }
+        ::syscall(SYS_sched_yield);  // Takes less space than another imported function.
+        if (::fstat(descriptor.get(), &status) != 0) {
+            return;
+        }
+        knownSize = static_cast<std::uint64_t>(status.st_size);
     }
 }
 
