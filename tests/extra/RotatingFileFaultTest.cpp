@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -175,16 +176,16 @@ TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornWhenItLooksAtTheSize) {
 }
 
 // Nobody can know the end of such a file, and a newline that is not needed would be an empty line.
-// The system shows a line that is being written as far as the page goes.
+// The system may show a part of a line that is being written. An empty write waits for the rest.
 TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingIsNotTorn) {
     constexpr std::size_t PAGE_BYTES = 4096;
-    for (FileCall const moment : {FileCall::READ, FileCall::FSTAT}) {
+    for (auto const& [moment, nth] : {std::pair{FileCall::WRITE, 1}, {FileCall::FSTAT, 2}}) {
         RotatingFileLogHandler sink(path, plain(2 * PAGE_BYTES));
         writeFile(path, std::string(PAGE_BYTES, 'x'));
         {
             FileCalls calls;
-            calls.onCall = [&](FileCall call) {
-                if (call == moment && calls.count(call) == 2) {
+            calls.onCall = [&, awaited = moment, count = nth](FileCall call) {
+                if (call == awaited && calls.count(call) == count) {
                     std::ofstream(path, std::ios::app) << "y\n";
                 }
                 return 0;
@@ -200,7 +201,7 @@ TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingAsTheFileIsOpenedIsNotTorn
     writeFile(path, std::string(4096, 'x'));
     FileCalls calls;
     calls.onCall = [&](FileCall call) {
-        if (call == FileCall::READ && calls.count(call) == 2) {
+        if (call == FileCall::WRITE && calls.count(call) == 1) {
             std::ofstream(path, std::ios::app) << '\n';
         }
         return 0;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,30 +82,31 @@ bool LogFile::look() {
     return status.st_nlink > 0;
 }
 
-// While another thread or process writes a line that goes on to the next page, the system may show
-// the file as far as the first page goes: that line is not torn, and is soon there whole.
+// While another thread or process writes a line, the system may show a part of it. That line is not
+// torn: an empty write waits until it is there, because the system appends one line after the
+// other.
 void LogFile::lookAtEnd() {
-    constexpr unsigned int LEAST_PAGE_BYTES = 4096;
     struct stat status;
-    for (int looks = 100; looks > 0; --looks) {
+    std::uint64_t seen = 0;
+    do {
+        seen = knownSize;
         char last = '\n';
-        bool const isRead =
-            knownSize > 0 && uninterrupted([&] {
-                                 auto const end = static_cast<off_t>(knownSize);
-                                 return ::pread(descriptor.get(), &last, 1, end - 1);
-                             }) == 1;
-        if (isRead || knownSize == 0) {
-            torn = last != '\n';
-        }
-        if (!torn || knownSize % LEAST_PAGE_BYTES != 0) {
+        if (seen > 0 && uninterrupted([&] {
+                            auto const end = static_cast<off_t>(seen);
+                            return ::pread(descriptor.get(), &last, 1, end - 1);
+                        }) != 1) {
             return;
         }
-        ::syscall(SYS_sched_yield);  // Takes less space than another imported function.
+        torn = last != '\n';
+        if (!torn) {
+            return;
+        }
+        [[maybe_unused]] auto const nothing = ::write(descriptor.get(), &last, 0);
         if (::fstat(descriptor.get(), &status) != 0) {
             return;
         }
         knownSize = static_cast<std::uint64_t>(status.st_size);
-    }
+    } while (knownSize != seen);
 }
 
 bool LogFile::append(iovec* pieces, int count) {
