@@ -22,13 +22,14 @@ namespace ovra::extra {
 ///
 /// *After fork*: the parent holds the lock, the child does not. In the child, unlock() and the
 /// destructor only close a copy of the descriptor. If the parent ends without unlock(), the lock
-/// lasts until the child has closed its copy: by unlock(), by the destructor, by `exec` or when
-/// the child ends.
+/// lasts until the child has closed its copy: by tryLock(), by unlock(), by the destructor, by
+/// `exec` or when the child ends.
 ///
 /// *Threads*: Not thread-safe: the caller synchronises.
 ///
 /// *Failure*: tryLock() returns the reason. Throws only `std::bad_alloc`, and then the lock is not
-/// taken.
+/// taken. A limit on the size of files (`RLIMIT_FSIZE`) that leaves no room for the id raises
+/// SIGXFSZ, which ends the process unless it is ignored.
 class OVRA_EXTRA_API LockFile {
 public:
     /// Does not touch the file system. tryLock() resolves a relative path against the current

@@ -27,7 +27,8 @@
 ///     OVRA_LOG_EVERY(10000, ovra::log::WARNING, "net", "Cannot reach %s.", server);
 ///
 /// *Place*: each place in the source counts by itself, and each instantiation of a template does.
-/// An inline function in a header counts once for each shared object that contains it.
+/// An inline function in a header counts once for the whole process; compiled with hidden
+/// visibility, it counts once for each shared object that contains it.
 ///
 /// *Threads*: Thread-safe, takes no lock of its own. Of several lines at the same moment one goes
 /// out.

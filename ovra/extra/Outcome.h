@@ -8,7 +8,8 @@
 
 namespace ovra::extra {
 
-/// How an operation ended, and why it failed if it did.
+/// How an operation ended, and why it failed if it did. Every operation of this library that says
+/// so leaves `errno` as it was.
 ///
 /// An enumerator stands for what the caller can do about a failure, not for one error number:
 ///

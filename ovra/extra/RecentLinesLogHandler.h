@@ -27,6 +27,9 @@ class LineRing;
 ///     each place, tried one after the other, is being filled or written out by another thread
 ///     the thread is held up until `lines` later lines have been kept
 ///
+/// A new line passes over a place that is in use. Until that place comes round again, fewer lines
+/// are kept.
+///
 /// *After fork*: the child has the lines of the parent, except those that other threads were
 /// storing at that moment. If another thread was writing out a line, the child never uses the place
 /// of that line again.

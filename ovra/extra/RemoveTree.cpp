@@ -12,6 +12,7 @@
 namespace ovra::extra {
 
 Outcome removeTree(fs::FilePath const& root) {
+    KeptErrno const kept;
     std::string path = root.Path();
     if (path.find('\0') != std::string::npos) {
         return Outcome::REFUSED;
@@ -27,18 +28,12 @@ Outcome removeTree(fs::FilePath const& root) {
         return Outcome::REFUSED;
     }
 
-    Descriptor parent;
-    struct stat status = {};
-    Outcome const found = attempt([&] {
-        parent = openBelow(AT_FDCWD, path.empty() ? "." : path.c_str(), O_PATH | O_DIRECTORY);
-        return parent.isOpen() &&
-               ::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    });
-    if (found != Outcome::DONE) {
-        return found;
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        return attempt([&] { return ::unlinkat(parent.get(), name.c_str(), 0) == 0; });
+    Descriptor parent =
+        openBelow(AT_FDCWD, path.empty() ? "." : path.c_str(), O_PATH | O_DIRECTORY);
+    struct stat status;
+    if (!parent.isOpen() ||
+        ::fstatat(parent.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return outcomeOf(errno);
     }
     return TreeRemoval(std::move(parent), name).run();
 }

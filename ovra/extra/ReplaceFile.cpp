@@ -58,9 +58,20 @@ bool readLink(Place const& place, std::string& contents) {
     return true;
 }
 
-// Follows the link as the system does, which may refuse: in a directory that everybody can write
-// to, a process may not follow every link.
+// In a directory that everybody can write to, such as /tmp, only some links may be followed. Other
+// users can swap their entries at any moment, so what the system says of one says nothing of the
+// next: here, its rule is applied to the owner of the link, which they cannot change.
 bool mayFollow(Place const& place) {
+    constexpr mode_t SHARED = S_ISVTX | S_IWOTH;
+    uid_t const owner = place.status.st_uid;
+    struct stat directory;
+    if (::fstatat(place.directory.get(), ".", &directory, 0) != 0) {
+        return false;
+    }
+    if ((directory.st_mode & SHARED) == SHARED && owner != directory.st_uid &&
+        owner != ::geteuid()) {
+        return hasFailedWith(EACCES);
+    }
     struct stat target;
     if (::fstatat(place.directory.get(), place.name.c_str(), &target, 0) != 0) {
         return errno == ENOENT || errno == ENOTDIR;  // A dangling link: resolved below.
@@ -101,7 +112,12 @@ bool find(std::string path, Place& place) {
 // A file beside the one to be replaced. The destructor removes it, unless it was renamed.
 class Temporary {
 public:
-    explicit Temporary(Place const& besides) : place(besides) {}
+    explicit Temporary(Place const& besides) : place(besides) {
+        struct timespec now = {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        nextName = static_cast<std::uint64_t>(now.tv_nsec) * 0x9e3779b97f4a7c15u;
+        nextName ^= static_cast<std::uint64_t>(::getpid()) << 32;
+    }
     Temporary(Temporary const&) = delete;
     Temporary& operator=(Temporary const&) = delete;
     ~Temporary() {
@@ -176,10 +192,7 @@ private:
     // The name need not be hard to guess: a file that is there already is never taken.
     void invent(std::size_t length) {
         static constexpr char letters[] = "0123456789abcdefghijklmnopqrstuvwxyz";
-        struct timespec now = {};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        auto value = static_cast<std::uint64_t>(now.tv_nsec) * 0x9e3779b97f4a7c15u;
-        value ^= static_cast<std::uint64_t>(::getpid()) << 32;
+        std::uint64_t value = nextName++;
         if (length < place.name.size()) {
             while (length > 0 && (place.name[length] & 0xc0) == 0x80) {
                 --length;  // Do not cut in the middle of a character.
@@ -193,6 +206,7 @@ private:
     }
 
     Place const& place;
+    std::uint64_t nextName;
     std::string name;
     Descriptor file;
     bool isThere = false;

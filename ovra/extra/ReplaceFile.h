@@ -21,7 +21,7 @@ namespace ovra::extra {
 ///     a regular file             -> replaced; its mode and owner are kept, see below
 ///     nothing                    -> made, with the mode 0666 less the umask
 ///     a link                     -> its target is replaced, or made if it dangles; the link stays
-///     a link that the system does not let the process follow -> DENIED
+///     another user's link in a directory such as /tmp -> DENIED, see below
 ///     a directory, a pipe, ...   -> WRONG_KIND, before anything is made
 ///     "name/", with a separator at the end -> WRONG_KIND
 ///     in a directory that does not exist   -> MISSING
@@ -29,21 +29,24 @@ namespace ovra::extra {
 ///     a path with a NUL byte     -> REFUSED
 ///     empty contents             -> an empty file
 ///
+/// In a directory with the sticky bit that everybody may write to, a link to the file is followed
+/// only if it belongs to the effective user of the process or to the owner of the directory. Linux
+/// has the same rule where `fs.protected_symlinks` is set.
+///
 /// The file is a new one to the system: other hard links to the old file, and whoever has the old
-/// file open, keep the old contents. Access control lists and extended
-/// attributes of the old file are not kept. The owner and the group are kept as far as the process
-/// is allowed to give a file away; where they are not kept, the set-user-id and set-group-id bits
-/// are cleared.
+/// file open, keep the old contents. Access control lists and extended attributes of the old file
+/// are not kept; the new one has those that the directory gives to new files. The owner and the
+/// group are kept as far as the process is allowed to give a file away; where they are not kept,
+/// the set-user-id and set-group-id bits are cleared.
 ///
 /// *Threads*: Thread-safe. Two calls that replace one file at the same time leave the contents of
 /// one of them.
 ///
 /// *Failure*: the old file is untouched and the temporary file is removed. A limit on the size of
 /// files (`RLIMIT_FSIZE`) raises SIGXFSZ, which ends the process unless it is ignored; then the
-/// result is `FULL`. `DONE_NOT_SYNCED`: the
-/// new contents are in place, but the directory could not be opened or synced, so that a loss of
-/// power may bring the old contents back. A sync that fails is not tried again. Throws
-/// `std::bad_alloc`, and then nothing has changed.
+/// result is `FULL`. `DONE_NOT_SYNCED`: the new contents are in place, but the directory could not
+/// be opened or synced, so that a loss of power may bring the old contents back. A sync that fails
+/// is not tried again. Throws `std::bad_alloc`, and then nothing has changed.
 OVRA_EXTRA_API Outcome replaceFile(fs::FilePath const& file, std::string_view contents);
 
 /// Blocks until the contents of a file, or the entries of a directory, are on the medium.

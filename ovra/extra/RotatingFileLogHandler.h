@@ -32,18 +32,19 @@ struct RotatingFileOptions {
 /// that share the file never mix lines. Nothing is allocated for a line.
 ///
 /// *The file*: if it does not exist, the sink makes it, with mode 0640 less the umask; its
-/// directory must exist. If the path names a directory, the file is "ovra.log" inside it. If the
-/// path names a link, the file is the link's target as found when the sink is made; the target need
-/// not exist yet. Anything but a regular file, and a path with a NUL byte, is refused without
-/// blocking, and the lines count as lost. Each opening resolves a relative path against the current
-/// directory of that moment.
+/// directory must exist. If the path names a directory when the sink is made, the file is
+/// "ovra.log" inside it. If the path then names a link, the file is the link's target, which need
+/// not exist yet. Anything but a regular file, a directory that is made later included, and a path
+/// with a NUL byte, is refused without blocking, and the lines count as lost. Each opening resolves
+/// a relative path against the current directory of that moment.
 ///
-/// *Torn lines*: a full disk, or a loss of power, can tear a line. The sink begins the next line
-/// with the missing newline, whether this sink or an earlier run left the torn line. If another
-/// process left the torn line, this sink notices it after it has lost a line of its own or, with a
-/// cap, when it next reads the size of the file. Until then a line may follow the torn one without
-/// a newline. If the process may not read the file, the sink knows only of the lines that it has
-/// torn itself.
+/// *Torn lines*: a full disk, or a loss of power, can tear a line. If the system writes a part of a
+/// line and then takes the rest, a line of another process can stand between them. The sink begins
+/// the next line with the missing newline, whether this sink or an earlier run left the torn line.
+/// If another process left the torn line, this sink notices it after it has lost a line of its own
+/// or, with a cap, when it next reads the size of the file. Until then a line may follow the torn
+/// one without a newline. If the process may not read the file, the sink knows only of the lines
+/// that it has torn itself.
 ///
 /// *The cap*: before a line that would take the file "x" over `maxBytes`, the sink moves "x.1" to
 /// "x.2" and so on, moves "x" to "x.1", and removes the oldest file. What an earlier run left
@@ -60,19 +61,25 @@ struct RotatingFileOptions {
 ///
 /// If more than one older file is kept, the sink uses one name more while it moves the files: "x.3"
 /// where two are kept. A file of that name is lost. If the process is killed at that moment, or the
-/// oldest file cannot be removed, "x.3" stays until the next move. Files with higher numbers, which
-/// a run with more generations left, stay for ever.
+/// oldest file cannot be removed, "x.3" stays until a later move uses that name. Files with higher
+/// numbers, which a run with more generations left, stay for ever.
 ///
-/// Several processes may share a capped file. Each notices what the others write at the next tick
-/// of the system's clock (after 10 ms at most), or earlier where space is short. Until then the
-/// file may grow over `maxBytes` by what the others write.
+/// The sink moves the file under a lock (`flock`) on it. The file cannot be moved while another
+/// program holds that lock, nor on a file system without such locks.
+///
+/// Several processes may share a capped file, if each of them may open what the others make. Each
+/// notices what the others write at the next tick of the system's clock (after 10 ms at most), or
+/// earlier where space is short. Until then the file may grow over `maxBytes` by what the others
+/// write.
 ///
 /// *Ownership*: the destructor closes the file and waits for nothing. The system puts on the disk
 /// later what neither `syncLevel` nor `sync` has put there.
 ///
 /// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
 /// After `fork` parent and child may both log, also when another thread was logging a line at that
-/// moment. (Not in a child of `vfork` or of the system's bare `clone`.)
+/// moment. (Not in a child of `vfork` or of the system's bare `clone`, nor in a handler of
+/// `pthread_atfork`.) If a thread is
+/// cancelled during a call, its line may be missing and does not count as lost.
 ///
 /// *Failure*: a line that cannot be written whole (full disk, no such directory, a bad medium)
 /// counts as lost. Before the next line that can be written, the sink reports the loss since the
@@ -87,8 +94,8 @@ public:
                                     RotatingFileOptions const& options = {});
     ~RotatingFileLogHandler() override;
 
-    /// Writes the line, whatever its level. A null line -> nothing. Waits for the disk only as
-    /// `syncLevel` says.
+    /// Writes the line as it is, newlines inside it included, whatever its level. A null line ->
+    /// nothing. Waits for the disk only as `syncLevel` says.
     void handleLogMessage(char const* line, log::LogLevel level) override;
 
     /// Opens the path again, such as after a rename. False on failure: the open file is then kept.
@@ -99,7 +106,9 @@ public:
 
     /// Returns once every line written by this sink is on the disk, and so is the name of a new
     /// file. Other lines wait meanwhile. If a file with lines of this sink was moved away or left
-    /// since the last call, everything on the file system is synced, which can take long.
+    /// since the last call, everything on the file system of the open file is synced, which can
+    /// take long. A file that was left on another file system is not synced, nor is a new name
+    /// under a relative path after the current directory has changed.
     ///
     /// False if no file is open, if the sync fails, or if a sync for `syncLevel` has failed since
     /// the last call. After false, what was written before the call may be lost. A later `true`

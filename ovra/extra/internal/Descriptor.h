@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,7 +33,17 @@ public:
     int release() { return std::exchange(number, -1); }
 
     /// Whether nothing failed. The descriptor is closed in any case, also when a signal interrupts.
-    bool close() { return !isOpen() || ::close(release()) == 0 || errno == EINTR; }
+    bool close() {
+        if (!isOpen()) {
+            return true;
+        }
+        // To cancel the thread here, in a destructor, would end the process.
+        int before;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+        bool const isClosed = ::close(release()) == 0 || errno == EINTR;
+        pthread_setcancelstate(before, nullptr);
+        return isClosed;
+    }
 
     /// Writes all of `bytes`, however many calls that takes. A failure leaves its reason in
     /// `errno`.
@@ -60,12 +71,16 @@ private:
 inline Descriptor openBelow(int directory, char const* path, int flags, mode_t mode = 0) {
     constexpr int MOST_INTERRUPTIONS = 100;
     int opened = -1;
-    for (int tries = 0; tries < MOST_INTERRUPTIONS; ++tries) {
+    // The C library for 32-bit ARM runs no destructors of a thread that is cancelled here.
+    int before;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    for (int tries = MOST_INTERRUPTIONS; tries > 0; --tries) {
         opened = ::openat(directory, path, flags | O_CLOEXEC | O_NOCTTY, mode);
         if (opened >= 0 || errno != EINTR) {
             break;
         }
     }
+    pthread_setcancelstate(before, nullptr);
     return Descriptor(opened);
 }
 

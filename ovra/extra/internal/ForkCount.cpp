@@ -10,24 +10,25 @@ namespace ovra::extra {
 namespace {
 
 std::atomic<std::uint32_t> forks{0};
+std::atomic<bool> isCounted{false};
 
 // Called in the child, before `fork` returns there.
 void countOne() {
     forks.fetch_add(1, std::memory_order_relaxed);
 }
 
-bool registerHandler() {
-    if (pthread_atfork(nullptr, nullptr, countOne) != 0) {
-        throw std::bad_alloc();  // Its only failure.
-    }
-    return true;
-}
-
 }  // namespace
 
 void countForks() {
-    // The C library unregisters the handler when this library is unloaded.
-    [[maybe_unused]] static bool const isRegistered = registerHandler();
+    // Without a lock, which a child could find held by a thread that it does not have. Two threads
+    // may register the handler twice: then each fork counts twice. The C library unregisters it
+    // when this library is unloaded.
+    if (!isCounted.load(std::memory_order_acquire)) {
+        if (pthread_atfork(nullptr, nullptr, countOne) != 0) {
+            throw std::bad_alloc();  // Its only failure.
+        }
+        isCounted.store(true, std::memory_order_release);
+    }
 }
 
 std::uint32_t forkCount() noexcept {

@@ -4,20 +4,26 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <utility>
 
+#include <ovra/extra/internal/Decimal.h>
+
 namespace ovra::extra {
+
+namespace {
+
+// A dot, the number and the terminator.
+constexpr std::size_t MOST_SUFFIX = 1 + MOST_DIGITS + 1;
+
+}  // namespace
 
 Generations::Generations(std::string logPath, unsigned int most)
     : path(std::move(logPath)),
       count(most),
-      nameSize(path.size() + 2 + std::numeric_limits<unsigned int>::digits10 + 1),
-      first(new char[nameSize + 1]),
-      second(new char[nameSize + 1]) {}
+      first(new char[path.size() + MOST_SUFFIX]),
+      second(new char[path.size() + MOST_SUFFIX]) {}
 
 bool Generations::moveUp() {
     if (count == 0) {
@@ -27,9 +33,13 @@ bool Generations::moveUp() {
     // when the log itself has been moved: moving the log is what may well fail. A single generation
     // is just replaced.
     unsigned int free = 1;
-    if (count > 1) {
-        while (free <= count && exists(free)) {
-            ++free;
+    struct stat status;
+    for (; count > 1 && free <= count; ++free) {
+        if (::lstat(name(free, first.get()), &status) != 0) {
+            if (errno != ENOENT) {
+                return false;  // Nobody knows whether the name is free.
+            }
+            break;
         }
     }
     for (unsigned int to = free; to > 0; --to) {
@@ -52,16 +62,10 @@ bool Generations::moveUp() {
 char const* Generations::name(unsigned int generation, char* buffer) const {
     std::memcpy(buffer, path.c_str(), path.size() + 1);
     if (generation > 0) {
-        char* const end = buffer + nameSize;
         buffer[path.size()] = '.';
-        *std::to_chars(buffer + path.size() + 1, end, std::uint64_t{generation}).ptr = '\0';
+        *writeDecimal(buffer + path.size() + 1, generation) = '\0';
     }
     return buffer;
-}
-
-bool Generations::exists(unsigned int generation) {
-    struct stat status;
-    return ::lstat(name(generation, first.get()), &status) == 0 || errno != ENOENT;
 }
 
 bool Generations::move(unsigned int from, unsigned int to) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -24,12 +23,10 @@ public:
 private:
     // The returned name is valid until the next call with the same buffer.
     char const* name(unsigned int generation, char* buffer) const;
-    bool exists(unsigned int generation);
     bool move(unsigned int from, unsigned int to);
 
     std::string const path;
     unsigned int const count;
-    std::size_t const nameSize;
     std::unique_ptr<char[]> const first;
     std::unique_ptr<char[]> const second;
 };

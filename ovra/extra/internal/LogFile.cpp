@@ -83,30 +83,33 @@ bool LogFile::look() {
 }
 
 // While another thread or process writes a line, the system may show a part of it. That line is not
-// torn: an empty write waits until it is there, because the system appends one line after the
-// other.
+// torn. Setting the file's times waits until the line is there, because the system makes one change
+// of a file after the other. (On some file systems an empty write does not wait.)
 void LogFile::lookAtEnd() {
-    struct stat status;
-    std::uint64_t seen = 0;
-    do {
-        seen = knownSize;
+    constexpr int MOST_LINES = 100;  // Somebody may append for ever what is no line.
+    for (int lines = 0; lines < MOST_LINES; ++lines) {
         char last = '\n';
-        if (seen > 0 && uninterrupted([&] {
-                            auto const end = static_cast<off_t>(seen);
-                            return ::pread(descriptor.get(), &last, 1, end - 1);
-                        }) != 1) {
+        if (knownSize > 0 && uninterrupted([&] {
+                                 auto const end = static_cast<off_t>(knownSize);
+                                 return ::pread(descriptor.get(), &last, 1, end - 1);
+                             }) != 1) {
             return;
         }
         torn = last != '\n';
         if (!torn) {
             return;
         }
-        [[maybe_unused]] auto const nothing = ::write(descriptor.get(), &last, 0);
+        ::futimens(descriptor.get(), nullptr);
+        struct stat status;
         if (::fstat(descriptor.get(), &status) != 0) {
             return;
         }
-        knownSize = static_cast<std::uint64_t>(status.st_size);
-    } while (knownSize != seen);
+        auto const size = static_cast<std::uint64_t>(status.st_size);
+        if (size == knownSize) {
+            return;
+        }
+        knownSize = size;
+    }
 }
 
 bool LogFile::append(iovec* pieces, int count) {

@@ -5,11 +5,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstring>
 #include <mutex>
 #include <utility>
 
+#include <ovra/extra/internal/Decimal.h>
 #include <ovra/extra/internal/Descriptor.h>
 
 namespace ovra::extra {
@@ -99,6 +99,9 @@ bool RotatingFile::append(std::string_view line) {
     if (options.maxBytes > 0) {
         makeRoom(length);
     }
+    if (file.isTorn()) {
+        file.look();  // Somebody else may have ended that line.
+    }
     char buffer[1024];
     char* end = buffer;
     if (file.isTorn()) {
@@ -129,7 +132,7 @@ bool RotatingFile::reportLost() {
     // What kept the lines here from the file may have torn a line of somebody else.
     file.look();
     char text[64] = "[ovra:WARNING] ";
-    char* end = std::to_chars(text + std::strlen(text), text + sizeof text, lostUnreported).ptr;
+    char* end = writeDecimal(text + std::strlen(text), lostUnreported);
     constexpr std::string_view REST = " lines lost";
     std::memcpy(end, REST.data(), REST.size());
     end += REST.size();

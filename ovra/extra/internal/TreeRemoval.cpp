@@ -73,7 +73,6 @@ TreeRemoval::TreeRemoval(Descriptor parent, std::string const& name)
 }
 
 Outcome TreeRemoval::run() {
-    KeptErrno const kept;
     for (;;) {
         if (!levels.back().waiting.empty()) {
             enter();

@@ -11,7 +11,7 @@
 
 namespace ovra::extra {
 
-/// Removes one directory with all that is in it: the work behind removeTree().
+/// Removes one entry, and all that is in it if it is a directory: the work behind removeTree().
 ///
 /// A scan reads a whole directory, through one buffer for all scans. It removes all but
 /// directories, and keeps their names: they are entered one after the other. No position in a
@@ -20,10 +20,10 @@ namespace ovra::extra {
 /// that was closed.
 class TreeRemoval {
 public:
-    /// `name` is a directory in `parent`.
+    /// `name` is an entry of `parent`, or no longer one.
     TreeRemoval(Descriptor parent, std::string const& name);
 
-    /// Keeps `errno`, and throws nothing. To be called once.
+    /// Throws nothing. To be called once.
     Outcome run();
 
 private:
