@@ -82,8 +82,8 @@ public:
         if (!task.error().empty()) {
             verdicts[number] = task.isMissing() ? Verdict::MISSING : Verdict::UNREADABLE;
             reasons.emplace(number, task.error());
-        } else if (!task.digest().empty()) {
-            bool const isWell = digestFrom(task.digest()) == manifest.digests[number];
+        } else if (task.digest()) {
+            bool const isWell = task.digest() == manifest.digests[number];
             verdicts[number] = isWell ? Verdict::WELL : Verdict::DIFFERENT;
         }
     }

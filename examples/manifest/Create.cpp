@@ -67,8 +67,8 @@ Outcomes hashFiles(std::vector<FoundFile> const& files, std::shared_ptr<Progress
         return std::make_shared<HashTask>(file.path, file.sizeBytes, progress);
     };
     auto const keep = [&outcomes](std::size_t number, HashTask const& task) {
-        if (!task.digest().empty()) {
-            outcomes.digests[number] = digestFrom(task.digest());
+        if (task.digest()) {
+            outcomes.digests[number] = *task.digest();
         } else if (!task.error().empty()) {
             outcomes.errors.emplace(number, task.error());
         }

@@ -84,26 +84,19 @@ void FileSearch::readDirectory(std::string const& directory, std::vector<std::st
 }
 
 void FileSearch::addEntry(std::string const& path, std::vector<std::string>& pending) {
-    FileHandle const entry(path);
-    if (entry.IsSymbolicLink()) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno != ENOENT) {  // It may have vanished since it was listed.
+            failed(path, std::generic_category().message(errno));
+        }
         return;
     }
-    if (entry.IsDirectory()) {
+    if (S_ISDIR(status.st_mode)) {
         pending.push_back(path);
-    } else if (entry.IsFile()) {
-        if (known && known(path)) {
-            return;
-        }
-        files.push_back({path, entry.Size()});
+    } else if (S_ISREG(status.st_mode) && !(known && known(path))) {
+        files.push_back({path, status.st_size});
         if (progress != nullptr) {
             progress->found();
-        }
-    } else if (!entry.Exists()) {
-        // A dangling link is skipped like any other link, and so is an entry that has vanished
-        // since it was listed. Anything else here cannot be seen.
-        struct stat status = {};
-        if (lstat(path.c_str(), &status) != 0 && errno != ENOENT) {
-            failed(path, std::generic_category().message(errno));
         }
     }
 }

@@ -7,6 +7,10 @@ namespace manifest {
 
 namespace {
 
+// While there are more files to submit, small ones are waited for and reported in groups of this
+// size.
+constexpr std::size_t SMALL_FILES_AT_A_TIME = 128;
+
 enum Turn { FIRST, SMALL, LARGE };
 
 Turn turnOf(FoundFile const& file, std::string const& first) {
@@ -23,9 +27,9 @@ public:
 
     Window(Hasher& shared, Report const& reportTo) : hasher(shared), report(reportTo) {}
 
-    void makeRoom() {
+    void makeRoom(Turn turn) {
         if (tasks.size() == TASKS_UNDER_WAY) {
-            waitForOldest();
+            waitForOldest(turn == SMALL ? SMALL_FILES_AT_A_TIME : 1);
         }
     }
 
@@ -40,15 +44,21 @@ public:
 
     void waitForAll() {
         while (!tasks.empty()) {
-            waitForOldest();
+            waitForOldest(1);
         }
     }
 
 private:
-    void waitForOldest() {
-        hasher.waitFor(hasher.submitted() - tasks.size());
-        report(tasks.front().first, *tasks.front().second);
-        tasks.pop_front();
+    // The last of them first, so that this thread sleeps once.
+    void waitForOldest(std::size_t count) {
+        std::size_t const oldest = hasher.submitted() - tasks.size();
+        for (std::size_t i = count; i-- > 0;) {
+            hasher.waitFor(oldest + i);
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            report(tasks.front().first, *tasks.front().second);
+            tasks.pop_front();
+        }
     }
 
     Hasher& hasher;
@@ -68,7 +78,7 @@ std::size_t hashAll(Hasher& hasher, std::vector<FoundFile> const& files, std::st
             if (turnOf(files[number], first) != turn) {
                 continue;
             }
-            window.makeRoom();
+            window.makeRoom(turn);
             if (!window.add(number, makeTask(files[number]))) {
                 return false;
             }

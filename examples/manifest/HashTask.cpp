@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::size_t BLOCK_BYTES = 65536;
 
-// Opening a named pipe would wait for a writer that may never come. The pipes below "/dev/", such
-// as standard input, have a writer.
+// Opening a named pipe, which has no size, would wait for a writer that may never come. The pipes
+// below "/dev/", such as standard input, have a writer.
 bool isNamedPipe(std::string const& path) {
     struct stat status = {};
     return path.compare(0, 5, "/dev/") != 0 && stat(path.c_str(), &status) == 0 &&
@@ -46,7 +46,7 @@ ovra::concurrent::Executable::Result HashTask::execute() {
 }
 
 ovra::concurrent::Executable::Result HashTask::readAndHash() {
-    if (isNamedPipe(file)) {
+    if (size <= 0 && isNamedPipe(file)) {
         reason = "is a named pipe";
         return FAILURE;
     }
@@ -60,7 +60,8 @@ ovra::concurrent::Executable::Result HashTask::readAndHash() {
         return FAILURE;
     }
 
-    Sha256 sha256;
+    static thread_local Sha256 sha256;
+    sha256.restart();
     char block[BLOCK_BYTES];
     while (*stream) {
         stream->read(block, sizeof block);
@@ -87,7 +88,7 @@ std::int64_t HashTask::sizeBytes() const {
     return size;
 }
 
-std::string const& HashTask::digest() const {
+std::optional<Digest> const& HashTask::digest() const {
     return computedDigest;
 }
 

@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <ovra/concurrent/Task.h>
 
+#include "Digest.h"
 #include "Progress.h"
 
 namespace manifest {
@@ -30,8 +32,8 @@ public:
     std::string const& path() const;
     std::int64_t sizeBytes() const;
 
-    /// In hexadecimal; empty if the file has not been read or could not be.
-    std::string const& digest() const;
+    /// Empty if the file has not been read or could not be.
+    std::optional<Digest> const& digest() const;
     /// Why the file could not be read; empty otherwise.
     std::string const& error() const;
     /// Whether that is because the file does not exist.
@@ -44,7 +46,7 @@ private:
     std::string const nameForLog;
     std::int64_t const size;
     std::shared_ptr<Progress> const progress;
-    std::string computedDigest;
+    std::optional<Digest> computedDigest;
     std::string reason;
 };
 

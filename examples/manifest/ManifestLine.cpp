@@ -1,6 +1,6 @@
 #include "ManifestLine.h"
 
-#include <cctype>
+#include <algorithm>
 #include <cstddef>
 
 namespace manifest {
@@ -22,16 +22,13 @@ std::size_t skipBlanks(std::string const& text, std::size_t from) {
     return from;
 }
 
+// Whatever the locale is.
+bool isHexadecimal(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
 bool isDigest(std::string const& text) {
-    if (text.size() != DIGEST_DIGITS) {
-        return false;
-    }
-    for (char const c : text) {
-        if (std::isxdigit(static_cast<unsigned char>(c)) == 0) {
-            return false;
-        }
-    }
-    return true;
+    return text.size() == DIGEST_DIGITS && std::all_of(text.begin(), text.end(), isHexadecimal);
 }
 
 std::string untilZeroByte(std::string const& text) {

@@ -5,8 +5,6 @@
 
 #include <stdexcept>
 
-#include "Digest.h"
-
 namespace manifest {
 
 namespace {
@@ -27,6 +25,10 @@ Sha256::Sha256() : context(EVP_MD_CTX_new()) {
     require(EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr));
 }
 
+void Sha256::restart() {
+    require(EVP_DigestInit_ex(context.get(), nullptr, nullptr));  // The same algorithm again.
+}
+
 void Sha256::setUpLibrary() {
     // No file of settings changes what a digest is, and none is read.
     require(OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr));
@@ -37,10 +39,10 @@ void Sha256::add(char const* data, std::size_t size) {
     require(EVP_DigestUpdate(context.get(), data, size));
 }
 
-std::string Sha256::finish() {
+Digest Sha256::finish() {
     Digest digest = {};
     require(EVP_DigestFinal_ex(context.get(), digest.data(), nullptr));
-    return digitsOf(digest);
+    return digest;
 }
 
 }  // namespace manifest

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "Digest.h"
 #include "Sha256.h"
 
 namespace manifest {
@@ -77,7 +78,7 @@ FileHash hashFile(std::string const& path, Pace& pace) {
             return {extra::Outcome::DONE, {}};
         }
         if (count == 0) {
-            return {extra::Outcome::DONE, sha256.finish()};
+            return {extra::Outcome::DONE, digitsOf(sha256.finish())};
         }
     }
 }
