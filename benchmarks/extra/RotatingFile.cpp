@@ -7,6 +7,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <benchmarks/support/AddBenchmark.h>
+
 namespace ovra::bench {
 
 namespace {
@@ -35,20 +37,24 @@ void writeLines(benchmark::State& state, std::uint64_t maxBytes, bool areStamped
 std::string const PLAIN = std::string(LINE) + "\n";
 std::string const STAMPED = "2026-11-21T16:32:37.236Z " + PLAIN;
 
-BENCHMARK_CAPTURE(writeRaw, plain, PLAIN)->Name("logfile/plain/write");
-BENCHMARK_CAPTURE(writeRaw, stamped, STAMPED)->Name("logfile/stamped/write");
-BENCHMARK_CAPTURE(writeLines, plain, 0, false)->Name("logfile/plain/ovra");
-BENCHMARK_CAPTURE(writeLines, capped, MAX_BYTES, false)->Name("logfile/plain/ovra capped");
-BENCHMARK_CAPTURE(writeLines, stamped, 0, true)->Name("logfile/stamped/ovra");
-BENCHMARK_CAPTURE(writeLines, cappedStamped, MAX_BYTES, true)->Name("logfile/stamped/ovra capped");
-
 void keepLines(benchmark::State& state) {
     extra::RecentLinesLogHandler sink(1000);
     for (auto _ : state) {
         sink.handleLogMessage(LINE, log::INFO);
     }
 }
-BENCHMARK(keepLines)->Name("recent/ovra");
+[[maybe_unused]] bool const isAdded = [] {
+    addBenchmark("logfile/plain/write", [](auto& state) { writeRaw(state, PLAIN); });
+    addBenchmark("logfile/stamped/write", [](auto& state) { writeRaw(state, STAMPED); });
+    addBenchmark("logfile/plain/ovra", [](auto& state) { writeLines(state, 0, false); });
+    addBenchmark("logfile/plain/ovra capped",
+                 [](auto& state) { writeLines(state, MAX_BYTES, false); });
+    addBenchmark("logfile/stamped/ovra", [](auto& state) { writeLines(state, 0, true); });
+    addBenchmark("logfile/stamped/ovra capped",
+                 [](auto& state) { writeLines(state, MAX_BYTES, true); });
+    addBenchmark("recent/ovra", keepLines);
+    return true;
+}();
 
 }  // namespace
 

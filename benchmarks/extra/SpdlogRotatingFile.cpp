@@ -7,6 +7,7 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 
 #include <benchmarks/extra/RotatingFile.h>
+#include <benchmarks/support/AddBenchmark.h>
 
 namespace ovra::bench {
 
@@ -23,9 +24,12 @@ void writeLines(benchmark::State& state, char const* pattern) {
     }
 }
 
-BENCHMARK_CAPTURE(writeLines, plain, "%v")->Name("logfile/plain/spdlog capped");
-BENCHMARK_CAPTURE(writeLines, stamped, "%Y-%m-%dT%H:%M:%S.%eZ %v")
-    ->Name("logfile/stamped/spdlog capped");
+[[maybe_unused]] bool const isAdded = [] {
+    addBenchmark("logfile/plain/spdlog capped", [](auto& state) { writeLines(state, "%v"); });
+    addBenchmark("logfile/stamped/spdlog capped",
+                 [](auto& state) { writeLines(state, "%Y-%m-%dT%H:%M:%S.%eZ %v"); });
+    return true;
+}();
 
 }  // namespace
 

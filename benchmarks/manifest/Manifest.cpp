@@ -81,6 +81,7 @@ void add(std::string const& what, std::string const& contestant, Tree const& tre
         add("create", "ovra", tree, "", ours + "create -o $manifest .");
         add("create", "find and sha256sum", tree, "", pipeline);
         add("check", "ovra", tree, pipeline, ours + "check $manifest >/dev/null");
+        add("check", "sha256sum", tree, pipeline, "sha256sum --quiet --check $manifest");
         add("check", "find and sha256sum", tree, pipeline,
             tree.files > 100 ? "split -n l/2 $manifest $manifest. && "
                                "ls $manifest.* | xargs -P2 -n 1 sha256sum --quiet --check"

@@ -28,7 +28,8 @@ class Callgrind:
         return rows
 
     def command(self, command):
-        return ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", *command]
+        # Nothing is kept: standard input is /dev/null, which a contained program does not have.
+        return ["valgrind", "--tool=callgrind", "--callgrind-out-file=/proc/self/fd/0", *command]
 
 
 class Emulator:
@@ -53,8 +54,8 @@ class Emulator:
 def count(command, printed):
     """None if it takes too long."""
     try:
-        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                              check=False, timeout=SECONDS,
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False, timeout=SECONDS,
                               env={**os.environ, "LD_BIND_NOW": "1"})
     except subprocess.TimeoutExpired:
         say(f"given up after {SECONDS} s: {' '.join(command)}")

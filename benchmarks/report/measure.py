@@ -43,8 +43,8 @@ def command_of(program, name, changed=()):
 
 def known(command):
     """What the program of a command can measure."""
-    out = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
-                         check=True).stdout
+    out = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                         stderr=subprocess.DEVNULL, text=True, check=True).stdout
     return set(out.splitlines())
 
 
@@ -89,17 +89,18 @@ def plain_name(name):
 
 def run_batch(program, pattern, repetitions, seconds, measurements):
     """A program of Google Benchmark's; the repetitions are shuffled among one another."""
-    with tempfile.NamedTemporaryFile(suffix=".json") as out:
-        done = subprocess.run(
-            [program, f"--benchmark_filter={pattern}",
-             f"--benchmark_repetitions={repetitions}", f"--benchmark_min_time={seconds}",
-             "--benchmark_enable_random_interleaving=true",
-             f"--benchmark_out={out.name}", "--benchmark_out_format=json"],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
-        if done.returncode != 0:
-            sys.exit(f"{program} failed:\n{done.stdout}")
-        with open(out.name, encoding="utf-8") as kept:
-            results = json.loads(kept.read() or '{"benchmarks": []}')  # Nothing matched.
+    # To standard output: a contained program has a /tmp of its own.
+    done = subprocess.run(
+        [program, f"--benchmark_filter={pattern}",
+         f"--benchmark_repetitions={repetitions}", f"--benchmark_min_time={seconds}",
+         "--benchmark_enable_random_interleaving=true", "--benchmark_format=json"],
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False)
+    if done.returncode != 0:
+        sys.exit(f"{program} failed:\n{done.stdout}{done.stderr}")
+    if done.stdout.startswith("Skipped: "):
+        say(f"{program}: {done.stdout}")
+        return
+    results = json.loads(done.stdout or '{"benchmarks": []}')  # Nothing matched.
     for result in results["benchmarks"]:
         if result.get("error_occurred"):
             sys.exit(f"{result['name']}: {result['error_message']}")

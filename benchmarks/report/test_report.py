@@ -7,7 +7,7 @@ import unittest
 import judge
 import tables
 from instructions import sizes
-from measure import command_of
+from measure import command_of, run_batch
 from measurements import Measurements
 from plans import Plan, Plans
 
@@ -28,6 +28,32 @@ def measured(machine="this one", figure="cpu_ns", **values):
     for contestant, value in values.items():
         found.add(f"thing/{contestant}", figure, value)
     return found
+
+
+def measured_by(output):
+    """What is taken from a program that prints this and writes no file."""
+    with tempfile.TemporaryDirectory() as scratch:
+        program = os.path.join(scratch, "benchmark-stub")
+        with open(program, "w", encoding="utf-8") as script:
+            script.write(f"#!/bin/sh\ncat <<'END'\n{output}\nEND\n")
+        os.chmod(program, 0o755)
+        found = Measurements()
+        run_batch(program, ".", 1, 0.01, found)
+        return found
+
+
+class BatchTest(unittest.TestCase):
+    def test_results_come_from_the_standard_output(self):
+        found = measured_by('{"benchmarks": [{"name": "a", "run_name": "thing/ovra", "run_type": '
+                            '"iteration", "real_time": 2, "cpu_time": 1, "time_unit": "us"}]}')
+        self.assertEqual((found.median("thing/ovra", "ns"), found.median("thing/ovra", "cpu_ns")),
+                         (2000, 1000))
+
+    def test_a_program_that_cannot_be_contained_has_no_results(self):
+        self.assertEqual(measured_by("Skipped: no mount namespace").names(), [])
+
+    def test_anything_else_than_results_is_an_error(self):
+        self.assertRaises(ValueError, measured_by, "Segmentation fault")
 
 
 class JudgeTest(unittest.TestCase):
