@@ -1,8 +1,8 @@
 # Sourced by the tools: builds and tests a preset, and says which tests were skipped and why, which
 # ctest's summary leaves out.
 
-# run_workflow <preset> : configures, builds and tests. Then the tests that failed with what they
-# printed, ctest's summary, and a line for each test that was skipped.
+# run_workflow <preset> : configures, builds and tests. Then ctest's summary, a line for each test that
+# was skipped and, at the end, the tests that failed with what they printed.
 run_workflow() {
   local preset=$1 log=$PWD/build/$1.log status=0
   [ -e "build/$preset/build.ninja" ] ||
@@ -14,11 +14,12 @@ run_workflow() {
   before=$(wc -l <"$log")
   step "test $preset" ctest --preset "$preset" 2>/dev/null || status=$?
   tail -n "+$((before + 1))" "$log" >"$log.tests"
+  sed -n '/tests passed/,$p' "$log.tests" | sed '/^The following tests did not run:/,/^$/d; /^The following tests FAILED:/,$d'
+  print_skipped "build/$preset"
   awk '/^ *[0-9]+\/[0-9]+ Test +#|^ *Start +[0-9]+:|^[0-9]+% tests/ { shown = /\*\*\*/ && !/\*\*\*Skipped/ } shown' \
     "$log.tests" | head -n 1000
-  sed -n '/tests passed/,$p' "$log.tests"
+  sed -n '/^The following tests FAILED:/,/^$/p' "$log.tests"
   rm "$log.tests"
-  print_skipped "build/$preset"
   echo "Details: $log"
   return "$status"
 }
