@@ -101,12 +101,6 @@ TYPED_TEST(QueueInstructionTest, PrioritySetWhileAnotherTaskIsPickedIsKept) {
         [&] { task->setPriority(LOW); }, [&] { picked = queue->getNextTask(); });
 }
 
-// A class of the application's own: its tasks are scanned.
-class ScannedTask : public SubmittedTask {
-public:
-    using SubmittedTask::SubmittedTask;
-};
-
 TYPED_TEST(QueueInstructionTest, PrioritySetDuringAScanCountsAtThatPickOrAtTheNext) {
     std::shared_ptr<SubmittedTasksQueue> queue;
     std::shared_ptr<SubmittedTask> task;
@@ -117,8 +111,7 @@ TYPED_TEST(QueueInstructionTest, PrioritySetDuringAScanCountsAtThatPickOrAtTheNe
             queue = makeQueue<TypeParam>();
             task = submission(succeed(), HIGHEST);
             for (int i = 0; i < 4; ++i) {
-                queue->addTask(
-                    std::make_shared<ScannedTask>(succeed(), NORMAL, Callback(), "scanned"));
+                queue->addTask(scannedSubmission());
                 if (i == 2) {
                     queue->addTask(task);
                 }
@@ -152,6 +145,34 @@ TYPED_TEST(QueueInstructionTest, PrioritySetWhileTheTaskIsPickedIsKept) {
             queue->addTask(next);
             ASSERT_EQ(queue->getNextTask(), next) << step.nth;
             ASSERT_EQ(queue->getNextTask(), nullptr) << step.nth;
+            ASSERT_TRUE(queue->isEmpty()) << step.nth;
+        },
+        [&] { task->setPriority(LOW); }, [&] { queue->getNextTask(); });
+}
+
+// The set finds a task by its rank, which another thread may change once the task is picked.
+TYPED_TEST(QueueInstructionTest, PickedTaskLeavesTheSetWhateverPriorityIsSetMeanwhile) {
+    std::shared_ptr<SubmittedTasksQueue> queue;
+    std::shared_ptr<SubmittedTask> task;
+    inBothOrders(
+        [&](Stepping& step, Step const& first, Step const& second) {
+            queue = makeQueue<TypeParam>();
+            // A chain for each of these, and none for the task.
+            for (unsigned int const rank : {10u, 20u, 40u, 80u}) {
+                auto const older = submission(succeed(), LOW);
+                older->setRank(rank);
+                queue->addTask(older);
+            }
+            task = submission(succeed(), HIGHEST);
+            queue->addTask(task);
+
+            step(first, second);
+
+            int picks = 1;
+            while (queue->getNextTask() != nullptr) {
+                ++picks;
+            }
+            ASSERT_EQ(picks, 5) << step.nth;
             ASSERT_TRUE(queue->isEmpty()) << step.nth;
         },
         [&] { task->setPriority(LOW); }, [&] { queue->getNextTask(); });

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,6 +78,30 @@ void expectAgeing(SubmittedTasksQueue& queue, SubmittedTask const& task, int nth
         rank = std::min<std::uint64_t>(rank * 2, SubmittedTask::HIGHEST_CURRENT_RANK_VALUE);
         ASSERT_EQ(task.getRank(), rank) << "interrupted at lock " << nth;
     }
+}
+
+// A pick takes two tasks that count as added in the other order for a scan that was given up.
+TEST_F(QueueInterruptionTest, TaskThatOvertakesAnotherCountsAsAddedBefore) {
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    auto* const mutex = mutexOf(*queue);
+    auto overtaking = scannedSubmission();
+    test::ThreadCalls calls;
+    calls.onLock = [&](pthread_mutex_t* locked) {
+        if (locked == mutex && overtaking) {
+            queue->addTask(std::exchange(overtaking, nullptr));
+        }
+        return 0;
+    };
+    calls.install();
+    queue->addTask(scannedSubmission());
+    auto const ageing = submission(succeed(), NORMAL);
+    queue->addTask(ageing);
+    auto const urgent = submission(succeed(), HIGHEST);
+    queue->addTask(urgent);
+
+    EXPECT_EQ(queue->getNextTask(), urgent);
+
+    EXPECT_EQ(ageing->getRank(), 2000u) << "doubled once";
 }
 
 TEST_F(QueueInterruptionTest, PriorityLoweredWhileATaskIsAddedCounts) {

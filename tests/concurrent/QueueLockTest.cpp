@@ -89,6 +89,17 @@ TEST_F(QueueLockTest, LockOfTheRanksIsTakenLastAndFreedFirst) {
     EXPECT_FALSE(leafWasLocked);
 }
 
+// Other threads change ranks meanwhile, by what the scan has noted.
+TEST_F(QueueLockTest, PickLocksTheRanksToNoteHowFarItHasScanned) {
+    auto const queue = makeQueue<NoStarveTaskRankingStrategy>();
+    auto const task = submission();
+    queue->addTask(task);
+    auto* const leaf = mutexesLockedBy([&] { task->getRank(); }).at(0);
+    queue->addTask(scannedSubmission());
+
+    EXPECT_THAT(mutexesLockedBy([&] { queue->getNextTask(); }), ::testing::Contains(leaf).Times(2));
+}
+
 TEST_F(QueueLockTest, QueuesLockComesBeforeThatOfATask) {
     auto const queue = makeQueue();
     auto* const queueMutex = mutexOf(*queue);

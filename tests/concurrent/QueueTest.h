@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <ovra/concurrent/SubmittedTasksQueue.h>
 #include <ovra/concurrent/TaskRankingStrategy.h>
+#include <tests/concurrent/Work.h>
 #include <tests/support/ThreadCalls.h>
 
 namespace ovra::concurrent {
@@ -32,6 +33,15 @@ inline std::shared_ptr<SubmittedTasksQueue> makeScriptedQueue(
     std::function<void(SubmittedTask*)> action) {
     return std::make_shared<SubmittedTasksQueue>(
         std::make_shared<ScriptedStrategy>(std::move(action)));
+}
+
+/// Of a class of the application's own: a pick scans it.
+inline std::shared_ptr<SubmittedTask> scannedSubmission() {
+    class ScannedTask : public SubmittedTask {
+    public:
+        using SubmittedTask::SubmittedTask;
+    };
+    return std::make_shared<ScannedTask>(succeed(), NORMAL, Callback(), "scanned");
 }
 
 inline pthread_mutex_t* mutexOf(SubmittedTasksQueue& queue) {

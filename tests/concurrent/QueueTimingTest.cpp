@@ -225,9 +225,11 @@ TEST_F(QueueTimingTest, PickThatMeetsTheClosingYieldsNothing) {
     EXPECT_EQ(picked, nullptr);
 }
 
+// Neither a task whose rank the queue computes, nor one that it scans.
 TEST_F(QueueTimingTest, PickThatIsTheFirstAfterTheClosingYieldsNothing) {
     auto const queue = makeQueue();
     queue->addTask(submission());
+    queue->addTask(scannedSubmission());
     auto* const mutex = mutexOf(*queue);
     pthread_t const owner = pthread_self();
     std::shared_ptr<SubmittedTask> picked = submission();

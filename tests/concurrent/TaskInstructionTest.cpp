@@ -64,5 +64,14 @@ TEST_F(TaskInstructionTest, TaskThatIsDoneHasPushedItsResult) {
     });
 }
 
+TEST_F(TaskInstructionTest, ResultSetAsTheTaskEndsIsThatOfTaskAndHandle) {
+    test::atEachInstruction([](test::Stepping& step) {
+        auto const task = submission();
+        auto const handle = linkHandle(task);
+        step([&] { task->execute(); }, [&] { task->setResult(Executable::FAILURE); });
+        EXPECT_EQ(task->getResult(), handle->getResult()) << step.nth;
+    });
+}
+
 }  // namespace
 }  // namespace ovra::concurrent

@@ -21,6 +21,7 @@
 #include <ovra/concurrent/TaskExecutorImpl.h>
 #include <ovra/concurrent/TaskExecutorWorker.h>
 #include <ovra/concurrent/TaskExecutors.h>
+#include <tests/concurrent/QueueTest.h>
 #include <tests/concurrent/Work.h>
 #include <tests/support/Bounded.h>
 #include <tests/support/LogRecorder.h>
@@ -272,15 +273,20 @@ auto const NO_LOCK = std::make_error_code(std::errc::invalid_argument);
 TEST_F(ThreadFailureTest, QueueThatCannotLockThrowsAndStaysAsItWas) {
     auto const queue = makeQueue();
     auto const task = submission();
+    auto const scanned = scannedSubmission();
     queue->addTask(task);
+    queue->addTask(scanned);
 
     EXPECT_EQ(errorWithoutLock(1, [&] { queue->isEmpty(); }), NO_LOCK);
-    EXPECT_EQ(errorWithoutLock(1, [&] { queue->getNextTask(); }), NO_LOCK);
-    EXPECT_EQ(errorWithoutLock(1, [&] { queue->close(); }), NO_LOCK);
+    for (int const nth : {1, 2}) {  // The lock of the queue, and that of its ranks.
+        EXPECT_EQ(errorWithoutLock(nth, [&] { queue->getNextTask(); }), NO_LOCK);
+        EXPECT_EQ(errorWithoutLock(nth, [&] { queue->close(); }), NO_LOCK);
+    }
 
     EXPECT_FALSE(queue->isClosed());
     EXPECT_FALSE(queue->isEmpty());
     EXPECT_EQ(queue->getNextTask(), task);
+    EXPECT_EQ(queue->getNextTask(), scanned);
 }
 
 TEST_F(ThreadFailureTest, QueueThatCannotLockDoesNotTakeATask) {

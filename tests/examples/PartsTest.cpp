@@ -9,6 +9,7 @@
 #include <string>
 
 #include <examples/manifest/Check.h>
+#include <examples/manifest/Digest.h>
 #include <examples/manifest/FileSearch.h>
 #include <examples/manifest/Interrupt.h>
 #include <examples/manifest/ManifestFile.h>
@@ -29,13 +30,16 @@ using ::testing::EndsWith;
 using ::testing::IsEmpty;
 
 TEST(Sha256Test, PublishedDigests) {
+    Sha256 sha256;
     EXPECT_EQ("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",
-              Sha256().finish());
-    Sha256 inPieces;
-    inPieces.add("a", 1);
-    inPieces.add("bc", 2);
+              digitsOf(sha256.finish()));
+    sha256.restart();
+    sha256.add("a", 1);
+    sha256.restart();
+    sha256.add("a", 1);
+    sha256.add("bc", 2);
     EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad",
-              inPieces.finish());
+              digitsOf(sha256.finish()));
 }
 
 TEST(QuoteTest, QuotesOnlyWhatNeedsIt) {

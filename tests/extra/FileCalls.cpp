@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <tests/support/Bounded.h>
 #include <tests/support/NextFunction.h>
@@ -51,6 +53,10 @@ bool fails(FileCall call) {
     return error != 0;
 }
 
+UNWATCHED std::int64_t secondsShown() {
+    return installed != nullptr ? installed->seconds : -1;
+}
+
 bool isWatched() {
     return installed != nullptr;
 }
@@ -78,9 +84,9 @@ int FileCalls::count(FileCall call) const {
 }
 
 char const* nameOf(FileCall call) {
-    static char const* const names[FILE_CALLS] = {"open",  "read",  "write",  "stat",
-                                                  "lstat", "fstat", "rename", "unlink",
-                                                  "flock", "sync",  "syncfs"};
+    static char const* const names[FILE_CALLS] = {"open",   "read",  "write", "futimens",
+                                                  "stat",   "lstat", "fstat", "rename",
+                                                  "unlink", "flock", "sync",  "syncfs"};
     return names[static_cast<int>(call)];
 }
 
@@ -112,12 +118,31 @@ OVRA_HIDE(FileCall::FSTAT, int, fstat64, (int file, struct stat64* status), file
 OVRA_HIDE(FileCall::STAT, int, __stat64_time64, (char const* path, void* status), path, status)
 OVRA_HIDE(FileCall::LSTAT, int, __lstat64_time64, (char const* path, void* status), path, status)
 OVRA_HIDE(FileCall::FSTAT, int, __fstat64_time64, (int file, void* status), file, status)
+OVRA_HIDE(FileCall::TOUCH, int, __futimens64, (int file, void const* times), file, times)
 #endif
+OVRA_HIDE(FileCall::TOUCH, int, futimens, (int file, timespec const* times), file, times)
 OVRA_HIDE(FileCall::RENAME, int, rename, (char const* from, char const* to), from, to)
 OVRA_HIDE(FileCall::UNLINK, int, unlink, (char const* path), path)
 OVRA_HIDE(FileCall::LOCK, int, flock, (int file, int operation), file, operation)
 OVRA_HIDE(FileCall::READ, ssize_t, pread64, (int file, void* bytes, std::size_t count, off64_t at),
           file, bytes, count, at)
+
+// Both of the C library's types begin with the seconds, in as many bits as `Seconds` has.
+#define OVRA_HIDE_CLOCK(function, Time, Seconds)                                  \
+    INTERPOSED int function(clockid_t clock, Time* time) noexcept {               \
+        static auto* const real = nextFunction<int(clockid_t, Time*)>(#function); \
+        int const result = real(clock, time);                                     \
+        if (clock == CLOCK_REALTIME && secondsShown() >= 0) {                     \
+            auto const seconds = static_cast<Seconds>(secondsShown());            \
+            std::memcpy(time, &seconds, sizeof seconds);                          \
+        }                                                                         \
+        return result;                                                            \
+    }
+
+OVRA_HIDE_CLOCK(clock_gettime, timespec, time_t)
+#if __SIZEOF_POINTER__ == 4
+OVRA_HIDE_CLOCK(__clock_gettime64, void, std::int64_t)
+#endif
 
 // A test that counts syncs does not wait for the disk.
 #define OVRA_HIDE_SYNC(call, function)                               \

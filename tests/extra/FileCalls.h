@@ -1,13 +1,27 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <vector>
 
 namespace ovra::test {
 
-enum class FileCall { OPEN, READ, WRITE, STAT, LSTAT, FSTAT, RENAME, UNLINK, LOCK, SYNC, SYNC_ALL };
-inline constexpr int FILE_CALLS = 11;
+enum class FileCall {
+    OPEN,
+    READ,
+    WRITE,
+    TOUCH,
+    STAT,
+    LSTAT,
+    FSTAT,
+    RENAME,
+    UNLINK,
+    LOCK,
+    SYNC,
+    SYNC_ALL
+};
+inline constexpr int FILE_CALLS = 12;
 
 char const* nameOf(FileCall call);
 
@@ -26,6 +40,8 @@ public:
     std::function<int(FileCall)> onCall;
     /// How many bytes of so many a write is to come to.
     std::function<std::size_t(std::size_t)> onWrite;
+    /// What the clock shows, in seconds since the beginning of 1970; negative: the time.
+    std::int64_t seconds = -1;
 
     std::vector<FileCall> made;
 

@@ -1,11 +1,10 @@
 // What the fault sweep tries of the second library's operations on files, and of `attempt` on those
 // of the first.
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <cerrno>
+#include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -89,9 +88,26 @@ Operation asAttempt(Operation operation) {
     return operation;
 }
 
+constexpr auto NO_OUTCOME = static_cast<Outcome>(-1);  // Its name is in no rule.
+
+// Every operation keeps `errno`, however it ends.
+template <typename Run>
+Outcome keepingErrno(Run run) {
+    errno = EDOM;
+    try {
+        Outcome const outcome = run();
+        return errno == EDOM ? outcome : NO_OUTCOME;
+    } catch (std::bad_alloc const&) {
+        if (errno != EDOM) {
+            return NO_OUTCOME;
+        }
+        throw;
+    }
+}
+
 // What stands in the file afterwards, beside the outcome: "DONE new".
-std::string replaced(std::string const& entry, std::string const& path) {
-    Outcome const outcome = extra::replaceFile(FilePath(path), newContents);
+std::string replaced(std::string const& entry, FilePath const& path) {
+    Outcome const outcome = keepingErrno([&] { return extra::replaceFile(path, newContents); });
     disarm();
     auto const snapshot = tree().snapshot();
     auto const found = snapshot.find(entry);
@@ -129,7 +145,8 @@ Operation replacement(char const* name, std::string const& entry, std::string co
              // The new contents are closed before they count, the directory when all is over.
              with(EINTR, Call::CLOSE, "DONE new", DONE), any(Call::CLOSE, failedOrDone, PARTLY)},
             [entry, through] {
-                return Action([entry, through] { return replaced(entry, tree().at(through)); });
+                auto const path = std::make_shared<FilePath>(tree().at(through));
+                return Action([entry, path] { return replaced(entry, *path); });
             },
             {entry, through},
             "DONE new",
@@ -145,6 +162,19 @@ std::vector<Operation> replacements() {
             replacement("replaceFile, by a dangling link", "nowhere", "dangling", "none")};
 }
 
+// Removes the tree, and says beside the outcome whether the entry is still there: "DONE gone".
+std::function<Action()> removal(std::string const& entry, char const* separators) {
+    return [entry, separators] {
+        auto const path = std::make_shared<FilePath>(tree().at(entry) + separators);
+        return Action([entry, path] {
+            Outcome const outcome = keepingErrno([&] { return extra::removeTree(*path); });
+            disarm();
+            bool const isThere = tree().snapshot().count(entry) != 0;
+            return outcomeName(outcome) + std::string(isThere ? " there" : " gone");
+        });
+    };
+}
+
 std::vector<Operation> others() {
     char const* const saidToBeGone = "DONE gone|DONE there|EXISTS there|@ there";
     Rule const memory = any(Call::NEW, OUT_OF_MEMORY);
@@ -154,7 +184,8 @@ std::vector<Operation> others() {
          {memory, any(Call::STAT, "@"), any(Call::OPEN, "@|DONE"), any(Call::SYNC, "@")},
          [] {
              auto const path = std::make_shared<FilePath>(tree().at("link"));
-             return Action([path] { return shown(extra::syncFile(*path)); });
+             return Action(
+                 [path] { return shown(keepingErrno([&] { return extra::syncFile(*path); })); });
          },
          {"nothing"},
          nullptr,
@@ -166,7 +197,8 @@ std::vector<Operation> others() {
          {memory, any(Call::STAT, "@"), any(Call::OPEN, "@"), any(Call::SYNC, "@")},
          [] {
              auto const path = std::make_shared<FilePath>(tree().at("directory"));
-             return Action([path] { return shown(extra::syncFile(*path)); });
+             return Action(
+                 [path] { return shown(keepingErrno([&] { return extra::syncFile(*path); })); });
          },
          {"nothing"},
          nullptr,
@@ -189,29 +221,21 @@ std::vector<Operation> others() {
           any(Call::REMOVE, "@ there|DONE gone", PARTLY),
           with(ENOENT, Call::READDIR, saidToBeGone, PARTLY),
           any(Call::READDIR, "@ there|@ gone", PARTLY), any(Call::SEEK, "@ there", PARTLY)},
-         [] {
-             auto const path = std::make_shared<FilePath>(tree().at("directory"));
-             return Action([path] {
-                 Outcome const outcome = extra::removeTree(*path);
-                 disarm();
-                 bool const isThere = access(path->Path().c_str(), F_OK) == 0;
-                 return outcomeName(outcome) + std::string(isThere ? " there" : " gone");
-             });
-         },
+         removal("directory", ""),
          {"directory"},
          "MISSING gone",
          false,
          {},
          true},
         {"removeTree, of a link",
-         "DONE",
-         {memory, any(Call::STAT, "@"), any(Call::OPEN, "@"), any(Call::REMOVE, "@")},
-         [] {
-             auto const path = std::make_shared<FilePath>(tree().at("directoryLink/"));
-             return Action([path] { return shown(extra::removeTree(*path)); });
-         },
+         "DONE gone",
+         {memory, any(Call::STAT, "@ there"), any(Call::OPEN, "@ there"),
+          with(ENOENT, Call::REMOVE, "DONE there"),
+          // The first try is to remove a directory.
+          any(Call::REMOVE, "@ there|DONE gone", PARTLY)},
+         removal("directoryLink", "/"),
          {"directoryLink"},
-         "MISSING",
+         "MISSING gone",
          false,
          {},
          true},
@@ -223,7 +247,8 @@ std::vector<Operation> others() {
              return Action([path] {
                  extra::Space space;
                  space.totalBytes = 1;
-                 Outcome const outcome = extra::readSpace(*path, space);
+                 Outcome const outcome =
+                     keepingErrno([&] { return extra::readSpace(*path, space); });
                  bool const isRead = space.totalBytes != 1;
                  disarm();
                  return isRead == (outcome == Outcome::DONE) ? shown(outcome)
@@ -240,10 +265,11 @@ std::vector<Operation> others() {
          [] {
              auto const path = std::make_shared<FilePath>(tree().at("file"));
              return Action([path] {
-                 extra::LockFile lock(*path);
-                 Outcome const outcome = lock.tryLock();
-                 return lock.isLocked() == (outcome == Outcome::DONE) ? shown(outcome)
-                                                                      : std::string("half done");
+                 return shown(keepingErrno([&] {
+                     extra::LockFile lock(*path);
+                     Outcome const outcome = lock.tryLock();
+                     return lock.isLocked() == (outcome == Outcome::DONE) ? outcome : NO_OUTCOME;
+                 }));
              });
          },
          {"file"},

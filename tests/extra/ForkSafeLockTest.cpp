@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,6 +55,32 @@ TEST_F(ForkSafeLockTest, WakesEveryWaiter) {
         thread.join();
     }
     EXPECT_EQ(inside, 8);
+}
+
+std::atomic<int> signalsHandled{0};
+
+TEST_F(ForkSafeLockTest, SignalsLetNoWaiterIn) {
+    struct sigaction action = {};  // Without SA_RESTART: it ends the wait.
+    struct sigaction before;
+    action.sa_handler = [](int) { ++signalsHandled; };
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+    ForkSafeLock lock;
+    std::atomic<bool> isInside{false};
+    lock.lock();
+    std::thread waiter([&] {
+        std::lock_guard<ForkSafeLock> const guard(lock);
+        isInside = true;
+    });
+    // Again and again: ThreadSanitizer puts a handler off that is due just before the wait.
+    test::yieldUntil([&] {
+        EXPECT_EQ(pthread_kill(waiter.native_handle(), SIGUSR1), 0);
+        return signalsHandled >= test::scaled(1000) || isInside;
+    });
+    EXPECT_FALSE(isInside);
+    lock.unlock();
+    waiter.join();
+    EXPECT_TRUE(isInside);
+    sigaction(SIGUSR1, &before, nullptr);
 }
 
 // Runs `work` in a forked child; its result is the status.

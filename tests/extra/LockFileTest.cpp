@@ -112,6 +112,17 @@ TEST_F(LockFileTest, TheDestructorGivesTheLockBackAndTheFileStays) {
     EXPECT_EQ(tryByAnother(), Outcome::DONE);
 }
 
+TEST_F(LockFileTest, ANewFileMayBeReadByAllAndWrittenByItsOwnerLessTheUmask) {
+    for (mode_t const mask : {0000u, 0022u, 0077u}) {
+        LockFile lock(at("lock"));
+        umask(mask);
+        EXPECT_EQ(tryLock(lock), Outcome::DONE);
+        umask(022);
+        EXPECT_EQ(permissionsOf(at("lock")), 0644u & ~mask) << mask;
+        ASSERT_EQ(unlink(at("lock").c_str()), 0);
+    }
+}
+
 TEST_F(LockFileTest, HoldsTheIdOfTheProcessAndNothingOfWhatWasThere) {
     writeFile(at("lock"), "something longer than the id of any process");
     LockFile lock(at("lock"));
@@ -156,6 +167,17 @@ TEST_F(LockFileTest, AForkedChildLeavesTheParentsLock) {
     child.finish();
     EXPECT_TRUE(lock.isLocked());
     EXPECT_EQ(tryByAnother(), Outcome::BUSY);
+}
+
+TEST_F(LockFileTest, AForkedChildThatTriesClosesItsCopy) {
+    LockFile lock(at("lock"));
+    EXPECT_EQ(tryLock(lock), Outcome::DONE);
+    Child child([&] {
+        std::size_t const before = openDescriptors().size();
+        EXPECT_EQ(tryLock(lock), Outcome::BUSY);
+        EXPECT_EQ(openDescriptors().size(), before - 1);
+    });
+    child.finish();
 }
 
 TEST_F(LockFileTest, AParentReleasesWhatAChildHasACopyOf) {
@@ -286,6 +308,17 @@ TEST_F(LockFileTest, SaysWhyThereIsNoLock) {
         EXPECT_EQ(outcomeName(tryLock(lock)), std::string(outcomeName(row.outcome))) << row.path;
     }
     EXPECT_FALSE(entryExists(at("lock")));
+}
+
+TEST_F(LockFileTest, ARelativePathIsThatOfTheDirectoryInWhichTheLockIsTaken) {
+    LockFile lock(std::string("lock"));
+    makeDirectory(at("d"));
+    {
+        WorkingDirectory const here(at("d"));
+        EXPECT_EQ(tryLock(lock), Outcome::DONE);
+    }
+    EXPECT_TRUE(entryExists(at("d/lock")));
+    EXPECT_EQ(tryLock(lock), Outcome::DONE);
 }
 
 TEST_F(LockFileTest, FollowsALink) {

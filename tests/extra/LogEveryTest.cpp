@@ -16,6 +16,14 @@
 #include <tests/support/Gate.h>
 #include <tests/support/SteadyClock.h>
 
+// Of shared objects of their own, which contain the same inline function; see LogEveryPlace.cpp.
+extern "C" {
+void logEveryPlace_default_1();
+void logEveryPlace_default_2();
+void logEveryPlace_hidden_1();
+void logEveryPlace_hidden_2();
+}
+
 namespace ovra::extra {
 namespace {
 
@@ -71,6 +79,28 @@ TEST_F(LogEveryTest, CountsEachPlaceByItself) {
         OVRA_LOG_EVERY(100, log::WARNING, "tag", "there");
     }
     EXPECT_THAT(taken(), ElementsAre("[tag:WARNING] here", "[tag:WARNING] there"));
+}
+
+template <int NUMBER>
+void logFromTemplate() {
+    OVRA_LOG_EVERY(100, log::INFO, "tag", "template %d", NUMBER);
+}
+
+TEST_F(LogEveryTest, CountsEachInstantiationOfATemplateByItself) {
+    for (int round = 0; round < 2; ++round) {
+        logFromTemplate<1>();
+        logFromTemplate<2>();
+    }
+    EXPECT_THAT(taken(), ElementsAre("[tag:INFO] template 1", "[tag:INFO] template 2"));
+}
+
+TEST_F(LogEveryTest, CountsAnInlineFunctionOnceUnlessItsVisibilityIsHidden) {
+    logEveryPlace_default_1();
+    logEveryPlace_default_2();
+    EXPECT_THAT(taken(), ElementsAre("[tag:INFO] inline"));
+    logEveryPlace_hidden_1();
+    logEveryPlace_hidden_2();
+    EXPECT_THAT(taken(), ElementsAre("[tag:INFO] inline", "[tag:INFO] inline"));
 }
 
 TEST_F(LogEveryTest, IgnoresLinesThatTheGlobalLevelDrops) {

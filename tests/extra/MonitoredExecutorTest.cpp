@@ -14,7 +14,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tests/concurrent/ExecutorTest.h>
+#include <tests/extra/MonitorSupport.h>
 #include <tests/extra/WorkSupport.h>
+#include <tests/support/Gate.h>
 #include <tests/support/RandomSource.h>
 #include <tests/support/SteadyClock.h>
 
@@ -30,25 +32,15 @@ using concurrent::succeed;
 using concurrent::Task;
 using concurrent::TaskHandle;
 using ovra::test::clockMs;
+using ovra::test::Gate;
 using test::ManualExecutor;
 using test::RecordingExecutor;
+using test::written;
 
 class MonitoredExecutorTest : public concurrent::ExecutorTest {
 protected:
     MonitoredExecutorTest() { clockMs = 5000; }
     ~MonitoredExecutorTest() override { clockMs = -1; }
-
-    std::string written(MonitoredExecutor const& from) {
-        int ends[2];
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        EXPECT_TRUE(from.writeTo(ends[1]));
-        close(ends[1]);
-        std::string text(10000, '\0');
-        auto const length = read(ends[0], text.data(), text.size());
-        close(ends[0]);
-        text.resize(static_cast<std::size_t>(length));
-        return text;
-    }
 
     std::shared_ptr<ManualExecutor> const manual = std::make_shared<ManualExecutor>();
     MonitoredExecutor monitored{manual};
@@ -182,6 +174,23 @@ TEST_F(MonitoredExecutorTest, ANullExecutorRefusesEverything) {
     EXPECT_EQ(none.submitTask(std::shared_ptr<Task>(), NORMAL, [](auto const&) {}), nullptr);
     EXPECT_TRUE(none.isIdle());
     EXPECT_EQ(shown(none.counts()), "0 2 0 0 0 0 0 ; 0 0 0 0");
+}
+
+TEST_F(MonitoredExecutorTest, CountsTheRefusalsOfSeveralThreads) {
+    int const each = ovra::test::scaled(20000);
+    MonitoredExecutor none(nullptr);
+    Gate areRunning(2);
+    auto const refuse = [&] {
+        areRunning.open();
+        areRunning.wait();
+        for (int i = 0; i < each; ++i) {
+            none.submitTask(succeed(), NORMAL, {}, nullptr);
+        }
+    };
+    std::thread other(refuse);
+    refuse();
+    other.join();
+    EXPECT_EQ(none.counts().refused, 2u * static_cast<unsigned int>(each));
 }
 
 TEST_F(MonitoredExecutorTest, PassesEverythingOn) {

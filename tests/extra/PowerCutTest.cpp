@@ -372,6 +372,31 @@ TEST_F(PowerCutTest, ASyncThatFailsIsNotTriedAgain) {
     }
 }
 
+TEST_F(PowerCutTest, AFileThatTakesNoBytesIsAFailure) {
+    writeFile(at("f"), "old");
+    Intercepted calls;
+    calls.mostBytes = 0;
+    EXPECT_EQ(replaceFile(at("f"), "new"), Outcome::DAMAGED);
+    EXPECT_EQ(calls.count("write"), 1);
+    EXPECT_EQ(readFile(at("f")), "old");
+}
+
+// Whatever fails while the temporary file is removed.
+TEST_F(PowerCutTest, SaysWhyItFailedAndNotWhyItCouldNotCleanUp) {
+    writeFile(at("f"), "old");
+    Intercepted calls;
+    calls.before = [&](SystemCall const& call) {
+        if (call.name == "fsync") {
+            return ENOSPC;
+        }
+        return call.name == "unlinkat" || call.name == "close" ? EIO : 0;
+    };
+    EXPECT_EQ(replaceFile(at("f"), "new"), Outcome::FULL);
+    EXPECT_EQ(calls.count("unlinkat"), 1);
+    EXPECT_EQ(calls.count("close"), 2);
+    EXPECT_EQ(readFile(at("f")), "old");
+}
+
 TEST_F(PowerCutTest, ASampleThatCannotBeRemovedIsAFailure) {
     Intercepted calls;
     calls.before = [&](SystemCall const& call) { return call.name == "unlinkat" ? EIO : 0; };

@@ -223,6 +223,80 @@ TEST_F(RecentLinesLogHandlerTest, TwoCanWriteItOutAtOnce) {
     EXPECT_EQ(dumpOf(sink), "4\n5\n6\n");
 }
 
+// Threads that write the first line of `sink` out, until they may go on.
+class WritingOut {
+public:
+    WritingOut(RecentLinesLogHandler const& sink, int count) : areInside(count) {
+        for (int thread = 0; thread < count; ++thread) {
+            threads.emplace_back([&] {
+                FileCalls calls;
+                calls.onCall = [&](FileCall) {
+                    areInside.open();
+                    mayGoOn.wait();
+                    return EIO;
+                };
+                EXPECT_FALSE(sink.writeTo(-1));
+            });
+        }
+        areInside.wait();
+    }
+    WritingOut(WritingOut const&) = delete;
+    WritingOut& operator=(WritingOut const&) = delete;
+    ~WritingOut() {
+        mayGoOn.open();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+
+private:
+    Gate areInside;
+    Gate mayGoOn;
+    std::vector<std::thread> threads;
+};
+
+TEST_F(RecentLinesLogHandlerTest, LeavesOutALineThatFifteenOthersAreWritingOut) {
+    for (int const others : {14, 15}) {
+        RecentLinesLogHandler sink(2);
+        keep(sink, "1");
+        keep(sink, "2");
+        {
+            WritingOut const writing(sink, others);
+            EXPECT_EQ(dumpOf(sink), others == 15 ? "2\n" : "1\n2\n");
+        }
+        EXPECT_EQ(dumpOf(sink), "1\n2\n");
+    }
+}
+
+TEST_F(RecentLinesLogHandlerTest, AForkedChildNeverUsesThePlaceOfALineThatIsBeingWrittenOut) {
+    RecentLinesLogHandler sink(3);
+    for (char const* line : {"1", "2", "3"}) {
+        keep(sink, line);
+    }
+    WritingOut const writing(sink, 1);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(test::deadlineSeconds());
+        for (int round = 0; round < 2; ++round) {
+            for (char const* line : {"4", "5", "6"}) {
+                sink.handleLogMessage(line, log::INFO);
+            }
+            sink.writeTo(ends[1]);
+        }
+        _exit(0);
+    }
+    close(ends[1]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    char text[100];
+    EXPECT_EQ(std::string(text, static_cast<std::size_t>(read(ends[0], text, sizeof text))),
+              "5\n6\n5\n6\n");
+    close(ends[0]);
+}
+
 // --- while a line is being kept
 
 // A line in three pages of memory, of which the second and the third can be withheld: its copy then

@@ -351,6 +351,19 @@ TEST_F(RemoveTreeTest, AFileSystemThatIsReadOnlyKeepsAll) {
     EXPECT_THAT(namesIn(at("t/d")), UnorderedElementsAre("deeper", "f"));
 }
 
+TEST_F(RemoveTreeTest, TheDirectoryAroundTheRootNeedNotBeReadable) {
+    {
+        OrdinaryUser const user(root);
+        makeDirectory(at("around"));
+        makeTree("around/t");
+        setPermissions(at("around"), 0300);
+        EXPECT_EQ(remove(at("around/t")), Outcome::DONE);
+        EXPECT_EQ(remove(at("around/t")), Outcome::MISSING);
+        setPermissions(at("around"), 0700);
+    }
+    EXPECT_TRUE(namesIn(at("around")).empty());
+}
+
 TEST_F(RemoveTreeTest, TwoThatRemoveOneTreeHelpEachOther) {
     for (int round = 0; round < ovra::test::scaled(50); ++round) {
         makeChain(at("t"), 60);

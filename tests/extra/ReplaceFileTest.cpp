@@ -73,6 +73,16 @@ TEST_F(ReplaceFileTest, EmptyContentsAreContents) {
     EXPECT_EQ(readFile(at("g")), "");
 }
 
+TEST_F(ReplaceFileTest, WorksWhereStandardInputIsClosed) {
+    int const input = dup(STDIN_FILENO);
+    ASSERT_EQ(close(STDIN_FILENO), 0);  // The next descriptor is 0.
+    EXPECT_EQ(replace(at("f"), "new"), Outcome::DONE);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "left open";
+    EXPECT_EQ(dup2(input, STDIN_FILENO), STDIN_FILENO);
+    close(input);
+    EXPECT_EQ(readFile(at("f")), "new");
+}
+
 TEST_F(ReplaceFileTest, WritesEveryByte) {
     std::string const bytes = patternlessBytes(3000001);
     EXPECT_EQ(replace(at("f"), bytes), Outcome::DONE);
@@ -167,6 +177,15 @@ TEST_F(ReplaceFileTest, ADanglingLinkStaysAndItsTargetIsMade) {
     EXPECT_EQ(permissionsOf(at("d/f")), 0644u);
 }
 
+// Its text is no path: "pipe:[4711]".
+TEST_F(ReplaceFileTest, ALinkOfTheSystemToAnOpenPipeIsNoPlaceForAFile) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_EQ(replace("/proc/self/fd/" + std::to_string(ends[1]), "new"), Outcome::WRONG_KIND);
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST_F(ReplaceFileTest, AHardLinkKeepsTheOldContents) {
     writeFile(at("f"), "old");
     makeHardLink(at("f"), at("other"));
@@ -254,11 +273,13 @@ TEST_F(ReplaceFileTest, TheGroupIsKeptWhereItIsOneOfTheProcesses) {
         gid_t const group = getegid();
         ASSERT_EQ(seteuid(0), 0);
         ASSERT_EQ(chown(at("f").c_str(), 1234, group), 0);
+        setPermissions(at("f"), 06755);
         ASSERT_EQ(chown(root.c_str(), static_cast<uid_t>(-1), 4321), 0);
         setPermissions(root, 02777);  // New files get the group of the directory.
         ASSERT_EQ(seteuid(65534), 0);
         EXPECT_EQ(replace(at("f"), "new"), Outcome::DONE);
         EXPECT_EQ(statusOf(at("f")).st_gid, group);
+        EXPECT_EQ(permissionsOf(at("f")), 0755u);  // The owner is another one.
         EXPECT_EQ(replace(at("g"), "new"), Outcome::DONE);
         EXPECT_EQ(statusOf(at("g")).st_gid, 4321u);
     }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,42 @@ TEST_F(ReplacedNameTest, IsCutBetweenCharacters) {
         std::size_t const whole = (LONGEST_WHOLE - before) / 2 * 2 + before;
         EXPECT_EQ(namesFor(name).back(), name.substr(0, whole));
     }
+}
+
+// A clock that stands still, as one that counts slow ticks does for a while.
+TEST_F(ReplacedNameTest, IsAnotherOneWhereTheFirstIsTaken) {
+    writeFile(at("f"));
+    Intercepted calls;
+    std::vector<std::string> names;
+    calls.before = [&](SystemCall const& call) {
+        if (call.name == "openat" && (call.flags & O_CREAT) != 0) {
+            names.push_back(call.path);
+            return names.size() <= 3 ? EEXIST : 0;
+        }
+        return call.name == "clock_gettime" ? EINVAL : 0;
+    };
+    EXPECT_EQ(replaceFile(at("f"), "contents"), Outcome::DONE);
+    EXPECT_EQ(names.size(), 4u);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(std::unique(names.begin(), names.end()), names.end());
+}
+
+// Files that earlier losses of power have left, under all the names that one call tries.
+TEST_F(ReplacedNameTest, IsAnotherOneInALaterCall) {
+    writeFile(at("f"));
+    Intercepted calls;
+    std::set<std::string> taken;
+    bool isFirst = true;
+    calls.before = [&](SystemCall const& call) {
+        if (call.name != "openat" || (call.flags & O_CREAT) == 0) {
+            return 0;
+        }
+        return (isFirst ? taken.insert(call.path).second : taken.count(call.path) > 0) ? EEXIST : 0;
+    };
+    EXPECT_EQ(replaceFile(at("f"), "contents"), Outcome::EXISTS);
+    isFirst = false;
+    EXPECT_EQ(replaceFile(at("f"), "contents"), Outcome::DONE);
+    EXPECT_EQ(taken.size(), 1000u);
 }
 
 TEST_F(ReplacedNameTest, IsHalvedWhereTheFileSystemAllowsLess) {

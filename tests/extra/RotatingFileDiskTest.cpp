@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -28,16 +29,15 @@ protected:
 
 // --- a small disk
 
-// Runs `work`, whose result is 0 or the line of what is wrong, with a disk of 64 KiB at
-// `directory` which only it sees. -1: this user may not mount one.
-template <typename Work>
-int withSmallDisk(std::string const& directory, Work work) {
+// Runs `work` where only it sees what it mounts, after `prepare`. 0, or 1 if it failed. -1:
+// `prepare` returned false, as this user may not mount anything.
+template <typename Prepare, typename Work>
+int withMounts(Prepare prepare, Work work) {
     pid_t const child = fork();
     if (child == 0) {
         alarm(test::deadlineSeconds());
         if (unshare(CLONE_NEWNS) != 0 ||
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("none", directory.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || !prepare()) {
             _exit(255);
         }
         work();
@@ -46,6 +46,13 @@ int withSmallDisk(std::string const& directory, Work work) {
     int status = 0;
     waitpid(child, &status, 0);
     return !WIFEXITED(status) ? 1 : WEXITSTATUS(status) == 255 ? -1 : WEXITSTATUS(status);
+}
+
+// The same with a disk of 64 KiB at `directory`.
+template <typename Work>
+int withSmallDisk(std::string const& directory, Work work) {
+    return withMounts([&] { return mount("none", directory.c_str(), "tmpfs", 0, "size=64k") == 0; },
+                      work);
 }
 
 // Numbered lines, each whole, there or counted in a report that stands where they are missing. What
@@ -116,6 +123,53 @@ TEST_F(RotatingFileDiskTest, NeverFillsTheDiskBeyondItsShare) {
     });
     if (result < 0) {
         GTEST_SKIP() << "Needs to mount a disk of its own.";
+    }
+    EXPECT_EQ(result, 0);
+}
+
+// --- a file system over another
+
+// There an empty write waits for nobody.
+TEST_F(RotatingFileDiskTest, LineThatAnotherIsWritingThroughAnOverlayIsNotTorn) {
+    auto const mountOverlay = [this] {
+        std::string const root = directory.path();
+        if (mount("none", root.c_str(), "tmpfs", 0, nullptr) != 0) {
+            return false;
+        }
+        for (char const* name : {"lower", "upper", "work", "merged"}) {
+            std::filesystem::create_directory(directory.path(name));
+        }
+        std::string const options =
+            "lowerdir=" + root + "/lower,upperdir=" + root + "/upper,workdir=" + root + "/work";
+        return mount("none", directory.path("merged").c_str(), "overlay", 0, options.c_str()) == 0;
+    };
+    int const result = withMounts(mountOverlay, [this] {
+        std::string const file = directory.path("merged/x");
+        std::string const longLine(256 << 10, 'x');
+        for (int round = 0; round < 20 && !HasFailure(); ++round) {
+            std::filesystem::remove(file);
+            RotatingFileLogHandler sink(file, plain());
+            std::atomic<bool> isDone{false};
+            std::thread other([&] {
+                RotatingFileLogHandler own(file, plain());
+                for (int line = 0; line < 8; ++line) {
+                    put(own, longLine);
+                }
+                isDone = true;
+            });
+            do {
+                sink.reopen();  // Looks at the end of the file.
+                put(sink, "short");
+            } while (!isDone);
+            other.join();
+            auto const size = std::filesystem::file_size(file);
+            std::string content(static_cast<std::size_t>(size), '\0');
+            std::ifstream(file).read(content.data(), static_cast<std::streamsize>(content.size()));
+            ASSERT_EQ(content.find("\n\n"), std::string::npos);  // No empty line.
+        }
+    });
+    if (result < 0) {
+        GTEST_SKIP() << "Needs to mount an overlay of its own.";
     }
     EXPECT_EQ(result, 0);
 }

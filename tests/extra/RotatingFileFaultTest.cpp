@@ -175,11 +175,10 @@ TEST_F(RotatingFileFaultTest, EndsALineThatAnotherHasTornWhenItLooksAtTheSize) {
     EXPECT_EQ(contentOf(path), "first\ntorn\n" + std::string(60, 'x') + "\n");
 }
 
-// Nobody can know the end of such a file, and a newline that is not needed would be an empty line.
-// The system may show a part of a line that is being written. An empty write waits for the rest.
+// The system may show a part of a line that is being written. Setting the times waits for the rest.
 TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingIsNotTorn) {
     constexpr std::size_t PAGE_BYTES = 4096;
-    for (auto const& [moment, nth] : {std::pair{FileCall::WRITE, 1}, {FileCall::FSTAT, 2}}) {
+    for (auto const& [moment, nth] : {std::pair{FileCall::TOUCH, 1}, {FileCall::FSTAT, 2}}) {
         RotatingFileLogHandler sink(path, plain(2 * PAGE_BYTES));
         writeFile(path, std::string(PAGE_BYTES, 'x'));
         {
@@ -201,7 +200,7 @@ TEST_F(RotatingFileFaultTest, LineThatAnotherIsWritingAsTheFileIsOpenedIsNotTorn
     writeFile(path, std::string(4096, 'x'));
     FileCalls calls;
     calls.onCall = [&](FileCall call) {
-        if (call == FileCall::WRITE && calls.count(call) == 1) {
+        if (call == FileCall::TOUCH && calls.count(call) == 1) {
             std::ofstream(path, std::ios::app) << '\n';
         }
         return 0;
@@ -219,6 +218,7 @@ TEST_F(RotatingFileFaultTest, EndsALineThatIsTornWhereAPageEnds) {
     EXPECT_EQ(contentOf(path), std::string(4096, 'x') + "\nwhole\n");
 }
 
+// Nobody can know the end of such a file, and a newline that is not needed would be an empty line.
 TEST_F(RotatingFileFaultTest, LeavesATornLineWhereItMayNotRead) {
     writeFile(path, "torn ");
     FileCalls calls;

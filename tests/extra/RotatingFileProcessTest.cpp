@@ -13,6 +13,7 @@
 #include <map>
 #include <ostream>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <tests/support/Bounded.h>
@@ -153,6 +154,29 @@ TEST_F(RotatingFileProcessTest, FourThreadsNeverTakeTheFileOverItsCap) {
     for (std::string const& file : filesOf(path)) {
         EXPECT_LE(std::filesystem::file_size(file), 10000u) << file;
     }
+}
+
+TEST_F(RotatingFileProcessTest, NoLineIsLostWhileOtherThreadsReopenAndSync) {
+    int const lines = test::scaled(5000);
+    RotatingFileLogHandler sink(path, plain());
+    std::atomic<bool> isDone{false};
+    std::vector<std::thread> others;
+    for (bool (RotatingFileLogHandler::*const call)() :
+         {&RotatingFileLogHandler::reopen, &RotatingFileLogHandler::sync}) {
+        others.emplace_back([&, call] {
+            FileCalls const unsynced;  // Waits for no disk.
+            while (!isDone) {
+                EXPECT_TRUE((sink.*call)());
+            }
+        });
+    }
+    writeLines(sink, 0, 2, lines);
+    isDone = true;
+    for (std::thread& other : others) {
+        other.join();
+    }
+    EXPECT_EQ(sink.lostLines(), 0u);
+    expectAllLines(allLinesOf(path), 1, 2, lines);
 }
 
 // No line is long enough to be looked at for its size: what is looked at is the clock.

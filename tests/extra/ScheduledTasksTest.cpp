@@ -52,9 +52,9 @@ struct Direct : RecordingExecutor {
 };
 
 TEST_F(ScheduledTasksTest, RunsFunctionsOnTheExecutor) {
-    ScheduledTasks scheduled(makeExecutor(1));
     Gate once;
     Gate often(3);
+    ScheduledTasks scheduled(makeExecutor(1));  // Ends the executor before the gates.
     auto const open = [](Gate& gate) {
         return [&gate] {
             gate.open();
@@ -222,7 +222,14 @@ TEST_F(ScheduledTasksTest, MayBeDestroyedInATaskOfItsOwn) {
     destroyed.wait();
 }
 
+// Nobody can join the thread then. It gives its memory back itself.
 TEST_F(ScheduledTasksTest, MayBeDestroyedOnItsOwnThread) {
+    std::atomic<bool> isDetached{false};
+    ThreadCalls calls;
+    calls.onDetach = [&](pthread_t thread) {
+        isDetached = pthread_equal(thread, pthread_self()) != 0;
+    };
+    calls.install();
     auto const direct = std::make_shared<Direct>();
     auto scheduled = std::make_unique<ScheduledTasks>(direct);
     Gate made;
@@ -236,6 +243,7 @@ TEST_F(ScheduledTasksTest, MayBeDestroyedOnItsOwnThread) {
     made.open();
     destroyed.wait();
     ovra::test::yieldUntil([&] { return direct.use_count() == 1; });
+    EXPECT_TRUE(isDetached);
 }
 
 TEST_F(ScheduledTasksTest, TheDestructorWaitsForNoTask) {
@@ -278,6 +286,10 @@ TEST_F(ScheduledTasksTest, KeepsErrno) {
         auto const id = scheduled.every(hours(1), succeed(), NORMAL, "name");
         scheduled.after(milliseconds(0), succeed(), NORMAL, "name");
         scheduled.cancel(id);
+        auto const spoiling = ovra::test::atEnd([] { errno = EIO; });
+        scheduled.after(
+            hours(1), [spoiling] { return Executable::SUCCESS; }, NORMAL, "destroyed here");
+        errno = 123;
     }
     EXPECT_EQ(errno, 123);
 }

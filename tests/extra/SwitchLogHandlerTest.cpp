@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -196,9 +198,10 @@ TEST_F(SwitchLogHandlerTest, KeepsEveryTargetAliveForItsLinesWhileItIsExchanged)
 }
 
 TEST_F(SwitchLogHandlerTest, AForkedChildLogsAndExchangesWhileOtherThreadsDo) {
+    std::atomic<long> passed{0};
     // Not the recording one: a child may find its mutex locked.
-    auto const makeTarget = [] {
-        return std::make_shared<FunctionSink>([](char const*, log::LogLevel) {});
+    auto const makeTarget = [&] {
+        return std::make_shared<FunctionSink>([&](char const*, log::LogLevel) { ++passed; });
     };
     SwitchLogHandler sink(makeTarget());
     std::atomic<bool> isDone{false};
@@ -225,10 +228,12 @@ TEST_F(SwitchLogHandlerTest, AForkedChildLogsAndExchangesWhileOtherThreadsDo) {
         pid_t const child = fork();
         if (child == 0) {
             alarm(test::deadlineSeconds());
+            long const before = passed;
             sink.handleLogMessage("a line", log::INFO);
+            bool const isPassed = passed == before + 1;  // To one of the two, whatever the moment.
             sink.exchange(own);
             sink.handleLogMessage("to its own", log::INFO);
-            _exit(own->lines().size() == 1 ? 0 : 1);
+            _exit(isPassed && own->lines().size() == 1 ? 0 : 1);
         }
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);

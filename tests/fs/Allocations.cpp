@@ -1,5 +1,6 @@
 #include <tests/fs/Allocations.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -11,6 +12,7 @@ namespace {
 struct State {
     bool watching = false;
     bool failed = false;
+    bool changesErrno = false;
     int untilFailure = -1;  // negative: none is to fail
     int made = 0;
     int living = 0;
@@ -32,6 +34,10 @@ Allocations::~Allocations() {
 void Allocations::failAfter(int succeeding) {
     state.untilFailure = succeeding;
     state.failed = false;
+}
+
+void Allocations::changeErrno() {
+    state.changesErrno = true;
 }
 
 bool Allocations::hasFailed() const {
@@ -71,8 +77,22 @@ void operator delete(void* block) noexcept {
         --state.living;
     }
     std::free(block);
+    errno = state.changesErrno ? ERANGE : errno;
 }
 
 void operator delete(void* block, std::size_t) noexcept {
+    operator delete(block);
+}
+
+// As in libstdc++, whose own valgrind replaces.
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+
+void operator delete[](void* block) noexcept {
+    operator delete(block);
+}
+
+void operator delete[](void* block, std::size_t) noexcept {
     operator delete(block);
 }

@@ -13,6 +13,8 @@ public:
 
     /// Lets the allocation after the next `succeeding` ones fail, once.
     void failAfter(int succeeding);
+    /// From now on operator delete changes `errno`, as an application's own may.
+    void changeErrno();
     /// Whether that allocation has been asked for.
     bool hasFailed() const;
     /// The allocations since the watch began.

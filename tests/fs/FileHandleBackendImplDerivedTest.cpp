@@ -54,6 +54,7 @@ public:
     }
     void UpdateFileStatus() override {
         ++updates;
+        pathAtUpdate = Path();
         FileHandleBackendImpl::UpdateFileStatus();
     }
     int updatesSinceLastAsked() {
@@ -70,6 +71,7 @@ public:
     mutable int userIdCalls = 0;
     mutable int groupIdCalls = 0;
     int updates = 0;
+    std::string pathAtUpdate;
 };
 
 TEST_F(FileHandleBackendImplDerivedTest, HonoursADerivedExistsThatDenies) {
@@ -124,6 +126,13 @@ TEST_F(FileHandleBackendImplDerivedTest, TrustsNoDerivedExistsWithoutAStatusReco
     missing.isFile = true;
     EXPECT_FALSE(missing.Copy(FileHandle(at("copy"))));
     EXPECT_EQ(readFile(at("copy")), "") << "the target is opened although the source cannot be";
+}
+
+TEST_F(FileHandleBackendImplDerivedTest, HasItsNewPathWhenItDropsItsStatus) {
+    writeFile(at("file"), "123");
+    DerivedBackend backend(at("file"));
+    EXPECT_TRUE(backend.Rename("new"));
+    EXPECT_EQ(backend.pathAtUpdate, backend.Path());
 }
 
 TEST_F(FileHandleBackendImplDerivedTest, DropsItsStatusWhenTold) {

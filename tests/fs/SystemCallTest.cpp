@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
@@ -331,6 +332,26 @@ TEST_F(SystemCallTest, SaysTrueWhenTheSourceOfACopyCannotBeReadThrough) {
     calls.intercept = [](std::string const& call) { return call == "read" ? EIO : 0; };
     EXPECT_TRUE(FileHandle(at("f")).Copy(target));
     calls.intercept = nullptr;
+    EXPECT_EQ(readFile(at("new")), "");
+}
+
+// If the stream kept the last piece until it is destroyed, the process would end.
+TEST_F(SystemCallTest, ThreadThatIsCancelledAsItWritesACopyEndsAlone) {
+    auto const copy = [](void* directory) -> void* {
+        std::string const& parent = *static_cast<std::string const*>(directory);
+        SystemCalls calls(parent);
+        calls.onWrite = [] { pthread_cancel(pthread_self()); };
+        FileHandle target(parent + "/new");
+        FileHandle(parent + "/f").Copy(target);
+        return nullptr;
+    };
+    std::string parent = root;
+    pthread_t thread = {};
+    ASSERT_EQ(pthread_create(&thread, nullptr, copy, &parent), 0);
+    void* end = nullptr;
+    ASSERT_EQ(pthread_join(thread, &end), 0);
+
+    EXPECT_EQ(end, PTHREAD_CANCELED);
     EXPECT_EQ(readFile(at("new")), "");
 }
 

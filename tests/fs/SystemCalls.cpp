@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -94,6 +95,12 @@ bool admitName(char const* name) {
     return admit([&](SystemCalls const&) { return std::string(name); });
 }
 
+void announceWrite() {
+    if (recorder != nullptr && recorder->onWrite) {
+        recorder->onWrite();
+    }
+}
+
 }  // namespace
 
 SystemCalls::SystemCalls(std::string directory) : root(std::move(directory)) {
@@ -148,6 +155,7 @@ using ovra::fs::test::admitOwner;
 using ovra::fs::test::admitPair;
 using ovra::fs::test::admitPath;
 using ovra::fs::test::admitPathBelow;
+using ovra::fs::test::announceWrite;
 using ovra::fs::test::disguise;
 
 #define OVRA_STATUS_CALL(symbol, name)                                             \
@@ -318,4 +326,18 @@ extern "C" ssize_t ovraTest_read(int descriptor, void* buffer, std::size_t size)
         return -1;
     }
     return nextFunction<ssize_t(int, void*, std::size_t)>("read")(descriptor, buffer, size);
+}
+
+extern "C" ssize_t ovraTest_write(int descriptor, void const* data, std::size_t size) asm("write");
+extern "C" ssize_t ovraTest_write(int descriptor, void const* data, std::size_t size) {
+    announceWrite();
+    return nextFunction<ssize_t(int, void const*, std::size_t)>("write")(descriptor, data, size);
+}
+
+extern "C" ssize_t ovraTest_writev(int descriptor, struct iovec const* pieces,
+                                   int count) asm("writev");
+extern "C" ssize_t ovraTest_writev(int descriptor, struct iovec const* pieces, int count) {
+    announceWrite();
+    return nextFunction<ssize_t(int, struct iovec const*, int)>("writev")(descriptor, pieces,
+                                                                          count);
 }

@@ -29,6 +29,9 @@ public:
     /// itself. An error number that it returns is what the call fails with; 0 lets it happen.
     std::function<int(std::string const&)> intercept;
 
+    /// Called before each write of a stream, none of which is recorded.
+    std::function<void()> onWrite;
+
     /// What readdir() gives as the type of each entry, such as DT_UNKNOWN, instead of the true one.
     std::optional<unsigned char> entryType;
 

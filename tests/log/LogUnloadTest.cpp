@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <string>
 #include <thread>
@@ -41,6 +42,12 @@ public:
             EXPECT_EQ(dlclose(handle), 0);
             handle = nullptr;
         }
+    }
+
+    link_map const* map() const {
+        link_map* result = nullptr;
+        EXPECT_EQ(dlinfo(handle, RTLD_DI_LINKMAP, &result), 0);
+        return result;
     }
 
     void (*addHandler)(LogHandlerType, char const*) = nullptr;
@@ -121,6 +128,17 @@ TEST(LogUnloadTest, ThreadThatIsOlderThanTheLibraryLogsVerbatim) {
     isLoaded.open();
     older.join();
     EXPECT_THAT(lines, ElementsAre("[tag:ERROR] 100%n", "[tag:ERROR] 100%"));
+}
+
+// Elsewhere the first line on a thread would allocate memory, and end the process if there is none.
+TEST(LogUnloadTest, WhatItKeepsForEachThreadIsInTheBlockThatTheThreadStartsWith) {
+    LoadedLibrary const library;
+    ASSERT_FALSE(HasFailure());
+    ElfW(Word) flags = 0;
+    for (ElfW(Dyn) const* entry = library.map()->l_ld; entry->d_tag != DT_NULL; ++entry) {
+        flags |= entry->d_tag == DT_FLAGS ? static_cast<ElfW(Word)>(entry->d_un.d_val) : 0;
+    }
+    EXPECT_NE(flags & DF_STATIC_TLS, 0u);
 }
 
 // More often than there are bytes in the blocks of the threads for libraries loaded later (1664).

@@ -43,6 +43,7 @@ __attribute__((no_sanitize("thread"), no_sanitize("address"))) Answer ask(
 NextFunction<int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*)> nextCreate(
     "pthread_create");
 NextFunction<int(pthread_t, void**)> nextJoin("pthread_join");
+NextFunction<int(pthread_t)> nextDetach("pthread_detach");
 NextFunction<int(pthread_mutex_t*)> nextLock("pthread_mutex_lock");
 NextFunction<int(pthread_mutex_t*)> nextUnlock("pthread_mutex_unlock");
 NextFunction<int(pthread_cond_t*, pthread_mutex_t*)> nextWait("pthread_cond_wait");
@@ -104,6 +105,11 @@ INTERPOSED int pthread_create(pthread_t* thread, pthread_attr_t const* attribute
 INTERPOSED int pthread_join(pthread_t thread, void** result) {
     ovra::test::ask(&ThreadCalls::onJoin, thread);
     return ovra::test::nextJoin(thread, result);
+}
+
+INTERPOSED int pthread_detach(pthread_t thread) noexcept {
+    ovra::test::ask(&ThreadCalls::onDetach, thread);
+    return ovra::test::nextDetach(thread);
 }
 
 INTERPOSED int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {

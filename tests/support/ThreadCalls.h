@@ -33,6 +33,7 @@ struct ThreadCalls {
     std::function<void(pthread_mutex_t*)> afterUnlock;
     std::function<void(pthread_t)> afterCreate;
     std::function<void(pthread_t)> onJoin;
+    std::function<void(pthread_t)> onDetach;
     std::function<void(pthread_cond_t*, pthread_mutex_t*)> onWait;
     std::function<void(pthread_cond_t*)> onSignal;
     std::function<void(pthread_cond_t*)> onBroadcast;

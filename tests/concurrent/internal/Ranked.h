@@ -30,6 +30,8 @@ public:
               made->release();
           }) {}
 
+    void eraseAll() { drop(tasks->eraseAll()); }
+
     static std::shared_ptr<SubmittedTask> make(std::int32_t index, unsigned int rank) {
         // The next one down is taken.
         s_uniqueIndexCounter = static_cast<std::int32_t>(static_cast<std::uint32_t>(index) + 1);

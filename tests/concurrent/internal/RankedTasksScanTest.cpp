@@ -132,6 +132,18 @@ TEST(RankedTasksScanTest, ChangeAfterAScanWithoutAPickIsComparedAtTheNext) {
     }
 }
 
+TEST(RankedTasksScanTest, ErasedTasksAreForgottenByAScanWithoutAPick) {
+    Ranked ranked(KEEPS);
+    ranked.add(20, 5);
+    auto& newer = ranked.add(10, 1000);
+    ranked->scanTo(1);
+    ranked.setRank(newer, 1);
+    ranked.eraseAll();
+
+    ranked.add(15, 5);
+    EXPECT_EQ(ranked.pick(), 15);
+}
+
 TEST(RankedTasksScanTest, PickTakesNothingUnlessItIsBetterThanWhatWasScanned) {
     Ranked ranked(DOUBLES);
     auto const& entry = ranked.add(10, 5);

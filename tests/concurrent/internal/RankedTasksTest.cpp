@@ -314,6 +314,20 @@ TEST(RankedTasksTest, TaskThatIsNotHereGetsNoRank) {
 
 // --- out
 
+// As indices wrap, two tasks can have one index: the second is made 4294967296 tasks later.
+TEST(RankedTasksTest, OfTwoTasksWithOneIndexAndRankTheOneAddedLaterIsTaken) {
+    for (bool const doubles : {KEEPS, DOUBLES}) {
+        Ranked ranked(doubles);
+        ranked.add(10, 5);
+        ranked.add(10, 5);
+        std::shared_ptr<SubmittedTask> picked;
+
+        ranked->pick(SortKey(), picked);
+
+        EXPECT_EQ(picked, ranked.owned[1]);
+    }
+}
+
 TEST(RankedTasksTest, TaskThatTheScanFoundIsTakenWhereverItStands) {
     for (bool const doubles : {KEEPS, DOUBLES}) {
         for (std::size_t i = 0; i < 6; ++i) {

@@ -1,0 +1,1 @@
+// Empty: CMake puts the precompiled headers before it.
