@@ -37,5 +37,24 @@ TEST_F(RotatingFileLinkTest, AsManyLinksAreFollowedAsTheSystemFollows) {
     EXPECT_TRUE(std::filesystem::is_symlink(directory.path("link-40")));
 }
 
+// The system renames no link of a file to another link of it, and reports success.
+TEST_F(RotatingFileLinkTest, MovesAFileThatItsOlderNamesAreLinksOf) {
+    for (unsigned int generations : {1u, 2u}) {
+        SCOPED_TRACE(generations);
+        writeFile(path, "a line\n");
+        for (unsigned int older = 1; older <= generations + 1; ++older) {
+            std::filesystem::remove(path + "." + std::to_string(older));
+            std::filesystem::create_hard_link(path, path + "." + std::to_string(older));
+        }
+        RotatingFileLogHandler sink(path, plain(10, generations));
+        put(sink, "another");
+        EXPECT_EQ(contentOf(path), "another\n");
+        EXPECT_EQ(contentOf(path + ".1"), "a line\n");
+        put(sink, "a third");
+        EXPECT_EQ(contentOf(path), "a third\n");
+        EXPECT_EQ(contentOf(path + ".1"), "another\n");
+    }
+}
+
 }  // namespace
 }  // namespace ovra::extra

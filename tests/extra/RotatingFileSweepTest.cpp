@@ -155,7 +155,7 @@ TEST_P(RotatingFileSweepTest, EachLineIsThereOrCountedWhicheverCallFails) {
         return std::count(calls.begin(), calls.end(), call) > 0;
     };
     EXPECT_EQ(makes(FileCall::RENAME), generations > 0);
-    EXPECT_EQ(makes(FileCall::LSTAT), generations > 1);
+    EXPECT_EQ(makes(FileCall::LSTAT), generations > 0);
     EXPECT_EQ(makes(FileCall::UNLINK), generations == 0 || generations == 2);
     std::vector<FileCall> const undisturbed = calls;
     for (std::size_t position = 1; position <= undisturbed.size(); ++position) {

@@ -56,7 +56,8 @@ bool Generations::moveUp() {
     if (free > count) {
         ::unlink(name(free, first.get()));
     }
-    return true;
+    // To rename one link of a file to another link of it does nothing.
+    return !isLinked() || ::unlink(path.c_str()) == 0;
 }
 
 char const* Generations::name(unsigned int generation, char* buffer) const {
@@ -66,6 +67,13 @@ char const* Generations::name(unsigned int generation, char* buffer) const {
         *writeDecimal(buffer + path.size() + 1, generation) = '\0';
     }
     return buffer;
+}
+
+bool Generations::isLinked() const {
+    struct stat log;
+    struct stat youngest;
+    return ::lstat(path.c_str(), &log) == 0 && ::lstat(name(1, first.get()), &youngest) == 0 &&
+           log.st_dev == youngest.st_dev && log.st_ino == youngest.st_ino;
 }
 
 bool Generations::move(unsigned int from, unsigned int to) {

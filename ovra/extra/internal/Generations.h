@@ -24,6 +24,8 @@ private:
     // The returned name is valid until the next call with the same buffer.
     char const* name(unsigned int generation, char* buffer) const;
     bool move(unsigned int from, unsigned int to);
+    // Whether the log and the youngest older file are links of one file.
+    bool isLinked() const;
 
     std::string const path;
     unsigned int const count;
