@@ -24,6 +24,7 @@ constexpr mode_t NEW_FILE_MODE = 0666;
 constexpr mode_t PRIVATE_MODE = 0600;
 constexpr int MOST_LINKS = 40;  // As many as the system follows.
 constexpr int MOST_NAMES = 1000;
+constexpr int MOST_LOOKS = 10;  // At a file that others keep replacing.
 
 bool hasFailedWith(int error) {
     errno = error;
@@ -68,15 +69,30 @@ bool mayFollow(Place const& place) {
     if (::fstatat(place.directory.get(), ".", &directory, 0) != 0) {
         return false;
     }
-    if ((directory.st_mode & SHARED) == SHARED && owner != directory.st_uid &&
-        owner != ::geteuid()) {
-        return hasFailedWith(EACCES);
+    bool const isShared = (directory.st_mode & SHARED) == SHARED;
+    return !isShared || owner == directory.st_uid || owner == ::geteuid() || hasFailedWith(EACCES);
+}
+
+// Whether a link leads where its contents say, or to nothing. Those of a link such as
+// /proc/self/fd/1 only describe a file, which need not have that name, or any.
+bool isPlain(Place const& place, std::string const& contents) {
+    int const directory = place.directory.get();
+    auto const isNothing = [] { return errno == ENOENT || errno == ENOTDIR; };
+    for (int tries = 0; tries < MOST_LOOKS; ++tries) {
+        struct stat target;
+        struct stat named;
+        if (::fstatat(directory, place.name.c_str(), &target, 0) != 0) {
+            return isNothing();  // It dangles.
+        }
+        bool const isNamed = ::fstatat(directory, contents.c_str(), &named, 0) == 0;
+        if (!isNamed && !isNothing()) {
+            return false;
+        }
+        if (isNamed && named.st_dev == target.st_dev && named.st_ino == target.st_ino) {
+            return true;
+        }
     }
-    struct stat target;
-    if (::fstatat(place.directory.get(), place.name.c_str(), &target, 0) != 0) {
-        return errno == ENOENT || errno == ENOTDIR;  // A dangling link: resolved below.
-    }
-    return S_ISREG(target.st_mode) || hasFailedWith(EINVAL);
+    return hasFailedWith(EINVAL);
 }
 
 bool find(std::string path, Place& place) {
@@ -102,7 +118,7 @@ bool find(std::string path, Place& place) {
             place.isTaken = true;
             return S_ISREG(place.status.st_mode) || hasFailedWith(EINVAL);
         }
-        if (!mayFollow(place) || !readLink(place, path)) {
+        if (!mayFollow(place) || !readLink(place, path) || !isPlain(place, path)) {
             return false;
         }
     }

@@ -186,6 +186,23 @@ TEST_F(ReplaceFileTest, ALinkOfTheSystemToAnOpenPipeIsNoPlaceForAFile) {
     close(ends[1]);
 }
 
+// Its text names what is not there any more, or something else that has taken the name.
+TEST_F(ReplaceFileTest, ALinkOfTheSystemToAnOpenFileIsReplacedOnlyWhereTheFileLies) {
+    std::string const path = "/proc/self/fd/";
+    writeFile(at("f"), "old");
+    int const file = open(at("f").c_str(), O_RDONLY | O_CLOEXEC);
+    std::string const link = path + std::to_string(file);
+    EXPECT_EQ(replace(link, "new"), Outcome::DONE);
+    EXPECT_EQ(readFile(at("f")), "new");
+    EXPECT_EQ(replace(link, "newer"), Outcome::WRONG_KIND) << "the open file has no name now";
+    EXPECT_EQ(readFile(at("f")), "new");
+    EXPECT_THAT(namesIn(root), ElementsAre("f"));
+    writeFile(at("f (deleted)"), "other");  // What the system says of it.
+    EXPECT_EQ(replace(link, "newest"), Outcome::WRONG_KIND);
+    EXPECT_EQ(readFile(at("f (deleted)")), "other");
+    close(file);
+}
+
 TEST_F(ReplaceFileTest, AHardLinkKeepsTheOldContents) {
     writeFile(at("f"), "old");
     makeHardLink(at("f"), at("other"));
