@@ -1,6 +1,7 @@
 #include <ovra/extra/LockFile.h>
 
 #include <string>
+#include <utility>
 
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -107,15 +108,11 @@ Outcome LockFile::tryLock() {
 // After a fork, parent and child have copies of one descriptor, and share one lock. Closing one
 // copy alone releases nothing; releasing the lock releases it for both.
 void LockFile::unlock() {
-    if (descriptor < 0) {
-        return;
-    }
     KeptErrno const kept;
     if (isLocked()) {
         ::flock(descriptor, LOCK_UN);
     }
-    ::close(descriptor);
-    descriptor = -1;
+    Descriptor const closed(std::exchange(descriptor, -1));
 }
 
 bool LockFile::isLocked() const {

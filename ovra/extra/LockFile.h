@@ -23,7 +23,8 @@ namespace ovra::extra {
 /// *After fork*: the parent holds the lock, the child does not. In the child, unlock() and the
 /// destructor only close a copy of the descriptor. If the parent ends without unlock(), the lock
 /// lasts until the child has closed its copy: by tryLock(), by unlock(), by the destructor, by
-/// `exec` or when the child ends.
+/// `exec` or when the child ends. A child that another thread forks during tryLock() may hold a
+/// copy that only `exec` or the child's end closes.
 ///
 /// *Threads*: Not thread-safe: the caller synchronises.
 ///

@@ -1,6 +1,7 @@
 #include <ovra/extra/LockFile.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -109,6 +110,26 @@ TEST_F(LockFileTest, TheDestructorGivesTheLockBackAndTheFileStays) {
     }
     EXPECT_TRUE(entryExists(at("lock")));
     EXPECT_EQ(permissionsOf(at("lock")), 0644u);
+    EXPECT_EQ(tryByAnother(), Outcome::DONE);
+}
+
+// To cancel a thread in a destructor would end the process.
+TEST_F(LockFileTest, AThreadThatIsToBeCancelledGivesTheLockBack) {
+    auto const lockAndCancel = [](void* file) -> void* {
+        {
+            LockFile lock(*static_cast<fs::FilePath const*>(file));
+            EXPECT_EQ(lock.tryLock(), Outcome::DONE);
+            pthread_cancel(pthread_self());
+        }
+        pthread_testcancel();
+        return nullptr;
+    };
+    fs::FilePath file(at("lock"));
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, lockAndCancel, &file), 0);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
     EXPECT_EQ(tryByAnother(), Outcome::DONE);
 }
 
