@@ -6,9 +6,15 @@
 namespace ovra::extra {
 
 RecentLinesLogHandler::RecentLinesLogHandler(std::size_t lines, std::size_t bytesEach)
-    : ring(std::make_unique<LineRing>(lines, bytesEach)) {}
+    : ring([=] {
+          KeptErrno const keptErrno;
+          return std::make_unique<LineRing>(lines, bytesEach);
+      }()) {}
 
-RecentLinesLogHandler::~RecentLinesLogHandler() = default;
+RecentLinesLogHandler::~RecentLinesLogHandler() {
+    KeptErrno const keptErrno;
+    ring.reset();
+}
 
 void RecentLinesLogHandler::handleLogMessage(char const* line, log::LogLevel) {
     if (line != nullptr) {

@@ -32,7 +32,8 @@ class LineRing;
 ///
 /// *After fork*: the child has the lines of the parent, except those that other threads were
 /// storing at that moment. If another thread was writing out a line, the child never uses the place
-/// of that line again.
+/// of that line again. A child of `_Fork` or of the system's bare `clone` does not use the places
+/// that were being filled, either.
 ///
 /// *Failure*: the constructor may throw `std::bad_alloc`. `errno` is kept.
 ///
@@ -59,7 +60,7 @@ public:
     bool writeTo(int descriptor) const;
 
 private:
-    std::unique_ptr<LineRing> const ring;
+    std::unique_ptr<LineRing> ring;  // Never changes while the sink lives.
 };
 
 }  // namespace ovra::extra

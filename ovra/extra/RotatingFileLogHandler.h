@@ -77,9 +77,9 @@ struct RotatingFileOptions {
 ///
 /// *Threads*: Thread-safe. Lines of one process are written one after the other, under a lock.
 /// After `fork` parent and child may both log, also when another thread was logging a line at that
-/// moment. (Not in a child of `vfork` or of the system's bare `clone`, nor in a handler of
-/// `pthread_atfork`.) If a thread is
-/// cancelled during a call, its line may be missing and does not count as lost.
+/// moment. (Not in a child of `vfork`, `_Fork` or of the system's bare `clone`, nor in a handler of
+/// `pthread_atfork`.) If a thread is cancelled during a call, its line may be missing and does not
+/// count as lost.
 ///
 /// *Failure*: a line that cannot be written whole (full disk, no such directory, a bad medium)
 /// counts as lost. Before the next line that can be written, the sink reports the loss since the

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include <ovra/extra/internal/ForkSafeLock.h>
+#include <ovra/extra/internal/KeptErrno.h>
 
 namespace ovra::extra {
 
@@ -39,9 +40,15 @@ private:
 };
 
 SwitchLogHandler::SwitchLogHandler(std::shared_ptr<log::LogHandler> target, log::LogLevel level)
-    : state(std::make_unique<State>(std::move(target), level)) {}
+    : state([&] {
+          KeptErrno const keptErrno;
+          return std::make_unique<State>(std::move(target), level);
+      }()) {}
 
-SwitchLogHandler::~SwitchLogHandler() = default;
+SwitchLogHandler::~SwitchLogHandler() {
+    KeptErrno const keptErrno;
+    state.reset();
+}
 
 void SwitchLogHandler::handleLogMessage(char const* line, log::LogLevel level) {
     if (level > log::DISABLED && level > getLevel()) {

@@ -17,7 +17,8 @@ namespace ovra::extra {
 /// *Threads*: Thread-safe. The target is called with no lock held, by several threads at once: it
 /// serialises its own writes, and may call the switch. A line that began before an `exchange` may
 /// still reach the old target after it. After `fork` parent and child each have a switch of their
-/// own, also when another thread was logging a line at that moment.
+/// own, also when another thread was logging a line at that moment. (Not in a child of `vfork`,
+/// `_Fork` or of the system's bare `clone`, nor in a handler of `pthread_atfork`.)
 ///
 /// A switch that passes lines back to itself, directly or through other sinks, calls itself until
 /// the stack overflows, which ends the process.
@@ -47,7 +48,7 @@ public:
 
 private:
     class State;
-    std::unique_ptr<State> const state;
+    std::unique_ptr<State> state;  // Never changes while the switch lives.
 };
 
 }  // namespace ovra::extra

@@ -105,10 +105,16 @@ TEST_F(RotatingFileContractTest, KeepsErrnoWhateverFreesItsMemory) {
         GTEST_SKIP() << "The sanitizer has its own heap.";
     }
     std::optional<RotatingFileLogHandler> sink(std::in_place, path, plain());
+    std::optional<RecentLinesLogHandler> ring(std::in_place, 2);
+    std::optional<SwitchLogHandler> switched(std::in_place);
     Allocations allocations;
     allocations.changeErrno();
     errno = EXDEV;
     sink.reset();
+    EXPECT_EQ(errno, EXDEV);
+    ring.reset();
+    EXPECT_EQ(errno, EXDEV);
+    switched.reset();
     EXPECT_EQ(errno, EXDEV);
 }
 
@@ -284,6 +290,8 @@ TEST_F(RotatingFileContractTest, WaitsForNoPipeThatTakesTheNameWhileItIsOpened) 
 
 // It would send this process the signals of whoever types there.
 TEST_F(RotatingFileContractTest, ATerminalThatTakesTheNameWhileItIsOpenedDoesNotBecomeItsOwn) {
+    // A device is named: see ../support/Contained.h.
+    fs::test::OrdinaryUser const user(directory.path());
     int const master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
         GTEST_SKIP() << "no terminals here";
