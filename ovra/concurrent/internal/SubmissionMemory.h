@@ -15,6 +15,27 @@ namespace ovra::concurrent {
 ///
 /// Private to the library.
 class SubmissionMemory {
+    using Work = SubmittedTask::LambdaFunctionTask;
+
+    // Includes the control block of `std::shared_ptr`: a table, two counters, an allocator and
+    // padding.
+    template <typename Part>
+    static constexpr std::size_t sizeOf() {
+        return 24 + sizeof(Part);
+    }
+    template <typename Part>
+    static constexpr std::size_t offsetOf() {
+        if constexpr (std::is_same_v<Part, SubmittedTask>) {
+            return alignof(SubmittedTask);
+        } else if constexpr (std::is_same_v<Part, TaskHandle>) {
+            return offsetOf<SubmittedTask>() + sizeOf<SubmittedTask>();
+        } else if constexpr (std::is_same_v<Part, Work>) {
+            return offsetOf<TaskHandle>() + sizeOf<TaskHandle>();
+        } else {
+            return offsetOf<Work>() + sizeOf<Work>();
+        }
+    }
+
 public:
     /// For `std::allocate_shared` of the part `Part`.
     template <typename Part, typename Block = Part>
@@ -51,27 +72,6 @@ public:
     }
 
 private:
-    using Work = SubmittedTask::LambdaFunctionTask;
-
-    // Includes the control block of `std::shared_ptr`: a table, two counters, an allocator and
-    // padding.
-    template <typename Part>
-    static constexpr std::size_t sizeOf() {
-        return 24 + sizeof(Part);
-    }
-    template <typename Part>
-    static constexpr std::size_t offsetOf() {
-        if constexpr (std::is_same_v<Part, SubmittedTask>) {
-            return alignof(SubmittedTask);
-        } else if constexpr (std::is_same_v<Part, TaskHandle>) {
-            return offsetOf<SubmittedTask>() + sizeOf<SubmittedTask>();
-        } else if constexpr (std::is_same_v<Part, Work>) {
-            return offsetOf<TaskHandle>() + sizeOf<TaskHandle>();
-        } else {
-            return offsetOf<Work>() + sizeOf<Work>();
-        }
-    }
-
     std::atomic<int> parts{0};
 };
 
