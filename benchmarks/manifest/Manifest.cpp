@@ -78,9 +78,9 @@ void add(std::string const& what, std::string const& contestant, Tree const& tre
                                          ? theirs
                                          : "find . -type f -print0 | xargs -0 -P2 -n 1 "
                                            "sha256sum >$manifest";
-        add("create", "ovra", tree, "", ours + "create -o $manifest .");
+        add("create", "ovra", tree, "", ours + "create --jobs 2 -o $manifest .");
         add("create", "find and sha256sum", tree, "", pipeline);
-        add("check", "ovra", tree, pipeline, ours + "check $manifest >/dev/null");
+        add("check", "ovra", tree, pipeline, ours + "check --jobs 2 $manifest >/dev/null");
         add("check", "sha256sum", tree, pipeline, "sha256sum --quiet --check $manifest");
         add("check", "find and sha256sum", tree, pipeline,
             tree.files > 100 ? "split -n l/2 $manifest $manifest. && "

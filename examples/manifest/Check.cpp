@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <iostream>
 #include <istream>
 #include <map>
 #include <memory>
@@ -44,7 +43,9 @@ struct Manifest {
     bool readError = false;
 };
 
-Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt const& interrupt) {
+Manifest readManifest(std::istream& stream, Options const& options, Interrupt const& interrupt) {
+    bool const isStandardInput = options.manifest == "-";
+    Progress progress("reading the manifest", !options.verbose);
     Manifest manifest;
     ManifestReader reader;
     std::string line;
@@ -63,10 +64,12 @@ Manifest readManifest(std::istream& stream, bool isStandardInput, Interrupt cons
             std::int64_t const sizeBytes = FileHandle(fileNamed(entry->path)).Size();
             manifest.files.push_back({std::move(entry->path), sizeBytes});
             manifest.digests.push_back(digestFrom(entry->digest));
+            progress.found();
         } else {
             ++manifest.malformedLines;
         }
     }
+    progress.finish();
     manifest.readError = stream.bad();
     return manifest;
 }
@@ -143,13 +146,14 @@ void verifyAll(Manifest const& manifest, Options const& options, Interrupt& inte
     progress->finish();
     // With --verbose, these are all the verdicts: earlier, workers would log in between.
     verdicts.reportRest();
-    std::cout << std::flush;
+    flushOutput();
 }
 
 // Whether all of the tree could be seen.
 bool reportNew(Manifest const& manifest, Options const& options, Interrupt const& interrupt,
                CheckReport& report) {
-    FileSearch search(interrupt);
+    Progress progress("walking", !options.verbose);
+    FileSearch search(interrupt, &progress);
     for (std::string const& ownFile : {options.manifest, logFile(options)}) {
         if (!ownFile.empty()) {
             search.leaveOut(ownFile);
@@ -165,6 +169,7 @@ bool reportNew(Manifest const& manifest, Options const& options, Interrupt const
         return std::binary_search(listed.begin(), listed.end(), path);
     });
     search.addFilesBelow(options.newBelow);
+    progress.finish();
     for (auto const& file : search.sortedFiles()) {
         report.addNew(file.path);
     }
@@ -182,7 +187,11 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
         complain(name + ": " + whyFileNotOpened(source));
         return TROUBLE;
     }
-    Manifest const manifest = readManifest(*stream, isStandardInput, interrupt);
+    Manifest const manifest = readManifest(*stream, options, interrupt);
+    if (interrupt.requested()) {
+        complain("interrupted while reading the manifest");
+        return INTERRUPTED;
+    }
 
     CheckReport report(options);
     verifyAll(manifest, options, interrupt, report);
@@ -206,8 +215,7 @@ ExitStatus check(Options const& options, Interrupt& interrupt) {
         return INTERRUPTED;
     }
     report.warn(manifest.malformedLines, name);
-    if (!std::cout) {
-        complain("standard output: cannot be written");
+    if (!finishOutput()) {
         return TROUBLE;
     }
     bool const isStrict = options.strict && manifest.malformedLines > 0;

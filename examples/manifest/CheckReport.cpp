@@ -1,7 +1,5 @@
 #include "CheckReport.h"
 
-#include <iostream>
-
 #include "ManifestLine.h"
 #include "Messages.h"
 #include "Quote.h"
@@ -75,7 +73,7 @@ bool CheckReport::isAllWell() const {
 
 void CheckReport::print(std::string const& path, char const* verdict) const {
     if (!options.status) {
-        std::cout << asOneLine(path) + verdict;
+        manifest::print(asOneLine(path) + verdict);
     }
 }
 

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -43,7 +42,7 @@ struct Outcomes {
 };
 
 FileSearch searchAll(Options const& options, Interrupt const& interrupt) {
-    Progress progress(!options.verbose);
+    Progress progress("walking", !options.verbose);
     FileSearch search(interrupt, &progress);
     for (std::string const& ownFile : {options.output, logFile(options)}) {
         if (!ownFile.empty()) {
@@ -153,11 +152,8 @@ ExitStatus create(Options const& options, Interrupt& interrupt) {
     if (output) {
         output->moveIntoPlace();
     } else {
-        writeLines(files, outcomes, [](std::string const& block) { std::cout << block; });
-        if (!(std::cout << std::flush)) {
-            complain("standard output: cannot be written");
-            allWell = false;
-        }
+        writeLines(files, outcomes, print);
+        allWell = finishOutput() && allWell;
     }
     return allWell ? ALL_WELL : TROUBLE;
 }

@@ -22,6 +22,8 @@ std::string whyNotOpened(std::string const& path, int flags) {
     return {};
 }
 
+int outputError = 0;
+
 }  // namespace
 
 void say(std::string const& message) {
@@ -31,6 +33,26 @@ void say(std::string const& message) {
 void complain(std::string const& message) {
     say(message);
     ovra::log::log(ovra::log::WARNING, "complain()", "%s", forLog(message).c_str());
+}
+
+void print(std::string const& text) {
+    if (std::cout && !(std::cout << text)) {
+        outputError = errno;
+    }
+}
+
+void flushOutput() {
+    if (std::cout && !std::cout.flush()) {
+        outputError = errno;
+    }
+}
+
+bool finishOutput() {
+    flushOutput();
+    if (!std::cout) {
+        complain("standard output: " + std::generic_category().message(outputError));
+    }
+    return std::cout.good();
 }
 
 std::string forLog(std::string const& text) {

@@ -10,6 +10,15 @@ void say(std::string const& message);
 /// Prints `message` in the same way, and logs it as a warning.
 void complain(std::string const& message);
 
+/// Writes to standard output. Once that has failed, nothing more is written.
+void print(std::string const& text);
+
+/// Writes out what `print()` still holds.
+void flushOutput();
+
+/// As `flushOutput()`. Whether all was written; if not, complains with the system's reason.
+bool finishOutput();
+
 /// `text` as it may be passed to the log: the system log takes each line as a format, so percent
 /// signs are doubled; control characters, which could pass for other lines, become "?".
 std::string forLog(std::string const& text);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace manifest {
 
@@ -26,6 +27,10 @@ bool takesEscapes() {
     return plain == nullptr || *plain == '\0';
 }
 // NOLINTEND(concurrency-mt-unsafe)
+
+bool canBeShown(bool wanted) {
+    return wanted && isatty(STDERR_FILENO) != 0 && !isDumb();
+}
 
 // As many columns as a line may have without reaching the next one.
 std::size_t usableColumns() {
@@ -50,13 +55,10 @@ std::string grouped(std::size_t number) {
 }  // namespace
 
 Progress::Progress(std::size_t totalFiles, std::int64_t totalBytes, bool wanted)
-    : filesTotal(totalFiles),
-      bytesTotal(totalBytes),
-      active(wanted && isatty(STDERR_FILENO) != 0 && !isDumb()) {}
+    : filesTotal(totalFiles), bytesTotal(totalBytes), active(canBeShown(wanted)) {}
 
-Progress::Progress(bool wanted) : Progress(0, 0, wanted) {
-    looking = true;
-}
+Progress::Progress(std::string searching, bool wanted)
+    : filesTotal(0), bytesTotal(0), activity(std::move(searching)), active(canBeShown(wanted)) {}
 
 void Progress::found() {
     ++filesDone;
@@ -111,8 +113,8 @@ void Progress::draw() {
 }
 
 std::string Progress::line(double seconds) const {
-    if (looking) {
-        return "walking, " + grouped(filesDone) + " found";
+    if (!activity.empty()) {
+        return activity + ", " + grouped(filesDone) + " found";
     }
     auto const done = static_cast<double>(bytesDone);
     auto const all = static_cast<double>(bytesTotal);

@@ -20,8 +20,8 @@ public:
     /// For so many files.
     Progress(std::size_t totalFiles, std::int64_t totalBytes, bool wanted);
 
-    /// For the search for these files.
-    explicit Progress(bool wanted);
+    /// For the search for these files: "walking", or what else finds them.
+    Progress(std::string searching, bool wanted);
 
     /// One more file was found.
     void found();
@@ -45,7 +45,7 @@ private:
 
     std::size_t const filesTotal;
     std::int64_t const bytesTotal;
-    bool looking = false;
+    std::string const activity;  // Empty once the files are known.
     Clock::time_point const start = Clock::now();
     std::atomic<std::size_t> filesDone{0};
     std::atomic<std::int64_t> bytesDone{0};

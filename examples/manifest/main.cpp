@@ -1,6 +1,5 @@
 #include <clocale>
 #include <exception>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -23,11 +22,11 @@ using namespace manifest;
 ExitStatus run(Options const& options) {
     switch (options.command) {
         case Options::HELP:
-            std::cout << HELP_TEXT;
-            return ALL_WELL;
+            print(HELP_TEXT);
+            return finishOutput() ? ALL_WELL : TROUBLE;
         case Options::VERSION:
-            std::cout << "ovra-manifest " OVRA_VERSION "\n";
-            return ALL_WELL;
+            print("ovra-manifest " OVRA_VERSION "\n");
+            return finishOutput() ? ALL_WELL : TROUBLE;
         case Options::CREATE:
         case Options::CHECK:
         case Options::WATCH:

@@ -18,11 +18,12 @@ using ::testing::StartsWith;
 
 class ArgumentsTest : public BoundedTest {
 protected:
-    Outcome call(std::vector<std::string> arguments) const {
+    Outcome call(std::vector<std::string> arguments, char const* outputFile = "") const {
         arguments.insert(arguments.begin(), OVRA_MANIFEST);
         Command command;
         command.arguments = arguments;
         command.directory = scratch.path();
+        command.outputFile = outputFile;
         return run(command);
     }
 
@@ -141,6 +142,12 @@ TEST_F(ArgumentsTest, HelpAndVersion) {
     Outcome const version = call({"--version"});
     EXPECT_EQ(0, version.exitStatus);
     EXPECT_EQ("ovra-manifest " OVRA_VERSION "\n", version.out);
+
+    for (auto const* option : {"--help", "--version"}) {
+        Outcome const unwritten = call({option}, "/dev/full");
+        EXPECT_EQ(1, unwritten.exitStatus);
+        EXPECT_EQ("ovra-manifest: standard output: No space left on device\n", unwritten.err);
+    }
 }
 
 }  // namespace

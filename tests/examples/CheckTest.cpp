@@ -20,6 +20,7 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 std::string upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -336,13 +337,27 @@ TEST_F(CheckTest, ProgressGivesWayToResultsOnATerminal) {
                 EndsWith("\novra-manifest: WARNING: 1 listed file could not be read\r\n"));
 }
 
+TEST_F(CheckTest, ProgressIsShownOfReadingAndWalkingToo) {
+    if (!hasTerminals()) {
+        GTEST_SKIP() << "this machine gives out no terminals: /dev/pts is missing";
+    }
+    scratch.write("d/new", "new");
+    Command watched = command({"--new", "d", "manifest"});
+    watched.onTerminal = true;
+    scratch.write("manifest", ALPHA + "  a\n");
+    Outcome const outcome = run(watched);
+    EXPECT_EQ("a: OK\nd/new: NEW\n", outcome.out);
+    EXPECT_THAT(outcome.err, StartsWith("\r\x1b[Kreading the manifest, 1 found\r\x1b[K"));
+    EXPECT_THAT(outcome.err, HasSubstr("\r\x1b[Kwalking, 1 found\r\x1b[K"));
+}
+
 TEST_F(CheckTest, StandardOutputThatCannotBeWrittenIsAFailure) {
     scratch.write("manifest", ALPHA + "  a\n");
     Command full = command({"manifest"});
     full.outputFile = "/dev/full";
     Outcome const outcome = run(full);
     EXPECT_EQ(1, outcome.exitStatus);
-    EXPECT_EQ("ovra-manifest: standard output: cannot be written\n", outcome.err);
+    EXPECT_EQ("ovra-manifest: standard output: No space left on device\n", outcome.err);
 }
 
 }  // namespace

@@ -300,7 +300,7 @@ TEST_F(CreateTest, StandardOutputThatCannotBeWrittenIsAFailure) {
     full.outputFile = "/dev/full";
     Outcome const outcome = run(full);
     EXPECT_EQ(1, outcome.exitStatus);
-    EXPECT_EQ("ovra-manifest: standard output: cannot be written\n", outcome.err);
+    EXPECT_EQ("ovra-manifest: standard output: No space left on device\n", outcome.err);
 }
 
 TEST_F(CreateTest, MissingDirectoryIsReportedAndTheRestGoesOn) {

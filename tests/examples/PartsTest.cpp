@@ -182,6 +182,18 @@ TEST_F(WalkTest, InterruptEndsACheckThatLooksForNewFiles) {
     }
 }
 
+TEST_F(WalkTest, InterruptEndsTheReadingOfAManifest) {
+    scratch.write("a", "alpha");
+    scratch.write("manifest", ALPHA + "  " + scratch.path("a") + '\n');
+    Options options;
+    options.manifest = scratch.path("manifest");
+    interrupt.request();
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(INTERRUPTED, check(options, interrupt));
+    EXPECT_EQ("ovra-manifest: interrupted while reading the manifest\n",
+              ::testing::internal::GetCapturedStderr());
+}
+
 // A script in the background lets its programs ignore SIGINT, and this one inherits that.
 class InterruptTest : public BoundedTest {
 protected:
@@ -209,6 +221,7 @@ private:
 
 // In a process of its own: a thread that an earlier test left might take the signal.
 TEST_F(InterruptTest, SignalCallsTheAction) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(exitOnceInterrupted(), ::testing::ExitedWithCode(0), "");
 }
 

@@ -49,8 +49,9 @@ int depth(int level) {
 }  // namespace
 
 int main(int, char** arguments) {
-    auto const sink = std::make_shared<extra::RecentLinesLogHandler>(100);
-    recentLines = sink.get();  // The registry keeps it as long as the process logs.
+    // Never released: a crash can come after `main`, too.
+    auto const& sink = *new auto(std::make_shared<extra::RecentLinesLogHandler>(100));
+    recentLines = sink.get();
     log::addLogHandler(sink, "recent");
     log::setLogLevel(log::VERBOSE);  // Costs memory only, and no disk.
     installCrashHandler(arguments[1]);

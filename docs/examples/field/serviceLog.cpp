@@ -14,7 +14,8 @@ namespace log = ovra::log;
 
 namespace {
 
-std::shared_ptr<extra::RotatingFileLogHandler> logFile;  // Set before the signal can come.
+// Never released: the signal can come after `main`, too. Set before it can come.
+auto& logFile = *new std::shared_ptr<extra::RotatingFileLogHandler>;
 
 void onHangUp(int) {
     logFile->requestReopen();
