@@ -235,7 +235,13 @@ class SharedExecutorFailureTest : public ThreadFailureTest,
 TEST_P(SharedExecutorFailureTest, NextCallTriesAgain) {
     auto const process = [] {
         {
-            ThreadCount const threads(1);
+            ThreadCount threads(1);
+            test::LogRecorder recorder;
+            threads.beforeFailure = [&] {  // The call is logged by then.
+                if (recorder.texts().size() != 1) {
+                    std::_Exit(4);
+                }
+            };
             if (errorOf([] { GetParam().get(); }) != std::errc::resource_unavailable_try_again) {
                 std::_Exit(1);
             }

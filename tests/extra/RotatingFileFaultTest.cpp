@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <thread>
 #include <utility>
 
 #include <gmock/gmock.h>
@@ -53,6 +54,18 @@ TEST_F(RotatingFileFaultTest, CountsALineThatNothingWasWrittenOf) {
     put(sink, "fifth");
     EXPECT_EQ(contentOf(path), "first\n[ovra:WARNING] 2 lines lost\nfourth\nfifth\n");
     EXPECT_EQ(sink.lostLines(), 2u);
+}
+
+// Without the lock, a race: on 32-bit ARM the number could be read in two halves.
+TEST_F(RotatingFileFaultTest, TellsHowManyLinesAreLostWhileAnotherIs) {
+    RotatingFileLogHandler sink(path, plain());
+    std::thread writer([&] {
+        FileCalls calls;
+        calls.onCall = [](FileCall) { return ENOSPC; };
+        put(sink, "a line");
+    });
+    test::yieldUntil([&] { return sink.lostLines() == 1; });
+    writer.join();
 }
 
 TEST_F(RotatingFileFaultTest, EndsATornLineBeforeTheNext) {

@@ -56,6 +56,23 @@ TEST_F(TaskGroupLockTest, NoTaskCanEndWhileCancelAllListsThem) {
     EXPECT_EQ(group.pending(), 0u);
 }
 
+TEST_F(TaskGroupLockTest, ATaskMayEndBeforeItsHandleIsKept) {
+    int locks = 0;
+    ThreadCalls calls;
+    calls.onLock = [&](pthread_mutex_t* locked) {
+        if (locked == mutex && ++locks == 2) {  // The first counts the task.
+            manual->runAll();
+        }
+        return 0;
+    };
+    calls.install();
+    auto const handle = group.submitTask(succeed(), NORMAL, {}, nullptr);
+    calls.onLock = nullptr;
+    EXPECT_EQ(handle->getState(), concurrent::Executable::DONE);
+    EXPECT_EQ(group.pending(), 0u);
+    EXPECT_EQ(handle.use_count(), 1) << "the group forgets a task that has ended";
+}
+
 struct Failure : std::exception {
     explicit Failure(std::shared_ptr<void> destroyed) : atEnd(std::move(destroyed)) {}
     std::shared_ptr<void> atEnd;
