@@ -7,12 +7,12 @@ run_workflow() {
   local preset=$1 log=$PWD/build/$1.log status=0
   [ -e "build/$preset/build.ninja" ] ||
     echo "The first run compiles everything: some minutes on two cores. Details: $log"
-  begin_steps 3 "$log"
-  step "configure $preset" cmake --preset "$preset" &&
-    step "build $preset" cmake --build --preset "$preset" || return
+  begin_steps "$log" "configure $preset" "build $preset" "test $preset"
+  step cmake --preset "$preset" &&
+    step cmake --build --preset "$preset" || return
   local before
   before=$(wc -l <"$log")
-  step "test $preset" ctest --preset "$preset" 2>/dev/null || status=$?
+  step ctest --preset "$preset" 2>/dev/null || status=$?
   tail -n "+$((before + 1))" "$log" >"$log.tests"
   sed -n '/tests passed/,$p' "$log.tests" | sed '/^The following tests did not run:/,/^$/d; /^The following tests FAILED:/,$d'
   print_skipped "build/$preset"

@@ -1,21 +1,21 @@
 # Sourced by the tools: runs long commands step by step. On a terminal one line shows which step runs,
-# for how long, and the last line that it printed; otherwise each step is a short line of its own, with
-# its time at the end. All that the steps print goes to a file.
+# for how long, which is next, and the last line that it printed; otherwise each step is a short line
+# of its own, with its time at the end. All that the steps print goes to a file.
 
-# begin_steps <number of steps> <file for the details>
+# begin_steps <file for the details> <name of each step>...
 begin_steps() {
-  steps=$1 details=$2 current=0
+  details=$1 steps=("${@:2}") current=0
   mkdir -p "${details%/*}"
   : >"$details"
 }
 
-# step <what> <command>... : says what, runs the command, and returns its status. If that is not 0,
+# step <command>... : names the next step, runs the command, and returns its status. If that is not 0,
 # says how it ended, shows the end of the details and names their file.
 step() {
-  local what="[$((++current))/$steps] $1" started=$SECONDS status=0 drawer=
-  shift
+  local name=${steps[current]} next=${steps[current + 1]:-} started=$SECONDS status=0 drawer=
+  local what="[$((++current))/${#steps[@]}] $name"
   if [ -t 1 ] && [ "${TERM:-dumb}" != dumb ]; then
-    draw_line "$what" "$$" &
+    draw_line "$what" "$next" "$$" &
     drawer=$!
   else
     printf '%s ...' "$what"
@@ -34,13 +34,13 @@ step() {
   return "$status"
 }
 
-# Draws the line until the tool has ended.
+# draw_line <what> <next> <process> : until the process has ended.
 draw_line() {
   local started=$SECONDS columns text
   trap '' INT
-  while kill -0 "$2" 2>/dev/null; do
+  while kill -0 "$3" 2>/dev/null; do
     columns=$(tput cols 2>/dev/null || echo 80)
-    text="$1, $((SECONDS - started)) s: $(tail -n 1 "$details" | tr -cd '[:print:]')"
+    text="$1, $((SECONDS - started)) s${2:+, then $2}: $(tail -n 1 "$details" | tr -cd '[:print:]')"
     printf '\r\033[K%s' "${text:0:columns - 1}"
     sleep 1
   done
