@@ -3,6 +3,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -113,6 +114,36 @@ TEST_F(ManyFilesTest, InterruptSkipsAlsoWhatIsNotQueuedYet) {
     EXPECT_EQ("a: OK\n" + pipe + ": OK\n", outcome.out);
     EXPECT_THAT(outcome.err, EndsWith("ovra-manifest: interrupted after 2 of 2502 files\n"));
     EXPECT_EQ(130, outcome.exitStatus);
+}
+
+// What a file more takes, so that two million fit into a small device's memory.
+TEST_F(ManyFilesTest, AFileTakesAtMost250BytesOfMemory) {
+    if (SANITIZED) {
+        GTEST_SKIP() << "the sanitizer takes memory of its own";
+    }
+    constexpr int FEW = 10'000;
+    constexpr int MANY = 40'000;
+    scratch.write(name(0), "one file");
+    auto const peakOf = [&](std::vector<std::string> const& arguments) {
+        Outcome const outcome = run(command(arguments));
+        EXPECT_EQ(0, outcome.exitStatus) << outcome.err;
+        return outcome.peakKilobytes;
+    };
+    long createPeaks[2];
+    long checkPeaks[2];
+    int linked = 1;
+    for (int i = 0; i < 2; ++i) {
+        for (; linked < (i == 0 ? FEW : MANY); ++linked) {
+            ASSERT_EQ(link(scratch.path(name(0)).c_str(), scratch.path(name(linked)).c_str()), 0);
+        }
+        createPeaks[i] = peakOf({OVRA_MANIFEST, "create", "d", "-o", "manifest"});
+        checkPeaks[i] = peakOf({OVRA_MANIFEST, "check", "--quiet", "manifest"});
+    }
+    for (long const* peaks : {createPeaks, checkPeaks}) {
+        long const bytes = (peaks[1] - peaks[0]) * 1024 / (MANY - FEW);
+        EXPECT_LE(bytes, 250);
+        EXPECT_GE(bytes, 50) << "a digest and a path are kept";
+    }
 }
 
 }  // namespace

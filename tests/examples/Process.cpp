@@ -148,7 +148,9 @@ Outcome Process::finish() {
     while (readSome()) {
     }
     int status = 0;
-    require(waitpid(child, &status, 0) == child, "waitpid");
+    rusage used = {};
+    require(wait4(child, &status, 0, &used) == child, "wait4");
+    outcome.peakKilobytes = used.ru_maxrss;
     child = -1;
     outcome.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;

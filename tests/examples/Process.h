@@ -14,6 +14,7 @@ struct Outcome {
     int signal = 0;
     std::string out;
     std::string err;
+    long peakKilobytes = 0;  ///< Of memory.
 };
 
 /// What to start, and how.
