@@ -54,27 +54,32 @@ bool answersYesOrNo(Operation const& operation) {
            std::string(operation.name).compare(0, 12, "FileHandle::") == 0;
 }
 
-// Where the operation goes on after a call that failed, and why it then fails for good: the last
-// call speaks.
-std::string lastWord(std::string const& name) {
-    if (name == "FileHandle::CreateSymbolicLink, inside" ||
-        name == "FileHandle::RemoveDirectoryRecursive") {
-        return "|EXISTS";
+// Where the operation goes on after that call failed, and why it then fails for good: the last call
+// speaks.
+std::string lastWord(std::string const& name, Rule const& failed) {
+    bool const isLook = failed.call == Call::LSTAT;  // At a directory, which is not seen to be one.
+    if (name == "FileHandle::CreateSymbolicLink, inside") {
+        return isLook ? "|EXISTS" : "";
     }
     if (name == "FileHandle::Copy, inside" || name == "FileHandle::Move, inside") {
-        return "|WRONG_KIND";
+        return isLook ? "|WRONG_KIND" : "";
+    }
+    if (name == "FileHandle::RemoveDirectoryRecursive") {
+        bool const isRoot = isLook && failed.last == 1;
+        return isRoot ? "" : "|EXISTS";  // Something stays in a directory.
     }
     return "";
 }
 
 // Every operation whose result is a `bool`, through `attempt`.
 Operation asAttempt(Operation operation) {
-    std::string const otherwise = lastWord(operation.name);
-    operation.name = kept("attempt " + std::string(operation.name));
+    std::string const name = operation.name;
+    operation.name = kept("attempt " + name);
     operation.result = "DONE";
     for (Rule& rule : operation.rules) {
         std::string const words = inWordsOfAttempt(rule.result);
-        rule.result = kept(words.find('@') != std::string::npos ? words + otherwise : words);
+        rule.result =
+            kept(words.find('@') != std::string::npos ? words + lastWord(name, rule) : words);
     }
     if (operation.again != nullptr) {
         bool const isDoneAgain = std::string(operation.again) == "true";
