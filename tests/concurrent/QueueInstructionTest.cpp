@@ -76,6 +76,23 @@ TYPED_TEST(QueueInstructionTest, PriorityIsMarkedWhileItIsAheadOfTheRank) {
     });
 }
 
+// The other side: a change that the queue's mark comes too late for is seen by the queue.
+TYPED_TEST(QueueInstructionTest, ChangeOfPriorityThatBeginsAheadOfTheMarkIsLeftToTheScan) {
+    atEachInstruction([&](Stepping& step) {
+        auto const queue = makeQueue<TypeParam>();
+        auto const task = submission(succeed(), HIGH);
+        RankedEntry& entry = task->rankedEntry();
+        bool hasBegun = false;
+        step([&] { queue->addTask(task); },
+             [&] {
+                 hasBegun = !entry.isComputed();
+                 entry.priorityChanges = hasBegun ? 1 : 0;
+             });
+        ASSERT_EQ(entry.isComputed(), !hasBegun) << step.nth;
+        entry.priorityChanges = 0;
+    });
+}
+
 TYPED_TEST(QueueInstructionTest, PrioritySetWhileAnotherTaskIsPickedIsKept) {
     std::shared_ptr<SubmittedTasksQueue> queue;
     std::shared_ptr<SubmittedTask> task;

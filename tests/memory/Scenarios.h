@@ -263,6 +263,26 @@ struct RankAgainstInsert : Ranks {
     Handle handle = queue->addTask(first);
 };
 
+/// The first steps of `setPriority()`, which then stores the priority and, later, the rank. A queue
+/// that computes ranks must not meanwhile take the task for one whose rank fits its priority.
+struct PriorityAgainstInsert : Ranks {
+    void run(unsigned int thread) {
+        if (thread == 0) {
+            queue->addTask(second);
+        } else {
+            ++second->rankedEntry().priorityChanges;
+            isAheadOfMark = !second->rankedEntry().isComputed();
+        }
+    }
+    void check() {
+        expect(!isAheadOfMark || !second->rankedEntry().isComputed(),
+               "the mark is ahead of the change, or the change is seen");
+        finish();
+    }
+
+    bool isAheadOfMark = false;
+};
+
 struct RankAgainstPick : Ranks {
     void run(unsigned int thread) {
         if (thread == 0) {

@@ -51,6 +51,7 @@ Entry const ENTRIES[] = {
     {"Cancel", runScenario<Cancel, 2>, 20000},
     {"CancelOfRepeat", runScenario<CancelOfRepeat, 2>, 20000},
     {"RankAgainstInsert", runScenario<RankAgainstInsert, 3>, 20000},
+    {"PriorityAgainstInsert", runScenario<PriorityAgainstInsert, 2>, 20000},
     {"RankAgainstPick", runScenario<RankAgainstPick, 3>, 20000},
     {"RankOfThePicked", runScenario<RankOfThePicked, 3>, 20000},
     {"RankAgainstClose", runScenario<RankAgainstClose, 3>, 20000},

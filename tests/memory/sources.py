@@ -47,7 +47,8 @@ PRIMITIVES = [
 
 # The atomics whose accesses name no order. Their place is their number, from 1 on.
 UNNAMED = ["s_uniqueIndexCounter", "rank", "priority", "wasAdded", "owners", "parts", "state",
-           "result", "waiting", "closed", "terminated", "isTaken"]
+           "result", "waiting", "closed", "terminated", "isTaken",
+           "priorityChanges"]
 
 
 def unnamed(kind, name):
@@ -81,6 +82,7 @@ WATCHED = {
         unnamed("unsigned int", "rank"),
         unnamed("TaskPriority", "priority"),
         unnamed("bool", "wasAdded"),
+        unnamed("std::uint16_t", "priorityChanges"),
         plain("std::uint8_t", "list", "0"),
         plain("RankedTasks*", "home", "nullptr"),
         plain("std::uint64_t", "since", "0"),
