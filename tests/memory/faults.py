@@ -282,6 +282,12 @@ FAULTS = [
     Fault("a waiter for the lock is not woken", LOCK,
           [("syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);", ";")],
           ["SwitchAwaited"]),
+    Fault("a waiter for the lock woken before it is open", LOCK,
+          [("    if (word.exchange(here(OPEN), std::memory_order_release) == here(AWAITED)) {",
+            "    if (word.load(std::memory_order_relaxed) == here(AWAITED)) {"),
+           ("FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);\n    }\n",
+            "FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);\n    }\n"
+            "    word.exchange(here(OPEN), std::memory_order_release);\n")], ["SwitchAwaited"]),
     Fault("a waiter locks as if nobody else waited", LOCK,
           [("compare_exchange_weak(seen, here(AWAITED), std::memory_order_acquire)",
             "compare_exchange_weak(seen, isHeld ? here(AWAITED) : here(LOCKED), "
@@ -345,6 +351,16 @@ FAULTS = [
             "            condition")], ["GroupAgainstWait"]),
     Fault("a waiter for a group is not woken", GROUP,
           [("        tasks->condition.notify_all();\n", "        ;\n")], ["GroupAgainstWait"]),
+    Fault("a waiter for a group notified before the count", GROUP,
+          [("    if (--tasks->size == 0) {", "    if (tasks->size == 1) {"),
+           ("        tasks->condition.notify_all();\n    }\n",
+            "        tasks->condition.notify_all();\n    }\n    --tasks->size;\n")],
+          ["GroupAgainstWait"], ONE_LOCK),
+    Fault("a waiter for a group notified before the lock", GROUP,
+          [("    std::lock_guard<std::mutex> const lock(tasks->mutex);\n    if (!isCounted) {",
+            "    if (isCounted) {\n        tasks->condition.notify_one();\n    }\n"
+            "    std::lock_guard<std::mutex> const lock(tasks->mutex);\n    if (!isCounted) {"),
+           ("        tasks->condition.notify_all();\n", "        ;\n")], ["GroupAgainstWait"]),
     Fault("a group's task counted down before its callback", GROUP,
           [("    } const atEnd{*this};\n", "    };\n    end();\n")], ["GroupAgainstWait"]),
     Fault("a group's task counted without the lock", GROUP,
@@ -378,16 +394,26 @@ FAULTS = [
 NO_ORDER = "nothing rests on one order of all accesses"
 
 
-def of_unnamed(name, source, scenarios, relaxed_scenarios, relaxed_reason=""):
+def of_unnamed(name, source, scenarios, relaxed_scenarios, relaxed_reason="",
+               acq_rel_reason=NO_ORDER):
     """The accesses to an atomic that name no order: weakened by one step, and by all."""
-    return [Fault(f"all of `{name}` acquire and release", source, [], scenarios, NO_ORDER,
+    return [Fault(f"all of `{name}` acquire and release", source, [], scenarios, acq_rel_reason,
                   (name, "acq_rel")),
             Fault(f"all of `{name}` relaxed", source, [], relaxed_scenarios, relaxed_reason,
                   (name, "relaxed"))]
 
 
 IN_LOCK = "written under a lock; a read without the lock may be late anyway"
-FAULTS += of_unnamed("rank", TASK, RANKS, ["RankAgainstInsert"])
+# Each of the two threads stores one of these and looks at the other.
+FAULTS += of_unnamed("rank", TASK, ["PriorityAgainstInsert"], ["RankAgainstInsert"], "", "")
+FAULTS += of_unnamed("priorityChanges", TASK, ["PriorityAgainstInsert"], ["PriorityAgainstInsert"],
+                     "", "")
+FAULTS.append(Fault(
+    "a change of the priority looked for before the mark", RANKED,
+    [("    entry.rank |= RankedEntry::COMPUTED;\n    if (entry.priorityChanges != 0 ||",
+      "    bool const isChanging = entry.priorityChanges != 0;\n"
+      "    entry.rank |= RankedEntry::COMPUTED;\n    if (isChanging ||")],
+    ["PriorityAgainstInsert"]))
 FAULTS += of_unnamed("priority", TASK, RANKS, RANKS,
                      "read where the rank's own exchange or the lock orders it")
 FAULTS += of_unnamed("owners", RANKED, RANKS, ["RankAgainstDestruction"])

@@ -16,6 +16,9 @@ COMPILE = ["g++", "-std=c++17", "-O1", "-w", "-fpermissive", "-ffunction-section
            "-fno-strict-aliasing"]
 WORKERS = 2
 LONGEST_RUN_S = 120
+# What is said of a run in which the checker says nothing.
+NO_END = "no end"
+ENDED = "ended by"
 
 
 def compile_source(scratch, source, result, before=()):
@@ -53,9 +56,9 @@ def run_scenario(program, scenario, executions, *options):
         done = subprocess.run([program, scenario, str(executions), *options],
                               capture_output=True, text=True, timeout=LONGEST_RUN_S)
     except subprocess.TimeoutExpired:
-        return False, "no end\n"
+        return False, f"{NO_END}\n"
     if done.returncode not in (0, 1):
-        return False, f"ended by {done.returncode} {done.stderr}\n"
+        return False, f"{ENDED} {done.returncode} {done.stderr}\n"
     return done.returncode == 0, done.stdout
 
 
@@ -102,6 +105,8 @@ def try_fault(scratch, number, fault, executions):
             return False, f"UNBUILT {fault.name}\n{errors}"
     for scenario in fault.scenarios:
         holds, said = run_scenario(program, scenario, executions[scenario], *options)
+        if not holds and said.startswith((NO_END, ENDED)):
+            return False, f"UNCLEAR {fault.name}: {scenario}: {said.strip()}"
         if not holds:
             verdict = "NOTICED" if fault.unnoticed else "found  "
             return not fault.unnoticed, f"{verdict} {fault.name}: {scenario}: {said.strip()}"
@@ -110,21 +115,22 @@ def try_fault(scratch, number, fault, executions):
     return False, f"MISSED  {fault.name}"
 
 
-def print_table():
+def table():
     """The page docs/evidence/memory.md."""
-    print("# Faults that the memory model is to find\n")
-    print("`tools/test-memory` plants each of these and checks which scenario finds it. This page is "
-          "what `tools/test-memory --table` prints.\n")
-    print("| in | fault | found by |")
-    print("| --- | --- | --- |")
+    lines = ["# Faults that the memory model is to find", "",
+             "`tools/test-memory` plants each of these and checks which scenario finds it. This page "
+             "is what `tools/test-memory --table` prints.", "",
+             "| in | fault | found by |",
+             "| --- | --- | --- |"]
     for fault in faults.FAULTS:
         by = f"nobody can: {fault.unnoticed}" if fault.unnoticed else f"`{fault.scenarios[0]}`"
-        print(f"| `{pathlib.Path(fault.source).name}` | {fault.name} | {by} |")
+        lines.append(f"| `{pathlib.Path(fault.source).name}` | {fault.name} | {by} |")
+    return "\n".join(lines) + "\n"
 
 
 def main(arguments):
     if "--table" in arguments:
-        print_table()
+        print(table(), end="")
         return 0
     started = time.monotonic()
     wrong = 0
@@ -156,6 +162,9 @@ def main(arguments):
     for scenario in sorted(idle):
         print(f"IDLE    {scenario} finds no fault")
     wrong += len(idle)
+    if (ROOT / "docs/evidence/memory.md").read_text() != table():
+        print("STALE   docs/evidence/memory.md: tools/test-memory --table prints another")
+        wrong += 1
     print(f"{len(faults.FAULTS)} faults planted, {len(executions)} scenarios, "
           f"{time.monotonic() - started:.0f} s")
     if wrong:
