@@ -312,6 +312,38 @@ struct RankAgainstPick : Ranks {
     Submission picked;
 };
 
+/// The same while the pick scans: an older task could have rules of its own.
+struct RankAgainstScan : Ranks {
+    struct Derived : SubmittedTask {
+        using SubmittedTask::SubmittedTask;
+    };
+
+    void run(unsigned int thread) {
+        if (thread == 0) {
+            picked = queue->getNextTask();
+        } else {
+            second->setPriority(HIGH);
+        }
+    }
+    void check() {
+        expect(picked == first || picked == second, "a more urgent task was picked");
+        unsigned int const rank = second->getRank();
+        expect(rank == high() || rank == 2 * high(), "the new rank is not lost");
+        int left = 0;
+        while (queue->getNextTask()) {
+            ++left;
+        }
+        expect(left == 2, "the other two are still there");
+        queue->close();
+    }
+
+    Handle scannedHandle = queue->addTask(
+        model::make_shared<Derived>(effect.work(), LOW, nullptr, "scanned"));
+    Handle firstHandle = queue->addTask(first);
+    Handle secondHandle = queue->addTask(second);
+    Submission picked;
+};
+
 /// The new rank of the very task that is picked.
 struct RankOfThePicked : Ranks {
     void run(unsigned int thread) {

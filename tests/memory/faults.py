@@ -409,6 +409,10 @@ FAULTS += of_unnamed("rank", TASK, ["PriorityAgainstInsert"], ["RankAgainstInser
 FAULTS += of_unnamed("priorityChanges", TASK, ["PriorityAgainstInsert"], ["PriorityAgainstInsert"],
                      "", "")
 FAULTS.append(Fault(
+    "`scanTo()` takes no lock", RANKED,
+    [("    std::lock_guard<std::mutex> const lock(mutex);\n    if (order >= scan.to) {",
+      "    if (order >= scan.to) {")], ["RankAgainstScan"]))
+FAULTS.append(Fault(
     "a change of the priority looked for before the mark", RANKED,
     [("    entry.rank |= RankedEntry::COMPUTED;\n    if (entry.priorityChanges != 0 ||",
       "    bool const isChanging = entry.priorityChanges != 0;\n"

@@ -53,6 +53,7 @@ Entry const ENTRIES[] = {
     {"RankAgainstInsert", runScenario<RankAgainstInsert, 3>, 20000},
     {"PriorityAgainstInsert", runScenario<PriorityAgainstInsert, 2>, 20000},
     {"RankAgainstPick", runScenario<RankAgainstPick, 3>, 20000},
+    {"RankAgainstScan", runScenario<RankAgainstScan, 2>, 20000},
     {"RankOfThePicked", runScenario<RankOfThePicked, 3>, 20000},
     {"RankAgainstClose", runScenario<RankAgainstClose, 3>, 20000},
     {"RankAgainstDestruction", runScenario<RankAgainstDestruction, 2>, 20000},
