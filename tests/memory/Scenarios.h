@@ -337,8 +337,8 @@ struct RankAgainstScan : Ranks {
         queue->close();
     }
 
-    Handle scannedHandle = queue->addTask(
-        model::make_shared<Derived>(effect.work(), LOW, nullptr, "scanned"));
+    Handle scannedHandle =
+        queue->addTask(model::make_shared<Derived>(effect.work(), LOW, nullptr, "scanned"));
     Handle firstHandle = queue->addTask(first);
     Handle secondHandle = queue->addTask(second);
     Submission picked;
