@@ -162,6 +162,10 @@ TEST_F(SwitchLogHandlerStepTest, HandsEveryTargetBackWhereTwoThreadsExchange) {
 }  // namespace
 }  // namespace ovra::extra
 
+// Not a local of the function below: to wait for a local's initialisation takes that function.
+static auto* const realSyscall =
+    ovra::test::nextFunction<long(long, long, long, long, long, long, long)>("syscall");
+
 // The library's locks wait by this function.
 extern "C" __attribute__((visibility("default"))) long syscall(long number, ...) noexcept {
     std::va_list arguments;
@@ -175,9 +179,7 @@ extern "C" __attribute__((visibility("default"))) long syscall(long number, ...)
     if (isWait && ovra::extra::beforeFutexWait != nullptr) {
         (*ovra::extra::beforeFutexWait)();
     }
-    static auto* const real =
-        ovra::test::nextFunction<long(long, long, long, long, long, long, long)>("syscall");
-    return real(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+    return realSyscall(number, values[0], values[1], values[2], values[3], values[4], values[5]);
 }
 
 #endif
