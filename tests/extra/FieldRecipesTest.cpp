@@ -183,6 +183,9 @@ TEST_F(FieldRecipesTest, TheTreeIsRemoved) {
             if (geteuid() == 0 && (setgid(NOBODY) != 0 || setuid(NOBODY) != 0)) {
                 _exit(126);
             }
+            if (access(program.c_str(), X_OK) != 0) {
+                _exit(125);
+            }
             char* const arguments[] = {const_cast<char*>(program.c_str()),
                                        const_cast<char*>(tree.c_str()), nullptr};
             execv(program.c_str(), arguments);
@@ -190,7 +193,10 @@ TEST_F(FieldRecipesTest, TheTreeIsRemoved) {
         }
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status));
+        ASSERT_TRUE(WIFEXITED(status));
+        if (WEXITSTATUS(status) == 125) {
+            GTEST_SKIP() << "only root can reach the program here";
+        }
         EXPECT_EQ(WEXITSTATUS(status), 0);
         EXPECT_FALSE(std::filesystem::exists(tree));
     }

@@ -199,9 +199,9 @@ TEST_F(FileHandleBackendImplTransferTest, RenamesARelativePathOfOneComponentInto
 }
 
 TEST_F(FileHandleBackendImplTransferTest, TriesTheRootForARelativePathOfOneComponent) {
+    WorkingDirectory const here(root);  // The way back may be one for root only.
     OrdinaryUser const ordinary(root);
     writeFile(at("f"));
-    WorkingDirectory const here(root);
     FileHandleBackendImpl backend("f");
     EXPECT_FALSE(backend.Rename("ovra-test-entry-that-nobody-may-put-into-the-root"));
     EXPECT_EQ(backend.Path(), "f");
