@@ -293,6 +293,7 @@ TEST_F(ThreadFailureTest, QueueThatCannotLockThrowsAndStaysAsItWas) {
     EXPECT_FALSE(queue->isEmpty());
     EXPECT_EQ(queue->getNextTask(), task);
     EXPECT_EQ(queue->getNextTask(), scanned);
+    EXPECT_TRUE(queue->isEmpty());
 }
 
 TEST_F(ThreadFailureTest, QueueThatCannotLockDoesNotTakeATask) {
