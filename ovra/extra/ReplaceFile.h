@@ -22,7 +22,7 @@ namespace ovra::extra {
 ///     nothing                    -> made, with the mode 0666 less the umask
 ///     a link                     -> its target is replaced, or made if it dangles; the link stays
 ///     another user's link in a directory such as /tmp -> DENIED, see below
-///     a link of /proc that does not say where it leads -> WRONG_KIND, before anything is made
+///     a link of /proc to an open file that has lost its name -> WRONG_KIND
 ///     a directory, a pipe, ...   -> WRONG_KIND, before anything is made
 ///     "name/", with a separator at the end -> WRONG_KIND
 ///     in a directory that does not exist   -> MISSING
